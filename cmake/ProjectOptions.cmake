@@ -1,0 +1,50 @@
+# How our own code is compiled: one place for warnings, visibility, sanitizers and reproducibility.
+
+option(IPCHANNEL_WERROR "Treat warnings as errors" OFF)
+set(IPCHANNEL_SANITIZE "" CACHE STRING "Sanitizers, as in -fsanitize=: 'address,undefined' or 'thread'")
+
+add_library(projectOptions INTERFACE)
+target_compile_features(projectOptions INTERFACE cxx_std_17)
+
+target_compile_options(projectOptions INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast -Wcast-align
+  -Wundef -Wvla -Wextra-semi
+  $<$<CXX_COMPILER_ID:GNU>:-Wsuggest-override -Wduplicated-cond -Wlogical-op>
+  $<$<BOOL:${IPCHANNEL_WERROR}>:-Werror>
+  # Two builds of one commit are the same, wherever they are made.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)
+
+target_compile_definitions(projectOptions INTERFACE
+  QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_FOREACH QT_NO_NARROWING_CONVERSIONS_IN_CONNECT QT_NO_URL_CAST_FROM_STRING
+  QT_DEPRECATED_WARNINGS)
+
+if(IPCHANNEL_SANITIZE)
+  target_compile_options(projectOptions INTERFACE -fsanitize=${IPCHANNEL_SANITIZE} -fno-omit-frame-pointer)
+  target_link_options(projectOptions INTERFACE -fsanitize=${IPCHANNEL_SANITIZE})
+  if(IPCHANNEL_SANITIZE MATCHES "undefined")
+    target_compile_options(projectOptions INTERFACE -fno-sanitize-recover=undefined -fno-sanitize=vptr)
+  endif()
+endif()
+
+# Applies the options to a target of ours: hidden symbols, position independent, Qt's code generator.
+function(ours target)
+  target_link_libraries(${target} PRIVATE projectOptions)
+  set_target_properties(${target} PROPERTIES
+    AUTOMOC ON
+    POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+endfunction()
+
+# A library of ours that others link: its objects come along whole, also those that only the users of
+# the final module call (an archive would drop them). Include paths start at the repository's root.
+function(add_object_kit name)
+  cmake_parse_arguments(kit "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${name}Objects OBJECT ${kit_SOURCES})
+  ours(${name}Objects)
+  target_include_directories(${name}Objects PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name}Objects PUBLIC Qt5::Core)
+  add_library(${name} INTERFACE)
+  target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} INTERFACE $<TARGET_OBJECTS:${name}Objects> Qt5::Core ${kit_LINK})
+endfunction()

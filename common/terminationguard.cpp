@@ -1,0 +1,13 @@
+#include "common/terminationguard.h"
+
+#include <pthread.h>
+
+CTerminationGuard::CTerminationGuard() noexcept : previousState(PTHREAD_CANCEL_ENABLE)
+{
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previousState);
+}
+
+CTerminationGuard::~CTerminationGuard()
+{
+    pthread_setcancelstate(previousState, nullptr);
+}
