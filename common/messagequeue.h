@@ -5,13 +5,15 @@
 // the thread speaks them, in order, when it ends.
 #pragma once
 
+#include "common/terminationguard.h"
+
 #include <QString>
 
 #include <initializer_list>
 
 /// Keeps this thread's messages back. Make it before taking a lock, so that it ends after the lock.
 ///
-/// It also holds a CTerminationGuard's effect: locks and cancellation do not go together.
+/// It keeps its thread alive as well: locks and cancellation do not go together.
 class CMessageHold
 {
 public:
@@ -22,6 +24,9 @@ public:
 
     CMessageHold(const CMessageHold &) = delete;
     CMessageHold &operator=(const CMessageHold &) = delete;
+
+private:
+    CTerminationGuard guard; // ends after the messages are spoken
 };
 
 namespace Messages {
