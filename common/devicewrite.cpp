@@ -1,0 +1,56 @@
+#include "common/devicewrite.h"
+
+#include "common/csettings.h"
+#include "common/messagequeue.h"
+
+#include <QElapsedTimer>
+#include <QIODevice>
+#include <QThread>
+
+namespace {
+
+constexpr int pauseMs = 1; // to wait for the device, and to sleep: a slow one is tried every 2 ms
+
+int configuredLimitMs()
+{
+    // What the settings complain of is said afterwards: a host's handler may write to a device, too.
+    const CMessageHold hold;
+    static const int defaultTimeout = CSettings().detailsMaxWritingTime();
+    return defaultTimeout;
+}
+
+} // namespace
+
+namespace Global {
+
+bool writeData(QIODevice &device, const QByteArray &data, int timeout)
+{
+    if (data.isEmpty())
+        return true;
+    const int limitMs = timeout == 0 ? configuredLimitMs() : timeout;
+
+    qint64 done = device.write(data);
+    if (done < 0)
+        return false;
+    if (done >= data.size())
+        return true;
+
+    QElapsedTimer clock;
+    clock.start();
+    while (done < data.size()) {
+        device.waitForBytesWritten(pauseMs);
+        QThread::msleep(pauseMs);
+        const qint64 more = device.write(data.constData() + done, data.size() - done);
+        if (more < 0)
+            return false;
+        done += more;
+        // Before the question whether all is accepted: what comes too late has failed.
+        if (limitMs > 0 && clock.elapsed() > limitMs)
+            return false;
+        if (!device.isOpen())
+            return false;
+    }
+    return true;
+}
+
+} // namespace Global

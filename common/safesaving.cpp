@@ -1,0 +1,290 @@
+#include "common/safesaving.h"
+
+#include "common/devicewrite.h"
+#include "common/filepermissions.h"
+#include "common/logwriter.h"
+#include "common/terminationguard.h"
+#include "common/trustedfile.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QIODevice>
+
+#include <cstdio>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using TrustedFile::Descriptor;
+using TrustedFile::retried;
+
+namespace {
+
+void logError(const QString &text)
+{
+    debug(QStringLiteral("Global"), text, DebugAlways, DebugFlagNone);
+}
+
+QString renameFailed(const QString &name)
+{
+    return QStringLiteral("Не удалось переименовать файл %1").arg(name);
+}
+
+// An open file as a device without a buffer: what it has accepted the system has accepted.
+class DescriptorDevice : public QIODevice
+{
+public:
+    explicit DescriptorDevice(const Descriptor &file) : descriptor(file.get())
+    {
+        open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+    }
+
+protected:
+    qint64 readData(char *, qint64) override { return -1; }
+
+    // In pieces, and back to the caller now and then, so that the caller's limit of time can bite.
+    qint64 writeData(const char *data, qint64 size) override
+    {
+        QElapsedTimer clock;
+        clock.start();
+        qint64 done = 0;
+        while (done < size && clock.elapsed() < visitMs) {
+            const auto piece = static_cast<size_t>(qMin(size - done, pieceSize));
+            const ssize_t count = TrustedFile::writeSome(descriptor, data + done, piece);
+            if (count > 0) {
+                done += count;
+                continue;
+            }
+            if (count < 0 && errno != EINTR && done == 0) {
+                setErrorString(qt_error_string(errno));
+                return -1;
+            }
+            break;
+        }
+        return done;
+    }
+
+private:
+    static constexpr qint64 pieceSize = 4 * 1024 * 1024;
+    static constexpr int visitMs = 50;
+
+    const int descriptor;
+};
+
+bool synced(const Descriptor &file)
+{
+    if (retried([&] { return ::fdatasync(file.get()); }) == 0)
+        return true;
+    return errno == EINVAL || errno == ENOSYS; // a file system without
+}
+
+// Best effort: whatever of the names reaches the disk, a whole version is under one of them.
+void syncDirectoryOf(const QString &fileName)
+{
+    const QByteArray path = QFile::encodeName(QFileInfo(fileName).absolutePath());
+    const Descriptor directory(
+        retried([&] { return ::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (directory.isOpen())
+        retried([&] { return ::fsync(directory.get()); });
+}
+
+// 0 or errno
+int removeFile(const QString &name)
+{
+    const QByteArray path = QFile::encodeName(name);
+    return retried([&] { return ::unlink(path.constData()); }) == 0 || errno == ENOENT ? 0 : errno;
+}
+
+// 0 or errno. Replaces what is under the new name.
+int renameOver(const QString &from, const QString &to)
+{
+    const QByteArray source = QFile::encodeName(from);
+    const QByteArray target = QFile::encodeName(to);
+    return retried([&] { return ::rename(source.constData(), target.constData()); }) == 0 ? 0 : errno;
+}
+
+// 0 or errno; EEXIST when there is something under the new name.
+int renameBeside(const QString &from, const QString &to)
+{
+    const QByteArray source = QFile::encodeName(from);
+    const QByteArray target = QFile::encodeName(to);
+    const int result = retried([&] {
+        return ::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE);
+    });
+    if (result == 0 || (errno != EINVAL && errno != ENOSYS))
+        return result == 0 ? 0 : errno;
+
+    // A file system that cannot; between the question and the answer nobody else saves this file.
+    struct stat status = {};
+    return ::lstat(target.constData(), &status) == 0 ? EEXIST : renameOver(from, to);
+}
+
+// The first free moment of the name: what lies under it, whosever it is, is removed, not opened.
+Descriptor createNew(const QString &name)
+{
+    const int reason = removeFile(name);
+    Descriptor file = TrustedFile::openOwn(name, O_WRONLY | O_CREAT | O_EXCL);
+    if (!file.isOpen() && errno == EEXIST && reason != 0)
+        errno = reason;
+    return file;
+}
+
+// Null, or the text of the failure. All of the data is on the disk then, and the file is closed.
+QString writeNew(Descriptor &file, const QString &name, const QByteArray &data)
+{
+    DescriptorDevice device(file);
+    QString reason;
+    if (!Global::writeData(device, data, 0)) {
+        reason = device.errorString();
+    } else {
+        Global::setFilePermissions(file.get(), name);
+        if (!synced(file) || !file.reset())
+            reason = qt_error_string(errno);
+    }
+    if (reason.isNull())
+        return QString();
+
+    file.reset();
+    const int removal = removeFile(name);
+    if (removal != 0)
+        logError(
+            QStringLiteral("safeSaving failed 5. Не удалось удалить временный файл при ошибке записи. %1.")
+                .arg(qt_error_string(removal)));
+    const QString text =
+        QStringLiteral("Не удалось записать все данные в файл за отведенное время. %1").arg(reason);
+    logError(QStringLiteral("safeSaving failed 6. ") + text);
+    return text;
+}
+
+QString failed(int code, const QString &name, int reason)
+{
+    logError(QStringLiteral("safeSaving failed %1. Не удалось переименовать файл %2. %3")
+                 .arg(QString::number(code), name, qt_error_string(reason)));
+    return renameFailed(name);
+}
+
+// There is no previous target; a backup, if any, stays as the only previous version.
+QString moveToFreeName(const QString &newFileName, const QString &fileName)
+{
+    const int reason = renameOver(newFileName, fileName);
+    if (reason != 0)
+        return failed(4, newFileName, reason);
+    syncDirectoryOf(fileName);
+    return QString();
+}
+
+// Gives the target the name of the backup; an older backup goes first.
+// @return 0, or ENOENT without a target, or -1 with the failure in @a text
+int makeBackup(const QString &fileName, const QString &backup, QString *text)
+{
+    int reason = renameBeside(fileName, backup);
+    if (reason == EEXIST) {
+        if (removeFile(backup) != 0) {
+            logError(QStringLiteral("safeSaving file removing failed. Не удалось удалить старый файл при "
+                                    "безопасном сохранении %1.")
+                         .arg(backup));
+            *text = QStringLiteral("Не удалось удалить файл %1").arg(backup);
+            return -1;
+        }
+        reason = renameBeside(fileName, backup);
+    }
+    if (reason == 0 || reason == ENOENT)
+        return reason;
+    *text = failed(1, fileName, reason);
+    return -1;
+}
+
+QString moveIntoPlace(const QString &newFileName, const QString &fileName)
+{
+    const QString backup = fileName + QLatin1String(".old");
+    QString text;
+    const int backupResult = makeBackup(fileName, backup, &text);
+    if (backupResult == ENOENT)
+        return moveToFreeName(newFileName, fileName);
+    if (backupResult != 0)
+        return text;
+
+    const int reason = renameOver(newFileName, fileName);
+    if (reason != 0) {
+        const int restoring = renameOver(backup, fileName);
+        return restoring == 0 ? failed(2, newFileName, reason) : failed(3, backup, restoring);
+    }
+
+    syncDirectoryOf(fileName); // before the backup goes
+    const int removal = removeFile(backup);
+    if (removal != 0)
+        logError(QStringLiteral("safeSaving file removing failed. Не удалось удалить старый файл при "
+                                "безопасном сохранении %1. %2")
+                     .arg(backup, qt_error_string(removal)));
+    return QString();
+}
+
+// A finished file of the caller's may not have reached the disk. 0 or errno.
+int syncFinished(const QString &name)
+{
+    const QByteArray path = QFile::encodeName(name);
+    const Descriptor file(
+        retried([&] { return ::open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
+    if (!file.isOpen() || synced(file)) // unreadable, missing: the renaming tells
+        return 0;
+    return errno;
+}
+
+} // namespace
+
+namespace Global {
+
+QString safeSaving(const QString &fileName, const QByteArray &data)
+{
+    const CTerminationGuard guard;
+    makePath(QFileInfo(fileName).absoluteDir());
+
+    const QString newFileName = fileName + QLatin1String(".new");
+    Descriptor file = createNew(newFileName);
+    if (!file.isOpen())
+        file = createNew(newFileName);
+    if (!file.isOpen()) {
+        const QString text =
+            QStringLiteral("Не удалось открыть файл для записи. %1.").arg(qt_error_string(errno));
+        logError(QStringLiteral("safeSaving failed 7. ") + text);
+        return text;
+    }
+
+    const QString text = writeNew(file, newFileName, data);
+    return text.isNull() ? moveIntoPlace(newFileName, fileName) : text;
+}
+
+QString safeSaving(const QString &newFileName, const QString &fileName)
+{
+    const CTerminationGuard guard;
+    const int reason = syncFinished(newFileName);
+    if (reason == 0)
+        return moveIntoPlace(newFileName, fileName);
+    return failed(QFileInfo::exists(fileName) ? 2 : 4, newFileName, reason);
+}
+
+QString recoverSaved(const QString &fileName)
+{
+    const CTerminationGuard guard;
+    const QString backup = fileName + QLatin1String(".old");
+    struct stat status = {};
+    if (::lstat(QFile::encodeName(backup).constData(), &status) != 0 || !S_ISREG(status.st_mode))
+        return QString();
+
+    const int reason = renameBeside(backup, fileName);
+    if (reason == EEXIST || reason == ENOENT)
+        return QString();
+    if (reason != 0) {
+        const QString text = QStringLiteral("Не удалось восстановить файл %1 из %2. %3")
+                                 .arg(fileName, backup, qt_error_string(reason));
+        logError(text);
+        return text;
+    }
+    syncDirectoryOf(fileName);
+    logError(QStringLiteral("Восстановлен файл %1 из %2").arg(fileName, backup));
+    return QString();
+}
+
+} // namespace Global
