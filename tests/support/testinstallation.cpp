@@ -1,0 +1,64 @@
+#include "tests/support/testinstallation.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+namespace TestInstallation {
+
+QString path()
+{
+    return QFileInfo(QCoreApplication::applicationDirPath()).path();
+}
+
+void clean()
+{
+    for (const char *name : {"/settings", "/data"}) {
+        const QString directory = path() + QLatin1String(name);
+        if (QFileInfo(directory).isSymLink())
+            QFile::remove(directory);
+        else
+            QDir(directory).removeRecursively();
+    }
+}
+
+QString settingsPath()
+{
+    return path() + QLatin1String("/settings/settings.ini");
+}
+
+bool writeSettings(const QByteArray &text)
+{
+    return write(settingsPath(), text);
+}
+
+QByteArray settings()
+{
+    return read(settingsPath());
+}
+
+QByteArray log(int level)
+{
+    const QDir directory(QStringLiteral("%1/data/%2/log").arg(path()).arg(level));
+    QByteArray text;
+    const QStringList names = directory.entryList({QStringLiteral("*.log")}, QDir::Files, QDir::Name);
+    for (const QString &name : names)
+        text += read(directory.absoluteFilePath(name));
+    return text;
+}
+
+bool write(const QString &fileName, const QByteArray &data)
+{
+    QDir().mkpath(QFileInfo(fileName).absolutePath());
+    QFile file(fileName);
+    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size() && file.flush();
+}
+
+QByteArray read(const QString &fileName)
+{
+    QFile file(fileName);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+} // namespace TestInstallation

@@ -1,0 +1,27 @@
+// The throw-away installation that a test program stands in: its settings/ and data/ directories.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+namespace TestInstallation {
+
+/// The directory above the executable's; its path without a slash at the end.
+QString path();
+
+/// Removes settings/ and data/. Best at the start: the runtime keeps what it has read.
+void clean();
+
+/// settings.ini; writing makes the directory too. An absent file reads as empty.
+QString settingsPath();
+bool writeSettings(const QByteArray &text);
+QByteArray settings();
+
+/// All logs of a secrecy level, one after another, in the order of their names.
+QByteArray log(int level = 0);
+
+/// Any file; an absent one reads as empty.
+bool write(const QString &fileName, const QByteArray &data);
+QByteArray read(const QString &fileName);
+
+} // namespace TestInstallation
