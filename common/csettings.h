@@ -50,35 +50,34 @@ private:
     struct Pending
     {
         QVariant value;
-        bool isDefault;     // gives way, if the file no longer holds what is told below
-        bool wasThere;      // when the default was chosen
+        bool isDefault; // gives way, if the file no longer holds what it did when the default was chosen:
+        bool wasThere;
         QVariant seenValue;
     };
 
-    void reread();
-    void accept(const QByteArray &text);
+    void reread(const SettingsFile::Stamp &now);
+    void accept(const CIniText &fresh);
     void dropOvertaken(const CIniText &fresh);
-    void prepareDirectory();
-    void write(bool fileExisted);
-    bool tryToWrite(bool *modeWasSet);
-    void warnOnce(const QString &text, const QString &error);
+    bool isRetryDue() const;
+    void makeFile();
+    void write();
+    bool tryToWrite(int lockTimeoutMs, int *reason);
 
     const QString path;
     const QByteArray encodedPath;
     const bool writable;
 
     std::atomic<quint64> lastStamp{SettingsFile::Stamp::Absent}; // the file's state that the image shows
-    std::atomic<bool> rereadSoon{false};    // the file was read so early that its time proves nothing
-    std::atomic<bool> changed{false};       // a value was set since the last sync
-    std::atomic<bool> retryPending{false};  // values wait in memory since a failed write
+    std::atomic<bool> rereadSoon{false};   // the file was read so early that its time proves nothing
+    std::atomic<bool> changed{false};      // a value was set since the last sync
+    std::atomic<bool> retryPending{false}; // values wait in memory since a failed write
     std::atomic<quint64> currentGeneration{1};
 
     mutable QMutex mutex; // guards all below, and the writing of the file
     CIniText settings;
     QHash<QString, Pending> pending; // values not yet in the file
     quint64 warnedStamp = SettingsFile::Stamp::Unknown;
-    bool saveWarned = false;
-    QElapsedTimer sinceFailure;
+    QElapsedTimer sinceFailure; // of the last failed write
 };
 
 /// Null until the first CSettings; then set once and never freed. Not exported: each module has its own.

@@ -39,12 +39,12 @@ private:
     QString name; // null while tracing is off
 };
 
-/// Writes how long the scope it lives in has taken, unless that is less than 1 ms and @a alwaysLog is
+/// Writes how long the scope it lives in has taken, unless that is less than 1 ms and @a logAlways is
 /// false. [any thread]
 class RUNTIME_EXPORT _CFunctionMeasure
 {
 public:
-    _CFunctionMeasure(const char *scopeName, bool alwaysLog);
+    _CFunctionMeasure(const char *scopeName, bool logAlways);
     ~_CFunctionMeasure();
 
     _CFunctionMeasure(const _CFunctionMeasure &) = delete;

@@ -40,16 +40,19 @@ private:
         QVariant value;
         int start = 0; // of the value's text, behind the equals sign
         int end = 0;   // behind its last character
+        bool isQuoteOpen = false;
     };
 
     void parse();
-    void parseLine(int lineStart, int lineEnd, int equals, QString *section);
+    QString parseGroup(int start, int end);
+    void parseEntry(const QString &group, int start, int equals, int end, bool isQuoteOpen);
     int endOfReplacedValue(const Entry &entry) const;
-    QByteArray withEntryAdded(const QByteArray &group, const QByteArray &entry) const;
-    QByteArray withEntryInFront(const QByteArray &group, const QByteArray &entry) const;
+    QByteArray withEntryAdded(const QString &group, const QByteArray &entry) const;
+    QByteArray withEntryInFront(const QString &group, const QByteArray &entry) const;
+    static QByteArray groupHeader(const QString &group);
 
     QByteArray content;
     bool wellFormed = true;
-    QHash<QString, Entry> entries;
-    QHash<QString, int> groupEnds; // "group/" -> behind the last line of its last section
+    QHash<QString, Entry> entries; // by "group/name"
+    QHash<QString, int> groupEnds; // by "group/": behind the last line of its last section
 };

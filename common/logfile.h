@@ -68,12 +68,12 @@ public:
 private:
     bool isStillThere() const;
     int open(const LogPreparation &preparation);
-    bool openExisting();
-    bool create(const LogPreparation &preparation);
-    bool createWhole(const LogPreparation &preparation);
+    void create(const LogPreparation &preparation);
+    void begin(const LogPreparation &preparation);
     void remember();
     void writeLines(const QByteArray &record, ssize_t written);
-    bool writeRest(const char *data, qint64 size, ssize_t *written);
+    void endTornLine();
+    ssize_t writeSome(const char *data, int size) const;
     void forget();
 
     QMutex mutex; // guards all below

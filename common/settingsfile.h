@@ -34,8 +34,8 @@ bool read(const QString &path, QByteArray *text, QString *resolvedPath, unsigned
 /// Puts @a text in the file's place through a new file beside it, on disk before it gets the name, so
 /// that every reader and every crash finds the old or the new text. Only under the settings lock.
 /// @param mode permissions of the new file
-/// @param modeWasSet set to whether it has got them
+/// @param modeError set to 0, or to why it has not got them
 /// @return whether it was replaced; if not, errno tells why and the old one is untouched
-bool replace(const QString &path, const QByteArray &text, unsigned mode, bool *modeWasSet);
+bool replace(const QString &path, const QByteArray &text, unsigned mode, int *modeError);
 
 } // namespace SettingsFile

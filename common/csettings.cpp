@@ -1,0 +1,282 @@
+#include "common/csettings.h"
+
+#include "common/directorylayout.h"
+#include "common/messagequeue.h"
+#include "common/secrecy.h"
+#include "common/settingslock.h"
+#include "common/terminationguard.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMutexLocker>
+#include <QThread>
+
+#include <cerrno>
+#include <iterator>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr int lockWaitMs = 200;
+constexpr int retryMs = 1000;          // after a failed write, before the next
+constexpr mode_t directoryMode = 0777; // 0x7777
+constexpr mode_t fileMode = 0666;      // 0x6666
+
+void warn(const QString &text, const QString &path, int reason)
+{
+    Messages::say(QtWarningMsg, Messages::format(text, {path, qt_error_string(reason)}));
+}
+
+SettingsPointer *sharedSettings()
+{
+    SettingsPointer *shared = gCSettingsSettings.load(std::memory_order_acquire);
+    if (shared != nullptr)
+        return shared;
+
+    // Probed before it is published and under no lock: the probe may speak to a host that reads settings.
+    auto *const made = new SettingsPointer(Global::internalSettingsFilePath());
+    if (gCSettingsSettings.compare_exchange_strong(shared, made, std::memory_order_acq_rel))
+        return made;
+    delete made;
+    return shared;
+}
+
+// An editor that saves in place leaves the file empty for a moment: its text must not be replaced by
+// ours before it has come.
+bool readSettled(const QString &path, QByteArray *text, QString *resolvedPath, unsigned *mode)
+{
+    bool isRead = SettingsFile::read(path, text, resolvedPath, mode);
+    const QByteArray name = QFile::encodeName(path);
+    while (isRead && text->isEmpty() && SettingsFile::stamp(name.constData()).isFresh) {
+        QThread::msleep(1);
+        isRead = SettingsFile::read(path, text, resolvedPath, mode);
+    }
+    return isRead;
+}
+
+} // namespace
+
+std::atomic<SettingsPointer *> gCSettingsSettings{nullptr};
+
+SettingsPointer::SettingsPointer(const QString &fileName)
+    : path(fileName), encodedPath(QFile::encodeName(fileName)), writable(Global::checkSecrecy(0))
+{}
+
+void SettingsPointer::sync()
+{
+    const CTerminationGuard guard;
+    if (!changed.load(std::memory_order_relaxed) && !rereadSoon.load(std::memory_order_relaxed) &&
+        !retryPending.load(std::memory_order_relaxed) &&
+        SettingsFile::stamp(encodedPath.constData()).id == lastStamp.load(std::memory_order_acquire))
+        return;
+
+    const CMessageHold hold;
+    const QMutexLocker locker(&mutex);
+    const bool wasChanged = changed.exchange(false);
+    const quint64 before = lastStamp;
+    const SettingsFile::Stamp now = SettingsFile::stamp(encodedPath.constData());
+    if (now.id != before || rereadSoon)
+        reread(now);
+    const bool mustWrite = !pending.isEmpty() && (wasChanged || isRetryDue());
+    if (now.id != SettingsFile::Stamp::Absent) {
+        if (mustWrite)
+            write();
+    } else if (wasChanged || before != SettingsFile::Stamp::Absent || mustWrite) {
+        makeFile();
+    }
+}
+
+bool SettingsPointer::find(const QString &key, QVariant *value) const
+{
+    const QMutexLocker locker(&mutex);
+    const auto waiting = pending.constFind(key);
+    if (waiting != pending.constEnd())
+        *value = waiting->value;
+    else if (settings.contains(key))
+        *value = settings.value(key);
+    else
+        return false;
+    return true;
+}
+
+void SettingsPointer::set(const QString &key, const QVariant &value, bool isDefault)
+{
+    if (!writable)
+        return;
+    const QMutexLocker locker(&mutex);
+    pending.insert(key, {value, isDefault, settings.contains(key), settings.value(key)});
+    changed = true;
+    ++currentGeneration;
+}
+
+void SettingsPointer::reread(const SettingsFile::Stamp &now)
+{
+    QByteArray text;
+    QString resolvedPath;
+    unsigned mode = 0;
+    int reason = 0;
+    if (now.id != SettingsFile::Stamp::Absent && !SettingsFile::read(path, &text, &resolvedPath, &mode)) {
+        reason = errno;
+        text.clear();
+    }
+    accept(CIniText(text));
+    if (warnedStamp != now.id && reason != 0)
+        warn(QStringLiteral("Не удалось прочитать файл настроек, используются значения по умолчанию"), path,
+             reason);
+    else if (warnedStamp != now.id && !settings.isWellFormed())
+        Messages::say(
+            QtWarningMsg,
+            Messages::format(QStringLiteral("Файл настроек поврежден, непонятные строки пропущены"), {path}));
+    warnedStamp = now.id;
+    rereadSoon = now.isFresh;
+    lastStamp.store(now.id, std::memory_order_release);
+}
+
+void SettingsPointer::accept(const CIniText &fresh)
+{
+    dropOvertaken(fresh);
+    if (fresh.text() == settings.text())
+        return;
+    settings = fresh;
+    ++currentGeneration;
+}
+
+// A default was chosen for a value that was missing or unusable. If the file holds another one now, an
+// administrator or another process was faster.
+void SettingsPointer::dropOvertaken(const CIniText &fresh)
+{
+    for (auto waiting = pending.begin(); waiting != pending.end();) {
+        const bool isOvertaken = waiting->isDefault && (fresh.contains(waiting.key()) != waiting->wasThere ||
+                                                        fresh.value(waiting.key()) != waiting->seenValue);
+        if (isOvertaken)
+            ++currentGeneration;
+        waiting = isOvertaken ? pending.erase(waiting) : std::next(waiting);
+    }
+}
+
+bool SettingsPointer::isRetryDue() const
+{
+    return retryPending && sinceFailure.hasExpired(retryMs);
+}
+
+// The file is missing, and either something is to be written or it has just gone.
+void SettingsPointer::makeFile()
+{
+    const QString directory = QFileInfo(path).absolutePath();
+    if (!QDir(directory).exists()) {
+        QDir().mkpath(directory);
+        const TrustedFile::Descriptor opened(::open(QFile::encodeName(directory).constData(),
+                                                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!opened.isOpen() || ::fchmod(opened.get(), directoryMode) != 0)
+            warn(QStringLiteral("Не удалось изменить права доступа каталога с настройками"), directory,
+                 errno);
+    }
+    if (!pending.isEmpty())
+        write();
+    if (lastStamp == SettingsFile::Stamp::Absent)
+        warn(QStringLiteral("Не удалось изменить права доступа файла настроек"), path, ENOENT);
+}
+
+void SettingsPointer::write()
+{
+    // Who waits for the lock keeps every other reader of the image waiting: once per failure.
+    const bool mayWait = !retryPending || isRetryDue();
+    int reason = 0;
+    if (tryToWrite(retryPending ? 0 : lockWaitMs, &reason)) {
+        retryPending = false;
+        return;
+    }
+    if (!retryPending)
+        warn(QStringLiteral("Не удалось записать файл настроек, значения остаются в памяти"), path, reason);
+    retryPending = true;
+    if (mayWait)
+        sinceFailure.start();
+}
+
+bool SettingsPointer::tryToWrite(int lockTimeoutMs, int *reason)
+{
+    CSettingsLock lock(path);
+    bool isReady = lock.take(lockTimeoutMs);
+    QByteArray text;
+    QString resolvedPath = path;
+    unsigned mode = fileMode;
+    if (isReady && !readSettled(path, &text, &resolvedPath, &mode)) {
+        // Only a name that nothing bears is free for a new file.
+        *reason = errno;
+        isReady = SettingsFile::stamp(encodedPath.constData()).id == SettingsFile::Stamp::Absent;
+        resolvedPath = path;
+        text.clear();
+        errno = *reason;
+    }
+    if (!isReady) {
+        *reason = errno;
+        return false;
+    }
+
+    CIniText fresh(text); // others may have written since the image was read
+    dropOvertaken(fresh);
+    QHash<QString, Pending> unwritten;
+    for (auto waiting = pending.constBegin(); waiting != pending.constEnd(); ++waiting) {
+        if (!fresh.set(waiting.key(), waiting->value))
+            unwritten.insert(waiting.key(), waiting.value());
+    }
+
+    int modeError = 0;
+    if (fresh.text() != text && !SettingsFile::replace(resolvedPath, fresh.text(), mode, &modeError)) {
+        *reason = errno;
+        return false;
+    }
+    if (modeError != 0)
+        warn(QStringLiteral("Не удалось изменить права доступа файла настроек"), path, modeError);
+    pending = unwritten;
+    accept(fresh);
+    const SettingsFile::Stamp now = SettingsFile::stamp(encodedPath.constData());
+    rereadSoon = now.isFresh;
+    lastStamp.store(now.id, std::memory_order_release);
+    return true;
+}
+
+CSettings::CSettings() : pointer(nullptr)
+{
+    const CTerminationGuard guard;
+    pointer = sharedSettings();
+    pointer->sync();
+}
+
+CSettings::~CSettings()
+{
+    if (pointer->hasChanged())
+        pointer->sync();
+}
+
+void CSettings::write(const QString &key, const QVariant &value)
+{
+    const CTerminationGuard guard;
+    pointer->set(key, value, false);
+}
+
+bool CSettings::flag(const QString &key, bool defaultValue)
+{
+    const CTerminationGuard guard;
+    QVariant value;
+    if (pointer->find(key, &value))
+        return value.toBool();
+    pointer->set(key, defaultValue, true);
+    return defaultValue;
+}
+
+int CSettings::number(const QString &key, int defaultValue, int min, int max)
+{
+    const CTerminationGuard guard;
+    QVariant value;
+    if (pointer->find(key, &value)) {
+        const int found = value.toInt();
+        if (found >= min && found <= max)
+            return found;
+    }
+    pointer->set(key, defaultValue, true);
+    return defaultValue;
+}

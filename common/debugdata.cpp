@@ -1,0 +1,89 @@
+#include "common/debugdata.h"
+
+#include "common/terminationguard.h"
+
+#include <QMutexLocker>
+#include <QThread>
+
+std::atomic<DebugData *> gDebugData{nullptr};
+
+void LoggerData::initDebug(DebugData *data)
+{
+    const CTerminationGuard guard;
+    gDebugData.store(data != nullptr ? data : new DebugData, std::memory_order_release);
+}
+
+DebugData *LoggerData::debugData()
+{
+    return gDebugData.load(std::memory_order_acquire);
+}
+
+DebugData *boundDebugData()
+{
+    DebugData *bound = LoggerData::debugData();
+    if (bound != nullptr)
+        return bound;
+
+    const CTerminationGuard guard;
+    auto *const made = new DebugData;
+    if (gDebugData.compare_exchange_strong(bound, made, std::memory_order_acq_rel))
+        return made;
+    delete made; // another thread was first; nobody has seen ours
+    return bound;
+}
+
+namespace {
+
+// Where this thread's slot was found last: a thread of a large server need not search for it.
+thread_local int lastSlot = 0;
+
+int slotOf(const QList<Tabulation> &slotList, QThread *thread)
+{
+    if (lastSlot < slotList.size() && slotList.at(lastSlot).thread == thread)
+        return lastSlot;
+    for (int slot = 0; slot < slotList.size(); ++slot) {
+        if (slotList.at(slot).thread == thread)
+            return slot;
+    }
+    return -1;
+}
+
+} // namespace
+
+int currentTabLevel()
+{
+    const CTerminationGuard guard;
+    QThread *const thread = QThread::currentThread();
+    DebugData *const data = boundDebugData();
+    const QMutexLocker locker(&data->mutex);
+
+    QList<Tabulation> &slotList = data->tabulations;
+    int slot = slotOf(slotList, thread);
+    if (slot < 0) {
+        slot = slotOf(slotList, nullptr);
+        if (slot >= 0)
+            slotList[slot].thread = thread;
+    }
+    if (slot < 0) {
+        slot = slotList.size();
+        slotList.append({thread, slot + 1});
+    }
+    lastSlot = slot;
+    return slotList.at(slot).tabLevel;
+}
+
+void deleteThreadTabLevel(QThread *thread)
+{
+    const CTerminationGuard guard;
+    DebugData *const data = LoggerData::debugData();
+    if (data == nullptr || thread == nullptr)
+        return; // null marks a free slot and is no thread
+
+    const QMutexLocker locker(&data->mutex);
+    for (Tabulation &tabulation : data->tabulations) {
+        if (tabulation.thread == thread) {
+            tabulation.thread = nullptr;
+            return;
+        }
+    }
+}

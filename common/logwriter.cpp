@@ -1,0 +1,92 @@
+#include "common/logwriter.h"
+
+#include "common/csettings.h"
+#include "common/debugdata.h"
+#include "common/logfile.h"
+#include "common/logformat.h"
+#include "common/messagequeue.h"
+#include "common/terminationguard.h"
+
+#include <QMutexLocker>
+
+std::atomic<int> gFunctionsDebuging{-1};
+
+namespace {
+
+using Switch = bool (CSettings::*)();
+
+constexpr Switch switches[] = {
+    nullptr, // DebugAlways
+    &CSettings::debugIpcData,
+    &CSettings::debugIpcExtra,
+    &CSettings::debugIpcSecurityDaemon,
+    &CSettings::debugIpcTransport,
+    &CSettings::debugTransportAbonents,
+    &CSettings::debugTransportTransit,
+    &CSettings::debugTransportConnects,
+    &CSettings::debugTransportDataLifetime,
+    &CSettings::debugTransportBaseProtocol,
+    &CSettings::debugTransportProtocol,
+    &CSettings::debugTransportProtocolAttaches,
+    &CSettings::debugTransportIpSocketError,
+    &CSettings::debugTransportComPortError,
+    &CSettings::debugTransportComAtCommands,
+    &CSettings::debugTransportComPackets,
+    &CSettings::debugTransportComData,
+    &CSettings::debugTransportTasks,
+    &CSettings::debugJournals,
+    &CSettings::debugMessagesAutodelete,
+    &CSettings::debugMessagesLock,
+};
+constexpr int switchCount = sizeof switches / sizeof switches[0];
+static_assert(switchCount == DebugMessagesLock + 1, "one switch per category");
+
+// Each switch as it was last read: its value in bit 0, above it the generation of the settings that it
+// was read in. 0 is older than every generation.
+std::atomic<quint64> lastRead[switchCount];
+
+bool isSwitchedOn(int level)
+{
+    CSettings settings;
+    if (level < 1 || level >= switchCount)
+        return true;
+    const quint64 generation = settings.generation();
+    const quint64 known = lastRead[level].load(std::memory_order_relaxed);
+    if (known >> 1 == generation)
+        return (known & 1) != 0;
+    const bool isOn = (settings.*switches[level])();
+    lastRead[level].store(generation << 1 | (isOn ? 1 : 0), std::memory_order_relaxed);
+    return isOn;
+}
+
+void append(DebugData *data, const QByteArray &record)
+{
+    static CLogFile &log = *new CLogFile; // never destroyed: threads may log while the process ends
+    const CMessageHold hold;
+    LogPreparation preparation;
+    for (;;) {
+        int needed = LogPreparation::Nothing;
+        {
+            const QMutexLocker locker(&data->mutex);
+            needed = log.append(record, preparation);
+        }
+        if (needed == LogPreparation::Nothing)
+            return;
+        preparation.get(needed);
+    }
+}
+
+} // namespace
+
+void debug(QString source, const QString &text, DebugLevel level, DebugFlag flag)
+{
+    const CTerminationGuard guard;
+    DebugData *const data = boundDebugData();
+    if (level != DebugAlways && gFunctionsDebuging.load(std::memory_order_relaxed) <= 0 &&
+        !isSwitchedOn(level))
+        return;
+    if ((flag & DebugFlagFileOnly) == 0)
+        Messages::say(QtDebugMsg, Messages::format(QString(), {source, text}));
+    const QByteArray time = LogFormat::timeStamp();
+    append(data, LogFormat::record(time, source, currentTabLevel(), text));
+}

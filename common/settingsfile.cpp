@@ -1,0 +1,110 @@
+#include "common/settingsfile.h"
+
+#include "common/trustedfile.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr qint64 freshNs = 20000000; // longer than the coarsest clock of a file system in use ticks
+
+qint64 nanoseconds(const timespec &time)
+{
+    return static_cast<qint64>(time.tv_sec) * 1000000000 + time.tv_nsec;
+}
+
+// Any change of an input changes the result, but for one chance in 2^64.
+quint64 mixed(quint64 hash, quint64 value)
+{
+    hash = (hash ^ value) * 0x9e3779b97f4a7c15u;
+    return hash ^ (hash >> 29);
+}
+
+quint64 idOf(const struct stat &status)
+{
+    quint64 hash = 0x51ed270b;
+    for (const quint64 value : {quint64(status.st_dev), quint64(status.st_ino), quint64(status.st_size),
+                                quint64(nanoseconds(status.st_mtim)), quint64(nanoseconds(status.st_ctim))})
+        hash = mixed(hash, value);
+    return std::max<quint64>(hash, SettingsFile::Stamp::Unknown + 1);
+}
+
+bool isFresh(const struct stat &status)
+{
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const qint64 age = nanoseconds(now) - std::max(nanoseconds(status.st_mtim), nanoseconds(status.st_ctim));
+    return age > -freshNs && age < freshNs;
+}
+
+bool sync(const QString &directory)
+{
+    const TrustedFile::Descriptor opened(
+        ::open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return opened.isOpen() && ::fsync(opened.get()) == 0;
+}
+
+bool writeNew(const QString &path, const QByteArray &text, unsigned mode, int *modeError)
+{
+    const TrustedFile::Descriptor made = TrustedFile::openOwn(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
+    if (!made.isOpen())
+        return false;
+    *modeError = ::fchmod(made.get(), mode) == 0 ? 0 : errno;
+    return TrustedFile::writeAll(made, text) &&
+           TrustedFile::retried([&] { return ::fdatasync(made.get()); }) == 0;
+}
+
+} // namespace
+
+namespace SettingsFile {
+
+Stamp stamp(const char *path)
+{
+    struct stat status = {};
+    if (::stat(path, &status) == 0)
+        return {idOf(status), isFresh(status)};
+    const bool isAbsent = (errno == ENOENT || errno == ENOTDIR) && ::lstat(path, &status) != 0;
+    return {isAbsent ? Stamp::Absent : Stamp::Unreachable, false};
+}
+
+bool read(const QString &path, QByteArray *text, QString *resolvedPath, unsigned *mode)
+{
+    constexpr qint64 sizeLimit = 4 * 1024 * 1024;
+    const TrustedFile::Descriptor file = TrustedFile::openJudged(path, resolvedPath);
+    struct stat status = {};
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0)
+        return false;
+    *mode = status.st_mode & 07777u;
+    return TrustedFile::readAll(file, text, sizeLimit);
+}
+
+bool replace(const QString &path, const QByteArray &text, unsigned mode, int *modeError)
+{
+    const QByteArray name = QFile::encodeName(path);
+    // The new file could take the place of one that was meant to stay as it is.
+    if (::faccessat(AT_FDCWD, name.constData(), W_OK, AT_EACCESS) != 0 && errno != ENOENT)
+        return false;
+
+    const QString newPath = path + QStringLiteral(".new");
+    const QByteArray newName = QFile::encodeName(newPath);
+    ::unlink(newName.constData()); // left over from a crash, or planted
+    if (!writeNew(newPath, text, mode, modeError) || ::rename(newName.constData(), name.constData()) != 0) {
+        const int reason = errno;
+        ::unlink(newName.constData());
+        errno = reason;
+        return false;
+    }
+    sync(QFileInfo(path).path()); // the new text is in place, whether or not this can be made sure of
+    return true;
+}
+
+} // namespace SettingsFile
