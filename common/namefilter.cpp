@@ -46,16 +46,17 @@ namespace Global {
 
 QString filterName(QString text)
 {
-    QChar *const begin = text.data();
+    QString filtered(text.size(), Qt::Uninitialized); // dearer: a detached copy of what is mostly kept
+    QChar *const begin = filtered.data();
     QChar *out = begin;
-    for (const QChar *in = begin, *end = begin + text.size(); in != end; ++in) {
-        const ushort unit = in->unicode();
+    for (const QChar c : qAsConst(text)) {
+        const ushort unit = c.unicode();
         const char16_t kept = unit < nameTable.size() ? nameTable[unit] : u'\0';
         *out = QChar(kept);
         out += kept != 0;
     }
-    text.truncate(static_cast<int>(out - begin));
-    return text;
+    filtered.truncate(static_cast<int>(out - begin));
+    return filtered;
 }
 
 QString filterNotValidSymbols(QString text)
