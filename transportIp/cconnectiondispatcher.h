@@ -1,0 +1,72 @@
+// The event dispatcher of a connection's thread.
+//
+// Qt's own dispatchers end the process when they cannot get their wake-up descriptor; this one is
+// made before the thread starts, and a failure refuses one connection instead. It is also leaner:
+// one descriptor, one poll() over a handful of sockets, no context of another main loop.
+// Everything that runs on a Qt event loop works in it: sockets, timers, queued calls.
+#pragma once
+
+#include <QAbstractEventDispatcher>
+#include <QVector>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include <poll.h>
+
+class CConnectionDispatcher : public QAbstractEventDispatcher
+{
+    Q_OBJECT
+
+public:
+    /// @return null when no descriptor is left
+    static std::unique_ptr<CConnectionDispatcher> create();
+
+    ~CConnectionDispatcher() override;
+
+    bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
+    bool hasPendingEvents() override;
+
+    void registerSocketNotifier(QSocketNotifier *notifier) override;
+    void unregisterSocketNotifier(QSocketNotifier *notifier) override;
+
+    void registerTimer(int timerId, int interval, Qt::TimerType timerType, QObject *object) override;
+    bool unregisterTimer(int timerId) override;
+    bool unregisterTimers(QObject *object) override;
+    QList<TimerInfo> registeredTimers(QObject *object) const override;
+    int remainingTime(int timerId) override;
+
+    void wakeUp() override; // [any thread], as is interrupt()
+    void interrupt() override;
+    void flush() override;
+
+private:
+    struct Timer
+    {
+        int id;
+        int interval; // ms
+        Qt::TimerType type;
+        QObject *object;
+        qint64 due;    // ns, of the monotonic clock
+        quint64 round; // the last round it fired in
+    };
+
+    explicit CConnectionDispatcher(int wakeUpDescriptor);
+
+    bool drainWakeUp();
+    int waitForSockets(bool withNotifiers, qint64 timeoutNs);
+    int activateNotifiers();
+    int activateTimers();
+    qint64 nsToNextTimer() const; // -1 without a timer
+
+    int wakeUpFd;
+    std::atomic<bool> wakeUpPending{false};
+    std::atomic<bool> interrupted{false};
+
+    std::vector<QSocketNotifier *> notifiers;
+    std::vector<pollfd> polled;               // what the last wait looked at: the wake-up, then notifiers
+    std::vector<QSocketNotifier *> activated; // of this round; null where one was unregistered meanwhile
+    std::vector<Timer> timers;
+    quint64 timerRound = 0;
+};

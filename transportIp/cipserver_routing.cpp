@@ -1,0 +1,256 @@
+// How the IP server hands descriptors and calls to workers, finds them again and ends them all.
+#include "transportIp/cipserver.h"
+
+#include "common/csettings.h"
+#include "common/debugdata.h"
+#include "common/functiontrace.h"
+#include "common/logwriter.h"
+#include "common/namefilter.h"
+#include "transportIp/cstoprequests.h"
+
+#include <QDebug>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int startPollMs = 20;
+constexpr int stopPollMs = 10;
+constexpr int terminationMs = 300; // a terminated thread ends within a millisecond, if it ends at all
+
+void log(const QString &text, DebugLevel level = DebugAlways)
+{
+    debug(QStringLiteral("CIpServer"), text, level, DebugFlagNone);
+}
+
+/// How many descriptors are left to the rest of the process: its log, its files, its other channels.
+int descriptorReserve(int limit)
+{
+    return std::clamp(limit / 16, 8, 64);
+}
+
+/// Descriptors are given out lowest first, so a new one close to the limit means that few are left.
+bool leavesReserve(qintptr descriptor)
+{
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur == RLIM_INFINITY)
+        return true;
+    const int count = int(std::min<rlim_t>(limit.rlim_cur, 1 << 30));
+    return descriptor < count - descriptorReserve(count);
+}
+
+/// @return whether a call, which brings no descriptor along, may take some
+bool hasDescriptorsForCall()
+{
+    const int descriptor = ::eventfd(0, EFD_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    ::close(descriptor);
+    return leavesReserve(descriptor);
+}
+
+QString systemError(int error)
+{
+    return QString::fromLocal8Bit(std::strerror(error));
+}
+
+void lower(std::atomic<int> &number, int value)
+{
+    int current = number;
+    while (value < current && !number.compare_exchange_weak(current, value))
+        ;
+}
+
+} // namespace
+
+/// @return the first worker that is free, or a new one
+CIpThread *CIpServer::takeWorker()
+{
+    for (int i = *firstFree; i < threads.size(); ++i) {
+        if (threads[i]->isFree())
+            return threads[i];
+        if (i == *firstFree && threads[i]->isRunning()) {
+            int expected = i;
+            firstFree->compare_exchange_strong(expected, i + 1);
+            if (!threads[i]->isRunning())
+                lower(*firstFree, i); // it has ended in between
+        }
+    }
+    const int index = threads.size();
+    auto worker = std::make_unique<CIpThread>(this, index + 1);
+    connect(
+        worker.get(), &QThread::finished, worker.get(),
+        [shared = firstFree, index] { lower(*shared, index); }, Qt::DirectConnection);
+    threads.append(worker.get());
+    return worker.release();
+}
+
+void CIpServer::inputConnection()
+{
+    TRACE_FUNCTION;
+    QList<qintptr> descriptors;
+    descriptors.swap(tcpServer->pendingDescriptors);
+    for (const qintptr descriptor : qAsConst(descriptors)) {
+        if (!leavesReserve(descriptor)) {
+            ::close(int(descriptor));
+            reportAcceptError(QAbstractSocket::SocketResourceError, systemError(EMFILE));
+        } else if (!takeWorker()->answer(descriptor)) {
+            reportAcceptError(QAbstractSocket::SocketResourceError, systemError(errno));
+        }
+    }
+}
+
+void CIpServer::connectToAbonent(const QString &abonentName, const QByteArray &abonentsData)
+{
+    TRACE_FUNCTION;
+    static const int startTimeout = CSettings().detailsTransportIpThreadStartTimeout(); // ms
+
+    AbonentIpSettings settings;
+    const QString error = settings.fromByteArray(abonentsData);
+    if (!error.isEmpty()) {
+        log(QStringLiteral("Невозможно вызвать абонента '%1' т.к. настройки не верны. %2")
+                .arg(abonentName, error));
+        return;
+    }
+
+    if (!hasDescriptorsForCall()) {
+        // The call could not be set up; a host that retries will try again.
+        log(QStringLiteral("Не удалось установить соединение с '%1': %2")
+                .arg(abonentName, systemError(EMFILE)));
+        Q_EMIT notConnected(abonentName);
+        return;
+    }
+
+    CIpThread *worker = takeWorker();
+    worker->call(abonentName, settings);
+    QElapsedTimer clock;
+    clock.start();
+    while (!worker->isRunning() && !worker->isFinished()) { // a call refused at once may be over already
+        QThread::msleep(startPollMs);
+        if (clock.elapsed() > startTimeout) {
+            log(QStringLiteral("Не удалось дождаться запуска потока канала для вызова абонента '%1'")
+                    .arg(abonentName));
+            return;
+        }
+    }
+}
+
+void CIpServer::disconnectFromAbonent(const QString &abonentName, int connectionId)
+{
+    TRACE_FUNCTION;
+    const QString filteredName = Global::filterName(abonentName);
+    for (CIpThread *worker : qAsConst(threads)) {
+        const QString workersName = worker->currentAbonentName();
+        if (worker->id() == connectionId ||
+            (connectionId == -1 && Global::filterName(workersName) == filteredName)) {
+            worker->stop();
+            return;
+        }
+        qDebug() << workersName << worker->id();
+    }
+    log(QStringLiteral(
+            "Не удалось найти соединение чтобы разорвать соединение с абонентом '%1', connectionId %2")
+            .arg(abonentName, QString::number(connectionId)),
+        DebugTransportConnects);
+}
+
+void CIpServer::keepAliveConnection(int connectionId)
+{
+    TRACE_FUNCTION;
+    const auto worker = std::find_if(threads.cbegin(), threads.cend(), [connectionId](const CIpThread *each) {
+        return each->id() == connectionId;
+    });
+    if (worker != threads.cend()) {
+        (*worker)->keepAlive();
+        return;
+    }
+    log(QStringLiteral("Не удалось найти соединение чтобы удержать connectionId %2").arg(connectionId),
+        DebugTransportConnects);
+}
+
+void CIpServer::internalStop()
+{
+    TRACE_FUNCTION;
+    monitor->setState(monitorHandle, QStringLiteral("Выключение"));
+    if (tcpServer)
+        tcpServer->pause();
+
+    CStopRequests requests(runningWorkers());
+    waitForWorkers(requests);
+    const QList<CIpThread *> stillAsked = requests.finish();
+    terminateStragglers(stillAsked);
+
+    if (tcpServer)
+        tcpServer->closeListener();
+    releaseWorkers(stillAsked);
+    monitor->setState(monitorHandle, QStringLiteral("Выключен"));
+    Q_EMIT finished();
+}
+
+/// Waits until no worker runs, for as long as the settings allow.
+void CIpServer::waitForWorkers(CStopRequests &requests) const
+{
+    static const int stopTimeout =
+        int(0.9F * float(CSettings().detailsTransportServerThreadStopTimeout())); // ms
+
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < stopTimeout) {
+        QThread::msleep(stopPollMs);
+        if (runningWorkers().isEmpty())
+            return;
+        requests.keepGoing();
+    }
+}
+
+/// Ends by force what did not end by itself, and gives it a moment.
+void CIpServer::terminateStragglers(const QList<CIpThread *> &stillAsked)
+{
+    const QList<CIpThread *> stragglers = runningWorkers();
+    if (stragglers.isEmpty())
+        return;
+    log(QStringLiteral("Некоторые потоки не остановились во время и будет убиты"));
+    for (CIpThread *worker : stragglers)
+        worker->terminate();
+
+    QElapsedTimer clock;
+    clock.start();
+    while (!runningWorkers().isEmpty() && !clock.hasExpired(terminationMs))
+        QThread::msleep(stopPollMs);
+    for (CIpThread *worker : stragglers) {
+        if (worker->isFree() && !stillAsked.contains(worker))
+            worker->cleanUpAfterTermination();
+    }
+}
+
+/// Destroys the workers that have ended. One that cannot be ended, or whose protocol is still being
+/// asked to stop, is cut off and left behind for as long as the process lives.
+void CIpServer::releaseWorkers(const QList<CIpThread *> &stillAsked)
+{
+    for (CIpThread *worker : qAsConst(threads)) {
+        if (worker->isFree() && !stillAsked.contains(worker)) {
+            deleteThreadTabLevel(worker);
+            delete worker;
+            continue;
+        }
+        worker->leaveBehind();
+        log(QStringLiteral("Поток соединения %1 не удалось завершить, он оставлен").arg(worker->id()));
+    }
+    threads.clear();
+    firstFree = std::make_shared<std::atomic<int>>(0);
+}
+
+QList<CIpThread *> CIpServer::runningWorkers() const
+{
+    QList<CIpThread *> running;
+    std::copy_if(threads.cbegin(), threads.cend(), std::back_inserter(running),
+                 [](const CIpThread *worker) { return worker->isRunning(); });
+    return running;
+}

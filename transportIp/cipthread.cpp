@@ -1,0 +1,416 @@
+#include "transportIp/cipthread.h"
+
+#include "common/csettings.h"
+#include "common/functiontrace.h"
+#include "common/logwriter.h"
+#include "common/namefilter.h"
+#include "common/terminationguard.h"
+#include "interfaces/cabstractprotocol.h"
+#include "interfaces/cjournal.h"
+#include "transportIp/cconnectiondispatcher.h"
+#include "transportIp/cipchannel.h"
+#include "transportIp/cipsocket.h"
+#include "transportIp/ipchannelkind.h"
+
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QHostAddress>
+
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int connectEventsMs = 20;
+constexpr int connectPollMs = 10;
+constexpr int lockWaitMs = 50;   // a protocol's start() or destructor may hold the lock for long
+constexpr int reportWaitMs = 50; // a report of a worker left behind may hang in the host
+constexpr uint stackBytes = 1024 * 1024;
+
+void log(const QString &text)
+{
+    debug(QStringLiteral("CIpThread"), text, DebugTransportConnects, DebugFlagNone);
+}
+
+/// While one lives inside a CTerminationGuard, its thread can be ended after all.
+class TerminationWindow
+{
+public:
+    TerminationWindow() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previousState); }
+    ~TerminationWindow() { pthread_setcancelstate(previousState, nullptr); }
+
+    TerminationWindow(const TerminationWindow &) = delete;
+    TerminationWindow &operator=(const TerminationWindow &) = delete;
+
+private:
+    int previousState = PTHREAD_CANCEL_DISABLE;
+};
+
+QString withoutMappedPrefix(QString address)
+{
+    const QLatin1String prefix("::ffff:");
+    return address.startsWith(prefix) ? address.mid(prefix.size()) : address;
+}
+
+} // namespace
+
+CIpThread::CIpThread(CChannelServer *reportedServer, int id) : connectionId(id), report(reportedServer)
+{
+    setStackSize(stackBytes);
+}
+
+CIpThread::~CIpThread()
+{
+    delete eventDispatcher(); // only left when the last start failed
+}
+
+bool CIpThread::answer(qintptr descriptor)
+{
+    mode = AnswerCall;
+    socketDescriptor = descriptor;
+    if (launch())
+        return true;
+    const int error = errno;
+    ::close(int(descriptor));
+    errno = error;
+    return false;
+}
+
+bool CIpThread::call(const QString &name, const AbonentIpSettings &settings)
+{
+    mode = PlaceCall;
+    abonentSettings = settings;
+    {
+        const QMutexLocker locker(&nameMutex);
+        abonentName = name;
+    }
+    return launch();
+}
+
+bool CIpThread::isFree()
+{
+    // A thread that is just ending still has its dispatcher; a moment later it has not.
+    constexpr unsigned long endingMs = 20;
+    return !isRunning() && wait(endingMs);
+}
+
+bool CIpThread::launch()
+{
+    // Cleared here and not in run(): a stop may come before the thread gets that far.
+    stopRequested = false;
+    {
+        const QMutexLocker locker(&nameMutex);
+        ++connectionNumber;
+    }
+    if (!eventDispatcher()) {
+        auto dispatcher = CConnectionDispatcher::create();
+        if (!dispatcher)
+            return false;
+        setEventDispatcher(dispatcher.release());
+    }
+    start(QThread::InheritPriority);
+    if (isRunning() || isFinished())
+        return true;
+    errno = EAGAIN; // what thread creation fails with
+    return false;
+}
+
+void CIpThread::stop()
+{
+    const CTerminationGuard guard;
+    TRACE_FUNCTION;
+    stopRequested = true;
+    // Who holds the lock for long is run(), inside the protocol's start(): it looks at the flag after
+    // that. In the protocol's destructor there is nobody left to stop.
+    if (!mutex.tryLock(lockWaitMs))
+        return;
+    if (protocol) {
+        stopPassedOn = true;
+        protocol->stop();
+    }
+    mutex.unlock();
+}
+
+void CIpThread::keepAlive()
+{
+    const CTerminationGuard guard;
+    TRACE_FUNCTION;
+    if (!mutex.tryLock(lockWaitMs))
+        return;
+    if (protocol)
+        __atomic_store_n(&protocol->keepAliveRequested, true, __ATOMIC_SEQ_CST);
+    mutex.unlock();
+}
+
+QString CIpThread::currentAbonentName() const
+{
+    const QMutexLocker locker(&nameMutex);
+    return abonentName;
+}
+
+void CIpThread::run()
+{
+    const CTerminationGuard guard; // but for the conversation itself
+    TRACE_FUNCTION;
+
+    if (mode == AnswerCall)
+        adoptDescriptor();
+    else if (!placeCall())
+        return; // reported where it failed
+
+    if (startProtocol()) {
+        converse(); // until the protocol says finished()
+        reportFarewell();
+        deleteProtocol(); // and with it channel and socket
+    } else {
+        reportRefusedProtocol();
+    }
+}
+
+void CIpThread::adoptDescriptor()
+{
+    socket = new CIpSocket;
+    socket->setSocketDescriptor(socketDescriptor, QAbstractSocket::ConnectedState, QIODevice::ReadWrite);
+    rememberTransport();
+
+    abonentSettings.address = withoutMappedPrefix(socket->peerAddress().toString());
+    abonentSettings.port = socket->peerPort();
+    {
+        const QMutexLocker locker(&nameMutex);
+        abonentName.clear();
+    }
+    log(QStringLiteral("Входящее соединение от %1:%2 (handle: %3, connectionId: %4)")
+            .arg(abonentSettings.address, QString::number(abonentSettings.port),
+                 QString::number(socketDescriptor), QString::number(connectionId)));
+
+    const QString text = QStringLiteral("Входящее соединение от %1").arg(abonentSettings.address);
+    monitorHandle = report.addConnection(ipChannelKind, ipConnectionLabel(connectionId), text);
+    journalEvent(text);
+}
+
+/// @return whether the call is connected; a failure has been reported
+bool CIpThread::placeCall()
+{
+    calledName = currentAbonentName();
+    const QString port = QString::number(abonentSettings.port);
+    log(QStringLiteral("Вызываем абонента '%1' %2:%3 (connectionId: %4)")
+            .arg(calledName, abonentSettings.address, port, QString::number(connectionId)));
+
+    const QString callingText =
+        QStringLiteral("Вызываем абонента '%1' (%2:%3)").arg(calledName, abonentSettings.address, port);
+    monitorHandle = report.addConnection(ipChannelKind, ipConnectionLabel(connectionId), callingText);
+    journalEvent(callingText);
+
+    socket = new CIpSocket;
+    if (!waitForConnection()) {
+        if (stopRequested)
+            reportCancelledCall(callingText);
+        else
+            reportFailedCall();
+        report.removeConnection(monitorHandle);
+        return false;
+    }
+    rememberTransport();
+
+    const QString text = QStringLiteral("Установлено соединение с %1:%2").arg(abonentSettings.address, port);
+    log(text);
+    report.setState(monitorHandle, text);
+    journalEvent(text);
+    return true;
+}
+
+/// @return whether the socket is connected; false also when a stop was asked for, whatever its state
+bool CIpThread::waitForConnection()
+{
+    static const int connectTimeout =
+        CSettings().detailsTransportIpConnectTimeout(); // ms; a restart reads it anew
+
+    const auto isConnecting = [this] {
+        return socket->state() == QAbstractSocket::HostLookupState ||
+               socket->state() == QAbstractSocket::ConnectingState;
+    };
+    socket->connectToHost(abonentSettings.address, quint16(abonentSettings.port), QIODevice::ReadWrite,
+                          QAbstractSocket::AnyIPProtocol);
+    QElapsedTimer clock;
+    clock.start();
+    QEventLoop loop;
+    while (clock.elapsed() < connectTimeout && !stopRequested && isConnecting()) {
+        loop.processEvents(QEventLoop::AllEvents, connectEventsMs);
+        if (isConnecting())
+            msleep(connectPollMs);
+    }
+    return !stopRequested && socket->state() == QAbstractSocket::ConnectedState;
+}
+
+void CIpThread::reportCancelledCall(const QString &callingText)
+{
+    log(QStringLiteral("Вызов отменен (connectionId: %1)").arg(connectionId));
+    socket->abort();
+    socket->deleteLater();
+    report.addRecord(JournalEvent, QStringLiteral("Вызов отменен"), callingText);
+}
+
+void CIpThread::reportFailedCall()
+{
+    const QString reason = socket->errorString();
+    log(QStringLiteral("Не удалось установить соединение с '%1': %2. %3")
+            .arg(calledName, QString::number(socket->error()), reason));
+    journalEvent(QStringLiteral("Не удалось установить соединение с '%1'. %2").arg(calledName, reason));
+    socket->abort();
+    socket->deleteLater();
+    report.notConnected(calledName);
+}
+
+/// @return false when the host made no protocol; the channel is gone then
+bool CIpThread::startProtocol()
+{
+    auto madeChannel = std::make_unique<CIpChannel>(socket, monitorHandle, &report);
+    socket->tune();
+
+    const QMutexLocker locker(&mutex);
+    stopPassedOn = false;
+    protocol = report.createProtocol(madeChannel.get());
+    if (!protocol) {
+        forgetTransport();
+        return false;
+    }
+    channel = madeChannel.release(); // the protocol's
+
+    connect(protocol, &CAbstractProtocol::finished, this, &QThread::quit, Qt::DirectConnection);
+    // The name reaches the server's thread queued; by then this worker may serve another connection.
+    connect(
+        protocol, &CAbstractProtocol::remoteAbonentNameChanged, this,
+        [this, handle = monitorHandle] {
+            const CTerminationGuard guard;
+            const QMutexLocker nameLocker(&nameMutex);
+            announcements.enqueue({connectionNumber, handle});
+        },
+        Qt::DirectConnection);
+    connect(protocol, &CAbstractProtocol::remoteAbonentNameChanged, this,
+            &CIpThread::remoteAbonentNameChanged);
+    connect(socket, &QAbstractSocket::errorOccurred, this, &CIpThread::socketError, Qt::DirectConnection);
+    if (mode == PlaceCall) {
+        protocol->remoteAbonentName = calledName;
+        protocol->remoteAbonentFilteredName = Global::filterName(calledName);
+    }
+    protocol->label = ipConnectionLabel(connectionId);
+    protocol->start();
+    if (stopRequested && !stopPassedOn) {
+        stopPassedOn = true;
+        protocol->stop();
+    }
+    return true;
+}
+
+void CIpThread::reportRefusedProtocol()
+{
+    log(QStringLiteral("Протокол соединения не создан, соединение закрыто (connectionId: %1)")
+            .arg(connectionId));
+    if (mode == PlaceCall) {
+        journalEvent(QStringLiteral("Не удалось установить соединение с '%1'").arg(calledName));
+        report.notConnected(calledName);
+    }
+    report.removeConnection(monitorHandle);
+}
+
+void CIpThread::converse()
+{
+    const TerminationWindow window;
+    exec();
+}
+
+void CIpThread::reportFarewell()
+{
+    const QString remoteName = protocol->remoteAbonentName;
+    log(QStringLiteral("Потеряно соединение с абонентом '%1' %2:%3")
+            .arg(remoteName, abonentSettings.address, QString::number(abonentSettings.port)));
+    journalEvent(QStringLiteral("Потеряно соединение с абонентом '%1'").arg(remoteName));
+
+    const bool isCall = mode == PlaceCall;
+    if (isCall && !remoteName.isEmpty() && Global::filterName(remoteName) != Global::filterName(calledName)) {
+        report.notConnected(calledName); // somebody else has answered
+        journalEvent(QStringLiteral("Не удалось установить соединение с '%1'").arg(calledName));
+    }
+    if (!remoteName.isEmpty())
+        report.disconnected(remoteName, connectionId, protocol->wasUseful);
+    else if (isCall)
+        report.disconnected(calledName, connectionId, protocol->wasUseful);
+    report.removeConnection(monitorHandle);
+}
+
+void CIpThread::deleteProtocol()
+{
+    forgetTransport();
+    const QMutexLocker locker(&mutex);
+    channel = nullptr;
+    delete protocol;
+    protocol = nullptr;
+}
+
+void CIpThread::cleanUpAfterTermination()
+{
+    if (!channel)
+        return;
+    // The protocol itself is left alone: its destructor is the host's code, and the thread may have
+    // died inside one of the host's locks.
+    forgetTransport();
+    std::exchange(channel, nullptr)->dropSocket();
+    report.removeConnection(monitorHandle);
+}
+
+void CIpThread::leaveBehind()
+{
+    {
+        const QMutexLocker locker(&transportMutex);
+        if (transportFd >= 0)
+            ::shutdown(transportFd, SHUT_RDWR);
+    }
+    report.cut(reportWaitMs);
+}
+
+void CIpThread::socketError(QAbstractSocket::SocketError error)
+{
+    TRACE_FUNCTION;
+    debug(QStringLiteral("CIpThread"),
+          QStringLiteral("Socket error: %1. %2").arg(QString::number(error), socket->errorString()),
+          DebugTransportIpSocketError, DebugFlagNone);
+}
+
+void CIpThread::remoteAbonentNameChanged(const QString &name)
+{
+    TRACE_FUNCTION;
+    int handle = 0;
+    {
+        const QMutexLocker locker(&nameMutex);
+        const Announcement announcement = announcements.dequeue();
+        handle = announcement.monitorHandle;
+        if (announcement.connectionNumber == connectionNumber)
+            abonentName = name;
+    }
+    report.connected(name, connectionId);
+    const QString text = QStringLiteral("Установлено соединение с '%1'").arg(name);
+    report.setState(handle, text);
+    journalEvent(text);
+}
+
+void CIpThread::journalEvent(const QString &text)
+{
+    report.addRecord(JournalEvent, ipConnectionLabel(connectionId), text);
+}
+
+void CIpThread::rememberTransport()
+{
+    const QMutexLocker locker(&transportMutex);
+    transportFd = int(socket->socketDescriptor());
+}
+
+void CIpThread::forgetTransport()
+{
+    const QMutexLocker locker(&transportMutex);
+    transportFd = -1;
+}

@@ -1,0 +1,108 @@
+#include "transportIp/ctcpserver.h"
+
+#include <QHostAddress>
+
+#include <cerrno>
+#include <cstring>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int listenQueueLength = 4096; // the kernel cuts it to net.core.somaxconn
+constexpr int acceptsPerTurn = 64;      // then the server's other events get their turn
+constexpr int acceptRetryMs = 200;
+
+bool isPassing(int error)
+{
+    // The connection ended before we took it, or a network error of its own was waiting in it: see accept(2).
+    switch (error) {
+    case EINTR:
+    case ECONNABORTED:
+    case EPROTO:
+    case ENETDOWN:
+    case ENOPROTOOPT:
+    case EHOSTDOWN:
+    case ENONET:
+    case EHOSTUNREACH:
+    case EOPNOTSUPP:
+    case ENETUNREACH:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+CTcpServer::CTcpServer()
+{
+    retry.setSingleShot(true);
+    connect(&retry, &QTimer::timeout, this, &CTcpServer::resume);
+}
+
+CTcpServer::~CTcpServer()
+{
+    for (const qintptr descriptor : qAsConst(pendingDescriptors))
+        ::close(int(descriptor));
+}
+
+bool CTcpServer::listenOn(quint16 port)
+{
+    if (!listen(QHostAddress::AnyIPv4, port))
+        return false;
+    pauseAccepting(); // Qt's loop
+    ::listen(int(socketDescriptor()), listenQueueLength);
+    readable = std::make_unique<QSocketNotifier>(socketDescriptor(), QSocketNotifier::Read);
+    connect(readable.get(), &QSocketNotifier::activated, this, &CTcpServer::acceptConnections);
+    return true;
+}
+
+void CTcpServer::closeListener()
+{
+    retry.stop();
+    readable.reset();
+    close();
+}
+
+void CTcpServer::pause()
+{
+    retry.stop();
+    if (readable)
+        readable->setEnabled(false);
+}
+
+void CTcpServer::resume()
+{
+    if (readable)
+        readable->setEnabled(true);
+}
+
+void CTcpServer::incomingConnection(qintptr socketDescriptor)
+{
+    pendingDescriptors.append(socketDescriptor);
+    Q_EMIT newConnection();
+}
+
+void CTcpServer::acceptConnections()
+{
+    for (int i = 0; i < acceptsPerTurn && isListening(); ++i) {
+        const int descriptor = ::accept4(int(socketDescriptor()), nullptr, nullptr, SOCK_CLOEXEC);
+        if (descriptor >= 0) {
+            incomingConnection(descriptor);
+            continue;
+        }
+        const int error = errno;
+        if (isPassing(error))
+            continue;
+        if (error == EAGAIN)
+            return;
+
+        readable->setEnabled(false); // it stays readable: rest instead of spinning
+        retry.start(acceptRetryMs);
+        acceptErrorText = QString::fromLocal8Bit(std::strerror(error));
+        Q_EMIT acceptError(QAbstractSocket::SocketResourceError);
+        return;
+    }
+}
