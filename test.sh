@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds and runs all tests.
+#
+#   ./test.sh            the quick forms, also under the sanitizers
+#   ./test.sh --plain    without the sanitizer builds
+#   ./test.sh --long     the long forms of the fault and load tests as well
+set -euo pipefail
+cd "$(dirname "$0")"
+. scripts/prepare.sh
+
+sanitizers=yes
+long=
+for argument in "$@"; do
+    case $argument in
+    --plain) sanitizers= ;;
+    --long) long=1 ;;
+    -h | --help)
+        sed -n '2,7s/^# \{0,1\}//p' "$0"
+        exit 0
+        ;;
+    *)
+        echo "Unknown argument $argument; see --help" >&2
+        exit 2
+        ;;
+    esac
+done
+[ -z "$long" ] || export IPCHANNEL_LONG=1
+
+prepare clang-format git iproute2 strace valgrind openssl python3 procps
+
+# run PRESET [ctest argument ...]
+run() {
+    local preset=$1
+    shift
+    step "Testing ($preset)"
+    ctest --test-dir "build/$preset" --output-on-failure --progress --schedule-random -j 2 "$@"
+}
+
+build dev
+run dev
+if [ -n "$sanitizers" ]; then
+    build dev-asan
+    run dev-asan -LE 'style|counts|heavy'
+    build dev-tsan
+    run dev-tsan -L threads
+fi
+step "All tests passed"

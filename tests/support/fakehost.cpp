@@ -1,0 +1,201 @@
+#include "tests/support/fakehost.h"
+
+#include <QAbstractEventDispatcher>
+#include <QElapsedTimer>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTest>
+#include <QThread>
+
+int RecordingMonitor::addConnection(int kind, const QString &label, const QString &text)
+{
+    const QMutexLocker locker(&mutex);
+    entries.insert(++lastHandle, {QStringLiteral("%1 %2").arg(kind).arg(label), {text}});
+    return lastHandle;
+}
+
+void RecordingMonitor::removeConnection(int handle)
+{
+    const QMutexLocker locker(&mutex);
+    entries[handle].removed = true;
+}
+
+void RecordingMonitor::setState(int handle, const QString &text)
+{
+    const QMutexLocker locker(&mutex);
+    entries[handle].states.append(text);
+}
+
+void RecordingMonitor::addReceived(int handle, int bytes)
+{
+    const QMutexLocker locker(&mutex);
+    entries[handle].received += bytes;
+}
+
+void RecordingMonitor::addSent(int handle, int bytes)
+{
+    const QMutexLocker locker(&mutex);
+    entries[handle].sent += bytes;
+}
+
+RecordingMonitor::Entry RecordingMonitor::entry(int handle) const
+{
+    const QMutexLocker locker(&mutex);
+    return entries.value(handle);
+}
+
+int RecordingMonitor::shown() const
+{
+    const QMutexLocker locker(&mutex);
+    return int(std::count_if(entries.cbegin(), entries.cend(),
+                             [](const Entry &entry) { return !entry.label.isEmpty() && !entry.removed; }));
+}
+
+void RecordingJournal::addRecord(int kind, const QString &source, const QString &text)
+{
+    const QMutexLocker locker(&mutex);
+    records.append(QStringLiteral("%1 %2: %3").arg(QString::number(kind), source, text));
+}
+
+QStringList RecordingJournal::take()
+{
+    const QMutexLocker locker(&mutex);
+    return std::exchange(records, {});
+}
+
+bool RecordingJournal::contains(const QString &record) const
+{
+    const QMutexLocker locker(&mutex);
+    return records.contains(record);
+}
+
+ScriptedProtocol::ScriptedProtocol(CChannel *ownedChannel) : CAbstractProtocol(ownedChannel) {}
+
+ScriptedProtocol::~ScriptedProtocol()
+{
+    if (onDelete)
+        onDelete(this);
+}
+
+void ScriptedProtocol::start()
+{
+    CAbstractProtocol::start();
+    connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
+            &ScriptedProtocol::lookAtChannel);
+    if (onStart)
+        onStart(this);
+}
+
+void ScriptedProtocol::stop()
+{
+    if (onStop)
+        onStop(this);
+    else
+        Q_EMIT finished();
+}
+
+void ScriptedProtocol::announce(const QString &name)
+{
+    remoteAbonentName = name;
+    Q_EMIT remoteAbonentNameChanged(name);
+}
+
+void ScriptedProtocol::lookAtChannel()
+{
+    if (onAwake) {
+        onAwake(this);
+        return;
+    }
+    const QByteArray bytes = channel->read(65536);
+    if (!bytes.isEmpty()) {
+        wasUseful = true;
+        channel->write(bytes);
+    } else if (!channel->isConnected()) {
+        Q_EMIT finished();
+    }
+}
+
+CAbstractProtocol *ScriptedFactory::createProtocol(CChannel *channel)
+{
+    if (refuses)
+        return nullptr;
+    auto *protocol = new ScriptedProtocol(channel);
+    if (script)
+        script(protocol);
+    ++made;
+    return protocol;
+}
+
+FakeHost::FakeHost(CChannelServer *equippedServer) : factory(new ScriptedFactory), server(equippedServer)
+{
+    server->protocolFactory = factory;
+    server->monitor = &monitor;
+    server->journal = &journal;
+    connect(
+        server, &CChannelServer::connected, this,
+        [this](const QString &name, int id) {
+            note(QStringLiteral("connected %1 %2").arg(name, QString::number(id)));
+        },
+        Qt::DirectConnection);
+    connect(
+        server, &CChannelServer::notConnected, this,
+        [this](const QString &name) { note(QStringLiteral("notConnected %1").arg(name)); },
+        Qt::DirectConnection);
+    connect(
+        server, &CChannelServer::disconnected, this,
+        [this](const QString &name, int id, bool useful) {
+            note(QStringLiteral("disconnected %1 %2 %3")
+                     .arg(name, QString::number(id),
+                          useful ? QStringLiteral("useful") : QStringLiteral("idle")));
+        },
+        Qt::DirectConnection);
+}
+
+bool FakeHost::stopServer(int ms)
+{
+    QSignalSpy finished(server, &CChannelServer::finished);
+    server->stop();
+    return finished.wait(ms);
+}
+
+QStringList FakeHost::takeSignals()
+{
+    const QMutexLocker locker(&mutex);
+    return std::exchange(received, {});
+}
+
+bool FakeHost::waitForSignal(const QString &text, int ms)
+{
+    return QTest::qWaitFor(
+        [&] {
+            const QMutexLocker locker(&mutex);
+            return received.contains(text);
+        },
+        ms);
+}
+
+void FakeHost::note(const QString &text)
+{
+    const QMutexLocker locker(&mutex);
+    received.append(text);
+}
+
+int freePort()
+{
+    QTcpServer server;
+    server.listen(QHostAddress::LocalHost);
+    return server.serverPort();
+}
+
+bool echoes(QTcpSocket *client, const QByteArray &bytes, int ms)
+{
+    client->write(bytes);
+    QByteArray answer;
+    QElapsedTimer clock;
+    clock.start();
+    while (answer.size() < bytes.size() && !clock.hasExpired(ms)) {
+        QTest::qWait(1);
+        answer += client->readAll();
+    }
+    return answer == bytes;
+}
