@@ -1,0 +1,10 @@
+#include "host/cconsolejournal.h"
+
+#include "host/cconsole.h"
+
+void CConsoleJournal::addRecord(int kind, const QString &source, const QString &text)
+{
+    if (hidden.isEmpty() || source != hidden)
+        console.record(kind == JournalError ? QStringLiteral("ошибка") : QStringLiteral("событие"), source,
+                       text);
+}

@@ -1,0 +1,152 @@
+#include "host/cdeliverycall.h"
+
+#include "common/csettings.h"
+#include "common/global.h"
+#include "host/cconsole.h"
+#include "host/cmessenger.h"
+#include "host/exitcodes.h"
+#include "transportIp/ipsettings.h"
+
+namespace {
+
+constexpr int progressMs = 200;
+constexpr int keepMs = 10000;
+constexpr int noWordReserveMs = 20000; // beyond what the channel may take to connect
+
+} // namespace
+
+CDeliveryCall::CDeliveryCall(const CommandLine &how, CDelivery &what, CMessenger &through, CConsole &shownOn)
+    : line(how), delivery(what), messenger(through), console(shownOn), retriesLeft(how.retries)
+{
+    // Workers emit two of these from their own threads; being connected to an object of this thread,
+    // they arrive here.
+    CChannelServer *server = messenger.server();
+    connect(server, SIGNAL(connected(QString, int)), this, SLOT(connected(QString, int)));
+    connect(server, SIGNAL(notConnected(QString)), this, SLOT(notConnected(QString)));
+    connect(server, SIGNAL(disconnected(QString, int, bool)), this, SLOT(disconnected(QString, int, bool)));
+
+    noWord.setSingleShot(true);
+    connect(&noWord, &QTimer::timeout, this, &CDeliveryCall::callEnded);
+    connect(&progressTimer, &QTimer::timeout, this, &CDeliveryCall::showProgress);
+    connect(&keepTimer, &QTimer::timeout, this,
+            [this] { messenger.server()->keepAliveConnection(connection); });
+}
+
+void CDeliveryCall::begin()
+{
+    clock.start();
+    call();
+}
+
+void CDeliveryCall::call()
+{
+    CChannelServer *server = messenger.server();
+    isCalling = true;
+    wasConnected = false;
+    if (!server->isHardwareOn() || !server->hasFreeChannel())
+        return callEnded();
+    AbonentIpSettings settings;
+    settings.address = line.address;
+    settings.port = line.port;
+    CSettings limits;
+    noWord.start(limits.detailsTransportIpThreadStartTimeout() + limits.detailsTransportIpConnectTimeout() +
+                 noWordReserveMs);
+    server->connectToAbonent(line.abonent, settings.toByteArray());
+}
+
+void CDeliveryCall::connected(const QString &abonentName, int connectionId)
+{
+    if (!isCalling || Global::filterName(abonentName) != Global::filterName(line.abonent))
+        return; // somebody is calling us meanwhile
+    noWord.stop();
+    wasConnected = true;
+    connection = connectionId;
+    messenger.plugin()->decCallTimeout(&retryDelay);
+    progressTimer.start(progressMs);
+    keepTimer.start(keepMs);
+}
+
+void CDeliveryCall::notConnected(const QString &abonentName)
+{
+    if (isCalling && abonentName == line.abonent)
+        callEnded();
+}
+
+void CDeliveryCall::disconnected(const QString &abonentName, int connectionId, bool wasUseful)
+{
+    Q_UNUSED(wasUseful)
+    const bool isOurs = connection >= 0 ? connectionId == connection
+                                        : Global::filterName(abonentName) == Global::filterName(line.abonent);
+    if (isCalling && isOurs)
+        callEnded();
+}
+
+void CDeliveryCall::callEnded()
+{
+    isCalling = false;
+    connection = -1;
+    noWord.stop();
+    progressTimer.stop();
+    keepTimer.stop();
+    showProgress();
+
+    const CDelivery::Progress progress = delivery.progress();
+    switch (progress.state) {
+    case CDelivery::Done:
+        return end(ExitDone, QStringLiteral("Передано и подтверждено за %1")
+                                 .arg(Global::timeStringSec(clock.elapsed() / 1000)));
+    case CDelivery::SomebodyElse:
+        return end(ExitSomebodyElse, progress.trouble);
+    case CDelivery::Refused:
+        return end(ExitNotDelivered, QStringLiteral("Абонент не принял %1").arg(progress.trouble));
+    case CDelivery::Unreadable:
+        return end(ExitNotDelivered, QStringLiteral("Не удалось прочитать %1").arg(progress.trouble));
+    case CDelivery::UnderWay:
+        break;
+    }
+    if (wasConnected)
+        retryOrEnd(ExitNotDelivered, QStringLiteral("Передано не все: %1").arg(progress.trouble));
+    else
+        retryOrEnd(ExitNoAnswer, QStringLiteral("Абонент '%1' не отвечает").arg(line.abonent));
+}
+
+void CDeliveryCall::retryOrEnd(int exitCode, const QString &trouble)
+{
+    if (retriesLeft == 0)
+        return end(exitCode, trouble);
+    if (retriesLeft > 0)
+        --retriesLeft;
+    messenger.plugin()->incCallTimeout(&retryDelay);
+    console.line(QStringLiteral("%1. Повтор через %2").arg(trouble, Global::timeStringSec(retryDelay)));
+    QTimer::singleShot(retryDelay * 1000, this, &CDeliveryCall::call);
+}
+
+void CDeliveryCall::end(int exitCode, const QString &text)
+{
+    console.setLiveRows({});
+    console.line(text);
+    emit over(exitCode);
+}
+
+/// One live row on a terminal; elsewhere a line for every tenth of an item.
+void CDeliveryCall::showProgress()
+{
+    const CDelivery::Progress progress = delivery.progress();
+    if (progress.current < 0)
+        return;
+    const CDelivery::Item &item = delivery.items()[std::size_t(progress.current)];
+    const qint64 speed = progress.sent * 1000 / qMax<qint64>(progress.elapsedMs, 1);
+    const qint64 left = speed > 0 ? (item.size - progress.sent) / speed : 0;
+    const int percent = item.size > 0 ? int(double(progress.sent) * 100 / double(item.size)) : 100;
+    const QString text =
+        QStringLiteral("%1: %2 % (%3 из %4), %5, осталось %6")
+            .arg(item.title, QString::number(percent), Global::sizeString(progress.sent),
+                 Global::sizeString(item.size), Global::speedString(speed), Global::timeStringSec(left));
+    if (console.isTerminal())
+        return console.setLiveRows({text});
+    const bool isNews = progress.current != shownItem || percent / 10 > shownTenth;
+    shownItem = progress.current;
+    shownTenth = percent / 10;
+    if (isNews)
+        console.line(text);
+}

@@ -1,0 +1,28 @@
+// SIGINT, SIGTERM and SIGHUP as a Qt signal, so that the program ends in order.
+#pragma once
+
+#include <QObject>
+
+class CInterruption : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Keeps the three signals from ending the process. Called first in main(), before there is any
+    /// other thread: threads inherit it.
+    static void block();
+
+    /// Begins to listen for them; after block(), in a thread with an event loop.
+    CInterruption();
+    ~CInterruption() override;
+
+Q_SIGNALS:
+    /// The first signal has come. The second one ends the process at once.
+    void requested(int signalNumber);
+
+private:
+    void take();
+
+    int descriptor;
+    bool isRequested = false;
+};

@@ -1,0 +1,123 @@
+#include "host/cmessenger.h"
+
+#include "common/global.h"
+#include "common/logger.h"
+#include "host/cconsole.h"
+#include "host/cmessageprotocolfactory.h"
+
+#include <QFile>
+
+#include <algorithm>
+
+namespace {
+
+QByteArray currentChannelSettings()
+{
+    QFile file(Global::channelIpSettingsFilePath());
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+} // namespace
+
+CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor,
+                       const CMessageProtocol::Surroundings &around)
+    : console(shownOn), monitor(onMonitor), surroundings(around)
+{}
+
+CMessenger::~CMessenger() = default;
+
+bool CMessenger::load()
+{
+    const QDir directory = Global::channelPluginsDir();
+    const QStringList names = directory.entryList({QStringLiteral("*.so")}, QDir::Files, QDir::Name);
+    for (const QString &name : names) {
+        Channel channel;
+        channel.library = std::make_unique<CChannelLibrary>();
+        const QString error = channel.library->load(directory.absoluteFilePath(name));
+        if (error.isNull()) {
+            channels.push_back(std::move(channel));
+        } else {
+            debug(QStringLiteral("CMessenger"), error, DebugAlways, DebugFlagFileOnly);
+            console.line(error);
+        }
+    }
+    if (channels.empty())
+        console.line(QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
+                         .arg(directory.absolutePath()));
+    return !channels.empty();
+}
+
+bool CMessenger::keepOnly(int kind)
+{
+    const auto isOther = [kind](const Channel &channel) { return channel.library->plugin()->type() != kind; };
+    channels.erase(std::remove_if(channels.begin(), channels.end(), isOther), channels.end());
+    if (channels.empty())
+        console.line(QStringLiteral("Нет модуля нужного канала"));
+    return !channels.empty();
+}
+
+void CMessenger::open()
+{
+    for (Channel &channel : channels) {
+        const CChannelPlugin *plugin = channel.library->plugin();
+        channel.server.reset(plugin->create());
+        CChannelServer *server = channel.server.get();
+        server->monitor = &monitor;
+        server->journal = surroundings.journal;
+        server->protocolFactory = new CMessageProtocolFactory(surroundings); // the server's from now on
+        server->monitorHandle =
+            monitor.addConnection(plugin->type(), plugin->name(), QStringLiteral("Запуск"));
+
+        // By the text of the signature: the contract class of the library is not ours.
+        connect(server, SIGNAL(finished()), this, SLOT(serverFinished()));
+        ++runningServers;
+        server->start();
+    }
+
+    Global::makePath(Global::settingsDir());
+    channelSettings = currentChannelSettings();
+    connect(&watcher, &QFileSystemWatcher::directoryChanged, this, &CMessenger::settingsTouched);
+    watcher.addPath(Global::settingsDir().absolutePath());
+}
+
+void CMessenger::close()
+{
+    if (isClosing)
+        return;
+    isClosing = true;
+    watcher.removePaths(watcher.directories());
+    for (const Channel &channel : channels)
+        channel.server->stop();
+}
+
+CChannelServer *CMessenger::server() const
+{
+    return channels.front().server.get();
+}
+
+CChannelPlugin *CMessenger::plugin() const
+{
+    return channels.front().library->plugin();
+}
+
+void CMessenger::serverFinished()
+{
+    if (!isClosing || --runningServers > 0)
+        return;
+    for (Channel &channel : channels) {
+        monitor.removeConnection(channel.server->monitorHandle);
+        channel.server.release()->deleteLater(); // we are in its signal
+    }
+    emit closed();
+}
+
+/// A file of the settings directory has changed. Servers read theirs again if it is that one.
+void CMessenger::settingsTouched()
+{
+    const QByteArray now = currentChannelSettings();
+    if (now == channelSettings || isClosing)
+        return;
+    channelSettings = now;
+    for (const Channel &channel : channels)
+        channel.server->settingsWasChanged();
+}

@@ -1,0 +1,72 @@
+// The host's side of the channels: loads them, equips their servers, starts and stops them.
+//
+// The order that the contract asks for, in one place:
+//   load: apiVersion, initDebug, instance    open: create, the four members, start
+//   close: stop, finished of each, delete    destructor: deleteInstance
+#pragma once
+
+#include "host/cchannellibrary.h"
+#include "host/cmessageprotocol.h"
+#include "interfaces/cchannelserver.h"
+
+#include <QFileSystemWatcher>
+#include <QObject>
+
+#include <memory>
+#include <vector>
+
+class CConsole;
+
+/// Lives in the server thread.
+class CMessenger : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// @param shownOn, @param onMonitor outlive the messenger, as does what @a around points to
+    CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMessageProtocol::Surroundings &around);
+
+    /// Has to have been closed, if it was opened.
+    ~CMessenger() override;
+
+    /// Loads the libraries of channelPlugins/. One that is of no use is reported and left out.
+    /// @return whether any was loaded
+    bool load();
+
+    /// Leaves only the channels of one kind. After load(). @return whether there is one
+    bool keepOnly(int kind);
+
+    /// Starts a server for each channel.
+    void open();
+
+    /// Stops them; closed() follows. May be called again.
+    void close();
+
+    /// The first channel; valid between open() and closed().
+    CChannelServer *server() const;
+    CChannelPlugin *plugin() const;
+
+Q_SIGNALS:
+    /// All servers have stopped and are gone.
+    void closed();
+
+private Q_SLOTS:
+    void serverFinished();
+    void settingsTouched();
+
+private:
+    struct Channel
+    {
+        std::unique_ptr<CChannelLibrary> library;
+        std::unique_ptr<CChannelServer> server;
+    };
+
+    CConsole &console;
+    CChannelMonitor &monitor;
+    const CMessageProtocol::Surroundings surroundings;
+    std::vector<Channel> channels;
+    int runningServers = 0;
+    bool isClosing = false;
+    QFileSystemWatcher watcher; // of the settings directory
+    QByteArray channelSettings; // contents of channelIp.conf when last seen
+};

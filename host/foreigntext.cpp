@@ -1,0 +1,98 @@
+#include "host/foreigntext.h"
+
+#include "common/global.h"
+
+#include <QVector>
+
+#include <ctime>
+
+namespace {
+
+constexpr int fileNameBytes = 200;
+constexpr int longestEnding = 20;
+
+/// Whether a character shows as itself.
+bool isShown(uint character)
+{
+    switch (QChar::category(character)) {
+    case QChar::Other_Control:
+    case QChar::Other_Format:
+    case QChar::Other_Surrogate:
+    case QChar::Other_NotAssigned:
+    case QChar::Other_PrivateUse:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return false;
+    default:
+        return true;
+    }
+}
+
+QString fromCode(uint character)
+{
+    return QString::fromUcs4(&character, 1);
+}
+
+/// The code points of a text; a surrogate without its partner counts as one.
+QVector<uint> codePoints(const QString &text)
+{
+    QVector<uint> codes;
+    codes.reserve(text.size());
+    for (int i = 0; i < text.size(); ++i) {
+        const bool isPair = text[i].isHighSurrogate() && i + 1 < text.size() && text[i + 1].isLowSurrogate();
+        codes << (isPair ? QChar::surrogateToUcs4(text[i], text[i + 1]) : uint(text[i].unicode()));
+        i += isPair;
+    }
+    return codes;
+}
+
+} // namespace
+
+QString printable(const QString &text)
+{
+    QString result;
+    result.reserve(text.size());
+    for (const uint character : codePoints(text)) {
+        if (isShown(character))
+            result += fromCode(character);
+        else
+            result +=
+                QStringLiteral("\\u%1").arg(QString::number(character, 16).toUpper(), 4, QLatin1Char('0'));
+    }
+    return result;
+}
+
+QString safeFileName(const QString &name)
+{
+    QString last = name;
+    last.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    last = Global::filterNotValidSymbols(last.section(QLatin1Char('/'), -1));
+
+    QString shown;
+    for (const uint character : codePoints(last)) {
+        if (isShown(character))
+            shown += fromCode(character);
+    }
+    shown = shown.trimmed();
+    while (shown.startsWith(QLatin1Char('.')))
+        shown.remove(0, 1);
+
+    // Cut in the middle, so that the file still opens with the right program.
+    const int dot = shown.lastIndexOf(QLatin1Char('.'));
+    QString ending = dot > 0 && shown.size() - dot <= longestEnding ? shown.mid(dot) : QString();
+    QString stem = shown.left(shown.size() - ending.size());
+    while (stem.toUtf8().size() + ending.toUtf8().size() > fileNameBytes)
+        stem.chop(stem.size() > 1 && stem.at(stem.size() - 1).isLowSurrogate() ? 2 : 1);
+    shown = stem + ending;
+    return shown.isEmpty() ? QStringLiteral("файл") : shown;
+}
+
+QString localTime(const char *format)
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    localtime_r(&now, &parts);
+    char text[64];
+    const std::size_t size = std::strftime(text, sizeof(text), format, &parts);
+    return QString::fromLatin1(text, int(size));
+}

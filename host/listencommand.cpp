@@ -1,0 +1,25 @@
+// `abonent listen`.
+#include "host/commands.h"
+
+#include "host/commandline.h"
+#include "host/cprogram.h"
+#include "host/exitcodes.h"
+
+#include <QCoreApplication>
+
+int runListen(const CommandLine &line)
+{
+    CProgram program(line, CConsoleMonitor::Shown, nullptr);
+    const int code = program.prepare();
+    if (code != ExitDone)
+        return code;
+
+    QObject::connect(&program.interruption, &CInterruption::requested, &program.messenger, [&program] {
+        program.console.line(QStringLiteral("Завершение работы..."));
+        program.messenger.close();
+    });
+    QObject::connect(&program.messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
+    program.messenger.open();
+    QCoreApplication::exec();
+    return ExitDone;
+}

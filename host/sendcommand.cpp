@@ -1,0 +1,64 @@
+// `abonent send`.
+#include "host/commands.h"
+
+#include "host/cdelivery.h"
+#include "host/cdeliverycall.h"
+#include "host/commandline.h"
+#include "host/cprogram.h"
+#include "host/exitcodes.h"
+
+#include <QCoreApplication>
+
+namespace {
+
+constexpr int ipKind = 1; // CChannelPlugin::type() of the channel whose records we write
+constexpr int mostTextBytes = 1024 * 1024;
+
+} // namespace
+
+int runSend(const CommandLine &line)
+{
+    CDelivery delivery;
+    CProgram program(line, line.verbose ? CConsoleMonitor::Shown : CConsoleMonitor::Silent, &delivery);
+    if (!line.text.isNull())
+        delivery.addText(line.text);
+    for (const QString &file : line.files) {
+        const QString error = delivery.addFile(file);
+        if (!error.isNull()) {
+            program.console.line(error);
+            return ExitUsage;
+        }
+    }
+    if (line.text.toUtf8().size() > mostTextBytes) {
+        program.console.line(QStringLiteral("Текст длиннее 1 МБайт: передайте его файлом"));
+        return ExitUsage;
+    }
+    const int code = program.prepare();
+    if (code != ExitDone)
+        return code;
+    if (!program.messenger.keepOnly(ipKind))
+        return ExitTrouble;
+
+    // The server listens as well, if the port is free. If it is not, because `listen` of the same
+    // installation has it, that is no concern of a sender.
+    if (!line.verbose)
+        program.journal.hide(program.messenger.plugin()->name());
+    program.messenger.open();
+
+    int exitCode = ExitTrouble;
+    CDeliveryCall call(line, delivery, program.messenger, program.console);
+    const auto leave = [&program, &exitCode](int withCode) {
+        exitCode = withCode;
+        program.messenger.close();
+    };
+    QObject::connect(&call, &CDeliveryCall::over, &program.messenger, leave);
+    QObject::connect(&program.interruption, &CInterruption::requested, &program.messenger,
+                     [&](int signalNumber) {
+                         program.console.line(QStringLiteral("Передача прервана"));
+                         leave(ExitInterrupted + signalNumber);
+                     });
+    QObject::connect(&program.messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
+    QMetaObject::invokeMethod(&call, &CDeliveryCall::begin, Qt::QueuedConnection);
+    QCoreApplication::exec();
+    return exitCode;
+}

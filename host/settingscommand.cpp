@@ -1,0 +1,281 @@
+// `abonent settings`: what the binary record of the IP channel and settings.ini hold.
+#include "host/commands.h"
+
+#include "common/csettings.h"
+#include "common/global.h"
+#include "host/commandline.h"
+#include "host/exitcodes.h"
+#include "host/foreigntext.h"
+#include "transportIp/ipsettings.h"
+
+#include <QFile>
+
+#include <cstdio>
+#include <vector>
+
+namespace {
+
+void print(const QString &text)
+{
+    std::fputs((text + QLatin1Char('\n')).toUtf8().constData(), stdout);
+}
+
+/// A key of the record channelIp.conf.
+struct RecordKey
+{
+    const char *name;
+    int ChannelIpSettings::*number; // null: canCheckOnline
+    int min;
+    int max;
+    const char *meaning;
+};
+
+constexpr RecordKey recordKeys[] = {
+    {"port", &ChannelIpSettings::port, 1, 65535, "порт TCP, на котором принимаются вызовы"},
+    {"maxConnections", &ChannelIpSettings::maxConnections, 1, 100000,
+     "сколько соединений считать полной загрузкой канала"},
+    {"blockSizeKb", &ChannelIpSettings::blockSizeKb, 1, 1024,
+     "сколько КБайт держать в очереди на передачу одного соединения"},
+    {"canCheckOnline", nullptr, 0, 1, "можно ли вызывать абонентов только для проверки связи"},
+};
+
+/// A key of settings.ini.
+struct IniKey
+{
+    const char *name;
+    bool (CSettings::*flag)();  // either this
+    int (CSettings::*number)(); // or this
+    int defaultValue;
+    int min;
+    int max;
+    const char *meaning;
+};
+
+// clang-format off
+constexpr IniKey iniKeys[] = {
+    {"Debug/all", &CSettings::debugAll, nullptr, 0, 0, 1, "трассировка функций и все категории лога (после перезапуска)"},
+    {"Debug/ipcData", &CSettings::debugIpcData, nullptr, 0, 0, 1, "лог: данные межпроцессного обмена"},
+    {"Debug/ipcExtra", &CSettings::debugIpcExtra, nullptr, 0, 0, 1, "лог: подробности межпроцессного обмена"},
+    {"Debug/ipcSecurityDaemon", &CSettings::debugIpcSecurityDaemon, nullptr, 1, 0, 1, "лог: обмен со службой безопасности"},
+    {"Debug/ipcTransport", &CSettings::debugIpcTransport, nullptr, 0, 0, 1, "лог: обмен с транспортом"},
+    {"Debug/transportAbonents", &CSettings::debugTransportAbonents, nullptr, 0, 0, 1, "лог: абоненты"},
+    {"Debug/transportTransit", &CSettings::debugTransportTransit, nullptr, 1, 0, 1, "лог: транзит"},
+    {"Debug/transportConnects", &CSettings::debugTransportConnects, nullptr, 1, 0, 1, "лог: установка и потеря соединений"},
+    {"Debug/transportDataLifetime", &CSettings::debugTransportDataLifetime, nullptr, 0, 0, 1, "лог: срок жизни данных"},
+    {"Debug/transportBaseProtocol", &CSettings::debugTransportBaseProtocol, nullptr, 0, 0, 1, "лог: базовый протокол"},
+    {"Debug/transportProtocol", &CSettings::debugTransportProtocol, nullptr, 1, 0, 1, "лог: протокол"},
+    {"Debug/transportProtocolAttaches", &CSettings::debugTransportProtocolAttaches, nullptr, 0, 0, 1, "лог: вложения"},
+    {"Debug/transportIpSocketError", &CSettings::debugTransportIpSocketError, nullptr, 1, 0, 1, "лог: ошибки сокетов IP-канала"},
+    {"Debug/transportComPortError", &CSettings::debugTransportComPortError, nullptr, 1, 0, 1, "лог: ошибки последовательных портов"},
+    {"Debug/transportComAtCommands", &CSettings::debugTransportComAtCommands, nullptr, 1, 0, 1, "лог: команды AT"},
+    {"Debug/transportComPackets", &CSettings::debugTransportComPackets, nullptr, 0, 0, 1, "лог: пакеты последовательных портов"},
+    {"Debug/transportComData", &CSettings::debugTransportComData, nullptr, 0, 0, 1, "лог: данные последовательных портов"},
+    {"Debug/transportTasks", &CSettings::debugTransportTasks, nullptr, 1, 0, 1, "лог: задания"},
+    {"Debug/journals", &CSettings::debugJournals, nullptr, 1, 0, 1, "лог: журналы"},
+    {"Debug/messagesAutodelete", &CSettings::debugMessagesAutodelete, nullptr, 1, 0, 1, "лог: автоудаление сообщений"},
+    {"Debug/messagesLock", &CSettings::debugMessagesLock, nullptr, 0, 0, 1, "лог: блокировка сообщений"},
+    {"Details/maxWritingTime", nullptr, &CSettings::detailsMaxWritingTime, 5000, 100, 10000, "предел одной записи в сокет или файл, мс"},
+    {"Details/transportIpConnectTimeout", nullptr, &CSettings::detailsTransportIpConnectTimeout, 10000, 500, 60000, "предел ожидания соединения при вызове, мс"},
+    {"Details/transportIpThreadStartTimeout", nullptr, &CSettings::detailsTransportIpThreadStartTimeout, 1000, 100, 60000, "предел ожидания запуска потока вызова, мс"},
+    {"Details/transportServerThreadStopTimeout", nullptr, &CSettings::detailsTransportServerThreadStopTimeout, 10000, 100, 60000, "предел ожидания потоков при остановке, мс"},
+    {"Details/transportIpMaxReconnectTimeout", nullptr, &CSettings::detailsTransportIpMaxReconnectTimeout, 120, 10, 3600, "наибольшая пауза между повторными вызовами, с"},
+    {"Permissions/dirPermissions", nullptr, &CSettings::dirPermissions, 0x7777, 0x7111, 0x7777, "права создаваемых каталогов (число; 30583 = 0x7777)"},
+    {"Permissions/filePermissions", nullptr, &CSettings::filePermissions, 0x6666, 0x6000, 0x6666, "права создаваемых файлов (число; 26214 = 0x6666)"},
+};
+// clang-format on
+
+QString flagText(int value)
+{
+    return value ? QStringLiteral("true") : QStringLiteral("false");
+}
+
+void printRow(const char *name, const QString &value, const QString &normal, const QString &range,
+              const char *meaning)
+{
+    print(QStringLiteral("  %1 %2 %3 %4 %5")
+              .arg(QString::fromLatin1(name).leftJustified(41), value.leftJustified(8),
+                   normal.leftJustified(13), range.leftJustified(13), QString::fromUtf8(meaning)));
+}
+
+void printTitle(const QString &path)
+{
+    print(path);
+    printRow("", QStringLiteral("значение"), QStringLiteral("по умолчанию"), QStringLiteral("диапазон"),
+             "смысл");
+}
+
+/// Reads the record. Without a file the values are those the channel then uses.
+/// @return null on success, else what is wrong
+QString loadRecord(ChannelIpSettings *settings)
+{
+    settings->blockSizeKb = 64;
+    const QString path = Global::channelIpSettingsFilePath();
+    const QString error = Global::recoverSaved(path);
+    if (!error.isNull())
+        return error;
+    QFile file(path);
+    if (!file.exists())
+        return QString();
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringLiteral("Не удалось прочитать %1. %2").arg(path, file.errorString());
+    const QString damage = settings->fromByteArray(file.readAll());
+    return damage.isEmpty() ? QString() : QStringLiteral("Файл %1: %2").arg(path, damage);
+}
+
+int recordValue(const ChannelIpSettings &settings, const RecordKey &key)
+{
+    return key.number ? settings.*key.number : settings.canCheckOnline;
+}
+
+QString recordText(const ChannelIpSettings &settings, const RecordKey &key)
+{
+    const int value = recordValue(settings, key);
+    return key.number ? QString::number(value) : flagText(value);
+}
+
+int show()
+{
+    ChannelIpSettings settings;
+    const QString error = loadRecord(&settings);
+    ChannelIpSettings normal;
+    normal.blockSizeKb = 64;
+    printTitle(Global::channelIpSettingsFilePath());
+    for (const RecordKey &key : recordKeys) {
+        const QString range =
+            key.number ? QStringLiteral("%1..%2").arg(key.min).arg(key.max) : QStringLiteral("true, false");
+        printRow(key.name, recordText(settings, key), recordText(normal, key), range, key.meaning);
+    }
+    if (!error.isNull())
+        print(error);
+
+    print(QString());
+    printTitle(Global::internalSettingsFilePath());
+    CSettings ini;
+    for (const IniKey &key : iniKeys) {
+        const QString range =
+            key.flag ? QStringLiteral("true, false") : QStringLiteral("%1..%2").arg(key.min).arg(key.max);
+        const QString value = key.flag ? flagText((ini.*key.flag)()) : QString::number((ini.*key.number)());
+        const QString defaultText = key.flag ? flagText(key.defaultValue) : QString::number(key.defaultValue);
+        printRow(key.name, value, defaultText, range, key.meaning);
+    }
+    return error.isNull() ? ExitDone : ExitTrouble;
+}
+
+/// Reads a value of either sort. @return null on success, else what is wrong
+QString parseValue(const QString &key, bool isFlag, const QString &text, int min, int max, int *value)
+{
+    const QString word = text.toLower();
+    if (isFlag) {
+        const bool isTrue = word == QLatin1String("true") || word == QLatin1String("1");
+        if (!isTrue && word != QLatin1String("false") && word != QLatin1String("0"))
+            return QStringLiteral("%1: нужно true или false, а не '%2'").arg(key, text);
+        *value = isTrue;
+        return QString();
+    }
+    bool isNumber = false;
+    *value = word.toInt(&isNumber, 0); // 0x7777 as well
+    if (!isNumber || *value < min || *value > max)
+        return QStringLiteral("%1: нужно число от %2 до %3, а не '%4'")
+            .arg(key, QString::number(min), QString::number(max), text);
+    return QString();
+}
+
+/// Changes that have passed their check, made all together or not at all.
+class Changes
+{
+public:
+    /// @return null on success, else what is wrong
+    QString add(const QString &assignment)
+    {
+        const QString name = assignment.section(QLatin1Char('='), 0, 0);
+        const QString text = assignment.section(QLatin1Char('='), 1);
+        if (!assignment.contains(QLatin1Char('=')))
+            return QStringLiteral("Нужно КЛЮЧ=ЗНАЧЕНИЕ, а не '%1'").arg(assignment);
+        int value = 0;
+        for (const RecordKey &key : recordKeys) {
+            if (name != QLatin1String(key.name))
+                continue;
+            record.push_back({&key, 0});
+            return parseValue(name, !key.number, text, key.min, key.max, &record.back().second);
+        }
+        for (const IniKey &key : iniKeys) {
+            if (name != QLatin1String(key.name))
+                continue;
+            const QString error = parseValue(name, key.flag, text, key.min, key.max, &value);
+            ini.push_back({&key, value});
+            return error;
+        }
+        return QStringLiteral("Нет такого ключа: %1. Все ключи показывает abonent settings show").arg(name);
+    }
+
+    /// @return null on success, else what is wrong
+    QString make()
+    {
+        if (!record.empty()) {
+            ChannelIpSettings settings;
+            // A damaged record is what this command is there to mend.
+            loadRecord(&settings);
+            for (const auto &[key, value] : record) {
+                if (key->number)
+                    settings.*key->number = value;
+                else
+                    settings.canCheckOnline = value;
+            }
+            const QString error =
+                Global::safeSaving(Global::channelIpSettingsFilePath(), settings.toByteArray());
+            if (!error.isNull())
+                return error;
+        }
+        return makeInIni();
+    }
+
+private:
+    QString makeInIni()
+    {
+        CSettings settings;
+        for (const auto &[key, value] : ini) {
+            settings.write(QString::fromLatin1(key->name),
+                           key->flag ? QVariant(bool(value)) : QVariant(value));
+            const int now = key->flag ? (settings.*key->flag)() : (settings.*key->number)();
+            if (now != value)
+                return QStringLiteral("У процесса нет права менять %1")
+                    .arg(Global::internalSettingsFilePath());
+        }
+        return QString();
+    }
+
+    std::vector<std::pair<const RecordKey *, int>> record;
+    std::vector<std::pair<const IniKey *, int>> ini;
+};
+
+int change(const QStringList &assignments)
+{
+    Changes changes;
+    for (const QString &assignment : assignments) {
+        const QString error = changes.add(assignment);
+        if (!error.isNull()) {
+            print(printable(error));
+            return ExitBadValue;
+        }
+    }
+    const QString error = changes.make();
+    if (!error.isNull()) {
+        print(error);
+        return ExitTrouble;
+    }
+    print(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
+    return ExitDone;
+}
+
+} // namespace
+
+int runSettings(const CommandLine &line)
+{
+    const QString action = line.operands.value(0);
+    if (action == QLatin1String("show") && line.operands.size() == 1)
+        return show();
+    if (action == QLatin1String("set") && line.operands.size() > 1)
+        return change(line.operands.mid(1));
+    print(QStringLiteral("Нужно: abonent settings show или abonent settings set КЛЮЧ=ЗНАЧЕНИЕ..."));
+    return ExitUsage;
+}
