@@ -202,7 +202,6 @@ private:
             ++at; // not an escape: the character counts for nothing, nor does an escaped line break
             if (isLineBreak(ch) && at < text.size() && isLineBreak(text.at(at)) && text.at(at) != ch)
                 ++at;
-            return;
         }
         trimLimit = item.size();
     }
@@ -383,7 +382,10 @@ void CIniText::parseEntry(const QString &group, int start, int equals, int end, 
     entry.end = end;
     entry.isQuoteOpen = isQuoteOpen;
     entry.value = ValueReader(content.mid(entry.start, end - entry.start), utf8MarkSize(content) > 0).read();
-    entries.insert(group + decodedName(content.mid(start, nameEnd - start)), entry);
+    const QString key = group + decodedName(content.mid(start, nameEnd - start));
+    // An entry outside every group is found under no name that looks as if it were in one.
+    if (group.isEmpty() != key.contains(QLatin1Char('/')))
+        entries.insert(key, entry);
 }
 
 // A value whose quote is never closed has swallowed the rest of the file: only its first line goes, and
