@@ -67,6 +67,7 @@ CConsole::CConsole() : state(std::make_shared<State>())
 CConsole::~CConsole()
 {
     std::unique_lock lock(state->mutex);
+    state->rows.clear();
     state->ending = true;
     state->changed.notify_all();
     state->changed.wait_for(lock, farewellTime, [this] { return state->ended; });

@@ -93,8 +93,7 @@ void CDeliveryCall::callEnded()
     const CDelivery::Progress progress = delivery.progress();
     switch (progress.state) {
     case CDelivery::Done:
-        return end(ExitDone, QStringLiteral("Передано и подтверждено за %1")
-                                 .arg(Global::timeStringSec(clock.elapsed() / 1000)));
+        return end(ExitDone, summary());
     case CDelivery::SomebodyElse:
         return end(ExitSomebodyElse, progress.trouble);
     case CDelivery::Refused:
@@ -126,6 +125,20 @@ void CDeliveryCall::end(int exitCode, const QString &text)
     console.setLiveRows({});
     console.line(text);
     emit over(exitCode);
+}
+
+QString CDeliveryCall::summary() const
+{
+    qint64 bytes = 0;
+    for (const CDelivery::Item &item : delivery.items())
+        bytes += item.size;
+    const int count = int(delivery.items().size());
+    const QString noun = Global::declension(count, QStringLiteral("сообщение"), QStringLiteral("сообщения"),
+                                            QStringLiteral("сообщений"));
+    return QStringLiteral("Передано и подтверждено: %1 %2, %3 за %4, %5")
+        .arg(QString::number(count), noun, Global::sizeString(bytes),
+             Global::timeStringSec(clock.elapsed() / 1000),
+             Global::speedString(bytes * 1000 / qMax<qint64>(clock.elapsed(), 1)));
 }
 
 /// One live row on a terminal; elsewhere a line for every tenth of an item.

@@ -38,6 +38,7 @@ private:
     void retryOrEnd(int exitCode, const QString &trouble);
     void end(int exitCode, const QString &text);
     void showProgress();
+    QString summary() const;
 
     const CommandLine &line;
     CDelivery &delivery;

@@ -6,6 +6,7 @@
 namespace {
 
 constexpr qint64 mostTextBytes = 1024 * 1024;
+constexpr int mostRefusals = 16; // who goes on offering what we cannot take is not worth a connection
 constexpr int shownTextBytes = 2048;
 constexpr int shownTextLength = 500;
 
@@ -87,6 +88,8 @@ CItemReceiver::Reaction CItemReceiver::takeFinish(const FinishFrame &finish)
 CItemReceiver::Reaction CItemReceiver::refuse(const QString &reason)
 {
     message.reset();
+    if (++refusals > mostRefusals)
+        return fault(QStringLiteral("слишком много отказов"));
     Reaction reaction;
     reaction.reply = AnswerFrame{current.item, AnswerFrame::Refused, {}, reason}.toBytes();
     reaction.error = QStringLiteral("Не принято от '%1': %2. %3").arg(from, title(), reason);

@@ -41,6 +41,7 @@ private:
     std::unique_ptr<CIncomingMessage> message; // null: nothing under way, or the rest is passed over
     bool isOpen = false;                       // between an accepted offer and its end
     qint64 arrived = 0;
+    int refusals = 0;     // of this connection
     QByteArray beginning; // of a text, to show it
     CSha256 sha;
 };

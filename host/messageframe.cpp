@@ -277,7 +277,8 @@ CFrameReader::Step CFrameReader::next(FrameView *frame)
         }
         if (!collect(frameSize))
             return NeedMore;
-        *frame = {FrameType(kept.at(0)), {kept.constData() + headerSize, std::size_t(frameSize - headerSize)}};
+        *frame = {FrameType(kept.at(0)),
+                  {kept.constData() + headerSize, std::size_t(frameSize - headerSize)}};
         frameTaken = true;
         return Ready;
     }
