@@ -1,0 +1,10 @@
+#!/bin/bash
+# Measures the product beside its peers and prints tables: ./bench.sh [--rounds N] [area...]
+# Areas: stream roundtrip cycles burst live log saving small growth; all of them by default.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")"
+source scripts/prepare.sh
+
+prepare libasio-dev iperf3 libzmq3-dev libspdlog-dev liblog4cxx-dev python3 >&2
+build bench >&2
+exec python3 -B bench/driver/run.py --build build/bench "$@"

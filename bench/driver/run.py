@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+"""Measures the project beside its peers, in rounds, and prints tables.
+
+    run.py --build DIRECTORY [--rounds N] [area...]
+"""
+
+import argparse
+import datetime
+import os
+import platform
+import resource
+import shutil
+import sys
+import time
+
+import areas
+import bars
+import report
+from programs import Failed, Programs
+
+
+def machine():
+    system = "unknown system"
+    try:
+        with open("/etc/os-release", encoding="utf-8") as release:
+            names = dict(line.rstrip().split("=", 1) for line in release if "=" in line)
+        system = names.get("PRETTY_NAME", system).strip('"')
+    except OSError:
+        pass
+    return f"{datetime.date.today()}, {os.cpu_count()} processors, {system}, kernel {platform.release()}"
+
+
+def measure(programs, name, rounds):
+    """The rounds of one area, with what went wrong told at once."""
+    function, usual = areas.AREAS[name]
+    done = []
+    for number in range(rounds or usual):
+        try:
+            done.append(function(programs, number))
+        except Failed as error:
+            print(f"{name}, round {number + 1}: {error}", file=sys.stderr)
+    return done
+
+
+def print_area(name, rounds, seconds):
+    print(f"## {name}\n")
+    print(f"{len(rounds)} rounds, {seconds:.0f} s\n")
+    if not rounds:
+        return
+    if name in bars.BARS:
+        print("\n".join(report.standing(bars.BARS[name], rounds)))
+    print("\n".join(report.figures(rounds)), flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--build", required=True, help="directory of the build")
+    parser.add_argument("--rounds", type=int, default=0, help="instead of each area's own number")
+    parser.add_argument("area", nargs="*", help=", ".join(areas.AREAS))
+    options = parser.parse_args()
+    unknown = [name for name in options.area if name not in areas.AREAS]
+    if unknown:
+        parser.error(f"no area {unknown[0]}; there are {', '.join(areas.AREAS)}")
+
+    # Thousands of connections take two descriptors each.
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    programs = Programs(options.build)
+    complete = True
+    try:
+        print(f"Measured on {machine()}.\n")
+        for name in options.area or areas.AREAS:
+            begin = time.monotonic()
+            rounds = measure(programs, name, options.rounds)
+            complete = complete and bool(rounds)
+            print_area(name, rounds, time.monotonic() - begin)
+    finally:
+        shutil.rmtree(programs.files, ignore_errors=True)
+    return 0 if complete else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
