@@ -38,32 +38,37 @@ QString hexadecimal(int value)
     return QString::number(value, 16).rightJustified(4, QLatin1Char('0'));
 }
 
-// Gives rights to what is open, whatever its name stands for by now.
 // @param pattern text for the log: wanted rights, name, rights found, reason
+void reportFailure(const QString &pattern, const QString &name, int wanted, QFileDevice::Permissions found,
+                   const QString &reason)
+{
+    const int bits = static_cast<int>(found);
+    if ((bits & settableMask) != (wanted & settableMask))
+        debug(QStringLiteral("Global"), pattern.arg(hexadecimal(wanted), name, hexadecimal(bits), reason),
+              DebugAlways, DebugFlagNone);
+}
+
+// Gives rights to what is open, whatever its name stands for by now.
 bool apply(int descriptor, const QString &name, int wanted, const QString &pattern)
 {
     QFile file(QStringLiteral("/proc/self/fd/%1").arg(descriptor));
     const auto permissions = static_cast<QFileDevice::Permissions>(wanted);
     if (file.permissions() == permissions || file.setPermissions(permissions))
         return true;
-
-    const int found = static_cast<int>(file.permissions());
-    if ((found & settableMask) != (wanted & settableMask))
-        debug(QStringLiteral("Global"),
-              pattern.arg(hexadecimal(wanted), name, hexadecimal(found), file.errorString()), DebugAlways,
-              DebugFlagNone);
+    const QString reason = file.errorString();
+    reportFailure(pattern, name, wanted, file.permissions(), reason);
     return false;
 }
 
 void applyToDirectory(const QString &path, const QString &pattern)
 {
     const TrustedFile::Descriptor directory = TrustedFile::openJudged(path, nullptr, O_PATH);
+    const int reason = errno;
     if (directory.isOpen())
         apply(directory.get(), path, directoryPermissions(), pattern);
     else
-        debug(QStringLiteral("Global"),
-              pattern.arg(hexadecimal(directoryPermissions()), path, hexadecimal(0), qt_error_string(errno)),
-              DebugAlways, DebugFlagNone);
+        reportFailure(pattern, path, directoryPermissions(), QFile::permissions(path),
+                      qt_error_string(reason));
 }
 
 // From @a path up to, but not including, the installation directory.
