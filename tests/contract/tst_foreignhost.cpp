@@ -1,0 +1,330 @@
+// The built plug-in, driven by a host that shares no header and no object with it and even exports
+// symbols of the same names. Pins the binary contract: slots, members, meta-objects, DebugData.
+#include "foreigncontract.h"
+
+#include <QAbstractEventDispatcher>
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QMetaMethod>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+#include <QtEndian>
+
+#include <atomic>
+#include <memory>
+
+#include <dlfcn.h>
+
+// The host's own copies of what the plug-in has too; the plug-in must use neither.
+enum DebugLevel
+{
+    SomeLevel
+};
+enum DebugFlag
+{
+    SomeFlag
+};
+std::atomic<int> hostsDebugCalls{0};
+Q_DECL_EXPORT void debug(QString, const QString &, DebugLevel, DebugFlag)
+{
+    ++hostsDebugCalls;
+}
+struct ChannelIpSettings
+{
+    bool canCheckOnline;
+    int maxConnections, port, blockSizeKb;
+};
+extern Q_DECL_EXPORT ChannelIpSettings gIpSettings;
+ChannelIpSettings gIpSettings = {false, -1, -2, -3};
+
+namespace {
+
+class Monitor : public CChannelMonitor
+{
+public:
+    int addConnection(int kind, const QString &label, const QString &) override
+    {
+        const QMutexLocker locker(&mutex);
+        calls << QStringLiteral("add %1 %2").arg(kind).arg(label);
+        return 41;
+    }
+    void removeConnection(int handle) override { note("remove", handle); }
+    void setState(int handle, const QString &) override { note("state", handle); }
+    void addReceived(int handle, int) override { note("received", handle); }
+    void addSent(int handle, int) override { note("sent", handle); }
+
+    void note(const char *what, int handle)
+    {
+        const QMutexLocker locker(&mutex);
+        calls << QStringLiteral("%1 %2").arg(QLatin1String(what)).arg(handle);
+    }
+    QMutex mutex;
+    QStringList calls;
+};
+
+class Journal : public CJournal
+{
+public:
+    void addRecord(int kind, const QString &source, const QString &text) override
+    {
+        const QMutexLocker locker(&mutex);
+        records << QStringLiteral("%1 %2: %3").arg(QString::number(kind), source, text);
+    }
+    QMutex mutex;
+    QStringList records;
+};
+
+class Protocol : public CAbstractProtocol
+{
+public:
+    explicit Protocol(CChannel *c) : CAbstractProtocol(c) {}
+    ~Protocol() override { sawKeepAlive = keepAliveRequested; }
+    void start() override
+    {
+        CAbstractProtocol::start();
+        sawLabel = label + QLatin1Char('/') + remoteAbonentName + QLatin1Char('/') +
+                   remoteAbonentFilteredName + QLatin1Char('/') + QString::number(channel->number);
+        if (remoteAbonentName.isEmpty())
+            remoteAbonentName = QStringLiteral("Caller");
+        emit remoteAbonentNameChanged(remoteAbonentName);
+        connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this, [this] {
+            const QByteArray bytes = channel->read(channel->idealBlockSize());
+            if (!bytes.isEmpty()) {
+                wasUseful = true;
+                channel->write(bytes);
+            }
+            if (!channel->isConnected())
+                emit finished();
+        });
+    }
+    void stop() override
+    {
+        QMetaObject::invokeMethod(this, [this] {
+            channel->disconnectFromAbonent();
+            emit finished();
+        });
+    }
+
+    static QString sawLabel;
+    static std::atomic<bool> sawKeepAlive;
+};
+QString Protocol::sawLabel;
+std::atomic<bool> Protocol::sawKeepAlive{false};
+
+std::atomic<int> factoriesDeleted{0};
+class Factory : public CProtocolFactory
+{
+public:
+    ~Factory() override { ++factoriesDeleted; }
+    CAbstractProtocol *createProtocol(CChannel *channel) override { return new Protocol(channel); }
+};
+
+QByteArray bigEndian(qint32 value)
+{
+    QByteArray bytes(4, 0);
+    qToBigEndian(value, bytes.data());
+    return bytes;
+}
+
+int freePort()
+{
+    QTcpServer server;
+    server.listen(QHostAddress::LocalHost);
+    return server.serverPort();
+}
+
+QStringList ownMethods(const QMetaObject *meta)
+{
+    QStringList signatures;
+    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
+        QString text = QString::fromLatin1(meta->method(i).methodSignature());
+        for (const QByteArray &name : meta->method(i).parameterNames())
+            text += QLatin1Char(' ') + QString::fromLatin1(name);
+        signatures << text;
+    }
+    return signatures;
+}
+
+} // namespace
+
+class TestForeignHost : public QObject
+{
+    Q_OBJECT
+
+    void *library = nullptr;
+    DebugData logging;
+
+    template <typename Function>
+    Function entry(const char *name)
+    {
+        return reinterpret_cast<Function>(dlsym(library, name));
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QDir install(QCoreApplication::applicationDirPath() + QStringLiteral("/.."));
+        QDir(install.filePath(QStringLiteral("data"))).removeRecursively();
+        QVERIFY(install.mkpath(QStringLiteral("settings")));
+        library = dlopen(PLUGIN_FILE, RTLD_NOW | RTLD_GLOBAL);
+        QVERIFY2(library, dlerror());
+        QCOMPARE(entry<int (*)()>("apiVersion")(), 16);
+        entry<void (*)(DebugData *)>("initDebug")(&logging);
+    }
+
+    void pluginSlots()
+    {
+        auto *plugin = entry<CChannelPlugin *(*)()>("instance")();
+        auto *other = entry<CChannelPlugin *(*)()>("instance")();
+        QVERIFY(plugin != other);
+        QCOMPARE(plugin->type(), 1);
+        QCOMPARE(plugin->name(), QString::fromUtf8("IP-канал"));
+        int delay = 30;
+        plugin->incCallTimeout(&delay);
+        QCOMPARE(delay, 60);
+        plugin->decCallTimeout(&delay);
+        QCOMPARE(delay, 30);
+        const auto destroy = entry<void (*)(CChannelPlugin *)>("deleteInstance");
+        destroy(plugin);
+        destroy(other);
+        destroy(nullptr);
+    }
+
+    void serverMembersAndMethods()
+    {
+        auto *plugin = entry<CChannelPlugin *(*)()>("instance")();
+        std::unique_ptr<CChannelServer> server(plugin->create());
+        entry<void (*)(CChannelPlugin *)>("deleteInstance")(plugin); // servers may outlive it
+        QCOMPARE(server->first, 1);
+        QCOMPARE(server->monitorHandle, 0);
+        QVERIFY(!server->protocolFactory && !server->monitor && !server->journal);
+        const QMetaObject *contract = server->metaObject();
+        while (QByteArray(contract->className()) != "CChannelServer")
+            contract = contract->superClass();
+        QCOMPARE(ownMethods(contract), ownMethods(&CChannelServer::staticMetaObject));
+        const QStringList expected{
+            QStringLiteral("settingsWasChanged()"),
+            QStringLiteral("connectToAbonent(QString,QByteArray) abonentName abonentsData"),
+            QStringLiteral("disconnectFromAbonent(QString,int) abonentName connectionId"),
+            QStringLiteral("keepAliveConnection(int) connectionId"),
+            QStringLiteral("tryListen()"),
+            QStringLiteral("inputConnection()"),
+            QStringLiteral("internalStop()"),
+            QStringLiteral("serverAcceptError(QAbstractSocket::SocketError) error")};
+        QCOMPARE(ownMethods(server->metaObject()), expected);
+        server->protocolFactory = new Factory;
+        server.reset();
+        QCOMPARE(factoriesDeleted, 1);
+    }
+
+    void wholeLife()
+    {
+        const int port = freePort();
+        const QString conf =
+            QCoreApplication::applicationDirPath() + QStringLiteral("/../settings/channelIp.conf");
+        QFile file(conf);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(bigEndian(2) + '\1' + bigEndian(1) + bigEndian(port) + bigEndian(64));
+        file.close();
+
+        Monitor monitor;
+        Journal journal;
+        auto *plugin = entry<CChannelPlugin *(*)()>("instance")();
+        std::unique_ptr<CChannelServer> server(plugin->create());
+        server->monitorHandle = 7;
+        server->protocolFactory = new Factory;
+        server->monitor = &monitor;
+        server->journal = &journal;
+        QSignalSpy byText(server.get(), SIGNAL(connected(QString, int)));
+        QSignalSpy ended(server.get(), SIGNAL(disconnected(QString, int, bool)));
+        QSignalSpy refused(server.get(), SIGNAL(notConnected(QString)));
+        QSignalSpy finished(server.get(), SIGNAL(finished()));
+        std::atomic<int> byPointer{0};
+        connect(server.get(), &CChannelServer::connected, this, [&] { ++byPointer; });
+
+        server->start();
+        QVERIFY(server->hasFreeChannel() && server->isHardwareOn() && server->canCheckOnline());
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, quint16(port));
+        QVERIFY(byText.wait());
+        QCOMPARE(byText.first(), (QVariantList{QStringLiteral("Caller"), 1}));
+        QCOMPARE(Protocol::sawLabel, QString::fromUtf8("IP-канал 1///1"));
+        QVERIFY(!server->hasFreeChannel());
+        client.write("ping");
+        QVERIFY(QTest::qWaitFor([&] { return client.bytesAvailable() == 4; }));
+        server->keepAliveConnection(1);
+        server->keepAliveConnection(99); // logs in this thread
+        QMetaObject::invokeMethod(server.get(), "disconnectFromAbonent", Q_ARG(QString, QString()),
+                                  Q_ARG(int, 1));
+        QVERIFY(ended.wait());
+        QCOMPARE(ended.first(), (QVariantList{QStringLiteral("Caller"), 1, true}));
+        QVERIFY(QTest::qWaitFor([] { return Protocol::sawKeepAlive.load(); }));
+
+        QTcpServer abonent;
+        QVERIFY(abonent.listen(QHostAddress::LocalHost));
+        const QByteArray address = bigEndian(18) + QByteArray("\0"
+                                                              "1"
+                                                              "\0"
+                                                              "2"
+                                                              "\0"
+                                                              "7"
+                                                              "\0"
+                                                              "."
+                                                              "\0"
+                                                              "0"
+                                                              "\0"
+                                                              "."
+                                                              "\0"
+                                                              "0"
+                                                              "\0"
+                                                              "."
+                                                              "\0"
+                                                              "1",
+                                                              18);
+        server->connectToAbonent(QStringLiteral("Called One"),
+                                 bigEndian(2) + address + bigEndian(abonent.serverPort()));
+        QVERIFY(byText.wait());
+        QVERIFY(Protocol::sawLabel.endsWith(QStringLiteral("/Called One/calledone/1")));
+        server->connectToAbonent(QStringLiteral("Nobody"), bigEndian(2) + address + bigEndian(freePort()));
+        QVERIFY(refused.wait());
+        server->settingsWasChanged();
+        server->stop();
+        QVERIFY(finished.count() == 1 || finished.wait());
+        QCOMPARE(byPointer, 2);
+
+        for (const char *call :
+             {"state 7", "add 1 IP-канал 1", "sent 41", "received 41", "state 41", "remove 41"})
+            QVERIFY2(monitor.calls.contains(QString::fromUtf8(call)), call);
+        QCOMPARE(journal.records.first(), QString::fromUtf8("0 IP-канал: Запуск"));
+        QVERIFY(journal.records.contains(QString::fromUtf8("0 IP-канал: Остановка")));
+
+        server.reset();
+        entry<void (*)(CChannelPlugin *)>("deleteInstance")(plugin);
+    }
+
+    void loggingStateIsShared()
+    {
+        QVERIFY(!logging.tabulations.isEmpty());
+        const auto mine =
+            std::find_if(logging.tabulations.cbegin(), logging.tabulations.cend(),
+                         [](const Tabulation &t) { return t.thread == QThread::currentThread(); });
+        QVERIFY(mine != logging.tabulations.cend() &&
+                mine->tabLevel == int(mine - logging.tabulations.cbegin()) + 1);
+        QVERIFY(logging.mutex.tryLock()); // not left locked
+        logging.mutex.unlock();
+    }
+
+    void eachModuleHasItsOwnState()
+    {
+        QCOMPARE(hostsDebugCalls, 0);
+        QCOMPARE(gIpSettings.blockSizeKb, -3);
+        const auto *plugins = static_cast<const ChannelIpSettings *>(dlsym(library, "gIpSettings"));
+        QVERIFY(plugins && plugins != &gIpSettings && plugins->blockSizeKb == 64);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestForeignHost)
+#include "tst_foreignhost.moc"
