@@ -58,7 +58,7 @@ void CIpChannel::write(const QByteArray &data)
 
 QByteArray CIpChannel::read(int maxSize)
 {
-    if (!socket)
+    if (!socket || !socket->isOpen())
         return {};
     QByteArray bytes = socket->read(maxSize);
     if (!bytes.isEmpty())

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -32,6 +33,12 @@ CIpServer::CIpServer() : listenRetry(this), firstFree(std::make_shared<std::atom
     listenRetry.setSingleShot(true);
     listenRetry.setInterval(listenRetryMs);
     connect(&listenRetry, &QTimer::timeout, this, &CIpServer::tryListen);
+    acceptReportPause.setSingleShot(true);
+    acceptReportPause.setInterval(acceptReportMs);
+    connect(&acceptReportPause, &QTimer::timeout, this, [this] {
+        if (const auto report = std::exchange(heldReport, nullptr))
+            report();
+    });
 }
 
 CIpServer::~CIpServer()
@@ -155,9 +162,11 @@ void CIpServer::serverAcceptError(QAbstractSocket::SocketError error)
 /// Says that a connection could not be taken, once a second at most.
 void CIpServer::reportAcceptError(QAbstractSocket::SocketError error, const QString &text)
 {
-    if (sinceAcceptReport.isValid() && !sinceAcceptReport.hasExpired(acceptReportMs))
+    if (acceptReportPause.isActive()) {
+        heldReport = [this, error, text] { reportAcceptError(error, text); };
         return;
-    sinceAcceptReport.start();
+    }
+    acceptReportPause.start();
     log(QStringLiteral("Ошибка приема входящего соединения: %1. %2").arg(QString::number(error), text));
     journal->addRecord(JournalEvent, name(),
                        QStringLiteral("Ошибка приема входящего соединения: %1").arg(text));

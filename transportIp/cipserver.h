@@ -12,11 +12,11 @@
 #include "transportIp/ctcpserver.h"
 
 #include <QAbstractSocket>
-#include <QElapsedTimer>
 #include <QList>
 #include <QTimer>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 
 /// The IP implementation of a channel server. Everything but its signals is [server thread].
@@ -65,7 +65,8 @@ private:
     QList<CIpThread *> threads;      // owned; all workers since the last stop, running or not
 
     QTimer listenRetry;
-    QElapsedTimer sinceAcceptReport; // accept errors are reported once a second at most
+    QTimer acceptReportPause;         // runs for a second after an accept error was reported
+    std::function<void()> heldReport; // the last one that came meanwhile; said when the second is over
 
     // No worker before this index is free. The workers' threads lower it, also after a stop, when a
     // worker left behind ends at last: so it is shared.

@@ -9,6 +9,7 @@
 #include "transportIp/cstoprequests.h"
 
 #include <QDebug>
+#include <QElapsedTimer>
 
 #include <algorithm>
 #include <cerrno>
@@ -179,6 +180,8 @@ void CIpServer::internalStop()
 {
     TRACE_FUNCTION;
     monitor->setState(monitorHandle, QStringLiteral("Выключение"));
+    acceptReportPause.stop();
+    heldReport = nullptr;
     if (tcpServer)
         tcpServer->pause();
 

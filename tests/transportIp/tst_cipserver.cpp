@@ -5,6 +5,7 @@
 
 #include "common/debugdata.h"
 #include "common/directorylayout.h"
+#include "common/logwriter.h"
 #include "transportIp/cipserver.h"
 #include "transportIp/cipsettings.h"
 
@@ -14,7 +15,8 @@
 #include <QTcpServer>
 #include <QTest>
 
-#include <fcntl.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -263,11 +265,11 @@ private Q_SLOTS:
         host->takeSignals();
         server->connectToAbonent(QStringLiteral("cancelled"), recordFor(ntohs(address.sin_port)));
         server->disconnectFromAbonent(QStringLiteral("Cancelled"), -1);
-        QVERIFY(QTest::qWaitFor([&] { return host->monitor.shown() == 0; }));
-        QVERIFY2(clock.elapsed() < 100, qPrintable(QString::number(clock.elapsed())));
-        QVERIFY(host->journal.contains(
+        const QString cancelled =
             QStringLiteral("0 Вызов отменен: Вызываем абонента 'cancelled' (127.0.0.1:%1)")
-                .arg(ntohs(address.sin_port))));
+                .arg(ntohs(address.sin_port));
+        QVERIFY(QTest::qWaitFor([&] { return host->journal.contains(cancelled); }));
+        QVERIFY2(clock.elapsed() < 100, qPrintable(QString::number(clock.elapsed())));
         QVERIFY(host->takeSignals().isEmpty());
         ::close(silent);
     }
@@ -322,9 +324,8 @@ private Q_SLOTS:
     void endsAConnectionThatIsDeadFromTheStart()
     {
         CIpThread worker(server.get(), 99);
-        const int closed = ::dup(0);
-        ::close(closed);
-        QVERIFY(worker.answer(closed));
+        constexpr int neverOpened = 1000;
+        QVERIFY(worker.answer(neverOpened));
         QVERIFY(worker.wait(5000));
         QCOMPARE(host->factory->made, 1);
         QCOMPARE(host->monitor.shown(), 0);
@@ -426,10 +427,10 @@ private Q_SLOTS:
             const double share = double(::clock() - cpu) / CLOCKS_PER_SEC / 1.5;
             setrlimit(RLIMIT_NOFILE, &before);
             QVERIFY2(share < 0.3, qPrintable(QString::number(share)));
-            const QStringList records = host->journal.take();
-            QVERIFY2(records.size() >= 1 && records.size() <= 3, qPrintable(records.join(QLatin1Char('|'))));
-            QVERIFY(records.first().startsWith(
-                QStringLiteral("0 IP-канал: Ошибка приема входящего соединения: ")));
+            const int errors = host->journal.take()
+                                   .filter(QStringLiteral("0 IP-канал: Ошибка приема входящего соединения: "))
+                                   .size();
+            QVERIFY2(errors >= 1 && errors <= 3, qPrintable(QString::number(errors)));
             QVERIFY(echoes(connectedClient().get(), "served again"));
         }
     }
