@@ -80,9 +80,9 @@ Q_SIGNALS:
     /// A stop is complete; the server may be deleted or started again. [server thread]
     void finished();
 
-public: // in this order; set by the host between create() and start()
-    int hostValue = 1; // the host's own; channels leave it alone
-    int monitorHandle = 0;                       // the channel's own entry in the monitor
+public:                    // in this order; set by the host between create() and start()
+    int hostValue = 1;     // the host's own; channels leave it alone
+    int monitorHandle = 0; // the channel's own entry in the monitor
     CProtocolFactory *protocolFactory = nullptr; // owned
     CChannelMonitor *monitor = nullptr;          // the host's
     CJournal *journal = nullptr;                 // the host's
