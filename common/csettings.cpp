@@ -234,6 +234,8 @@ bool SettingsPointer::tryToWrite(int lockTimeoutMs, int *reason)
     pending = unwritten;
     accept(fresh);
     const SettingsFile::Stamp now = SettingsFile::stamp(encodedPath.constData());
+    if (warnedStamp == lastStamp)
+        warnedStamp = now.id; // what was wrong has been said
     rereadSoon = now.isFresh;
     lastStamp.store(now.id, std::memory_order_release);
     return true;
