@@ -152,7 +152,7 @@ int CLogFile::open(const LogPreparation &preparation)
 {
     for (int attempt = 0; attempt < openAttempts; ++attempt) {
         descriptor = TrustedFile::openOwn(place.file, O_WRONLY | O_APPEND);
-        if (!descriptor.isOpen() && errno == ENOENT) {
+        if (!descriptor.isOpen() && (errno == ENOENT || errno == ENOTDIR)) {
             if ((preparation.ready & LogPreparation::Permissions) == 0)
                 return LogPreparation::Permissions;
             bool created = false;
@@ -238,7 +238,8 @@ void CLogFile::writeLines(const QByteArray &record, ssize_t written)
         }
         for (int retry = 0; retry < writeRetries && done < end; ++retry)
             done += static_cast<int>(std::max<ssize_t>(writeSome(record.constData() + done, end - done), 0));
-        lineIsTorn = done < end && done > start;
+        if (done > start)
+            lineIsTorn = done < end;
         done = end;
         isTried = false;
     }
