@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QMap>
 #include <QRandomGenerator>
+#include <QSet>
 
 #include <algorithm>
 
@@ -49,11 +50,13 @@ namespace Global {
 QString nextMessageDirName(const QDir &directory)
 {
     const CTerminationGuard guard;
-    static LastNumbers &map = *new LastNumbers; // threads may still name while the process exits
+    static LastNumbers &map = *new LastNumbers;           // threads may still name while the process exits
+    static QSet<QString> &overtaken = *new QSet<QString>; // keys whose last call has found no free name
 
     const QString key = directory.absolutePath();
-    const auto known = map.constFind(key);
-    const qint64 last = known == map.constEnd() ? lastMessageNumber(directory) : *known;
+    qint64 last = map.value(key, 0);
+    if (!map.contains(key) || overtaken.remove(key)) // others are far ahead: look where they are
+        last = qMax(last, lastMessageNumber(directory));
     for (qint64 number = last + 1; number <= last + messageCandidates; ++number) {
         const QString name = numberName(number);
         if (directory.exists(name))
@@ -61,6 +64,7 @@ QString nextMessageDirName(const QDir &directory)
         map.insert(key, number);
         return name;
     }
+    overtaken.insert(key);
     return QString();
 }
 

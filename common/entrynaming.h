@@ -8,10 +8,10 @@
 // next name when somebody was quicker:
 //
 //     QString created;
-//     for (int attempt = 0; attempt < 100 && created.isEmpty(); ++attempt) {
+//     for (int attempt = 0; attempt < 1000 && created.isEmpty(); ++attempt) {
 //         const QString name = Global::nextMessageDirName(directory);
 //         if (name.isEmpty())
-//             break;                              // 100 names in a row are taken
+//             continue;                           // 100 in a row are taken; the next call looks anew
 //         if (directory.mkdir(name))              // fails when the entry exists
 //             created = name;
 //         else if (!directory.exists(name))
@@ -31,7 +31,7 @@ class QDir;
 namespace Global {
 
 /// A name like "00000042" that @a directory does not hold yet.
-/// @return a null text when the next 100 names are all taken
+/// @return a null text when the next 100 names are all taken; the next call looks at the directory again
 /// [any thread], one call at a time in a process: the caller serialises
 RUNTIME_EXPORT QString nextMessageDirName(const QDir &directory);
 

@@ -91,6 +91,10 @@ void TestEntryNaming::keepsCountingByTheKey()
     QCOMPARE(Global::nextTaskFileName(absolute), QStringLiteral("00000001.task")); // two paths as written
     QVERIFY(absolute.mkdir(QStringLiteral("00000050")));
     QCOMPARE(Global::nextMessageDirName(absolute), QStringLiteral("00000003")); // no second scan
+    for (int number = 4; number <= 103; ++number)
+        absolute.mkdir(QStringLiteral("%1").arg(number, 8, 10, QLatin1Char('0')));
+    QVERIFY(Global::nextMessageDirName(absolute).isNull());
+    QCOMPARE(Global::nextMessageDirName(absolute), QStringLiteral("00000104")); // but when overtaken
 }
 
 QTEST_GUILESS_MAIN(TestEntryNaming)
