@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int progressMs = 200;
+constexpr int progressMs = 50;
 constexpr int keepMs = 10000;
 constexpr int noWordReserveMs = 20000; // beyond what the channel may take to connect
 
