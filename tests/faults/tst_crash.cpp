@@ -80,9 +80,7 @@ void TestCrash::leavesAWholeVersion()
 {
     const int kills = qEnvironmentVariableIsSet("IPCHANNEL_LONG") ? 3000 : 500;
     // In memory the disk's waiting does not outweigh the moments that matter.
-    const QTemporaryDir place(QFileInfo(QStringLiteral("/dev/shm")).isWritable()
-                                  ? QStringLiteral("/dev/shm/tst_crash-XXXXXX")
-                                  : QDir::tempPath() + QLatin1String("/tst_crash-XXXXXX"));
+    const QTemporaryDir place(quickTemplate());
     const QString target = place.filePath(QStringLiteral("F"));
     void *const shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     auto *const saved = static_cast<volatile int *>(shared);

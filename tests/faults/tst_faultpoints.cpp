@@ -253,6 +253,7 @@ private Q_SLOTS:
 
 private:
     int points[2] = {0, 0}; // once, onward
+    QStringList allStruck;
 };
 
 void TestFaultPoints::initTestCase()
@@ -279,7 +280,7 @@ void TestFaultPoints::survives()
     for (const int error : {ENOSPC, EIO, EACCES, EINTR, Fault::Short}) {
         for (const bool onward : {false, true}) {
             for (int nth = 1, hits = 1; hits > 0; ++nth) {
-                const QTemporaryDir directory;
+                const QTemporaryDir directory(quickTemplate());
                 place = directory.path();
                 debug(QStringLiteral("Fault"), QStringLiteral("before"), DebugAlways, DebugFlagFileOnly);
                 emptyLogs();
@@ -293,6 +294,7 @@ void TestFaultPoints::survives()
                 struck = QString::fromStdString(Fault::struck());
                 once = !onward;
                 points[onward] += hits > 0;
+                allStruck += struck;
                 const QString complaint = operation.complaint(result, hits > 0 ? error : 0) +
                                           unless(openDescriptors() <= before, " descriptor");
                 QVERIFY2(complaint.isEmpty(),
@@ -311,6 +313,9 @@ void TestFaultPoints::cleanupTestCase()
 {
     std::printf("%d calls failed once, %d runs in which all failed from there on\n", points[0], points[1]);
     QVERIFY(points[0] >= 300);
+    for (const Owed &owed : owedBySaves) // a call that is never made could not fail
+        QVERIFY2(allStruck.contains(QLatin1String(owed.call)), owed.call);
+    QVERIFY(!allStruck.filter(QStringLiteral("fsync tst_faultpoints")).isEmpty()); // of the place
 }
 
 QTEST_GUILESS_MAIN(TestFaultPoints)

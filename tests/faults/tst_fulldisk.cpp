@@ -6,8 +6,6 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
 using namespace TestInstallation;
@@ -18,13 +16,6 @@ const char *const writeFails =
     "Не удалось записать все данные в файл за отведенное время. No space left on device";
 const char *const openFails = "Не удалось открыть файл для записи. No space left on device.";
 const char *const tooLarge = "Не удалось записать все данные в файл за отведенное время. File too large";
-
-// A disk of this process alone. @return false where the system does not let us
-bool mountSmallDisk(const QString &place, const char *options)
-{
-    return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           ::mount("none", qPrintable(place), "tmpfs", 0, options) == 0;
-}
 
 // Fills the disk but for @a left bytes.
 void fill(const QString &name, int left)
@@ -76,7 +67,7 @@ void TestFullDisk::keepsTheOldContents()
     const QTemporaryDir place;
     const QString target = place.filePath(QStringLiteral("F"));
     const auto save = [&](int size) -> QString {
-        if (!disk.isEmpty() && !mountSmallDisk(place.path(), disk.constData()))
+        if (!disk.isEmpty() && !Forked::mountDisk(place.path(), disk.constData()))
             return QStringLiteral("no mount");
         Global::safeSaving(target, QByteArray("first")); // and what is read once per process
         if (!disk.isEmpty())

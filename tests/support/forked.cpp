@@ -1,6 +1,8 @@
 #include "tests/support/forked.h"
 
 #include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +57,12 @@ QString text(const std::function<QString()> &work, uid_t user)
     if (result != 0)
         return QStringLiteral("signal %1").arg(result - 1000);
     return QString::fromUtf8(bytes.left(static_cast<int>(count)));
+}
+
+bool mountDisk(const QString &directory, const char *options)
+{
+    return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount("none", qPrintable(directory), "tmpfs", 0, options) == 0;
 }
 
 } // namespace Forked

@@ -18,4 +18,9 @@ int run(const std::function<int()> &work, uid_t user = 0);
 /// The same for a text as the result; of a child that was ended it is "signal N".
 QString text(const std::function<QString()> &work, uid_t user = 0);
 
+/// Inside a fork: puts an empty disk in memory over a directory, for the fork alone.
+/// @param options of the mount: size=, nr_inodes=
+/// @return false where the system does not let us
+bool mountDisk(const QString &directory, const char *options);
+
 } // namespace Forked

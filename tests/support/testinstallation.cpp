@@ -59,4 +59,11 @@ QByteArray read(const QString &fileName)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+QString quickTemplate()
+{
+    const QString memory = QStringLiteral("/dev/shm");
+    return (QFileInfo(memory).isWritable() ? memory : QDir::tempPath()) + QLatin1Char('/') +
+           QCoreApplication::applicationName() + QLatin1String("-XXXXXX");
+}
+
 } // namespace TestInstallation

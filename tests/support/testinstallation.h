@@ -24,4 +24,7 @@ QByteArray log(int level = 0);
 bool write(const QString &fileName, const QByteArray &data);
 QByteArray read(const QString &fileName);
 
+/// For a QTemporaryDir that lies in memory, where there is such a place: there a sync costs nothing.
+QString quickTemplate();
+
 } // namespace TestInstallation
