@@ -27,7 +27,7 @@ int CConsoleMonitor::addConnection(int kind, const QString &label, const QString
     Q_UNUSED(kind)
     int handle = 0;
     {
-        const QMutexLocker lock(&mutex);
+        const std::lock_guard lock(mutex);
         handle = ++lastHandle;
         Entry &entry = entries[handle];
         entry.label = label;
@@ -42,7 +42,7 @@ void CConsoleMonitor::removeConnection(int handle)
 {
     Entry gone;
     {
-        const QMutexLocker lock(&mutex);
+        const std::lock_guard lock(mutex);
         const auto found = entries.find(handle);
         if (found == entries.end())
             return;
@@ -57,7 +57,7 @@ void CConsoleMonitor::setState(int handle, const QString &text)
 {
     QString label;
     {
-        const QMutexLocker lock(&mutex);
+        const std::lock_guard lock(mutex);
         const auto found = entries.find(handle);
         if (found == entries.end() || found->second.state == text)
             return;
@@ -80,7 +80,7 @@ void CConsoleMonitor::addSent(int handle, int bytes)
 
 QString CConsoleMonitor::originOf(const QString &label) const
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     // From the newest: a label is used again, and an old entry may be about to go.
     for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
         if (entry->second.label == label)
@@ -92,7 +92,7 @@ QString CConsoleMonitor::originOf(const QString &label) const
 void CConsoleMonitor::count(int handle, qint64 received, qint64 sent)
 {
     {
-        const QMutexLocker lock(&mutex);
+        const std::lock_guard lock(mutex);
         const auto found = entries.find(handle);
         if (found == entries.end())
             return;
@@ -126,7 +126,7 @@ void CConsoleMonitor::refresh()
     bool isMoving = false;
     QStringList rows;
     {
-        const QMutexLocker lock(&mutex);
+        const std::lock_guard lock(mutex);
         for (auto &[handle, entry] : entries) {
             Q_UNUSED(handle)
             const qint64 bytes = entry.received + entry.sent;

@@ -4,13 +4,13 @@
 #include "interfaces/cchannelmonitor.h"
 
 #include <QElapsedTimer>
-#include <QMutex>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 
 #include <atomic>
 #include <map>
+#include <mutex>
 
 class CConsole;
 
@@ -63,7 +63,7 @@ private:
     const Style style;
     QElapsedTimer sinceRefresh;          // the object's thread's own
     std::atomic<bool> refreshDue{false}; // any thread
-    mutable QMutex mutex;                // guards the two below
+    mutable std::mutex mutex;            // guards the two below
     std::map<int, Entry> entries;
     int lastHandle = 0;
 };

@@ -33,7 +33,7 @@ void CDelivery::addText(const QString &text)
 
 int CDelivery::takeUp()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     now.current = now.confirmed < int(list.size()) ? now.confirmed : -1;
     now.sent = 0;
     begun = steady_clock::now();
@@ -42,13 +42,13 @@ int CDelivery::takeUp()
 
 void CDelivery::addSent(qint64 bytes)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     now.sent += bytes;
 }
 
 void CDelivery::confirm()
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     ++now.confirmed;
     now.current = -1;
     if (now.confirmed == int(list.size()))
@@ -57,14 +57,14 @@ void CDelivery::confirm()
 
 void CDelivery::fail(State state, const QString &trouble)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     now.state = state;
     now.trouble = trouble;
 }
 
 void CDelivery::setDown(const QString &trouble)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     now.current = -1;
     if (!trouble.isNull() && now.state == UnderWay)
         now.trouble = trouble;
@@ -72,7 +72,7 @@ void CDelivery::setDown(const QString &trouble)
 
 CDelivery::Progress CDelivery::progress() const
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     Progress result = now;
     if (result.current >= 0)
         result.elapsedMs = duration_cast<milliseconds>(steady_clock::now() - begun).count();

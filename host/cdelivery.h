@@ -5,10 +5,10 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMutex>
 #include <QString>
 
 #include <chrono>
+#include <mutex>
 #include <vector>
 
 class CDelivery
@@ -63,7 +63,7 @@ public:
 
 private:
     std::vector<Item> list;
-    mutable QMutex mutex; // guards the two below
+    mutable std::mutex mutex; // guards the two below
     Progress now;
     std::chrono::steady_clock::time_point begun;
 };

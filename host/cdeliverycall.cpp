@@ -35,11 +35,19 @@ CDeliveryCall::CDeliveryCall(const CommandLine &how, CDelivery &what, CMessenger
 void CDeliveryCall::begin()
 {
     clock.start();
+    messenger.plugin()->decCallTimeout(&retryDelay); // down to the shortest that the channel allows
     call();
+}
+
+void CDeliveryCall::cancel(int exitCode)
+{
+    end(exitCode, QStringLiteral("Передача прервана"));
 }
 
 void CDeliveryCall::call()
 {
+    if (isOver)
+        return;
     CChannelServer *server = messenger.server();
     isCalling = true;
     wasConnected = false;
@@ -83,6 +91,8 @@ void CDeliveryCall::disconnected(const QString &abonentName, int connectionId, b
 
 void CDeliveryCall::callEnded()
 {
+    if (isOver)
+        return;
     isCalling = false;
     connection = -1;
     noWord.stop();
@@ -115,13 +125,19 @@ void CDeliveryCall::retryOrEnd(int exitCode, const QString &trouble)
         return end(exitCode, trouble);
     if (retriesLeft > 0)
         --retriesLeft;
-    messenger.plugin()->incCallTimeout(&retryDelay);
     console.line(QStringLiteral("%1. Повтор через %2").arg(trouble, Global::timeStringSec(retryDelay)));
     QTimer::singleShot(retryDelay * 1000, this, &CDeliveryCall::call);
+    messenger.plugin()->incCallTimeout(&retryDelay); // for the next time
 }
 
 void CDeliveryCall::end(int exitCode, const QString &text)
 {
+    if (isOver)
+        return;
+    isOver = true;
+    progressTimer.stop();
+    keepTimer.stop();
+    noWord.stop();
     console.setLiveRows({});
     console.line(text);
     emit over(exitCode);

@@ -23,6 +23,9 @@ public:
     /// Places the first call. over() follows.
     void begin();
 
+    /// Gives the delivery up, whatever is under way. over() follows at once.
+    void cancel(int exitCode);
+
 Q_SIGNALS:
     /// The delivery is done or given up.
     void over(int exitCode);
@@ -51,6 +54,7 @@ private:
     QElapsedTimer clock;    // of the whole delivery
     int connection = -1;    // its identifier, while there is one
     bool isCalling = false; // between a call and its end
+    bool isOver = false;    // and nothing may follow
     bool wasConnected = false;
     int retriesLeft;
     int retryDelay = 0; // seconds, stepped by the plug-in

@@ -5,11 +5,11 @@
 #include "host/foreigntext.h"
 
 #include <QFile>
-#include <QMutex>
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <mutex>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,8 +24,8 @@ constexpr int newFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXE
 /// The runtime gives out names to one thread at a time.
 QString nextName(const QDir &directory)
 {
-    static QMutex mutex;
-    const QMutexLocker lock(&mutex);
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
     return Global::nextMessageDirName(directory);
 }
 

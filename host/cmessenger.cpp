@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr int settleMs = 300; // a save passes through states in which the file is missing
+
 QByteArray currentChannelSettings()
 {
     QFile file(Global::channelIpSettingsFilePath());
@@ -22,7 +24,12 @@ QByteArray currentChannelSettings()
 CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor,
                        const CMessageProtocol::Surroundings &around)
     : console(shownOn), monitor(onMonitor), surroundings(around)
-{}
+{
+    settled.setSingleShot(true);
+    settled.setInterval(settleMs);
+    connect(&settled, &QTimer::timeout, this, &CMessenger::readSettings);
+    connect(&watcher, &QFileSystemWatcher::directoryChanged, &settled, [this] { settled.start(); });
+}
 
 CMessenger::~CMessenger() = default;
 
@@ -76,7 +83,6 @@ void CMessenger::open()
 
     Global::makePath(Global::settingsDir());
     channelSettings = currentChannelSettings();
-    connect(&watcher, &QFileSystemWatcher::directoryChanged, this, &CMessenger::settingsTouched);
     watcher.addPath(Global::settingsDir().absolutePath());
 }
 
@@ -111,11 +117,16 @@ void CMessenger::serverFinished()
     emit closed();
 }
 
-/// A file of the settings directory has changed. Servers read theirs again if it is that one.
-void CMessenger::settingsTouched()
+/// Something in the settings directory has changed. Servers read their settings again if it is those.
+void CMessenger::readSettings()
 {
+    if (isClosing)
+        return;
+    const QString path = Global::channelIpSettingsFilePath();
+    if (!QFile::exists(path) && QFile::exists(path + QStringLiteral(".old")))
+        return settled.start(); // in the middle of a save
     const QByteArray now = currentChannelSettings();
-    if (now == channelSettings || isClosing)
+    if (now == channelSettings)
         return;
     channelSettings = now;
     for (const Channel &channel : channels)

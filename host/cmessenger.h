@@ -11,6 +11,7 @@
 
 #include <QFileSystemWatcher>
 #include <QObject>
+#include <QTimer>
 
 #include <memory>
 #include <vector>
@@ -52,7 +53,7 @@ Q_SIGNALS:
 
 private Q_SLOTS:
     void serverFinished();
-    void settingsTouched();
+    void readSettings();
 
 private:
     struct Channel
@@ -68,5 +69,6 @@ private:
     int runningServers = 0;
     bool isClosing = false;
     QFileSystemWatcher watcher; // of the settings directory
+    QTimer settled;             // since the last change in it
     QByteArray channelSettings; // contents of channelIp.conf when last seen
 };

@@ -4,7 +4,7 @@
 
 void CUnnamedCallers::add(CUnnamedCaller *caller, const QString &origin)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     const auto ofOrigin = std::count_if(list.begin(), list.end(),
                                         [&origin](const Entry &entry) { return entry.origin == origin; });
     if (ofOrigin >= perOrigin)
@@ -16,7 +16,7 @@ void CUnnamedCallers::add(CUnnamedCaller *caller, const QString &origin)
 
 void CUnnamedCallers::remove(CUnnamedCaller *caller)
 {
-    const QMutexLocker lock(&mutex);
+    const std::lock_guard lock(mutex);
     list.remove_if([caller](const Entry &entry) { return entry.caller == caller; });
 }
 

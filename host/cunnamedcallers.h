@@ -4,10 +4,10 @@
 // and for each origin; the oldest gives way, so a flood of silent ones keeps no honest caller out.
 #pragma once
 
-#include <QMutex>
 #include <QString>
 
 #include <list>
+#include <mutex>
 
 /// A connection that may have to give way.
 class CUnnamedCaller
@@ -43,6 +43,6 @@ private:
 
     const int inAll;
     const int perOrigin;
-    QMutex mutex;          // guards the list, and its callers against going away
+    std::mutex mutex;      // guards the list, and its callers against going away
     std::list<Entry> list; // oldest first
 };

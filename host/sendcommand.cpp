@@ -33,9 +33,9 @@ int runSend(const CommandLine &line)
         program.console.line(QStringLiteral("Текст длиннее 1 МБайт: передайте его файлом"));
         return ExitUsage;
     }
-    const int code = program.prepare();
-    if (code != ExitDone)
-        return code;
+    int exitCode = program.prepare();
+    if (exitCode != ExitDone)
+        return exitCode;
     if (!program.messenger.keepOnly(ipKind))
         return ExitTrouble;
 
@@ -45,18 +45,13 @@ int runSend(const CommandLine &line)
         program.journal.hide(program.messenger.plugin()->name());
     program.messenger.open();
 
-    int exitCode = ExitTrouble;
     CDeliveryCall call(line, delivery, program.messenger, program.console);
-    const auto leave = [&program, &exitCode](int withCode) {
-        exitCode = withCode;
+    QObject::connect(&call, &CDeliveryCall::over, &program.messenger, [&program, &exitCode](int code) {
+        exitCode = code;
         program.messenger.close();
-    };
-    QObject::connect(&call, &CDeliveryCall::over, &program.messenger, leave);
-    QObject::connect(&program.interruption, &CInterruption::requested, &program.messenger,
-                     [&](int signalNumber) {
-                         program.console.line(QStringLiteral("Передача прервана"));
-                         leave(ExitInterrupted + signalNumber);
-                     });
+    });
+    QObject::connect(&program.interruption, &CInterruption::requested, &call,
+                     [&call](int signalNumber) { call.cancel(ExitInterrupted + signalNumber); });
     QObject::connect(&program.messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
     QMetaObject::invokeMethod(&call, &CDeliveryCall::begin, Qt::QueuedConnection);
     QCoreApplication::exec();

@@ -167,7 +167,7 @@ class TestConversation : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(alfa.listen()); }
+    void worksBesideABrokenLibrary();
     void deliversTextsAndFiles();
     void tellsScriptsHowItEnded();
     void refusesWhatDoesNotMatch();
@@ -182,11 +182,21 @@ private:
     Abonent beta{QStringLiteral("Бета")};
 };
 
+void TestConversation::worksBesideABrokenLibrary()
+{
+    const QString plugins = alfa.directory.filePath(QStringLiteral("bin/channelPlugins/"));
+    QVERIFY(TestInstallation::write(plugins + QStringLiteral("broken.so"), "not a library"));
+    Abonent::place(OLD_CHANNEL_FILE, plugins + QStringLiteral("old.so"));
+    QVERIFY(alfa.listen());
+    QVERIFY(alfa.sees(QStringLiteral("Не удалось загрузить модуль канала broken.so")));
+    QVERIFY(alfa.sees(QStringLiteral("old.so сделан для версии договора 15, а программе нужна версия 16")));
+}
+
 void TestConversation::deliversTextsAndFiles()
 {
     QByteArray contents(5000001, '\0');
     for (int i = 0; i < contents.size(); ++i)
-        contents[i] = char(i * i >> 7);
+        contents[i] = char(quint32(i) * quint32(i) >> 7);
     const QString file = beta.directory.filePath(QStringLiteral("файл %1.bin"));
     const QString empty = beta.directory.filePath(QStringLiteral("message.txt"));
     QVERIFY(TestInstallation::write(file, contents) && TestInstallation::write(empty, QByteArray()));

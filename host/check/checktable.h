@@ -1,0 +1,22 @@
+// All checks, in the order in which they are shown.
+#pragma once
+
+#include <vector>
+
+class CStage;
+class QString;
+
+struct Check
+{
+    const char *name;
+    const char *needs; // the check without which this one has no sense; null: none
+    const char *title; // what holds when it passes, in Russian
+    bool placesCalls;
+    QString (*run)(CStage &stage); // null when it has passed, else what is wrong
+};
+
+const std::vector<Check> &checkTable();
+
+/// Runs one check in this process and prints its result for the parent.
+/// @return the process's exit code
+int runCheckHere(CStage &stage, const QString &name);

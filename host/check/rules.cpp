@@ -1,0 +1,252 @@
+#include "host/check/rules.h"
+
+#include "common/namefilter.h"
+#include "host/check/cwitness.h"
+#include "interfaces/cjournal.h"
+
+#include <QStringList>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+namespace {
+
+bool isProtocols(const Event &event)
+{
+    return event.number > 0 &&
+           (event.what == What::Create || event.what == What::Start || event.what == What::Gone);
+}
+
+/// Names with their flags, sorted, of all events of a sort that have a name.
+QStringList ends(const CWitness &witness, What what, bool withFlag)
+{
+    QStringList texts;
+    for (const Event &event : witness.events()) {
+        if (event.what == what && !event.text.isEmpty())
+            texts << event.text +
+                         (withFlag ? QStringLiteral(" (wasUseful %1)").arg(event.value) : QString());
+    }
+    texts.sort();
+    return texts;
+}
+
+QString compareEnds(const CWitness &witness, bool withFlag)
+{
+    const QStringList wanted = ends(witness, What::Gone, withFlag);
+    const QStringList seen = ends(witness, What::Disconnected, withFlag);
+    if (seen == wanted)
+        return QString();
+    return QStringLiteral("Закончились соединения: %1; сигналы disconnected: %2")
+        .arg(wanted.join(QLatin1String(", ")), seen.join(QLatin1String(", ")));
+}
+
+} // namespace
+
+QString Rules::presets(const CWitness &witness)
+{
+    QStringList labels;
+    for (const Event &event : witness.events()) {
+        if (event.what == What::AddConnection)
+            labels << event.text;
+    }
+    for (const Presets &each : witness.presets()) {
+        if (each.label.isEmpty() || !labels.contains(each.label))
+            return QStringLiteral("До start() протоколу не дана метка соединения из монитора: '%1'")
+                .arg(each.label);
+        if (each.filteredName != Global::filterName(each.name))
+            return QStringLiteral("remoteAbonentFilteredName '%1' не соответствует имени '%2'")
+                .arg(each.filteredName, each.name);
+        if (each.kind != witness.kind)
+            return QStringLiteral("Вид канала CChannel::kind равен %1, а type() модуля - %2")
+                .arg(each.kind)
+                .arg(witness.kind);
+    }
+    return QString();
+}
+
+QString Rules::signalThreads(const CWitness &witness)
+{
+    std::set<int> connectionThreads;
+    for (const Event &event : witness.events()) {
+        if (event.what == What::Create)
+            connectionThreads.insert(event.thread);
+        else if ((event.what == What::Connected || event.what == What::Finished) &&
+                 event.thread != witness.serverThread)
+            return QStringLiteral("%1 пришел не из потока сервера")
+                .arg(event.what == What::Finished ? QStringLiteral("finished") : QStringLiteral("connected"));
+        else if (event.what == What::Disconnected && connectionThreads.count(event.thread) == 0)
+            return QStringLiteral("disconnected('%1') пришел не из потока соединения").arg(event.text);
+    }
+    return QString();
+}
+
+QString Rules::protocolThread(const CWitness &witness)
+{
+    std::map<int, int> threads; // of the protocols, by number
+    for (const Event &event : witness.events()) {
+        if (!isProtocols(event))
+            continue;
+        const int born = threads.emplace(event.number, event.thread).first->second;
+        if (born != event.thread)
+            return QStringLiteral("Протокол создан в одном потоке, а %1 - в другом")
+                .arg(event.what == What::Start ? QStringLiteral("запущен") : QStringLiteral("удален"));
+    }
+    return QString();
+}
+
+QString Rules::everyEndReported(const CWitness &witness)
+{
+    return compareEnds(witness, false);
+}
+
+QString Rules::usefulFlag(const CWitness &witness)
+{
+    return compareEnds(witness, true);
+}
+
+QString Rules::monitorEntries(const CWitness &witness)
+{
+    std::map<int, bool> entries{{CWitness::ownHandle, true}}; // whether the entry is there
+    for (const Event &event : witness.events()) {
+        const auto entry = entries.find(event.number);
+        switch (event.what) {
+        case What::AddConnection:
+            if (event.value != witness.kind)
+                return QStringLiteral("addConnection() с видом канала %1").arg(event.value);
+            if (event.text.isEmpty())
+                return QStringLiteral("addConnection() без метки");
+            entries[event.number] = true;
+            break;
+        case What::RemoveConnection:
+            if (entry == entries.end() || !entry->second || event.number == CWitness::ownHandle)
+                return QStringLiteral("removeConnection() для строки, которой нет");
+            entry->second = false;
+            break;
+        case What::SetState: // a state may be late
+            if (entry == entries.end())
+                return QStringLiteral("setState() для строки, которой не было: %1").arg(event.number);
+            break;
+        case What::Received:
+        case What::Sent:
+            if (entry == entries.end() || !entry->second)
+                return QStringLiteral("Байты посчитаны для строки, которой нет: %1").arg(event.number);
+            break;
+        default:
+            break;
+        }
+    }
+    entries.erase(CWitness::ownHandle);
+    const auto left = std::count_if(entries.begin(), entries.end(), [](const auto &each) { return each.second; });
+    return left == 0 ? QString() : QStringLiteral("После остановки в мониторе осталось строк: %1").arg(left);
+}
+
+QString Rules::monitorBytes(const CWitness &witness)
+{
+    qint64 read = 0, written = 0, received = 0, sent = 0;
+    for (const Event &event : witness.events()) {
+        qint64 *const sum = event.what == What::Read       ? &read
+                            : event.what == What::Written  ? &written
+                            : event.what == What::Received ? &received
+                            : event.what == What::Sent     ? &sent
+                                                           : nullptr;
+        if (sum)
+            *sum += event.value;
+    }
+    if (read == received && written == sent)
+        return QString();
+    return QStringLiteral("Протоколы прочли %1 и записали %2 байт, в мониторе %3 и %4")
+        .arg(read)
+        .arg(written)
+        .arg(received)
+        .arg(sent);
+}
+
+QString Rules::journalRecords(const CWitness &witness)
+{
+    for (const Event &event : witness.events()) {
+        if (event.what != What::Record)
+            continue;
+        if (event.number != JournalEvent && event.number != JournalError)
+            return QStringLiteral("Запись журнала неизвестного вида %1").arg(event.number);
+        if (event.text.isEmpty())
+            return QStringLiteral("Запись журнала без источника");
+    }
+    return QString();
+}
+
+QString Rules::ownership(const CWitness &witness)
+{
+    std::map<int, int> alive;
+    int factories = 1;
+    bool isServerGone = false;
+    for (const Event &event : witness.events()) {
+        if (event.what == What::Create && event.number > 0)
+            ++alive[event.number];
+        else if (event.what == What::Gone)
+            --alive[event.number];
+        else if (event.what == What::Finished &&
+                 std::any_of(alive.begin(), alive.end(), [](const auto &each) { return each.second != 0; }))
+            return QStringLiteral("К сигналу finished() удалены не все протоколы");
+        else if (event.what == What::FactoryGone && --factories < 0)
+            return QStringLiteral("Фабрика протоколов удалена дважды");
+        else if (event.what == What::FactoryGone && !isServerGone)
+            return QStringLiteral("Фабрика протоколов удалена раньше сервера");
+        else if (event.what == What::ServerGone)
+            isServerGone = true;
+    }
+    return isServerGone && factories != 0 ? QStringLiteral("Сервер не удалил свою фабрику протоколов") : QString();
+}
+
+QString Rules::stopReturnsFirst(const CWitness &witness)
+{
+    bool isInStop = false;
+    for (const Event &event : witness.events()) {
+        isInStop = event.what == What::StopAsked || (isInStop && event.what != What::StopReturned);
+        if (isInStop && event.what == What::Finished)
+            return QStringLiteral("finished() пришел раньше, чем вернулся stop()");
+    }
+    return QString();
+}
+
+QString Rules::quietAfterFinish(const CWitness &witness)
+{
+    bool isFinished = false;
+    for (const Event &event : witness.events()) {
+        switch (event.what) {
+        case What::Started:
+            isFinished = false;
+            break;
+        case What::StopAsked:
+        case What::StopReturned:
+        case What::ServerGone:
+        case What::FactoryGone:
+            break;
+        case What::Finished:
+            if (isFinished)
+                return QStringLiteral("Сигнал finished() пришел дважды");
+            isFinished = true;
+            break;
+        default:
+            if (isFinished)
+                return QStringLiteral("После finished() канал продолжает обращаться к программе");
+        }
+    }
+    return QString();
+}
+
+QString Rules::always(const CWitness &witness)
+{
+    for (const auto rule : {everyEndReported, usefulFlag, signalThreads, protocolThread, monitorEntries,
+                            monitorBytes, journalRecords, ownership, stopReturnsFirst}) {
+        const QString error = rule(witness);
+        if (!error.isNull())
+            return error;
+    }
+    for (const char *sort : {"data", "read"}) {
+        const QString error = witness.complaint(sort);
+        if (!error.isNull())
+            return error;
+    }
+    return QString();
+}
