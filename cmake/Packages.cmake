@@ -1,0 +1,77 @@
+# Debian packages, made by packaging/build.sh (which configures the layout they need):
+#
+#   ipchannel-plugin   the IP channel        /usr/lib/ipchannel/bin/channelPlugins/libtransportIp.so
+#   abonent            the messenger         /usr/lib/ipchannel/bin/abonent, /usr/bin/abonent links to it
+#   ipchannel-dev      the kit for authors   headers, archives, package descriptions, documents, examples
+#
+# The programs look for settings/ and data/ beside the directory of the executable; both lead to
+# /var/lib/ipchannel, which belongs to root and the members of the group ipchannel.
+
+set(packagingDir ${PROJECT_SOURCE_DIR}/packaging)
+set(packages plugin ipchannel-plugin host abonent development ipchannel-dev)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME ipchannel)
+set(CPACK_PACKAGE_CONTACT "IP channel maintainers <ipchannel@lists.ipchannel.dev>")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL plugin host runtime development)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_COMPONENT_RUNTIME_GROUP host)
+set(CPACK_COMPONENT_HOST_GROUP host)
+set(CPACK_COMPONENT_PLUGIN_GROUP plugin)
+set(CPACK_COMPONENT_DEVELOPMENT_GROUP development)
+
+set(CPACK_DEBIAN_PLUGIN_PACKAGE_NAME ipchannel-plugin)
+set(CPACK_DEBIAN_PLUGIN_PACKAGE_SECTION net)
+set(CPACK_COMPONENT_PLUGIN_DESCRIPTION "IP channel of the messaging family
+ A channel plug-in that connects abonents over TCP. A host program, such as
+ abonent, loads it at run time.")
+
+set(CPACK_DEBIAN_HOST_PACKAGE_NAME abonent)
+set(CPACK_DEBIAN_HOST_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS "ipchannel-plugin (= ${PROJECT_VERSION}-1), adduser")
+set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_EXTRA ${packagingDir}/postinst ${packagingDir}/postrm)
+set(CPACK_COMPONENT_HOST_DESCRIPTION "exchange messages and files between abonents
+ A console messenger that talks through channel plug-ins. Whoever is to use it
+ has to be a member of the group ipchannel.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ipchannel-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "cmake, pkg-config, ipchannel-plugin")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "kit for authors of hosts and channel plug-ins
+ The contract between hosts and channel plug-ins, the runtime that every module
+ links, the documents, and two examples: a loop-back channel and a small host.")
+
+# What a package says about itself, and the link by which people call the program.
+set(docs ${CMAKE_INSTALL_DATAROOTDIR}/doc)
+find_program(GZIP gzip)
+if(IPCHANNEL_STATE_DIR AND GZIP)
+  file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/packaging)
+  execute_process(COMMAND ${GZIP} -9nc ${packagingDir}/changelog.Debian
+    OUTPUT_FILE ${PROJECT_BINARY_DIR}/packaging/changelog.Debian.gz)
+  execute_process(COMMAND ${GZIP} -9nc ${packagingDir}/abonent.1 OUTPUT_FILE ${PROJECT_BINARY_DIR}/packaging/abonent.1.gz)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/abonent.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)
+  set(remaining ${packages})
+  while(remaining)
+    list(POP_FRONT remaining component package)
+    install(FILES packaging/copyright ${PROJECT_BINARY_DIR}/packaging/changelog.Debian.gz
+      DESTINATION ${docs}/${package} COMPONENT ${component})
+    install(FILES packaging/lintian/${package} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
+      COMPONENT ${component} OPTIONAL)
+  endwhile()
+  install(CODE "
+    set(root \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
+    file(MAKE_DIRECTORY \${root}/bin)
+    file(CREATE_LINK ../${programDir}/abonent \${root}/bin/abonent SYMBOLIC)
+    foreach(name data settings)
+      file(CREATE_LINK ${IPCHANNEL_STATE_DIR}/\${name} \${root}/${IPCHANNEL_HOME}/\${name} SYMBOLIC)
+    endforeach()" COMPONENT host)
+endif()
+
+include(CPack)
