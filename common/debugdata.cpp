@@ -53,8 +53,12 @@ int slotOf(const QList<Tabulation> &slotList, QThread *thread)
 int currentTabLevel()
 {
     const CTerminationGuard guard;
+    return tabLevelIn(boundDebugData());
+}
+
+int tabLevelIn(DebugData *data)
+{
     QThread *const thread = QThread::currentThread();
-    DebugData *const data = boundDebugData();
     const QMutexLocker locker(&data->mutex);
 
     QList<Tabulation> &slotList = data->tabulations;

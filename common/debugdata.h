@@ -49,6 +49,9 @@ DebugData *boundDebugData();
 /// [any thread] Locks the DebugData mutex.
 RUNTIME_EXPORT int currentTabLevel();
 
+/// The same in @a data, for who holds a CTerminationGuard.
+int tabLevelIn(DebugData *data);
+
 /// Frees the slot of a @a thread that will log no more; an unknown thread changes nothing. Only the
 /// pointer's value is used. [any thread] Locks the DebugData mutex.
 RUNTIME_EXPORT void deleteThreadTabLevel(QThread *thread);

@@ -17,7 +17,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 
+#include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -26,6 +29,7 @@ namespace {
 
 constexpr int openAttempts = 2;
 constexpr int writeRetries = 10;
+constexpr int looksBeforeWatch = 16;
 
 // Only what does not change with the contents: asking for times makes the next write dearer.
 constexpr unsigned identity = STATX_INO | STATX_TYPE | STATX_MODE;
@@ -61,6 +65,19 @@ QString date()
         .arg(today.year(), 4, 10, QLatin1Char('0'))
         .arg(today.month(), 2, 10, QLatin1Char('0'))
         .arg(today.day(), 2, 10, QLatin1Char('0'));
+}
+
+qint64 currentTick()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec * qint64(1000000000) + now.tv_nsec;
+}
+
+bool isSizeLimited()
+{
+    rlimit limit = {};
+    return ::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY;
 }
 
 void giveDirectoryRights(const QString &directory, mode_t mode)
@@ -138,14 +155,49 @@ int CLogFile::append(const QByteArray &record, const LogPreparation &preparation
     return LogPreparation::Nothing;
 }
 
-bool CLogFile::isStillThere() const
+// Whoever renames or deletes the log finds the next record in a new one. The path is looked up for every
+// record; while many come within one tick of the clock (a few ms), the kernel tells of changes in the
+// directory instead, which is cheaper. Changes above the directory show with the next tick.
+bool CLogFile::isStillThere()
 {
     if (!descriptor.isOpen())
         return false;
+    const qint64 tick = currentTick();
+    if (tick == lastTick && nothingHappened())
+        return true;
+
     struct statx now = {};
-    return ::statx(AT_FDCWD, encodedPath.constData(), AT_SYMLINK_NOFOLLOW, identity, &now) == 0 &&
-           now.stx_ino == inode && makedev(now.stx_dev_major, now.stx_dev_minor) == device &&
-           now.stx_mode == mode;
+    if (::statx(AT_FDCWD, encodedPath.constData(), AT_SYMLINK_NOFOLLOW, identity, &now) != 0 ||
+        now.stx_ino != inode || makedev(now.stx_dev_major, now.stx_dev_minor) != device ||
+        now.stx_mode != mode)
+        return false;
+    if (tick != lastTick) {
+        sizeIsLimited = isSizeLimited();
+        looksInTick = 0;
+        lastTick = tick;
+    }
+    return true;
+}
+
+bool CLogFile::nothingHappened()
+{
+    if (!watch.isOpen()) {
+        if (++looksInTick == looksBeforeWatch)
+            watchDirectory(); // from now on; what was before is looked at once more
+        return false;
+    }
+    char events[4096];
+    return ::read(watch.get(), events, sizeof events) < 0 && errno == EAGAIN;
+}
+
+void CLogFile::watchDirectory()
+{
+    constexpr unsigned changes = IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                 IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    watch.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    const QByteArray directory = QFile::encodeName(place.directory);
+    if (watch.isOpen() && ::inotify_add_watch(watch.get(), directory.constData(), changes) < 0)
+        watch.reset();
 }
 
 int CLogFile::open(const LogPreparation &preparation)
@@ -211,6 +263,9 @@ void CLogFile::remember()
         opened = {}; // never found again: the next record opens the file anew
     if (opened.stx_ino != inode)
         lineIsTorn = false;
+    watch.reset();
+    lastTick = 0;
+    sizeIsLimited = true; // until it is looked at
     inode = opened.stx_ino;
     device = makedev(opened.stx_dev_major, opened.stx_dev_minor);
     mode = opened.stx_mode;
@@ -254,8 +309,11 @@ void CLogFile::endTornLine()
 
 ssize_t CLogFile::writeSome(const char *data, int size) const
 {
-    return TrustedFile::retried(
-        [&] { return TrustedFile::writeSome(descriptor.get(), data, static_cast<size_t>(size)); });
+    const auto count = static_cast<size_t>(size);
+    return TrustedFile::retried([&] {
+        return sizeIsLimited ? TrustedFile::writeSome(descriptor.get(), data, count)
+                             : ::write(descriptor.get(), data, count);
+    });
 }
 
 void CLogFile::forget()

@@ -66,7 +66,9 @@ public:
     int append(const QByteArray &record, const LogPreparation &preparation);
 
 private:
-    bool isStillThere() const;
+    bool isStillThere();
+    bool nothingHappened();
+    void watchDirectory();
     int open(const LogPreparation &preparation);
     void create(const LogPreparation &preparation);
     void begin(const LogPreparation &preparation);
@@ -87,4 +89,9 @@ private:
     quint64 inode = 0;
     dev_t device = 0;
     mode_t mode = 0;
+
+    qint64 lastTick = 0;           // of the clock, when the path and the limits were looked at
+    int looksInTick = 0;           // at the path, since then
+    TrustedFile::Descriptor watch; // inotify, on the directory; only while many records come
+    bool sizeIsLimited = true;     // RLIMIT_FSIZE
 };

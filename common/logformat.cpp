@@ -2,14 +2,16 @@
 
 #include <QDateTime>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <tuple>
 
 namespace {
 
 constexpr int sourceColumns = 25;
 constexpr int sourceKept = 22; // of a longer source, before "..."
-constexpr int timeColumns = 12;
+constexpr int timeColumns = std::tuple_size<LogFormat::TimeText>::value;
 constexpr int blanksPerTab = 4;
 
 void putTwoDigits(char *to, int number)
@@ -18,25 +20,49 @@ void putTwoDigits(char *to, int number)
     to[1] = static_cast<char>('0' + number % 10);
 }
 
-// Each line of the text behind `first` or, once that was used, behind `later`; empty lines stand bare.
-QByteArray lines(const QString &text, const QByteArray &first, const QByteArray &later)
+char *putBlanks(char *to, int count)
 {
-    const QByteArray utf8 = text.toUtf8();
-    QByteArray result;
-    result.reserve(first.size() + utf8.size() + 1);
-    const QByteArray *head = &first;
-    for (int start = 0; start <= utf8.size();) {
-        int end = utf8.indexOf('\n', start);
-        if (end < 0)
-            end = utf8.size();
-        if (end > start) {
-            result += *head;
-            result.append(utf8.constData() + start, end - start);
-            head = &later;
+    return std::fill_n(to, count, ' ');
+}
+
+char *put(char *to, const QByteArray &text)
+{
+    return std::copy(text.begin(), text.end(), to);
+}
+
+const char *lineFeed(const char *from, const char *end)
+{
+    const void *const found = std::memchr(from, '\n', static_cast<size_t>(end - from));
+    return found == nullptr ? end : static_cast<const char *>(found);
+}
+
+// Each line of the text behind what `putFirst` or, once that was used, `putLater` puts there; empty lines
+// stand bare.
+// @param firstSize, laterSize bytes that they put at most
+template <typename PutFirst, typename PutLater>
+QByteArray lines(const QByteArray &text, int firstSize, int laterSize, const PutFirst &putFirst,
+                 const PutLater &putLater)
+{
+    const char *const end = text.constData() + text.size();
+    int lineFeeds = 0;
+    for (const char *at = text.constData(); (at = lineFeed(at, end)) != end; ++at)
+        ++lineFeeds;
+    QByteArray result(firstSize + lineFeeds * laterSize + text.size() + 1, Qt::Uninitialized);
+    char *to = result.data();
+    bool isFirst = true;
+    for (const char *from = text.constData();; ++from) {
+        const char *const stop = lineFeed(from, end);
+        if (stop != from) {
+            to = isFirst ? putFirst(to) : putLater(to);
+            to = std::copy(from, stop, to);
+            isFirst = false;
         }
-        result += '\n';
-        start = end + 1;
+        *to++ = '\n';
+        from = stop;
+        if (from == end)
+            break;
     }
+    result.truncate(static_cast<int>(to - result.constData()));
     return result;
 }
 
@@ -44,13 +70,13 @@ QByteArray lines(const QString &text, const QByteArray &first, const QByteArray 
 
 namespace LogFormat {
 
-QByteArray timeStamp()
+TimeText timeStamp()
 {
     // Plain data per thread: no lock, and nothing to destroy while a thread ends.
     struct Second
     {
         time_t number;
-        char text[8]; // hh:mm:ss
+        TimeText text;
     };
     thread_local Second second = {-1, {}};
 
@@ -58,34 +84,42 @@ QByteArray timeStamp()
     clock_gettime(CLOCK_REALTIME, &now);
     if (now.tv_sec != second.number) {
         const QTime time = QDateTime::fromSecsSinceEpoch(now.tv_sec).time();
-        std::memcpy(second.text, "00:00:00", sizeof second.text);
-        putTwoDigits(second.text, time.hour());
-        putTwoDigits(second.text + 3, time.minute());
-        putTwoDigits(second.text + 6, time.second());
+        std::memcpy(second.text.data(), "00:00:00.000", second.text.size());
+        putTwoDigits(second.text.data(), time.hour());
+        putTwoDigits(second.text.data() + 3, time.minute());
+        putTwoDigits(second.text.data() + 6, time.second());
         second.number = now.tv_sec;
     }
 
     const int ms = static_cast<int>(now.tv_nsec / 1000000);
-    QByteArray result(timeColumns, '.');
-    std::memcpy(result.data(), second.text, sizeof second.text);
-    result[9] = static_cast<char>('0' + ms / 100);
-    putTwoDigits(result.data() + 10, ms % 100);
-    return result;
+    second.text[9] = static_cast<char>('0' + ms / 100);
+    putTwoDigits(second.text.data() + 10, ms % 100);
+    return second.text;
 }
 
-QByteArray record(const QByteArray &time, const QString &source, int tabLevel, const QString &text)
+QByteArray record(const TimeText &time, const QString &source, int tabLevel, const QString &text)
 {
-    const QString column = source.size() > sourceColumns
-                               ? source.leftRef(sourceKept) + QLatin1String("...")
-                               : source.rightJustified(sourceColumns, QLatin1Char(' '));
-    const QByteArray indentation(tabLevel * blanksPerTab, ' ');
-    return lines(text, time + ' ' + column.toUtf8() + indentation,
-                 QByteArray(timeColumns + 1 + sourceColumns, ' ') + indentation);
+    const bool isLong = source.size() > sourceColumns;
+    const QByteArray name = (isLong ? source.left(sourceKept) + QLatin1String("...") : source).toUtf8();
+    const int blanks = 1 + std::max(sourceColumns - source.size(), 0);
+    const int indentation = tabLevel * blanksPerTab;
+    const int laterSize = timeColumns + 1 + sourceColumns + indentation;
+    return lines(
+        text.toUtf8(), timeColumns + blanks + name.size() + indentation, laterSize,
+        [&](char *to) {
+            to = putBlanks(std::copy(time.begin(), time.end(), to), blanks);
+            return putBlanks(put(to, name), indentation);
+        },
+        [&](char *to) { return putBlanks(to, laterSize); });
 }
 
-QByteArray emergencyRecord(const QByteArray &time, const QString &text)
+QByteArray emergencyRecord(const TimeText &time, const QString &text)
 {
-    return lines(text, time + "                forceDebug    ", QByteArrayLiteral("    "));
+    const QByteArray mark = QByteArrayLiteral("                forceDebug    ");
+    return lines(
+        text.toUtf8(), timeColumns + mark.size(), blanksPerTab,
+        [&](char *to) { return put(std::copy(time.begin(), time.end(), to), mark); },
+        [](char *to) { return putBlanks(to, blanksPerTab); });
 }
 
 } // namespace LogFormat

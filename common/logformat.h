@@ -12,21 +12,26 @@
 #include <QByteArray>
 #include <QString>
 
+#include <array>
+
 namespace LogFormat {
 
-/// The local time of day as "hh:mm:ss.zzz". The broken-down time is kept for the rest of its second,
-/// so a change of the time zone shows within a second. [any thread]
-QByteArray timeStamp();
+/// A time of day as "hh:mm:ss.zzz", without an end mark.
+using TimeText = std::array<char, 12>;
+
+/// The local time of day. The broken-down time is kept for the rest of its second, so a change of the time
+/// zone shows within a second. [any thread]
+TimeText timeStamp();
 
 /// One record of debug(), UTF-8, lines ended by line feeds: one line of the file per line of @a text.
 ///
 /// Empty lines are bare; the first other one carries @a time and @a source (a name chosen in code; its
 /// line feeds are not looked for), the later ones blanks in their place.
 /// @param tabLevel four blanks each
-QByteArray record(const QByteArray &time, const QString &source, int tabLevel, const QString &text);
+QByteArray record(const TimeText &time, const QString &source, int tabLevel, const QString &text);
 
 /// One record of the emergency log: the word forceDebug in the source's place, later lines after four
 /// blanks.
-QByteArray emergencyRecord(const QByteArray &time, const QString &text);
+QByteArray emergencyRecord(const TimeText &time, const QString &text);
 
 } // namespace LogFormat

@@ -87,6 +87,5 @@ void debug(QString source, const QString &text, DebugLevel level, DebugFlag flag
         return;
     if ((flag & DebugFlagFileOnly) == 0)
         Messages::say(QtDebugMsg, Messages::format(QString(), {source, text}));
-    const QByteArray time = LogFormat::timeStamp();
-    append(data, LogFormat::record(time, source, currentTabLevel(), text));
+    append(data, LogFormat::record(LogFormat::timeStamp(), source, tabLevelIn(data), text));
 }

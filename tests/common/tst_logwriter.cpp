@@ -122,7 +122,9 @@ void TestLogWriter::recordsHaveTheirForm()
     QFETCH(int, tab);
     QFETCH(QString, text);
     QFETCH(QByteArray, bytes);
-    QCOMPARE(LogFormat::record("12:04:05.123", source, tab, text), bytes);
+    LogFormat::TimeText time;
+    std::copy_n("12:04:05.123", time.size(), time.begin());
+    QCOMPARE(LogFormat::record(time, source, tab, text), bytes);
 }
 
 using Work = std::function<QString()>;
@@ -215,6 +217,7 @@ void TestLogWriter::logs_data()
             for (const rlim_t room : {rlim_t(44), rlim_t(0)}) {
                 const rlimit small = {size + room, limit.rlim_max};
                 ::setrlimit(RLIMIT_FSIZE, &small);
+                QThread::msleep(10); // limits are looked at once per tick of the clock
                 put("torn\ngone");
             }
             ::setrlimit(RLIMIT_FSIZE, &limit);
