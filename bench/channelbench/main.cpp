@@ -22,6 +22,7 @@
 #include <QFile>
 #include <QSocketNotifier>
 
+#include <atomic>
 #include <cstdio>
 #include <string>
 #include <unistd.h>
@@ -131,6 +132,16 @@ int rows(const std::string &area)
     return 0;
 }
 
+/// The host's side of the Qt message stream: the log's echo is only counted, as monitor and journal do.
+void takeMessage(QtMsgType type, const QMessageLogContext &, const QString &text)
+{
+    static std::atomic<int> echoes{0};
+    if (type == QtDebugMsg)
+        echoes.fetch_add(1, std::memory_order_relaxed);
+    else
+        std::fprintf(stderr, "%s\n", qPrintable(text));
+}
+
 void switchConnectionLogOff()
 {
     Global::makePath(Global::settingsDir());
@@ -180,6 +191,7 @@ int main(int argc, char **argv)
     }
     if (!Installation::enter(argv, parent))
         return 1;
+    qInstallMessageHandler(takeMessage);
     int result = 0;
     {
         const QCoreApplication application(argc, argv);

@@ -5,7 +5,7 @@
 namespace {
 
 constexpr int helloSize = 32;
-constexpr int echoReadSize = 16384;
+constexpr int echoReadSize = 4096;
 
 } // namespace
 

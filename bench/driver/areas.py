@@ -4,6 +4,7 @@ A round is a dictionary: (case, variant, metric) -> value.
 """
 
 import json
+import os
 import socket
 import subprocess
 
@@ -132,8 +133,15 @@ def rows_of(programs, commands, number):
 
 
 def log(programs, number):
-    kinds = ["floor", "statx", "posix", "qt", "spdlog", "log4cxx", "filtered"]
-    peers = [programs.peer("log", kind, programs.files) for kind in kinds if programs.has("log", kind)]
+    # As deep in the file system as the project's: a path costs by its length.
+    installation = os.path.join(programs.files, "peers.1234")
+    logs = os.path.join(installation, "data", "0", "log")
+    settings = os.path.join(installation, "settings")
+    for directory in (logs, settings):
+        os.makedirs(directory, exist_ok=True)
+    kinds = ["floor", "statx", "posix", "qt", "spdlog", "log4cxx"]
+    peers = [programs.peer("log", kind, logs) for kind in kinds if programs.has("log", kind)]
+    peers.append(programs.peer("log", "filtered", settings))
     return rows_of(programs, [programs.project("rows", "d", programs.files), *peers], number)
 
 

@@ -5,13 +5,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
 #include <fstream>
 #include <netinet/in.h>
 #include <random>
-#include <sstream>
+#include <stdexcept>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -184,13 +182,15 @@ double burstMs(int port, int count)
             epoll_event event = events[i];
             const int socket = event.data.fd;
             if ((event.events & EPOLLOUT) != 0) {
-                Net::writeAll(socket, message, sizeof message);
+                if (!Net::writeAll(socket, message, sizeof message))
+                    throw std::runtime_error("a call of the burst was refused");
                 event.events = EPOLLIN;
                 epoll_ctl(poll, EPOLL_CTL_MOD, socket, &event);
                 continue;
             }
             char answer[Net::echoSize];
-            Net::readAll(socket, answer, sizeof answer);
+            if (!Net::readAll(socket, answer, sizeof answer))
+                throw std::runtime_error("a call of the burst was not answered");
             epoll_ctl(poll, EPOLL_CTL_DEL, socket, nullptr);
             ++answered;
         }
