@@ -22,8 +22,8 @@ namespace {
 
 constexpr int lockWaitMs = 200;
 constexpr int retryMs = 1000;          // after a failed write, before the next
+constexpr int mergeAttempts = 5;       // while an editor is at the file
 constexpr mode_t directoryMode = 0777; // 0x7777
-constexpr mode_t fileMode = 0666;      // 0x6666
 
 void warn(const QString &text, const QString &path, int reason)
 {
@@ -46,13 +46,13 @@ SettingsPointer *sharedSettings()
 
 // An editor that saves in place leaves the file empty for a moment: its text must not be replaced by
 // ours before it has come.
-bool readSettled(const QString &path, QByteArray *text, QString *resolvedPath, unsigned *mode)
+bool readSettled(const QString &path, SettingsFile::Contents *contents)
 {
-    bool isRead = SettingsFile::read(path, text, resolvedPath, mode);
     const QByteArray name = QFile::encodeName(path);
-    while (isRead && text->isEmpty() && SettingsFile::stamp(name.constData()).isFresh) {
+    bool isRead = SettingsFile::read(path, contents);
+    while (isRead && contents->text.isEmpty() && SettingsFile::stamp(name.constData()).isFresh) {
         QThread::msleep(1);
-        isRead = SettingsFile::read(path, text, resolvedPath, mode);
+        isRead = SettingsFile::read(path, contents);
     }
     return isRead;
 }
@@ -114,15 +114,9 @@ void SettingsPointer::set(const QString &key, const QVariant &value, bool isDefa
 
 void SettingsPointer::reread(const SettingsFile::Stamp &now)
 {
-    QByteArray text;
-    QString resolvedPath;
-    unsigned mode = 0;
-    int reason = 0;
-    if (now.id != SettingsFile::Stamp::Absent && !SettingsFile::read(path, &text, &resolvedPath, &mode)) {
-        reason = errno;
-        text.clear();
-    }
-    accept(CIniText(text));
+    SettingsFile::Contents contents;
+    const int reason = SettingsFile::read(path, &contents) ? 0 : errno;
+    accept(CIniText(reason == 0 ? contents.text : QByteArray()));
     if (warnedStamp != now.id && reason != 0)
         warn(QStringLiteral("Не удалось прочитать файл настроек, используются значения по умолчанию"), path,
              reason);
@@ -182,41 +176,33 @@ void SettingsPointer::makeFile()
 
 void SettingsPointer::write()
 {
-    // Who waits for the lock keeps every other reader of the image waiting: once per failure.
-    const bool mayWait = !retryPending || isRetryDue();
-    int reason = 0;
-    if (tryToWrite(retryPending ? 0 : lockWaitMs, &reason)) {
+    // Who waits for the lock keeps every other reader of the image waiting: not again before a success.
+    if (tryToWrite(retryPending ? 0 : lockWaitMs)) {
         retryPending = false;
         return;
     }
     if (!retryPending)
-        warn(QStringLiteral("Не удалось записать файл настроек, значения остаются в памяти"), path, reason);
+        warn(QStringLiteral("Не удалось записать файл настроек, значения остаются в памяти"), path, errno);
     retryPending = true;
-    if (mayWait)
-        sinceFailure.start();
+    sinceFailure.start();
 }
 
-bool SettingsPointer::tryToWrite(int lockTimeoutMs, int *reason)
+bool SettingsPointer::tryToWrite(int lockTimeoutMs)
 {
     CSettingsLock lock(path);
-    bool isReady = lock.take(lockTimeoutMs);
-    QByteArray text;
-    QString resolvedPath = path;
-    unsigned mode = fileMode;
-    if (isReady && !readSettled(path, &text, &resolvedPath, &mode)) {
-        // Only a name that nothing bears is free for a new file.
-        *reason = errno;
-        isReady = SettingsFile::stamp(encodedPath.constData()).id == SettingsFile::Stamp::Absent;
-        resolvedPath = path;
-        text.clear();
-        errno = *reason;
-    }
-    if (!isReady) {
-        *reason = errno;
-        return false;
-    }
+    bool isDone = lock.take(lockTimeoutMs) && mergeAndReplace();
+    for (int again = 0; again < mergeAttempts && !isDone && errno == EAGAIN; ++again)
+        isDone = mergeAndReplace();
+    return isDone;
+}
 
-    CIniText fresh(text); // others may have written since the image was read
+bool SettingsPointer::mergeAndReplace()
+{
+    SettingsFile::Contents old; // others may have written since the image was read
+    if (!readSettled(path, &old))
+        return false;
+
+    CIniText fresh(old.text);
     dropOvertaken(fresh);
     QHash<QString, Pending> unwritten;
     for (auto waiting = pending.constBegin(); waiting != pending.constEnd(); ++waiting) {
@@ -225,10 +211,8 @@ bool SettingsPointer::tryToWrite(int lockTimeoutMs, int *reason)
     }
 
     int modeError = 0;
-    if (fresh.text() != text && !SettingsFile::replace(resolvedPath, fresh.text(), mode, &modeError)) {
-        *reason = errno;
+    if (fresh.text() != old.text && !SettingsFile::replace(old, fresh.text(), &modeError))
         return false;
-    }
     if (modeError != 0)
         warn(QStringLiteral("Не удалось изменить права доступа файла настроек"), path, modeError);
     pending = unwritten;

@@ -61,7 +61,8 @@ private:
     bool isRetryDue() const;
     void makeFile();
     void write();
-    bool tryToWrite(int lockTimeoutMs, int *reason);
+    bool tryToWrite(int lockTimeoutMs);
+    bool mergeAndReplace();
 
     const QString path;
     const QByteArray encodedPath;

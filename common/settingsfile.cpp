@@ -76,34 +76,49 @@ Stamp stamp(const char *path)
     return {isAbsent ? Stamp::Absent : Stamp::Unreachable, false};
 }
 
-bool read(const QString &path, QByteArray *text, QString *resolvedPath, unsigned *mode)
+bool read(const QString &path, Contents *contents)
 {
     constexpr qint64 sizeLimit = 4 * 1024 * 1024;
-    const TrustedFile::Descriptor file = TrustedFile::openJudged(path, resolvedPath);
+    *contents = Contents();
+    contents->path = path;
+    const TrustedFile::Descriptor file = TrustedFile::openJudged(path, &contents->path);
+    if (!file.isOpen()) {
+        const int reason = errno;
+        contents->path = path;
+        const bool isAbsent = stamp(QFile::encodeName(path).constData()).id == Stamp::Absent;
+        errno = reason;
+        return isAbsent;
+    }
     struct stat status = {};
-    if (!file.isOpen() || ::fstat(file.get(), &status) != 0)
+    if (::fstat(file.get(), &status) != 0)
         return false;
-    *mode = status.st_mode & 07777u;
-    return TrustedFile::readAll(file, text, sizeLimit);
+    contents->mode = status.st_mode & 07777u;
+    contents->id = idOf(status);
+    return TrustedFile::readAll(file, &contents->text, sizeLimit);
 }
 
-bool replace(const QString &path, const QByteArray &text, unsigned mode, int *modeError)
+bool replace(const Contents &old, const QByteArray &text, int *modeError)
 {
-    const QByteArray name = QFile::encodeName(path);
+    const QByteArray name = QFile::encodeName(old.path);
     // The new file could take the place of one that was meant to stay as it is.
     if (::faccessat(AT_FDCWD, name.constData(), W_OK, AT_EACCESS) != 0 && errno != ENOENT)
         return false;
 
-    const QString newPath = path + QStringLiteral(".new");
+    const QString newPath = old.path + QStringLiteral(".new");
     const QByteArray newName = QFile::encodeName(newPath);
     ::unlink(newName.constData()); // left over from a crash, or planted
-    if (!writeNew(newPath, text, mode, modeError) || ::rename(newName.constData(), name.constData()) != 0) {
+    bool isDone = writeNew(newPath, text, old.mode, modeError);
+    if (isDone && stamp(name.constData()).id != old.id) {
+        isDone = false;
+        errno = EAGAIN;
+    }
+    if (!isDone || ::rename(newName.constData(), name.constData()) != 0) {
         const int reason = errno;
         ::unlink(newName.constData());
         errno = reason;
         return false;
     }
-    sync(QFileInfo(path).path()); // the new text is in place, whether or not this can be made sure of
+    sync(QFileInfo(old.path).path()); // the new text is in place, whether or not this can be made sure of
     return true;
 }
 

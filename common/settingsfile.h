@@ -25,17 +25,25 @@ struct Stamp
 /// One stat(2). @param path encoded for the system. [any thread]
 Stamp stamp(const char *path);
 
-/// Reads the file, if it is a regular one, behind no link but root's or our user's, not above 4 MiB.
-/// @param resolvedPath the file that was read
-/// @param mode its permissions
-/// @return whether @a text holds all of it; if not, errno tells why
-bool read(const QString &path, QByteArray *text, QString *resolvedPath, unsigned *mode);
+/// What a file holds, and what it takes to replace it.
+struct Contents
+{
+    QByteArray text;
+    QString path;         // of the file itself, behind any links
+    unsigned mode = 0666; // its permissions
+    quint64 id = Stamp::Absent;
+};
 
-/// Puts @a text in the file's place through a new file beside it, on disk before it gets the name, so
+/// Reads the file, if it is a regular one, behind no link but root's or our user's, not above 4 MiB. An
+/// absent one is empty.
+/// @return whether @a contents are all of it; if not, errno tells why
+bool read(const QString &path, Contents *contents);
+
+/// Puts @a text in the place of @a old through a new file beside it, on disk before it gets the name, so
 /// that every reader and every crash finds the old or the new text. Only under the settings lock.
-/// @param mode permissions of the new file
-/// @param modeError set to 0, or to why it has not got them
-/// @return whether it was replaced; if not, errno tells why and the old one is untouched
-bool replace(const QString &path, const QByteArray &text, unsigned mode, int *modeError);
+/// @param modeError set to 0, or to why the new file has not got the permissions of the old one
+/// @return whether it was replaced; if not, errno tells why (EAGAIN: somebody who does not care for locks
+///         has changed it meanwhile) and what is there is untouched
+bool replace(const Contents &old, const QByteArray &text, int *modeError);
 
 } // namespace SettingsFile

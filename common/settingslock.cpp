@@ -6,6 +6,7 @@
 #include <QSysInfo>
 #include <QThread>
 
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 
@@ -72,9 +73,11 @@ bool isSameFile(const QByteArray &path, const TrustedFile::Descriptor &opened)
 
 CSettingsLock::~CSettingsLock()
 {
+    const int reason = errno; // why what was done under the lock has failed
     const QByteArray name = QFile::encodeName(lockPath);
     if (descriptor.isOpen() && isSameFile(name, descriptor))
         ::unlink(name.constData());
+    errno = reason;
 }
 
 bool CSettingsLock::take(int timeoutMs)
