@@ -190,7 +190,9 @@ void SettingsPointer::write()
 bool SettingsPointer::tryToWrite(int lockTimeoutMs)
 {
     CSettingsLock lock(path);
-    bool isDone = lock.take(lockTimeoutMs) && mergeAndReplace();
+    if (!lock.take(lockTimeoutMs))
+        return false;
+    bool isDone = mergeAndReplace();
     for (int again = 0; again < mergeAttempts && !isDone && errno == EAGAIN; ++again)
         isDone = mergeAndReplace();
     return isDone;
