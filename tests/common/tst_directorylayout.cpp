@@ -1,8 +1,7 @@
 // Every place of the installation, from the place of the executable.
 #include "common/directorylayout.h"
+#include "tests/support/testinstallation.h"
 
-#include <QCoreApplication>
-#include <QFileInfo>
 #include <QtTest>
 
 class TestDirectoryLayout : public QObject
@@ -15,60 +14,50 @@ private Q_SLOTS:
 
 void TestDirectoryLayout::namesEveryPlace()
 {
-    const QString bin = QCoreApplication::applicationDirPath();
-    const QString root = QFileInfo(bin).path();
-    const auto at = [&](const char *tail) { return root + QLatin1String(tail); };
-    const QString level = root + QLatin1String("/data/12");
-
     using namespace Global;
-    const QList<QPair<QString, QString>> places{
-        {applicationDir().path(), bin},
-        {installDir().path(), root},
-        {messagesPluginsDir().path(), bin + QLatin1String("/messagesPlugins")},
-        {settingsPluginsDir().path(), bin + QLatin1String("/settingsPlugins")},
-        {channelSettingsPluginsDir().path(), bin + QLatin1String("/channelSettingsPlugins")},
-        {notificationPluginsDir().path(), bin + QLatin1String("/notificationPlugins")},
-        {channelPluginsDir().path(), bin + QLatin1String("/channelPlugins")},
-        {windowPluginsDir().path(), bin + QLatin1String("/windowPlugins")},
-        {settingsDir().path(), at("/settings")},
-        {notificationsAudioDir().path(), at("/settings/sounds")},
-        {emergecyPatchDir().path(), at("/emergecyPatch")},
-        {internalSettingsFilePath(), at("/settings/settings.ini")},
-        {generalSettingsFilePath(), at("/settings/generalSettings.ini")},
-        {uiSettingsFilePath(), at("/settings/ui.ini")},
-        {secrecySettingsFilePath(), at("/settings/secrecy.conf")},
-        {titlesSettingsFilePath(), at("/settings/titles.conf")},
-        {autoDeletionSettingsFilePath(), at("/settings/autoDeletion.conf")},
-        {notificationsSettingsFilePath(), at("/settings/notifications.conf")},
-        {channelEnableSettingsFilePath(), at("/settings/channels.conf")},
-        {channelIpSettingsFilePath(), at("/settings/channelIp.conf")},
-        {channelComSettingsFilePath(), at("/settings/channelCom.conf")},
-        {channelDedicatedSettingsFilePath(), at("/settings/channelDedicated.conf")},
-        {abonentsSettingsFilePath(), at("/settings/abonents.conf")},
-        {groupsSettingsFilePath(), at("/settings/groups.conf")},
-        {dataDir().path(), at("/data")},
-        {dataSecrecyDir(-1).path(), at("/data/-1")},
-        {dataSecrecyDir(12).path(), level},
-        {abonentsStatesFilePath(), at("/data/0/abonents.states")},
-        {logDir(12).path(), level + QLatin1String("/log")},
-        {journalsFilePath(12), level + QLatin1String("/journals_2.2.db")},
-        {journalsRenderDir(12).path(), level + QLatin1String("/journalsRender")},
-        {messagesDir(12).path(), level + QLatin1String("/messages")},
-        {inputMessagesDir(12).path(), level + QLatin1String("/messages/input")},
-        {outputMessagesDir(12).path(), level + QLatin1String("/messages/output")},
-        {draftMessagesDir(12).path(), level + QLatin1String("/messages/draft")},
-        {incompleteMessagesDir(12).path(), level + QLatin1String("/messages/incomplete")},
-        {transitMessagesDir(12).path(), level + QLatin1String("/messages/transit")},
-        {tasksDir(12).path(), level + QLatin1String("/tasks")},
-        {tasksToInterfaceDir(12).path(), level + QLatin1String("/tasks/toInterface")},
-        {tasksToTransportDir(12).path(), level + QLatin1String("/tasks/toTransport")},
-    };
-    for (const auto &place : places)
-        QCOMPARE(place.first, place.second);
-    QVERIFY2(!QFileInfo::exists(level), "naming a place must not make it");
+    using Dir = QDir (*)();
+    using LevelDir = QDir (*)(int);
+    using File = QString (*)();
 
-    QVERIFY(QDir::setCurrent(QStringLiteral("/")));
-    QCOMPARE(installDir().path(), root); // found once
+    TestInstallation::clean();
+    QStringList places{journalsFilePath(12), dataSecrecyDir(-1).path()};
+    for (const Dir dir : {installDir, applicationDir, messagesPluginsDir, settingsPluginsDir,
+                          channelSettingsPluginsDir, notificationPluginsDir, channelPluginsDir,
+                          windowPluginsDir, settingsDir, notificationsAudioDir, emergecyPatchDir, dataDir})
+        places += dir().path();
+    for (const File file :
+         {internalSettingsFilePath, generalSettingsFilePath, uiSettingsFilePath, secrecySettingsFilePath,
+          titlesSettingsFilePath, autoDeletionSettingsFilePath, notificationsSettingsFilePath,
+          channelEnableSettingsFilePath, channelIpSettingsFilePath, channelComSettingsFilePath,
+          channelDedicatedSettingsFilePath, abonentsSettingsFilePath, groupsSettingsFilePath,
+          abonentsStatesFilePath})
+        places += file();
+    for (const LevelDir dir : {dataSecrecyDir, logDir, journalsRenderDir, messagesDir, inputMessagesDir,
+                               outputMessagesDir, draftMessagesDir, incompleteMessagesDir, transitMessagesDir,
+                               tasksDir, tasksToInterfaceDir, tasksToTransportDir})
+        places += dir(12).path();
+
+    const QStringList tails =
+        "/data/12/journals_2.2.db /data/-1 @ /bin /bin/messagesPlugins /bin/settingsPlugins "
+        "/bin/channelSettingsPlugins /bin/notificationPlugins /bin/channelPlugins /bin/windowPlugins "
+        "/settings "
+        "/settings/sounds /emergecyPatch /data /settings/settings.ini /settings/generalSettings.ini "
+        "/settings/ui.ini "
+        "/settings/secrecy.conf /settings/titles.conf /settings/autoDeletion.conf "
+        "/settings/notifications.conf "
+        "/settings/channels.conf /settings/channelIp.conf /settings/channelCom.conf "
+        "/settings/channelDedicated.conf "
+        "/settings/abonents.conf /settings/groups.conf /data/0/abonents.states /data/12 /data/12/log "
+        "/data/12/journalsRender /data/12/messages /data/12/messages/input /data/12/messages/output "
+        "/data/12/messages/draft /data/12/messages/incomplete /data/12/messages/transit /data/12/tasks "
+        "/data/12/tasks/toInterface /data/12/tasks/toTransport"_s.split(QLatin1Char(' '));
+    QCOMPARE(places.size(), tails.size());
+    for (int i = 0; i < places.size(); ++i)
+        QCOMPARE(places.at(i), TestInstallation::path() + QString(tails.at(i)).remove(QLatin1Char('@')));
+
+    QVERIFY2(!QDir(TestInstallation::path() + "/data"_s).exists(), "naming a place must not make it");
+    QVERIFY(QDir::setCurrent("/"_s));
+    QCOMPARE(installDir().path(), TestInstallation::path()); // found once
 }
 
 QTEST_GUILESS_MAIN(TestDirectoryLayout)

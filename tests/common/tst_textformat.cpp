@@ -2,6 +2,7 @@
 #include "common/environment.h"
 #include "common/namefilter.h"
 #include "common/textformat.h"
+#include "tests/support/testinstallation.h"
 
 #include <QRandomGenerator>
 #include <QRegExp>
@@ -22,101 +23,72 @@ private Q_SLOTS:
 
 void TestTextFormat::formats()
 {
-    const auto words = [](int count) {
-        return declension(count, QStringLiteral("1"), QStringLiteral("2"), QStringLiteral("5"));
-    };
-    const auto nine = QStringLiteral("123456789");
-    const QList<QPair<QString, const char *>> texts{
-        {sizeString(0), "0 байт"},
-        {sizeString(-5), "-5 байт"},
-        {sizeString(1023), "1023 байт"},
-        {sizeString(1024), "1.0 КБайт"},
-        {sizeString(1048575), "1024.0 КБайт"}, // the class is that of the exact count
-        {sizeString(1048576), "1.0 МБайт"},
-        {sizeString(1LL << 30), "1.0 ГБайт"},
-        {sizeString((1LL << 40) - 1), "1024.0 ГБайт"},
-        {sizeString(1LL << 50), "1024.0 ТБайт"},
-        {speedString(100), "100 байт/с (800 бит/с)"},
-        {speedString(128), "128 байт/с (1.0 Кбит/с)"},
-        {speedString(1024), "1.0 КБайт/с (8.0 Кбит/с)"},
-        {speedStringBits(1LL << 37), "1.0 Тбит/с"},
-        {timeStringSec(-5), "-5 сек."},
-        {timeStringSec(59), "59 сек."},
-        {timeStringSec(60), "1 м. 0 сек."},
-        {timeStringSec(3599), "59 м. 59 сек."},
-        {timeStringSec(3600), "1 ч. 0 м."},
-        {timeStringSec(7322), "2 ч. 2 м."},
-        {cut(nine.left(8), 5), "12345678"},
-        {cut(nine, 5), "12345..."},
-        {cut(nine, 0), "..."},
-        {cut(nine, -1), "123456789..."},
-        {cut(nine, std::numeric_limits<int>::max()), "123456789"},
-        {edition(), "linux edition"},
+    const QList<QPair<QString, QString>> texts{
+        {sizeString(0), "0 байт"_s},
+        {sizeString(-5), "-5 байт"_s},
+        {sizeString(1023), "1023 байт"_s},
+        {sizeString(1048575), "1024.0 КБайт"_s}, // the class is that of the exact count
+        {sizeString(1048576), "1.0 МБайт"_s},
+        {sizeString((1LL << 40) - 1), "1024.0 ГБайт"_s},
+        {sizeString(1LL << 50), "1024.0 ТБайт"_s},
+        {sizeString(1280), "1.2 КБайт"_s}, // 1.25
+        {speedString(128), "128 байт/с (1.0 Кбит/с)"_s},
+        {speedString(1 << 20), "1.0 МБайт/с (8.0 Мбит/с)"_s},
+        {speedStringBits(100), "800 бит/с"_s},
+        {timeStringSec(-5), "-5 сек."_s},
+        {timeStringSec(59), "59 сек."_s},
+        {timeStringSec(60), "1 м. 0 сек."_s},
+        {timeStringSec(3599), "59 м. 59 сек."_s},
+        {timeStringSec(7322), "2 ч. 2 м."_s},
+        {cut("12345678"_s, 5), "12345678"_s},
+        {cut("123456789"_s, 5), "12345..."_s},
+        {cut("123456789"_s, -1), "123456789..."_s},
+        {cut("123456789"_s, std::numeric_limits<int>::max()), "123456789"_s},
     };
     for (const auto &text : texts)
-        QCOMPARE(text.first, QString::fromUtf8(text.second));
+        QCOMPARE(text.first, text.second);
 
-    for (const int count : {1, 21, 101, -99})
-        QCOMPARE(words(count), count > 0 ? QStringLiteral("1") : QStringLiteral("5"));
-    for (const int count : {2, 3, 4, 22, 104})
-        QCOMPARE(words(count), QStringLiteral("2"));
-    for (const int count : {0, 5, 9, 10, 11, 12, 14, 19, 20, 111, 112, -1, -2})
-        QCOMPARE(words(count), QStringLiteral("5"));
+    QString forms; // of 0 to 25, 101, 104, 111, -1, -2
+    for (int count = 0; count < 31; ++count)
+        forms += declension(count < 26 ? count : QList<int>{101, 104, 111, -1, -2}.at(count - 26), "1"_s,
+                            "2"_s, "5"_s);
+    QCOMPARE(forms, "5122255555555555555551222512555"_s);
 }
 
 void TestTextFormat::roundsAsPrintf()
 {
-    for (int round = 0; round < 20000; ++round) {
-        const long long count = round < 1000 ? 1024 + round * 51 // many ties, such as 1.25
-                                             : QRandomGenerator::global()->bounded(1024, 1 << 20);
-        const QByteArray expected = [&] {
-            char text[32];
-            std::snprintf(text, sizeof text, "%.1f ", static_cast<double>(count) / 1024); // in the C locale
-            return QByteArray(text) + "КБайт";
-        }();
-        if (count < 1 << 20)
-            QCOMPARE(sizeString(count), QString::fromUtf8(expected));
+    for (int round = 0; round < 20000; ++round) { // the first thousand with many ties, such as 1.25
+        const int count =
+            round < 1000 ? 1024 + round * 51 : QRandomGenerator::global()->bounded(1024, 1 << 20);
+        char text[32];
+        std::snprintf(text, sizeof text, "%.1f", count / 1024.0); // in the C locale
+        QCOMPARE(sizeString(count), QString::fromLatin1(text) + " КБайт"_s);
     }
-    QCOMPARE(sizeString(1280), QString::fromUtf8("1.2 КБайт")); // 1.25
 }
 
 void TestTextFormat::filtersAsTheirExpressions()
 {
-    const QRegExp names(QString::fromUtf8("[^A-Za-z0-9ЁЙЦУКЕНГШЩЗХЪФЫВАПРОЛДЖЭЯЧСМИТЬБЮ"
-                                          "ёйцукенгшщзхъфывапролджэячсмитьбю]"));
-    const QRegExp fileNames(QStringLiteral("[\"<>:\\\\/\\|\\?\\*]|(\\.\\.)"));
-    for (int unit = 0; unit < 0x10000; ++unit) {
-        const QString text(QChar(static_cast<ushort>(unit)));
-        QCOMPARE(filterName(text), QString(text).remove(names).toLower());
-        QCOMPARE(filterNotValidSymbols(text), QString(text).remove(fileNames));
-    }
-
-    const QString alphabet = QString::fromUtf8("..../:*\"<>|?\\aЯ -");
-    for (int round = 0; round < 5000; ++round) {
-        QString text;
-        while (text.size() < round % 12)
+    const QRegExp names("[^A-Za-z0-9ЁЙЦУКЕНГШЩЗХЪФЫВАПРОЛДЖЭЯЧСМИТЬБЮёйцукенгшщзхъфывапролджэячсмитьбю]"_s);
+    const QRegExp fileNames("[\"<>:\\\\/\\|\\?\\*]|(\\.\\.)"_s);
+    const QString alphabet = "..../:*\"<>|?\\aЯ -"_s;
+    for (int round = 0; round < 0x10000 + 5000; ++round) { // every code unit, then mixtures
+        QString text = round < 0x10000 ? QString(QChar(static_cast<ushort>(round))) : QString();
+        while (text.size() < round % 12 && round >= 0x10000)
             text += alphabet.at(QRandomGenerator::global()->bounded(alphabet.size()));
         QCOMPARE(filterNotValidSymbols(text), QString(text).remove(fileNames));
         QCOMPARE(filterName(text), QString(text).remove(names).toLower());
     }
-    const QString shared = QString::fromUtf8("Иван Petrov-2");
-    QCOMPARE(filterName(shared), QString::fromUtf8("иванpetrov2"));
-    QCOMPARE(shared, QString::fromUtf8("Иван Petrov-2")); // the caller's own stays
+    QCOMPARE(filterName("Иван Petrov-2"_s), "иванpetrov2"_s);
 }
 
 void TestTextFormat::asksTheEnvironment()
 {
     qputenv("USER", "ann");
-    QCOMPARE(currentSystemUserName(), QStringLiteral("ann"));
+    QCOMPARE(currentSystemUserName(), "ann"_s);
     qunsetenv("USER");
     QVERIFY(currentSystemUserName().isNull());
-
-    QVERIFY(diskFreeSpace(QCoreApplication::applicationDirPath() + QLatin1String("/missing")) > 0);
-    QCOMPARE(diskFreeSpace(QStringLiteral("/no/such/directory")), -1LL);
-
-    QVERIFY(!isEmergecyExit());
-    setEmergecyExit(true);
-    QVERIFY(isEmergecyExit());
+    QVERIFY(diskFreeSpace(TestInstallation::path() + "/missing"_s) > 0);
+    QCOMPARE(diskFreeSpace("/no/such/directory"_s), -1LL);
 }
 
 QTEST_GUILESS_MAIN(TestTextFormat)

@@ -4,6 +4,12 @@
 #include <QByteArray>
 #include <QString>
 
+/// "text"_s
+inline QString operator""_s(const char *text, std::size_t size)
+{
+    return QString::fromUtf8(text, static_cast<int>(size));
+}
+
 namespace TestInstallation {
 
 /// The directory above the executable's; its path without a slash at the end.
