@@ -105,8 +105,7 @@ install_pc(interfaces "Contract between hosts and channel plug-ins" Qt5Core "-I\
 install_pc(common "Runtime of hosts and channel plug-ins: log, settings, files" Qt5Core "-I\${includedir} -pthread"
   "-L\${libdir} -lipchannel-common -pthread")
 install_pc(ipsettings "Byte records of the IP channel" ipchannel-common "" "-L\${libdir} -lipchannel-ipsettings")
-install_pc(kind "What a channel plug-in is built with" "ipchannel-interfaces ipchannel-common"
-  "-fPIC -fvisibility=hidden -fvisibility-inlines-hidden"
+install_pc(kind "What a channel plug-in is built with" "ipchannel-interfaces ipchannel-common" ""
   "-shared -Wl,--version-script=\${libdir}/cmake/ipChannel/channel.map -Wl,-Bsymbolic -Wl,-z,nodelete -Wl,--no-undefined")
 
 include(${CMAKE_CURRENT_LIST_DIR}/Packages.cmake)

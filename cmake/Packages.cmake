@@ -29,24 +29,24 @@ set(CPACK_COMPONENT_DEVELOPMENT_GROUP development)
 set(CPACK_DEBIAN_PLUGIN_PACKAGE_NAME ipchannel-plugin)
 set(CPACK_DEBIAN_PLUGIN_PACKAGE_SECTION net)
 set(CPACK_COMPONENT_PLUGIN_DESCRIPTION "IP channel of the messaging family
- A channel plug-in that connects abonents over TCP. A host program, such as
- abonent, loads it at run time.")
+A channel plug-in that connects abonents over TCP. A host program, such as
+abonent, loads it at run time.")
 
 set(CPACK_DEBIAN_HOST_PACKAGE_NAME abonent)
 set(CPACK_DEBIAN_HOST_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS "ipchannel-plugin (= ${PROJECT_VERSION}-1), adduser")
 set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_EXTRA ${packagingDir}/postinst ${packagingDir}/postrm)
 set(CPACK_COMPONENT_HOST_DESCRIPTION "exchange messages and files between abonents
- A console messenger that talks through channel plug-ins. Whoever is to use it
- has to be a member of the group ipchannel.")
+A console messenger that talks through channel plug-ins. Whoever is to use it
+has to be a member of the group ipchannel.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ipchannel-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "cmake, pkg-config, ipchannel-plugin")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "kit for authors of hosts and channel plug-ins
- The contract between hosts and channel plug-ins, the runtime that every module
- links, the documents, and two examples: a loop-back channel and a small host.")
+The contract between hosts and channel plug-ins, the runtime that every module
+links, the documents, and two examples: a loop-back channel and a small host.")
 
 # What a package says about itself, and the link by which people call the program.
 set(docs ${CMAKE_INSTALL_DATAROOTDIR}/doc)
@@ -62,8 +62,8 @@ if(IPCHANNEL_STATE_DIR AND GZIP)
     list(POP_FRONT remaining component package)
     install(FILES packaging/copyright ${PROJECT_BINARY_DIR}/packaging/changelog.Debian.gz
       DESTINATION ${docs}/${package} COMPONENT ${component})
-    install(FILES packaging/lintian/${package} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
-      COMPONENT ${component} OPTIONAL)
+    install(FILES packaging/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
+      COMPONENT ${component} RENAME ${package})
   endwhile()
   install(CODE "
     set(root \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
