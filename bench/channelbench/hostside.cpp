@@ -92,7 +92,6 @@ CStation::CStation(const QString &pluginPath) : plugin(nullptr, nullptr)
         std::fprintf(stderr, "channelbench: the plug-in has another version\n");
         std::exit(1);
     }
-    LoggerData::initDebug(nullptr);
     resolve<InitDebugFunction>(library, initDebugSymbol)(LoggerData::debugData());
     plugin = {resolve<InstanceFunction>(library, instanceSymbol)(),
               resolve<DeleteInstanceFunction>(library, deleteInstanceSymbol)};

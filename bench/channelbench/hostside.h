@@ -59,7 +59,8 @@ using MakeProtocol = std::function<CAbstractProtocol *(CChannel *channel)>;
 class CStation
 {
 public:
-    /// Loads the plug-in. A failure ends the program with a message.
+    /// Loads the plug-in and shares this program's logging state with it. A failure ends the program
+    /// with a message.
     explicit CStation(const QString &pluginPath);
     ~CStation();
     CStation(const CStation &) = delete;

@@ -13,12 +13,12 @@
 #include "bench/channelbench/rows.h"
 
 #include "bench/support/measure.h"
-#include "common/directorylayout.h"
-#include "common/filepermissions.h"
+#include "common/csettings.h"
+#include "common/debugdata.h"
+#include "common/logwriter.h"
 #include "transportIp/ipsettings.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QSocketNotifier>
 
@@ -142,12 +142,19 @@ void takeMessage(QtMsgType type, const QMessageLogContext &, const QString &text
         std::fprintf(stderr, "%s\n", qPrintable(text));
 }
 
-void switchConnectionLogOff()
+/// Makes the fresh installation one that has been in use: the settings hold every key that a connection
+/// asks for, the log has its head. Both are written once in an installation's life or day.
+void breakIn()
 {
-    Global::makePath(Global::settingsDir());
-    QFile file(Global::internalSettingsFilePath());
-    if (file.open(QIODevice::WriteOnly))
-        file.write("[Debug]\ntransportConnects=false\n");
+    CSettings settings;
+    if (!qEnvironmentVariableIsEmpty("CHANNELBENCH_QUIET"))
+        settings.write(QStringLiteral("Debug/transportConnects"), false);
+    Measure::keep(settings.debugAll() + settings.debugTransportConnects() +
+                  settings.debugTransportIpSocketError());
+    Measure::keep(settings.detailsMaxWritingTime() + settings.detailsTransportIpConnectTimeout());
+    Measure::keep(settings.detailsTransportIpThreadStartTimeout() +
+                  settings.detailsTransportServerThreadStopTimeout());
+    debug(QStringLiteral("channelbench"), QStringLiteral("A run begins"), DebugAlways, DebugFlagFileOnly);
 }
 
 int run(const QStringList &arguments)
@@ -195,8 +202,8 @@ int main(int argc, char **argv)
     int result = 0;
     {
         const QCoreApplication application(argc, argv);
-        if (!qEnvironmentVariableIsEmpty("CHANNELBENCH_QUIET"))
-            switchConnectionLogOff();
+        LoggerData::initDebug(nullptr);
+        breakIn();
         result = run(QCoreApplication::arguments());
     }
     Installation::leave();
