@@ -13,6 +13,7 @@ constexpr char overview[] =
     "  abonent send АБОНЕНТ АДРЕС[:ПОРТ] --text ТЕКСТ    передать текст\n"
     "  abonent settings show                             показать настройки\n"
     "  abonent settings set КЛЮЧ=ЗНАЧЕНИЕ...             изменить настройки\n"
+    "  abonent check МОДУЛЬ.so                           проверить модуль канала\n"
     "\n"
     "  abonent КОМАНДА --help                            подробно о команде\n"
     "  abonent --version                                 версия программы\n"
@@ -21,7 +22,8 @@ constexpr char overview[] =
     "  0  выполнено                          4  ответил другой абонент\n"
     "  1  неисправность установки            5  передано или подтверждено не все\n"
     "  2  ошибка в командной строке          6  недопустимое значение настройки\n"
-    "  3  абонент не отвечает                128 + номер сигнала: работа прервана\n";
+    "  3  абонент не отвечает                7  модуль канала нарушает договор\n"
+    "                                        128 + номер сигнала: работа прервана\n";
 
 constexpr char listenHelp[] =
     "abonent listen [--name ИМЯ] [--verbose]\n"
@@ -66,6 +68,32 @@ constexpr char settingsHelp[] =
     "Если хотя бы одно значение недопустимо, не меняется ничего. Работающий abonent listen\n"
     "замечает новые настройки IP-канала сам.\n";
 
+constexpr char checkHelp[] =
+    "abonent check МОДУЛЬ.so [--only ИМЯ[,ИМЯ...]] [--json] [--verbose] [--seed N] [--limit МС]\n"
+    "              [--jobs N] [--abonent-data HEX | --abonent-file ФАЙЛ] [--silent-data HEX]\n"
+    "              [--settings ИМЯ=ФАЙЛ]\n"
+    "abonent check --list\n"
+    "\n"
+    "Исполняет роль программы перед модулем канала любого вида и проверяет, соблюдает ли он\n"
+    "договор. Каждая проверка идет в отдельном процессе и во временной установке; эта установка\n"
+    "не затрагивается. IP-канал проверка настраивает сама.\n"
+    "\n"
+    "  --list                показать все проверки\n"
+    "  --only ИМЯ            выполнить только названные проверки\n"
+    "  --json                напечатать итог в виде JSON\n"
+    "  --verbose             показывать сообщения модуля\n"
+    "  --seed N              зерно случайной проверки: то же зерно - те же действия\n"
+    "  --limit МС            сколько ждать того, что должно случиться; обычно 5000.\n"
+    "                        Молчание вдвое дольше считается зависанием\n"
+    "  --jobs N              сколько проверок идет сразу; обычно по числу процессоров\n"
+    "  --abonent-data HEX    данные абонента, ведущие обратно к этому же каналу или к эху\n"
+    "  --abonent-file ФАЙЛ   то же, из файла\n"
+    "  --silent-data HEX     данные абонента, который заведомо не отвечает\n"
+    "  --settings ИМЯ=ФАЙЛ   положить копию файла под этим именем в каталог settings\n"
+    "\n"
+    "Код завершения: 0 - ошибок нет, 7 - есть ошибки, 1 - нет места для проверок, 2 - ошибка в\n"
+    "командной строке.\n";
+
 } // namespace
 
 QString commandHelp(const QString &command)
@@ -77,5 +105,7 @@ QString commandHelp(const QString &command)
         text = sendHelp;
     else if (command == QLatin1String("settings"))
         text = settingsHelp;
+    else if (command == QLatin1String("check"))
+        text = checkHelp;
     return QString::fromUtf8(text);
 }

@@ -5,7 +5,7 @@ namespace {
 struct CommandForm
 {
     const char *name;
-    const char *options; // separated by blanks
+    const char *options; // separated by blanks; null: the command reads its words itself
     int leastOperands;
     int mostOperands; // -1: any number
 };
@@ -15,6 +15,7 @@ constexpr CommandForm forms[] = {
     {"listen", "--name --verbose", 0, 0},
     {"send", "--name --verbose --text --retry", 2, -1},
     {"settings", "", 1, -1},
+    {"check", nullptr, 0, -1},
 };
 
 const CommandForm *formOf(const QString &command)
@@ -38,12 +39,12 @@ public:
         bool onlyOperands = false;
         while (!rest.isEmpty() && result->mistake.isNull()) {
             const QString word = rest.takeFirst();
-            if (onlyOperands || !word.startsWith(QLatin1String("--")))
+            if (word == QLatin1String("--help") && !onlyOperands)
+                result->help = true;
+            else if (!form.options || onlyOperands || !word.startsWith(QLatin1String("--")))
                 result->operands << word;
             else if (word == QLatin1String("--"))
                 onlyOperands = true;
-            else if (word == QLatin1String("--help"))
-                result->help = true;
             else
                 readOption(word, options);
         }

@@ -12,3 +12,6 @@ int runSend(const CommandLine &line);
 
 /// Shows or changes the settings.
 int runSettings(const CommandLine &line);
+
+/// Plays the host against a channel library and tells whether it keeps the contract.
+int runCheck(const CommandLine &line);

@@ -10,5 +10,6 @@ enum ExitCode
     ExitSomebodyElse = 4,  // somebody else answered the call
     ExitNotDelivered = 5,  // connected, but not everything was confirmed
     ExitBadValue = 6,      // a settings value was refused
+    ExitBadChannel = 7,    // a check of a channel has failed
     ExitInterrupted = 128, // plus the number of the signal
 };

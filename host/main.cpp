@@ -26,6 +26,7 @@ constexpr Command commands[] = {
     {"listen", runListen},
     {"send", runSend},
     {"settings", runSettings},
+    {"check", runCheck},
 };
 
 int answer(std::FILE *stream, int code, const QString &text)

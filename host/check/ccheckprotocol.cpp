@@ -86,8 +86,7 @@ void CCheckProtocol::receive()
         if (watch.elapsed() > readLimitMs)
             witness.complain("read", QStringLiteral("read() не возвращался %1 мс").arg(watch.elapsed()));
         if (bytes.size() > asked) {
-            witness.complain(
-                "read", QStringLiteral("read(%1) вернул %2 байт").arg(asked).arg(bytes.size()));
+            witness.complain("read", QStringLiteral("read(%1) вернул %2 байт").arg(asked).arg(bytes.size()));
         }
         if (bytes.isEmpty())
             return;

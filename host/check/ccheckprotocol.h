@@ -40,8 +40,8 @@ private:
     bool isGreeted = false;
     bool isPayloadQueued = false;
     std::atomic<bool> isEnded{false}; // finished() has been said, by whatever thread
-    int turn = 0; // varies the sizes of reads
-    QByteArray received; // until the greeting is complete
+    int turn = 0;                     // varies the sizes of reads
+    QByteArray received;              // until the greeting is complete
     QByteArray outbox;
     int payloadBack = 0;
     qint64 readBytes = 0;

@@ -1,6 +1,7 @@
 #include "host/check/checkarguments.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QRandomGenerator>
 #include <QThread>
 
@@ -45,7 +46,8 @@ QString checkSetting(const QString &assignment)
     const QString name = assignment.section(QLatin1Char('='), 0, 0);
     if (name.isEmpty() || name.contains(QLatin1Char('/')) || name.startsWith(QLatin1Char('.')) ||
         !QFile::exists(assignment.section(QLatin1Char('='), 1)))
-        return QStringLiteral("Нужно ИМЯ=ФАЙЛ, где имя - без каталога, а файл существует: %1").arg(assignment);
+        return QStringLiteral("Нужно ИМЯ=ФАЙЛ, где имя - без каталога, а файл существует: %1")
+            .arg(assignment);
     return QString();
 }
 
@@ -99,13 +101,14 @@ CheckArguments parseCheckArguments(const QStringList &words)
         if (!word.startsWith(QLatin1String("--"))) {
             if (!arguments.channel.isEmpty())
                 arguments.mistake = QStringLiteral("Лишний аргумент: %1").arg(word);
-            arguments.channel = word;
+            arguments.channel = QFileInfo(word).absoluteFilePath(); // no search along library paths
         } else if (!takeFlag(word, &arguments)) {
             if (option == word && rest.isEmpty())
                 arguments.mistake = QStringLiteral("Неизвестный параметр или нет его значения: %1").arg(word);
             else
-                arguments.mistake = takeOption(
-                    option, option == word ? rest.takeFirst() : word.section(QLatin1Char('='), 1), &arguments);
+                arguments.mistake =
+                    takeOption(option, option == word ? rest.takeFirst() : word.section(QLatin1Char('='), 1),
+                               &arguments);
         }
     }
     if (arguments.mistake.isNull() && arguments.channel.isEmpty() && !arguments.list)

@@ -11,17 +11,17 @@ struct CheckArguments
     QString channel; // file name of the library
     bool list = false;
     bool json = false;
-    bool verbose = false;           // what the channel prints goes to standard error
-    QStringList only;               // names of checks; empty: all
-    QStringList settings;           // FILE=PATH: a copy of PATH under this name in every check's settings/
-    bool hasAbonentData = false;    // an empty record is a record as well
-    QByteArray abonentData;         // leads back to the channel itself, or to an echo
+    bool verbose = false;        // what the channel prints goes to standard error
+    QStringList only;            // names of checks; empty: all
+    QStringList settings;        // FILE=PATH: a copy of PATH under this name in every check's settings/
+    bool hasAbonentData = false; // an empty record is a record as well
+    QByteArray abonentData;      // leads back to the channel itself, or to an echo
     bool hasSilentAbonent = false;
-    QByteArray silentAbonent;       // a record that nobody answers
-    quint32 seed = 0;               // of random-run; never 0 after parsing
-    int limitMs = 5000;             // for everything that has to happen, a stop included
-    int jobs = 0;                   // checks at a time; never 0 after parsing
-    QString child;                  // the one check to run in this process; of no use to people
+    QByteArray silentAbonent; // a record that nobody answers
+    quint32 seed = 0;         // of random-run; never 0 after parsing
+    int limitMs = 5000;       // for everything that has to happen, a stop included
+    int jobs = 0;             // checks at a time; never 0 after parsing
+    QString child;            // the one check to run in this process; of no use to people
 };
 
 /// Reads the words and the files named by --abonent-file; draws a seed when none is given.

@@ -6,6 +6,9 @@
 class CStage;
 class QString;
 
+/// Stands for all the others: none of them may have failed.
+extern const char *const everyOtherCheck;
+
 struct Check
 {
     const char *name;

@@ -124,9 +124,8 @@ QString CStage::open()
 
     // Without a receiver, so that they are heard in the thread that emits them.
     CWitness *const seen = &witness;
-    QObject::connect(server.get(), &CChannelServer::connected, [seen](const QString &name, int id) {
-        seen->note(What::Connected, id, name);
-    });
+    QObject::connect(server.get(), &CChannelServer::connected,
+                     [seen](const QString &name, int id) { seen->note(What::Connected, id, name); });
     QObject::connect(server.get(), &CChannelServer::notConnected,
                      [seen](const QString &name) { seen->note(What::NotConnected, 0, name); });
     QObject::connect(server.get(), &CChannelServer::disconnected,
@@ -208,7 +207,9 @@ QString CStage::waitExchanged(int number)
 {
     if (wait([&] { return witness.count(What::Exchanged, calledName(number)) > 0; }))
         return QString();
-    return QStringLiteral("Данные вызова %1 за %2 мс не вернулись целиком").arg(number).arg(arguments.limitMs);
+    return QStringLiteral("Данные вызова %1 за %2 мс не вернулись целиком")
+        .arg(number)
+        .arg(arguments.limitMs);
 }
 
 int CStage::connectionOf(int number) const

@@ -18,7 +18,7 @@ class CAbstractProtocol;
 /// How the check's protocols behave.
 struct Conduct
 {
-    bool refuses = false;       // the factory makes no protocol
+    bool refuses = false; // the factory makes no protocol
     bool finishesInStart = false;
     bool finishesInStop = false; // straight from stop(), in the thread that asks
     bool isDeaf = false;         // who is called reads nothing
@@ -106,10 +106,10 @@ public:
     void addSent(int handle, int bytes) override;
     void addRecord(int kind, const QString &source, const QString &text) override;
 
-    std::atomic<bool> mayExchange{true};      // false holds the callers' payload back
-    std::atomic<int> longestWriteMs{0};       // of all channels
-    std::atomic<QMutex *> logMutex{nullptr};  // set: every call of the channel tries it
-    int kind = 0;                             // the plug-in's; set before anything runs
+    std::atomic<bool> mayExchange{true};     // false holds the callers' payload back
+    std::atomic<int> longestWriteMs{0};      // of all channels
+    std::atomic<QMutex *> logMutex{nullptr}; // set: every call of the channel tries it
+    int kind = 0;                            // the plug-in's; set before anything runs
     const int serverThread;
 
     CWitness();

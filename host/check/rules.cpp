@@ -18,27 +18,16 @@ bool isProtocols(const Event &event)
            (event.what == What::Create || event.what == What::Start || event.what == What::Gone);
 }
 
-/// Names with their flags, sorted, of all events of a sort that have a name.
-QStringList ends(const CWitness &witness, What what, bool withFlag)
+/// The names in all events of a sort that have one, sorted.
+QStringList namesIn(const CWitness &witness, What what)
 {
-    QStringList texts;
+    QStringList names;
     for (const Event &event : witness.events()) {
         if (event.what == what && !event.text.isEmpty())
-            texts << event.text +
-                         (withFlag ? QStringLiteral(" (wasUseful %1)").arg(event.value) : QString());
+            names << event.text;
     }
-    texts.sort();
-    return texts;
-}
-
-QString compareEnds(const CWitness &witness, bool withFlag)
-{
-    const QStringList wanted = ends(witness, What::Gone, withFlag);
-    const QStringList seen = ends(witness, What::Disconnected, withFlag);
-    if (seen == wanted)
-        return QString();
-    return QStringLiteral("Закончились соединения: %1; сигналы disconnected: %2")
-        .arg(wanted.join(QLatin1String(", ")), seen.join(QLatin1String(", ")));
+    names.sort();
+    return names;
 }
 
 } // namespace
@@ -97,12 +86,32 @@ QString Rules::protocolThread(const CWitness &witness)
 
 QString Rules::everyEndReported(const CWitness &witness)
 {
-    return compareEnds(witness, false);
+    const QStringList ended = namesIn(witness, What::Gone);
+    const QStringList reported = namesIn(witness, What::Disconnected);
+    if (ended == reported)
+        return QString();
+    return QStringLiteral("Закончились соединения: %1; сигналы disconnected: %2")
+        .arg(ended.join(QLatin1String(", ")), reported.join(QLatin1String(", ")));
 }
 
 QString Rules::usefulFlag(const CWitness &witness)
 {
-    return compareEnds(witness, true);
+    std::multimap<QString, qint64> flags; // of the protocols, by name
+    for (const Event &event : witness.events()) {
+        if (event.what == What::Gone)
+            flags.emplace(event.text, event.value);
+    }
+    for (const Event &event : witness.events()) {
+        const auto [first, last] = flags.equal_range(event.text);
+        const bool isRight = first == last || std::any_of(first, last, [&](const auto &each) {
+                                 return each.second == event.value;
+                             });
+        if (event.what == What::Disconnected && !isRight)
+            return QStringLiteral("disconnected('%1') сообщил wasUseful %2, у протокола другое")
+                .arg(event.text)
+                .arg(event.value);
+    }
+    return QString();
 }
 
 QString Rules::monitorEntries(const CWitness &witness)
@@ -137,7 +146,8 @@ QString Rules::monitorEntries(const CWitness &witness)
         }
     }
     entries.erase(CWitness::ownHandle);
-    const auto left = std::count_if(entries.begin(), entries.end(), [](const auto &each) { return each.second; });
+    const auto left =
+        std::count_if(entries.begin(), entries.end(), [](const auto &each) { return each.second; });
     return left == 0 ? QString() : QStringLiteral("После остановки в мониторе осталось строк: %1").arg(left);
 }
 
@@ -195,7 +205,8 @@ QString Rules::ownership(const CWitness &witness)
         else if (event.what == What::ServerGone)
             isServerGone = true;
     }
-    return isServerGone && factories != 0 ? QStringLiteral("Сервер не удалил свою фабрику протоколов") : QString();
+    return isServerGone && factories != 0 ? QStringLiteral("Сервер не удалил свою фабрику протоколов")
+                                          : QString();
 }
 
 QString Rules::stopReturnsFirst(const CWitness &witness)

@@ -1,0 +1,200 @@
+// Checks of the library and its plug-in object; no server runs here.
+#include "host/check/checks.h"
+#include "host/check/cstage.h"
+
+#include <QMetaMethod>
+#include <QThread>
+
+#include <memory>
+#include <thread>
+
+namespace {
+
+using PluginPointer = std::unique_ptr<CChannelPlugin, DeleteInstanceFunction>;
+
+PluginPointer makePlugin(const EntryPoints &entries)
+{
+    return PluginPointer(entries.instance(), entries.deleteInstance);
+}
+
+// The names that hosts connect by, in the order of the contract.
+constexpr const char *methods[] = {
+    "signal connected(QString,int) abonentName connectionId",
+    "signal notConnected(QString) abonentName",
+    "signal disconnected(QString,int,bool) abonentName connectionId wasUseful",
+    "signal finished()",
+    "slot settingsWasChanged()",
+    "slot connectToAbonent(QString,QByteArray) abonentName abonentsData",
+    "slot disconnectFromAbonent(QString,int) abonentName connectionId",
+    "slot keepAliveConnection(int) connectionId",
+};
+
+QByteArray described(const QMetaMethod &method)
+{
+    QByteArray text = method.methodType() == QMetaMethod::Signal ? "signal " : "slot ";
+    text += method.methodSignature();
+    const QList<QByteArray> names = method.parameterNames();
+    for (const QByteArray &name : names)
+        text += ' ' + name;
+    return text;
+}
+
+QString compareMembers(const CChannelServer &server)
+{
+    if (server.parent() || server.thread() != QThread::currentThread())
+        return QStringLiteral("Новый сервер имеет родителя или живет в чужом потоке");
+    if (server.hostValue != 1 || server.monitorHandle != 0)
+        return QStringLiteral("Первые члены нового сервера равны %1 и %2, а должны быть 1 и 0")
+            .arg(server.hostValue)
+            .arg(server.monitorHandle);
+    if (server.protocolFactory || server.monitor || server.journal)
+        return QStringLiteral("У нового сервера уже заданы фабрика протоколов, монитор или журнал");
+    return QString();
+}
+
+/// What one of several threads does with the plug-in.
+QString usePlugin(const EntryPoints &entries, int type, const QString &name)
+{
+    constexpr int rounds = 50;
+    for (int i = 0; i < rounds; ++i) {
+        const PluginPointer plugin = makePlugin(entries);
+        const std::unique_ptr<CChannelServer> server(plugin->create());
+        int delay = 10;
+        plugin->incCallTimeout(&delay);
+        plugin->decCallTimeout(&delay);
+        if (plugin->type() != type || plugin->name() != name || !server)
+            return QStringLiteral("В другом потоке объект канала отвечает иначе: тип %1, имя '%2'")
+                .arg(QString::number(plugin->type()), plugin->name());
+    }
+    return QString();
+}
+
+} // namespace
+
+QString Checks::entryPoints(CStage &stage)
+{
+    QLibrary file(stage.arguments.channel);
+    file.setLoadHints(QLibrary::ResolveAllSymbolsHint | QLibrary::PreventUnloadHint);
+    if (!file.load())
+        return QStringLiteral("Библиотека не загружается. %1").arg(file.errorString());
+    QStringList missing;
+    for (const char *symbol : {apiVersionSymbol, initDebugSymbol, instanceSymbol, deleteInstanceSymbol}) {
+        if (!file.resolve(symbol))
+            missing << QLatin1String(symbol);
+    }
+    return missing.isEmpty() ? QString()
+                             : QStringLiteral("Нет функций: %1").arg(missing.join(QLatin1String(", ")));
+}
+
+QString Checks::apiVersion(CStage &stage)
+{
+    // The program's own gate, so that its refusals are what is checked.
+    const QString error = stage.load();
+    if (!error.isNull())
+        return error;
+    const int again = ::entryPoints(stage.arguments.channel).apiVersion();
+    return again == channelApiVersion ? QString()
+                                      : QStringLiteral("Второй вызов apiVersion() дал %1").arg(again);
+}
+
+QString Checks::pluginObject(CStage &stage)
+{
+    const EntryPoints entries = ::entryPoints(stage.arguments.channel);
+    const PluginPointer one = makePlugin(entries);
+    const PluginPointer other = makePlugin(entries);
+    if (!one || !other || one == other)
+        return QStringLiteral("Два вызова instance() не дали двух разных объектов");
+    if (one->type() != other->type() || one->name() != other->name())
+        return QStringLiteral("Объекты одного модуля отвечают на type() и name() по-разному");
+    if (one->name().isEmpty())
+        return QStringLiteral("Имя канала пустое");
+    stage.step(QStringLiteral("deleteInstance() с нулевым указателем"));
+    entries.deleteInstance(nullptr);
+    return QString();
+}
+
+QString Checks::pluginThreads(CStage &stage)
+{
+    const EntryPoints entries = ::entryPoints(stage.arguments.channel);
+    const int type = stage.library.plugin()->type();
+    const QString name = stage.library.plugin()->name();
+    constexpr int count = 4;
+    QString errors[count];
+    std::vector<std::thread> threads;
+    for (QString &error : errors)
+        threads.emplace_back([&] { error = usePlugin(entries, type, name); });
+    for (std::thread &thread : threads)
+        thread.join();
+    for (const QString &error : errors) {
+        if (!error.isNull())
+            return error;
+    }
+    return QString();
+}
+
+QString Checks::callDelay(CStage &stage)
+{
+    constexpr int mostSteps = 1000;
+    const CChannelPlugin *plugin = stage.library.plugin();
+    int delay = 10;
+    const auto walk = [&](void (CChannelPlugin::*step)(int *) const, int direction) {
+        for (int i = 0; i < mostSteps; ++i) {
+            const int before = delay;
+            (plugin->*step)(&delay);
+            if (delay == before)
+                return QString();
+            if ((delay > before) != (direction > 0))
+                return QStringLiteral("Пауза %1 изменена не в ту сторону: %2").arg(before).arg(delay);
+        }
+        return QStringLiteral("За %1 шагов пауза не дошла до границы").arg(mostSteps);
+    };
+    QString error = walk(&CChannelPlugin::decCallTimeout, -1);
+    const int least = delay;
+    if (error.isNull() && least < 0)
+        error = QStringLiteral("Наименьшая пауза отрицательна: %1").arg(least);
+    if (error.isNull())
+        error = walk(&CChannelPlugin::incCallTimeout, +1);
+    if (error.isNull() && delay == least)
+        error = QStringLiteral("incCallTimeout() не увеличивает паузу %1").arg(delay);
+    if (error.isNull())
+        error = walk(&CChannelPlugin::decCallTimeout, -1);
+    if (error.isNull() && delay != least)
+        error = QStringLiteral("Пауза вернулась к %1, а не к %2").arg(delay).arg(least);
+    return error;
+}
+
+QString Checks::metaObject(CStage &stage)
+{
+    const std::unique_ptr<CChannelServer> server(stage.library.plugin()->create());
+    // A slot that the channel's class declares anew stands once more in that class; hosts count in the base.
+    const QMetaObject *base = server->metaObject();
+    while (base && base->superClass() != &QObject::staticMetaObject)
+        base = base->superClass();
+    if (!base)
+        return QStringLiteral("Мета-объект сервера не знает класса CChannelServer");
+    int index = base->methodOffset();
+    for (const char *wanted : methods) {
+        const QByteArray found = described(base->method(index++));
+        if (found != wanted)
+            return QStringLiteral("На месте '%1' стоит '%2'")
+                .arg(QLatin1String(wanted), QLatin1String(found));
+    }
+    return QString();
+}
+
+QString Checks::freshServer(CStage &stage)
+{
+    const EntryPoints entries = ::entryPoints(stage.arguments.channel);
+    PluginPointer plugin = makePlugin(entries);
+    const std::unique_ptr<CChannelServer> one(plugin->create());
+    const std::unique_ptr<CChannelServer> other(plugin->create());
+    if (!one || !other || one == other)
+        return QStringLiteral("Два вызова create() не дали двух разных серверов");
+    const QString error = compareMembers(*one);
+    if (!error.isNull())
+        return error;
+    stage.step(QStringLiteral("сервер без объекта канала"));
+    plugin.reset();
+    one->isHardwareOn();
+    return QString();
+}
