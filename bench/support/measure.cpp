@@ -25,6 +25,11 @@ double Measure::cpu()
     return secondsOf(CLOCK_PROCESS_CPUTIME_ID);
 }
 
+double Measure::threadCpu()
+{
+    return secondsOf(CLOCK_THREAD_CPUTIME_ID);
+}
+
 double Measure::cpuOf(pid_t pid)
 {
     clockid_t clock = {};

@@ -13,6 +13,9 @@ double now();
 /// Processor seconds of this process, all threads, user and system.
 double cpu();
 
+/// Processor seconds of the calling thread.
+double threadCpu();
+
 /// Processor seconds of another process; 0 when it is gone.
 double cpuOf(pid_t pid);
 
@@ -29,26 +32,27 @@ inline void keep(const T &value)
     asm volatile("" : : "g"(&value) : "memory");
 }
 
-/// Nanoseconds of one call: the median of seven batches, each at least 10 ms long.
+/// Processor nanoseconds of one call: the median of seven batches, each at least 10 ms long. What else the
+/// machine does meanwhile does not count.
 template <typename Function>
 double nsPerCall(Function function)
 {
     constexpr double batchSeconds = 0.01;
     long calls = 1;
     for (;;) {
-        const double begin = now();
+        const double begin = threadCpu();
         for (long i = 0; i < calls; ++i)
             function();
-        if (now() - begin >= batchSeconds)
+        if (threadCpu() - begin >= batchSeconds)
             break;
         calls *= 2;
     }
     std::vector<double> batches;
     for (int batch = 0; batch < 7; ++batch) {
-        const double begin = now();
+        const double begin = threadCpu();
         for (long i = 0; i < calls; ++i)
             function();
-        batches.push_back((now() - begin) * 1e9 / double(calls));
+        batches.push_back((threadCpu() - begin) * 1e9 / double(calls));
     }
     return quantile(batches, 0.5);
 }
