@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures the project beside its peers, in rounds, and prints tables.
 
-    run.py --build DIRECTORY [--rounds N] [area...]
+    run.py --build DIRECTORY [--rounds N] [--bars] [area...]
 """
 
 import argparse
@@ -42,20 +42,22 @@ def measure(programs, name, rounds):
     return done
 
 
-def print_area(name, rounds, seconds):
+def print_area(name, rounds, seconds, bars_only):
     print(f"## {name}\n")
     print(f"{len(rounds)} rounds, {seconds:.0f} s\n")
     if not rounds:
         return
     if name in bars.BARS:
         print("\n".join(report.standing(bars.BARS[name], rounds)))
-    print("\n".join(report.figures(rounds)), flush=True)
+    if name not in bars.BARS or not bars_only:
+        print("\n".join(report.figures(rounds)), flush=True)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True, help="directory of the build")
     parser.add_argument("--rounds", type=int, default=0, help="instead of each area's own number")
+    parser.add_argument("--bars", action="store_true", help="of the figures behind the bars print none")
     parser.add_argument("area", nargs="*", help=", ".join(areas.AREAS))
     options = parser.parse_args()
     unknown = [name for name in options.area if name not in areas.AREAS]
@@ -73,7 +75,7 @@ def main():
             begin = time.monotonic()
             rounds = measure(programs, name, options.rounds)
             complete = complete and bool(rounds)
-            print_area(name, rounds, time.monotonic() - begin)
+            print_area(name, rounds, time.monotonic() - begin, options.bars)
     finally:
         shutil.rmtree(programs.files, ignore_errors=True)
     return 0 if complete else 1
