@@ -50,9 +50,7 @@ void TestEntryNaming::continues()
     QFETCH(QString, names);
     const QTemporaryDir place;
     const QDir directory(place.path());
-    for (const QString &entry : entries.split(QLatin1Char(' '), Qt::SkipEmptyParts))
-        QVERIFY(entry.endsWith(QLatin1Char('/')) ? directory.mkdir(entry)
-                                                 : TestInstallation::write(place.filePath(entry), ""));
+    TestInstallation::plant(place.path(), entries);
     const QStringList given{nextMessageDirName(directory), nextMessageDirName(directory),
                             nextTaskFileName(directory)};
     QCOMPARE(given.join(QLatin1Char(' ')), names);

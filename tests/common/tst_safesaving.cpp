@@ -16,16 +16,7 @@ static int rights(const QString &name)
     return static_cast<int>(QFile::permissions(name)) & 0xF0FF;
 }
 
-// What lies in a place, a slash behind directories: "F=old F.old=older F.new/".
-static void plant(const QString &place, const QString &entries)
-{
-    for (const QString &entry : entries.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
-        const QString name = place + QLatin1Char('/') + entry.section(QLatin1Char('='), 0, 0);
-        QVERIFY(entry.endsWith(QLatin1Char('/')) ? QDir().mkpath(name)
-                                                 : write(name, entry.section(QLatin1Char('='), 1).toUtf8()));
-    }
-}
-
+// What lies in a place, as it was planted.
 static QString found(const QString &place)
 {
     QStringList entries;

@@ -59,13 +59,6 @@ Function *next(Function *, const char *name)
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
-int create(const char *path, int flags)
-{
-    if ((flags & O_CREAT) != 0 && Fault::beforeCreation)
-        Fault::beforeCreation(path);
-    return strikes("open", path) ? -1 : 0;
-}
-
 } // namespace
 
 namespace Fault {
@@ -94,41 +87,6 @@ std::string struck()
 #define SHIM extern "C" __attribute__((visibility("default")))
 #define PASS(name, ...) return next(&::name, #name)(__VA_ARGS__)
 
-#define SHIM_OPEN(name, parameters, arguments)                                                               \
-    SHIM int name parameters                                                                                 \
-    {                                                                                                        \
-        va_list list;                                                                                        \
-        va_start(list, flags);                                                                               \
-        const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(list, mode_t) : 0;                 \
-        va_end(list);                                                                                        \
-        if (create(path, flags) != 0)                                                                        \
-            return -1;                                                                                       \
-        PASS(name, arguments, flags, mode);                                                                  \
-    }
-#define AT directory, path
-SHIM_OPEN(open, (const char *path, int flags, ...), path)
-SHIM_OPEN(open64, (const char *path, int flags, ...), path)
-SHIM_OPEN(openat, (int directory, const char *path, int flags, ...), AT)
-SHIM_OPEN(openat64, (int directory, const char *path, int flags, ...), AT)
-
-SHIM ssize_t write(int fd, const void *data, size_t size)
-{
-    if (!strikes("write", ofDescriptor(fd), true))
-        PASS(write, fd, data, size);
-    if (errno != Fault::Short)
-        return -1;
-    PASS(write, fd, data, (size + 1) / 2);
-}
-
-SHIM int close(int fd)
-{
-    const bool fails = strikes("close", ofDescriptor(fd));
-    const int reason = errno;
-    const int result = next(&::close, "close")(fd); // it is closed in any case
-    errno = fails ? reason : errno;
-    return fails ? -1 : result;
-}
-
 #define SHIM_CALL(name, parameters, path, ...)                                                               \
     SHIM int name parameters                                                                                 \
     {                                                                                                        \
@@ -147,4 +105,46 @@ SHIM_CALL(renameat2, (int a, const char *from, int b, const char *to, unsigned f
           b, to, flags)
 SHIM_CALL(linkat, (int a, const char *from, int b, const char *to, int flags) noexcept, to, a, from, b, to,
           flags)
+
+SHIM int openat(int directory, const char *path, int flags, ...)
+{
+    va_list list;
+    va_start(list, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(list, mode_t) : 0;
+    va_end(list);
+    if ((flags & O_CREAT) != 0 && Fault::beforeCreation)
+        Fault::beforeCreation(path);
+    if (strikes("open", path))
+        return -1;
+    PASS(openat, directory, path, flags, mode);
+}
+
+SHIM int open(const char *path, int flags, ...)
+{
+    va_list list;
+    va_start(list, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(list, mode_t) : 0;
+    va_end(list);
+    return ::openat(AT_FDCWD, path, flags, mode);
+}
+
+SHIM int open64(const char *path, int flags, ...) __attribute__((alias("open")));
+SHIM int openat64(int directory, const char *path, int flags, ...) __attribute__((alias("openat")));
+
+SHIM ssize_t write(int fd, const void *data, size_t size)
+{
+    const bool fails = strikes("write", ofDescriptor(fd), true);
+    if (fails && errno != Fault::Short)
+        return -1;
+    PASS(write, fd, data, fails ? (size + 1) / 2 : size);
+}
+
+SHIM int close(int fd)
+{
+    const bool fails = strikes("close", ofDescriptor(fd));
+    const int reason = errno;
+    const int result = next(&::close, "close")(fd); // it is closed in any case
+    errno = fails ? reason : errno;
+    return fails ? -1 : result;
+}
 // NOLINTEND

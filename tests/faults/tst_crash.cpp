@@ -16,83 +16,64 @@
 
 using namespace TestInstallation;
 
-namespace {
-
-QByteArray version(int number)
+static QByteArray version(int number)
 {
     const int size = 1000 + number * 7919 % 60000;
     return QByteArray::number(number) + '\n' + QByteArray(size, static_cast<char>('a' + number % 26));
 }
 
 // The number of a whole version, or -1.
-int numberOf(const QByteArray &contents)
+static int numberOf(const QByteArray &contents)
 {
     const int number = contents.left(contents.indexOf('\n')).toInt();
     return contents == version(number) ? number : -1;
 }
 
-// Saves versions until it is killed, and tells the last one that is saved for certain.
-[[noreturn]] void saveForEver(const QString &target, int number, volatile int *saved)
-{
-    for (;; *saved = number++) {
-        if (!Global::safeSaving(target, version(number)).isNull())
-            ::_exit(1);
-    }
-}
-
 // Creates as the naming header shows, 200 directories and 200 files, and lists what is its own.
-void createEntries(const QDir &directory, const QString &list)
+static void createEntries(const QDir &directory, const QString &list)
 {
     QByteArray names;
-    int made = 0;
-    for (int attempt = 0; attempt < 1000 && made < 200; ++attempt) {
-        const QString name = Global::nextMessageDirName(directory);
-        if (!name.isEmpty() && directory.mkdir(name) && ++made)
-            names += name.toUtf8() + ' ';
-    }
-    for (int attempt = 0; attempt < 1000 && made < 400; ++attempt) {
-        const QString name = Global::nextTaskFileName(directory);
-        if (QFile(directory.absoluteFilePath(name)).open(QIODevice::NewOnly) && ++made)
-            names += name.toUtf8() + ' ';
+    for (int attempt = 0, made = 0; attempt < 2000 && made < 400; ++attempt) {
+        const QString name =
+            made < 200 ? Global::nextMessageDirName(directory) : Global::nextTaskFileName(directory);
+        const bool isMade = made < 200 ? !name.isEmpty() && directory.mkdir(name)
+                                       : QFile(directory.absoluteFilePath(name)).open(QIODevice::NewOnly);
+        made += isMade;
+        names += isMade ? name.toUtf8() + ' ' : QByteArray();
     }
     write(list, names);
 }
-
-} // namespace
 
 class TestCrash : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
     void leavesAWholeVersion();
     void givesNoNameTwice();
 };
 
-void TestCrash::initTestCase()
+void TestCrash::leavesAWholeVersion()
 {
     clean();
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {}); // the log's echo
-}
-
-void TestCrash::leavesAWholeVersion()
-{
     const int kills = qEnvironmentVariableIsSet("IPCHANNEL_LONG") ? 3000 : 500;
     // In memory the disk's waiting does not outweigh the moments that matter.
     const QTemporaryDir place(quickTemplate());
-    const QString target = place.filePath(QStringLiteral("F"));
+    const QString target = place.filePath("F"_s);
     void *const shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    auto *const saved = static_cast<volatile int *>(shared);
+    auto *const saved = static_cast<volatile int *>(shared); // the last version that is saved for certain
     QVERIFY(Global::safeSaving(target, version(0)).isNull());
 
     int missing = 0;
     for (int kill = 0; kill < kills; ++kill) {
         const int start = *saved + 1;
         const pid_t child = ::fork();
-        if (child == 0)
-            saveForEver(target, start, saved);
-        while (*saved < start) // it is at work
+        for (int number = start; child == 0; *saved = number++) {
+            if (!Global::safeSaving(target, version(number)).isNull())
+                ::_exit(1);
+        }
+        for (int wait = 0; *saved < start && wait < 50000; ++wait) // until it is at work
             ::usleep(100);
         ::usleep(QRandomGenerator::global()->bounded(1000u));
         ::kill(child, SIGKILL);
@@ -102,7 +83,7 @@ void TestCrash::leavesAWholeVersion()
 
         const bool isMissing = !QFile::exists(target);
         missing += isMissing;
-        QVERIFY(numberOf(read(isMissing ? target + QLatin1String(".old") : target)) >= 0);
+        QVERIFY(numberOf(read(isMissing ? target + ".old"_s : target)) >= 0);
         QVERIFY(Global::recoverSaved(target).isNull());
         const int found = numberOf(read(target));
         QVERIFY2(found >= *saved, "a save that was reported is lost");
@@ -116,24 +97,18 @@ void TestCrash::givesNoNameTwice()
 {
     const QTemporaryDir place;
     const QTemporaryDir lists;
-    QList<pid_t> children;
-    for (const char *list : {"1", "2"}) {
-        children += ::fork();
-        if (children.last() == 0) {
-            createEntries(QDir(place.path()), lists.filePath(QLatin1String(list)));
+    for (const QString &list : {"1"_s, "2"_s}) {
+        if (::fork() == 0) {
+            createEntries(QDir(place.path()), lists.filePath(list));
             ::_exit(0);
         }
     }
-    for (const pid_t child : qAsConst(children))
-        QCOMPARE(::waitpid(child, nullptr, 0), child);
-
-    QSet<QByteArray> names;
-    for (const char *list : {"1", "2"}) {
-        for (const QByteArray &name : read(lists.filePath(QLatin1String(list))).trimmed().split(' '))
-            names += name;
+    while (::wait(nullptr) > 0) {
     }
+    const QList<QByteArray> names =
+        (read(lists.filePath("1"_s)) + read(lists.filePath("2"_s))).trimmed().split(' ');
     QCOMPARE(names.size(), 800);
-    QCOMPARE(QDir(place.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).size(), 800);
+    QCOMPARE(QSet<QByteArray>(names.cbegin(), names.cend()).size(), 800);
 }
 
 QTEST_GUILESS_MAIN(TestCrash)

@@ -59,6 +59,17 @@ QByteArray read(const QString &fileName)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+void plant(const QString &place, const QString &entries)
+{
+    for (const QString &entry : entries.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        const QString name = place + QLatin1Char('/') + entry.section(QLatin1Char('='), 0, 0);
+        if (entry.endsWith(QLatin1Char('/')))
+            QDir().mkpath(name);
+        else
+            write(name, entry.section(QLatin1Char('='), 1).toUtf8());
+    }
+}
+
 QString quickTemplate()
 {
     const QString memory = QStringLiteral("/dev/shm");

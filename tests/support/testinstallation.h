@@ -30,6 +30,9 @@ QByteArray log(int level = 0);
 bool write(const QString &fileName, const QByteArray &data);
 QByteArray read(const QString &fileName);
 
+/// Makes what @a entries list in @a place, a slash behind directories: "F=text sub/".
+void plant(const QString &place, const QString &entries);
+
 /// For a QTemporaryDir that lies in memory, where there is such a place: there a sync costs nothing.
 QString quickTemplate();
 
