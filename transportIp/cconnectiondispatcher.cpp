@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <QSocketNotifier>
+#include <QThread>
 #include <QTimerEvent>
 
 #include <algorithm>
@@ -18,6 +19,7 @@ namespace {
 
 constexpr qint64 nsPerMs = 1000000;
 constexpr qint64 nsPerSecond = 1000 * nsPerMs;
+constexpr int maxTurnsWithoutLook = 4; // a busy writer still hears of its sockets
 
 qint64 now()
 {
@@ -71,16 +73,22 @@ bool CConnectionDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 
     const bool withTimers = !flags.testFlag(QEventLoop::X11ExcludeTimers);
     const bool withNotifiers = !flags.testFlag(QEventLoop::ExcludeSocketNotifiers);
-    const bool wait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !interrupted;
+    const bool again = std::exchange(turnAgain, false);
+    const bool wait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !again;
     if (wait)
         Q_EMIT aboutToBlock();
     if (interrupted)
         return false;
 
-    // An event posted meanwhile has written to the wake-up descriptor, so the wait ends at once.
-    const qint64 timeoutNs = !wait ? 0 : withTimers ? nsToNextTimer() : -1;
-    int handled = waitForSockets(withNotifiers, timeoutNs) > 0 ? activateNotifiers() : 0;
-    handled += drainWakeUp() ? 1 : 0;
+    int handled = again ? 1 : 0;
+    if (!again || ++turnsWithoutLook == maxTurnsWithoutLook) {
+        turnsWithoutLook = 0;
+        // An event posted meanwhile has written to the wake-up descriptor, so the wait ends at once.
+        const qint64 timeoutNs = !wait ? 0 : withTimers ? nsToNextTimer() : -1;
+        if (waitForSockets(withNotifiers, timeoutNs) > 0)
+            handled += activateNotifiers();
+        handled += drainWakeUp() ? 1 : 0;
+    }
     if (withTimers)
         handled += activateTimers();
     return handled > 0;
@@ -146,6 +154,10 @@ int CConnectionDispatcher::remainingTime(int timerId)
 
 void CConnectionDispatcher::wakeUp()
 {
+    if (QThread::currentThread() == thread()) {
+        turnAgain = true;
+        return;
+    }
     // Posting an event holds a lock of Qt's, and write() is a point at which a thread can be ended.
     const CTerminationGuard guard;
     if (!wakeUpPending.exchange(true)) {

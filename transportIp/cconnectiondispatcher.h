@@ -37,7 +37,8 @@ public:
     QList<TimerInfo> registeredTimers(QObject *object) const override;
     int remainingTime(int timerId) override;
 
-    void wakeUp() override; // [any thread], as is interrupt()
+    /// Ends the wait under way, or keeps the next one from waiting. [any thread], as is interrupt()
+    void wakeUp() override;
     void interrupt() override;
     void flush() override;
 
@@ -63,6 +64,10 @@ private:
     int wakeUpFd;
     std::atomic<bool> wakeUpPending{false};
     std::atomic<bool> interrupted{false};
+
+    // Woken by its own thread: the next turn does not wait, mostly it does not even look.
+    bool turnAgain = false;
+    int turnsWithoutLook = 0;
 
     std::vector<QSocketNotifier *> notifiers;
     std::vector<pollfd> polled;               // what the last wait looked at: the wake-up, then notifiers

@@ -23,7 +23,7 @@ namespace {
 
 constexpr int startPollMs = 20;
 constexpr int stopPollMs = 10;
-constexpr int terminationMs = 300; // a terminated thread ends within a millisecond, if it ends at all
+constexpr int terminationMs = 200; // a terminated thread ends within a millisecond, if it ends at all
 
 void log(const QString &text, DebugLevel level = DebugAlways)
 {
@@ -219,14 +219,15 @@ void CIpServer::terminateStragglers(const QList<CIpThread *> &stillAsked)
     const QList<CIpThread *> stragglers = runningWorkers();
     if (stragglers.isEmpty())
         return;
+    QElapsedTimer clock;
+    clock.start(); // before the log, for which stragglers may be fighting as well
     log(QStringLiteral("Некоторые потоки не остановились во время и будет убиты"));
     for (CIpThread *worker : stragglers)
         worker->terminate();
 
-    QElapsedTimer clock;
-    clock.start();
-    while (!runningWorkers().isEmpty() && !clock.hasExpired(terminationMs))
+    do
         QThread::msleep(stopPollMs);
+    while (!runningWorkers().isEmpty() && !clock.hasExpired(terminationMs));
     for (CIpThread *worker : stragglers) {
         if (worker->isFree() && !stillAsked.contains(worker))
             worker->cleanUpAfterTermination();
@@ -237,6 +238,7 @@ void CIpServer::terminateStragglers(const QList<CIpThread *> &stillAsked)
 /// asked to stop, is cut off and left behind for as long as the process lives.
 void CIpServer::releaseWorkers(const QList<CIpThread *> &stillAsked)
 {
+    QStringList leftBehind;
     for (CIpThread *worker : qAsConst(threads)) {
         if (worker->isFree() && !stillAsked.contains(worker)) {
             deleteThreadTabLevel(worker);
@@ -244,8 +246,12 @@ void CIpServer::releaseWorkers(const QList<CIpThread *> &stillAsked)
             continue;
         }
         worker->leaveBehind();
-        log(QStringLiteral("Поток соединения %1 не удалось завершить, он оставлен").arg(worker->id()));
+        leftBehind.append(QString::number(worker->id()));
     }
+    // One line for all: those left behind may be fighting for the log, and each line costs a turn.
+    if (!leftBehind.isEmpty())
+        log(QStringLiteral("Потоки соединений не удалось завершить, они оставлены: %1")
+                .arg(leftBehind.join(QStringLiteral(", "))));
     threads.clear();
     firstFree = std::make_shared<std::atomic<int>>(0);
 }

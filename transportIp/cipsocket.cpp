@@ -2,14 +2,17 @@
 
 #include "transportIp/cipsettings.h"
 
+#include <QAbstractEventDispatcher>
+
 #include <algorithm>
 
 #include <poll.h>
+#include <sys/socket.h>
 
 namespace {
 
 constexpr qint64 mebibyte = 1024 * 1024;
-constexpr qint64 readAheadBytes = mebibyte;
+constexpr qint64 readAheadBytes = 4096; // what Qt may read on its own; the rest stays with the system
 
 /// Room for two of the configured blocks, so that a protocol that goes by them never waits here.
 qint64 queueBound()
@@ -20,9 +23,11 @@ qint64 queueBound()
 
 } // namespace
 
-CIpSocket::CIpSocket()
+CIpSocket::CIpSocket() : dispatcher(QAbstractEventDispatcher::instance())
 {
     setReadBufferSize(readAheadBytes);
+    if (dispatcher) // before any protocol looks: its turn begins with an empty account
+        connect(dispatcher, &QAbstractEventDispatcher::awake, this, [this] { sentThisTurn = 0; });
 }
 
 void CIpSocket::tune()
@@ -30,9 +35,14 @@ void CIpSocket::tune()
     setSocketOption(QAbstractSocket::LowDelayOption, 1); // protocols answer; nothing here sends in crumbs
 }
 
+qint64 CIpSocket::bytesToWrite() const
+{
+    return state() == ConnectedState ? queued() + sentThisTurn : queued();
+}
+
 bool CIpSocket::waitForBytesWritten(int msecs)
 {
-    if (bytesToWrite() == 0 || socketDescriptor() < 0)
+    if (queued() == 0 || socketDescriptor() < 0)
         return false;
 
     pollfd writable = {int(socketDescriptor()), POLLOUT, 0};
@@ -45,13 +55,34 @@ bool CIpSocket::waitForBytesWritten(int msecs)
 
 qint64 CIpSocket::writeData(const char *data, qint64 size)
 {
-    const qint64 bound = queueBound();
-    if (bytesToWrite() + size <= bound)
-        return QTcpSocket::writeData(data, size);
+    if (queued() > 0)
+        flush();
+    if (state() != ConnectedState && state() != ClosingState)
+        return QTcpSocket::writeData(data, size); // says what is wrong
 
-    flush();
-    if (state() != ConnectedState)
-        return -1;
-    const qint64 room = bound - bytesToWrite();
-    return room > 0 ? QTcpSocket::writeData(data, std::min(size, room)) : 0;
+    const qint64 sent = queued() == 0 ? sendNow(data, size) : 0;
+    const qint64 room = std::clamp<qint64>(queueBound() - queued(), 0, size - sent);
+    return room > 0 ? sent + QTcpSocket::writeData(data + sent, room) : sent;
+}
+
+/// @return how much the system has taken; an error shows when the queue is flushed
+qint64 CIpSocket::sendNow(const char *data, qint64 size)
+{
+    const ssize_t sent = ::send(int(socketDescriptor()), data, size_t(size), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent <= 0)
+        return 0;
+    if (dispatcher) {
+        sentThisTurn += sent;
+        dispatcher->wakeUp(); // nothing is queued, so nothing else would end the turn
+    }
+    return sent;
+}
+
+qint64 CIpSocket::readData(char *data, qint64 maxSize)
+{
+    const qint64 readAhead = QTcpSocket::readData(data, maxSize);
+    if (readAhead != 0 || maxSize <= 0 || state() != ConnectedState)
+        return readAhead;
+    // An end or an error is left for Qt to find.
+    return std::max<ssize_t>(0, ::recv(int(socketDescriptor()), data, size_t(maxSize), MSG_DONTWAIT));
 }

@@ -1,10 +1,14 @@
-// A TCP socket that takes no more than it may hold.
+// A TCP socket that takes no more than it may hold, and moves its bytes without a copy.
 //
 // A plain buffered QTcpSocket swallows any amount at once and reads ahead without end: a peer that
-// stops reading would never be noticed, and either side could fill our memory.
+// stops reading would never be noticed, and either side could fill our memory. It also copies every
+// byte through its own buffers; here what the system takes at once is handed over at once, and what
+// has arrived is read straight into the reader's memory.
 #pragma once
 
 #include <QTcpSocket>
+
+class QAbstractEventDispatcher;
 
 /// One connection's socket, bounded in both directions. [connection thread]
 class CIpSocket : public QTcpSocket
@@ -17,6 +21,10 @@ public:
     /// Sets what can only be set on a connected socket.
     void tune();
 
+    /// What waits in the queue, and what was written since the event loop turned last: a writer that
+    /// goes by this number gets round the loop between two blocks, however fast the system takes them.
+    qint64 bytesToWrite() const override;
+
     /// Waits until the queue can move and moves it.
     ///
     /// In difference to the base it leaves error() alone and emits nothing when the time is over,
@@ -27,6 +35,15 @@ protected:
     /// Takes as much as fits under the bound; 0 while the queue is full, -1 when not connected.
     qint64 writeData(const char *data, qint64 size) override;
 
+    /// Reads what Qt has read ahead, then what the system holds.
+    qint64 readData(char *data, qint64 maxSize) override;
+
 private:
     Q_DISABLE_COPY(CIpSocket)
+
+    qint64 queued() const { return QTcpSocket::bytesToWrite(); }
+    qint64 sendNow(const char *data, qint64 size);
+
+    QAbstractEventDispatcher *dispatcher; // of the thread it was made in; null without an event loop
+    qint64 sentThisTurn = 0;
 };
