@@ -126,7 +126,7 @@ public:
             server->monitor->removeConnection(handle);
         if (fault("free-log-mutex") && isBusy())
             gData->mutex.unlock();
-        if (!fault("protocol-thread"))
+        if (!fault("protocol-thread") || !isBusy())
             deleteProtocol();
         leave();
     }
