@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Every header compiles alone, without Qt's keywords and without a warning: the public ones under each
+# standard, as ordinary and as system headers, the others under ours.
+#   checkheaders.sh ROOT COMPILER QT-INCLUDES PUBLIC-HEADERS      the last two separated by colons
+set -euo pipefail
+cd "$1"
+export compiler=$2
+export switches="-fsyntax-only -x c++ -fPIC -DQT_NO_KEYWORDS -Wall -Wextra -Wpedantic -Wshadow -Wold-style-cast -Werror"
+switches+=" -isystem ${3//:/ -isystem }"
+
+# Lines of: standard, way of including, headers
+{
+    for standard in 11 14 17 20; do
+        tr ':' '\n' <<<"$4" | sed "s/^/$standard -I /"
+        echo "$standard -isystem ${4//:/ }"
+    done
+    ls interfaces/*.h common/*.h transportIp/*.h | grep -vxF "$(tr ':' '\n' <<<"$4")" | sed 's/^/17 -I /'
+} | xargs -P 2 -L 1 bash -c '
+    standard=$0 way=$1
+    shift
+    printf "#include \"%s\"\n" "$@" | $compiler -std=c++$standard $switches $way . - || { echo "above: C++$standard, $way, $*"; exit 1; }'
