@@ -13,6 +13,7 @@
 #include <QThread>
 
 #include <cerrno>
+#include <ctime>
 #include <iterator>
 
 #include <fcntl.h>
@@ -21,9 +22,17 @@
 namespace {
 
 constexpr int lockWaitMs = 200;
+constexpr int shortLockWaitMs = 20;    // again, after that was in vain
 constexpr int retryMs = 1000;          // after a failed write, before the next
-constexpr int mergeAttempts = 5;       // while an editor is at the file
+constexpr int againMs = 50;            // while an editor is at the file, or other threads bring more
 constexpr mode_t directoryMode = 0777; // 0x7777
+
+qint64 monotonicMs()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec * qint64(1000) + now.tv_nsec / 1000000;
+}
 
 void warn(const QString &text, const QString &path, int reason)
 {
@@ -65,28 +74,33 @@ SettingsPointer::SettingsPointer(const QString &fileName)
     : path(fileName), encodedPath(QFile::encodeName(fileName)), writable(Global::checkSecrecy(0))
 {}
 
-void SettingsPointer::sync()
+void SettingsPointer::sync(bool mayWrite)
 {
     const CTerminationGuard guard;
-    if (!changed.load(std::memory_order_relaxed) && !rereadSoon.load(std::memory_order_relaxed) &&
-        !retryPending.load(std::memory_order_relaxed) &&
+    if (!(mayWrite && mustWrite()) && !rereadSoon.load(std::memory_order_relaxed) &&
         SettingsFile::stamp(encodedPath.constData()).id == lastStamp.load(std::memory_order_acquire))
         return;
 
     const CMessageHold hold;
-    const QMutexLocker locker(&mutex);
-    const bool wasChanged = changed.exchange(false);
-    const quint64 before = lastStamp;
-    const SettingsFile::Stamp now = SettingsFile::stamp(encodedPath.constData());
-    if (now.id != before || rereadSoon)
-        reread(now);
-    const bool mustWrite = !pending.isEmpty() && (wasChanged || isRetryDue());
-    if (now.id != SettingsFile::Stamp::Absent) {
-        if (mustWrite)
-            write();
-    } else if (wasChanged || before != SettingsFile::Stamp::Absent || mustWrite) {
-        makeFile();
+    bool isWriting = false;
+    bool isMissing = false; // and something is to be written, or it has just gone
+    {
+        const QMutexLocker locker(&mutex);
+        const SettingsFile::Stamp now = SettingsFile::stamp(encodedPath.constData());
+        const bool hasGone = now.id == SettingsFile::Stamp::Absent && lastStamp != now.id;
+        if (now.id != lastStamp || rereadSoon)
+            reread(now);
+        if (pending.isEmpty())
+            changed = false;
+        isWriting = mayWrite && mustWrite();
+        isMissing = hasGone || (isWriting && now.id == SettingsFile::Stamp::Absent);
     }
+    if (isMissing)
+        makeDirectory();
+    if (isWriting)
+        writePending();
+    if (isMissing && lastStamp == SettingsFile::Stamp::Absent)
+        warn(QStringLiteral("Не удалось изменить права доступа файла настроек"), path, ENOENT);
 }
 
 bool SettingsPointer::find(const QString &key, QVariant *value) const
@@ -153,47 +167,56 @@ void SettingsPointer::dropOvertaken(const CIniText &fresh)
 
 bool SettingsPointer::isRetryDue() const
 {
-    return retryPending && sinceFailure.hasExpired(retryMs);
+    const qint64 at = retryAt.load(std::memory_order_relaxed);
+    return at != 0 && monotonicMs() >= at;
 }
 
-// The file is missing, and either something is to be written or it has just gone.
-void SettingsPointer::makeFile()
+void SettingsPointer::makeDirectory()
 {
     const QString directory = QFileInfo(path).absolutePath();
-    if (!QDir(directory).exists()) {
-        QDir().mkpath(directory);
-        const TrustedFile::Descriptor opened(::open(QFile::encodeName(directory).constData(),
-                                                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!opened.isOpen() || ::fchmod(opened.get(), directoryMode) != 0)
-            warn(QStringLiteral("Не удалось изменить права доступа каталога с настройками"), directory,
-                 errno);
-    }
-    if (!pending.isEmpty())
-        write();
-    if (lastStamp == SettingsFile::Stamp::Absent)
-        warn(QStringLiteral("Не удалось изменить права доступа файла настроек"), path, ENOENT);
+    if (QDir(directory).exists())
+        return;
+    QDir().mkpath(directory);
+    const TrustedFile::Descriptor opened(
+        ::open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!opened.isOpen() || ::fchmod(opened.get(), directoryMode) != 0)
+        warn(QStringLiteral("Не удалось изменить права доступа каталога с настройками"), directory, errno);
 }
 
-void SettingsPointer::write()
+// One thread at a time, so the others need not wait for it: it looks again when it has done. What they leave
+// to one that has been at it for long goes with the next facade.
+void SettingsPointer::writePending()
 {
-    // Who waits for the lock keeps every other reader of the image waiting: not again before a success.
-    if (tryToWrite(retryPending ? 0 : lockWaitMs)) {
-        retryPending = false;
+    const qint64 start = monotonicMs();
+    while (mustWrite() && monotonicMs() < start + againMs && writing.tryLock()) {
+        changed = false;
+        writeOnce();
+        writing.unlock();
+    }
+}
+
+void SettingsPointer::writeOnce()
+{
+    const bool isFirst = retryAt == 0;
+    const int waitMs = isFirst ? lockWaitMs : isRetryDue() ? shortLockWaitMs : 0;
+    if (tryToWrite(waitMs)) {
+        retryAt = 0;
         return;
     }
-    if (!retryPending)
+    if (isFirst)
         warn(QStringLiteral("Не удалось записать файл настроек, значения остаются в памяти"), path, errno);
-    retryPending = true;
-    sinceFailure.start();
+    if (waitMs > 0)
+        retryAt = monotonicMs() + retryMs;
 }
 
 bool SettingsPointer::tryToWrite(int lockTimeoutMs)
 {
+    const qint64 start = monotonicMs();
     CSettingsLock lock(path);
     if (!lock.take(lockTimeoutMs))
         return false;
     bool isDone = mergeAndReplace();
-    for (int again = 0; again < mergeAttempts && !isDone && errno == EAGAIN; ++again)
+    while (!isDone && errno == EAGAIN && monotonicMs() < start + againMs)
         isDone = mergeAndReplace();
     return isDone;
 }
@@ -205,23 +228,30 @@ bool SettingsPointer::mergeAndReplace()
         return false;
 
     CIniText fresh(old.text);
-    dropOvertaken(fresh);
-    QHash<QString, Pending> unwritten;
-    for (auto waiting = pending.constBegin(); waiting != pending.constEnd(); ++waiting) {
-        if (!fresh.set(waiting.key(), waiting->value))
-            unwritten.insert(waiting.key(), waiting.value());
+    QHash<QString, QVariant> written;
+    {
+        const QMutexLocker locker(&mutex);
+        dropOvertaken(fresh);
+        for (auto waiting = pending.constBegin(); waiting != pending.constEnd(); ++waiting) {
+            if (fresh.set(waiting.key(), waiting->value))
+                written.insert(waiting.key(), waiting->value);
+        }
     }
-
     int modeError = 0;
     if (fresh.text() != old.text && !SettingsFile::replace(old, fresh.text(), &modeError))
         return false;
     if (modeError != 0)
         warn(QStringLiteral("Не удалось изменить права доступа файла настроек"), path, modeError);
-    pending = unwritten;
-    accept(fresh);
+
+    const QMutexLocker locker(&mutex);
+    for (auto value = written.constBegin(); value != written.constEnd(); ++value) {
+        if (pending.value(value.key()).value == *value)
+            pending.remove(value.key());
+    }
     const SettingsFile::Stamp now = SettingsFile::stamp(encodedPath.constData());
     if (warnedStamp == lastStamp)
         warnedStamp = now.id; // what was wrong has been said
+    accept(fresh);
     rereadSoon = now.isFresh;
     lastStamp.store(now.id, std::memory_order_release);
     return true;
@@ -231,12 +261,12 @@ CSettings::CSettings() : pointer(nullptr)
 {
     const CTerminationGuard guard;
     pointer = sharedSettings();
-    pointer->sync();
+    pointer->sync(false);
 }
 
 CSettings::~CSettings()
 {
-    if (pointer->hasChanged())
+    if (pointer->mustWrite())
         pointer->sync();
 }
 

@@ -10,7 +10,6 @@
 #include "common/initext.h"
 #include "common/settingsfile.h"
 
-#include <QElapsedTimer>
 #include <QHash>
 #include <QMutex>
 #include <QString>
@@ -29,8 +28,10 @@ public:
     SettingsPointer(const SettingsPointer &) = delete;
     SettingsPointer &operator=(const SettingsPointer &) = delete;
 
-    /// Reconciles the image with the file: reads it if it has changed, writes pending values. [any thread]
-    void sync();
+    /// Reconciles the image with the file: reads it if it has changed, writes pending values.
+    /// @param mayWrite false leaves the values of others to those who have set them
+    /// [any thread]
+    void sync(bool mayWrite = true);
 
     /// The value of @a key into @a value. @return false if there is none. [any thread]
     bool find(const QString &key, QVariant *value) const;
@@ -40,8 +41,8 @@ public:
     /// [any thread]
     void set(const QString &key, const QVariant &value, bool isDefault);
 
-    /// Whether something was written since the last sync().
-    bool hasChanged() const { return changed.load(std::memory_order_relaxed); }
+    /// Whether there is something to be written now.
+    bool mustWrite() const { return changed.load(std::memory_order_relaxed) || isRetryDue(); }
 
     /// Grows whenever a value may have changed.
     quint64 generation() const { return currentGeneration.load(std::memory_order_acquire); }
@@ -58,9 +59,10 @@ private:
     void reread(const SettingsFile::Stamp &now);
     void accept(const CIniText &fresh);
     void dropOvertaken(const CIniText &fresh);
+    void makeDirectory();
     bool isRetryDue() const;
-    void makeFile();
-    void write();
+    void writePending();
+    void writeOnce();
     bool tryToWrite(int lockTimeoutMs);
     bool mergeAndReplace();
 
@@ -69,16 +71,17 @@ private:
     const bool writable;
 
     std::atomic<quint64> lastStamp{SettingsFile::Stamp::Absent}; // the file's state that the image shows
-    std::atomic<bool> rereadSoon{false};   // the file was read so early that its time proves nothing
-    std::atomic<bool> changed{false};      // a value was set since the last sync
-    std::atomic<bool> retryPending{false}; // values wait in memory since a failed write
+    std::atomic<bool> rereadSoon{false};                         // read so early that its time proves nothing
+    std::atomic<bool> changed{false}; // a value was set and not yet taken to the file
+    std::atomic<qint64> retryAt{0};   // since a failed write, when to try again, or 0
     std::atomic<quint64> currentGeneration{1};
 
-    mutable QMutex mutex; // guards all below, and the writing of the file
+    mutable QMutex mutex; // guards the three below; never held while another process is waited for
     CIniText settings;
     QHash<QString, Pending> pending; // values not yet in the file
     quint64 warnedStamp = SettingsFile::Stamp::Unknown;
-    QElapsedTimer sinceFailure; // of the last failed write
+
+    QMutex writing; // held by the thread that writes; the others leave their values to it
 };
 
 /// Null until the first CSettings; then set once and never freed. Not exported: each module has its own.

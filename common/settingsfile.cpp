@@ -3,7 +3,6 @@
 #include "common/trustedfile.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <algorithm>
 #include <cerrno>
@@ -44,13 +43,6 @@ bool isFresh(const struct stat &status)
     clock_gettime(CLOCK_REALTIME, &now);
     const qint64 age = nanoseconds(now) - std::max(nanoseconds(status.st_mtim), nanoseconds(status.st_ctim));
     return age > -freshNs && age < freshNs;
-}
-
-bool sync(const QString &directory)
-{
-    const TrustedFile::Descriptor opened(
-        ::open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return opened.isOpen() && ::fsync(opened.get()) == 0;
 }
 
 bool writeNew(const QString &path, const QByteArray &text, unsigned mode, int *modeError)
@@ -118,8 +110,7 @@ bool replace(const Contents &old, const QByteArray &text, int *modeError)
         errno = reason;
         return false;
     }
-    sync(QFileInfo(old.path).path()); // the new text is in place, whether or not this can be made sure of
-    return true;
+    return true; // the directory is not synced: a power loss may bring back the old text, whole
 }
 
 } // namespace SettingsFile
