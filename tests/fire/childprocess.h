@@ -1,0 +1,44 @@
+// A server in a process of its own, with limits of its own; its standard output is read as it comes.
+#pragma once
+
+#include "tests/fire/reactor.h"
+
+#include <QByteArray>
+#include <QMap>
+#include <QStringList>
+
+class ChildProcess final : private Reactor::Part
+{
+public:
+    /// @param descriptors the process's limit, soft and hard; 0: ours
+    ChildProcess(Reactor &inReactor, const QString &program, const QStringList &arguments,
+                 int descriptors = 0);
+    ~ChildProcess(); // kills it, if it still runs
+
+    ChildProcess(const ChildProcess &) = delete;
+    ChildProcess &operator=(const ChildProcess &) = delete;
+
+    /// Waits until the process has printed a text.
+    bool sees(const QByteArray &text, int ms = 10000);
+
+    /// Gives a command. @return the line it answers; empty when it does not within @a ms
+    QByteArray ask(const QByteArray &command, int ms = 10000);
+
+    /// The answer to the command "stats": numbers by name.
+    QMap<QByteArray, double> stats();
+
+    /// Sends a signal or, with 0, ends its input. @return its exit code, or minus the signal that ended it
+    int end(int signalNumber = 0);
+
+    bool lives() const;
+
+    QByteArray output;
+
+private:
+    void ready(int descriptor) override;
+
+    Reactor &reactor;
+    int pid = -1;
+    int input = -1;
+    int outputEnd = -1;
+};

@@ -1,0 +1,270 @@
+#include "tests/fire/firehost.h"
+
+#include "common/debugdata.h"
+#include "common/functiontrace.h"
+#include "common/logwriter.h"
+#include "host/cchannellibrary.h"
+#include "tests/support/fakehost.h"
+#include "tests/support/testinstallation.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QSignalSpy>
+#include <QSocketNotifier>
+#include <QTest>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+/// Counts and forgets: a monitor that remembered everything would hide what the plug-in needs.
+struct Counter : CChannelMonitor, CJournal
+{
+    int addConnection(int, const QString &, const QString &) override { return ++shown, ++handles; }
+    void removeConnection(int) override { --shown; }
+    void setState(int, const QString &) override {}
+    void addReceived(int, int) override {}
+    void addSent(int, int) override {}
+    void addRecord(int, const QString &, const QString &text) override
+    {
+        acceptErrors += text.startsWith(QStringLiteral("Ошибка приема входящего соединения"));
+    }
+
+    std::atomic<int> handles{0}, shown{0}, acceptErrors{0}, protocols{0};
+    std::atomic<int> signalled{0}; // of the server, but for finished()
+    std::atomic<int> slowestWriteMs{0};
+};
+
+Counter &counter = *new Counter; // stragglers may outlive everything
+
+void sleepForEver()
+{
+    for (;;)
+        QThread::sleep(1);
+}
+
+void spinForEver()
+{
+    for (volatile bool ever = true; ever;)
+        ;
+}
+
+void lockTwice()
+{
+    static QMutex &mutex = *new QMutex;
+    mutex.lock();
+    mutex.lock();
+}
+
+void logForEver()
+{
+    for (;;) {
+        TRACE_FUNCTION;
+        debug(QStringLiteral("straggler"), QStringLiteral("line"), DebugAlways, DebugFlagFileOnly);
+    }
+}
+
+void write(ScriptedProtocol *protocol)
+{
+    QElapsedTimer clock;
+    clock.start();
+    protocol->channel->write(QByteArray(64 * 1024, 'w'));
+    counter.slowestWriteMs = std::max(int(counter.slowestWriteMs), int(clock.elapsed()));
+}
+
+void prepare(ScriptedProtocol *protocol, const QByteArray &script)
+{
+    ++counter.protocols;
+    protocol->onDelete = [](ScriptedProtocol *) { --counter.protocols; };
+    if (script == "named")
+        protocol->onStart = [](ScriptedProtocol *p) { p->announce(p->label); };
+    if (script == "unreading")
+        protocol->onAwake = [](ScriptedProtocol *) {};
+    if (script == "pouring")
+        protocol->onAwake = [](ScriptedProtocol *p) {
+            while (p->channel->isConnected())
+                write(p);
+            p->finished();
+        };
+    static const QMap<QByteArray, void (*)()> stragglers{{"sleeping", sleepForEver},
+                                                         {"spinning", spinForEver},
+                                                         {"locked", lockTwice},
+                                                         {"logging", logForEver}};
+    if (const auto act = stragglers.value(script)) {
+        protocol->onStop = [](ScriptedProtocol *) {};
+        protocol->onAwake = [act](ScriptedProtocol *) { act(); };
+    }
+    if (script == "blockingStop")
+        protocol->onStop = [](ScriptedProtocol *) { lockTwice(); };
+}
+
+/// A number out of a file of /proc/self.
+int numberIn(const char *file, const char *name)
+{
+    const QByteArray text = TestInstallation::read(QStringLiteral("/proc/self/") + QLatin1String(file));
+    return std::atoi(text.constData() + text.indexOf(name) + std::strlen(name));
+}
+
+class FireHost
+{
+public:
+    explicit FireHost(CChannelServer *equippedServer) : server(equippedServer)
+    {
+        ::getrlimit(RLIMIT_NOFILE, &descriptorLimit);
+        factory->script = [this](ScriptedProtocol *protocol) { prepare(protocol, script); };
+        server->protocolFactory = factory;
+        server->monitor = &counter;
+        server->journal = &counter;
+        const auto count = [] { ++counter.signalled; };
+        QObject::connect(server, &CChannelServer::connected, count);
+        QObject::connect(server, &CChannelServer::notConnected, count);
+        QObject::connect(server, &CChannelServer::disconnected, count);
+    }
+
+    QByteArray run(const QList<QByteArray> &words)
+    {
+        const QByteArray verb = words.value(0);
+        const QString text = QString::fromUtf8(words.value(1));
+        if (verb == "start")
+            server->start();
+        else if (verb == "settings")
+            server->settingsWasChanged();
+        else if (verb == "keep")
+            server->keepAliveConnection(words.value(1).toInt());
+        else if (verb == "call")
+            server->connectToAbonent(text, QByteArray::fromHex(words.value(2)));
+        else if (verb == "disconnect")
+            server->disconnectFromAbonent(text, words.value(2).toInt());
+        else if (verb == "log")
+            debug(QStringLiteral("FireHost"), text, DebugAlways, DebugFlagFileOnly);
+        else if (verb == "script")
+            script = words.value(1);
+        else if (verb == "limit")
+            setLimit(words.value(1), words.value(2).toInt());
+        else if (verb == "stop")
+            return stop(words.value(1).toInt());
+        else if (verb == "cancel")
+            return cancel(words.value(1) == "stop", words.value(2).toInt(),
+                          QByteArray::fromHex(words.value(3)));
+        else if (verb == "stats")
+            return stats();
+        return "ok";
+    }
+
+private:
+    QByteArray stop(int times)
+    {
+        QSignalSpy finished(server, &CChannelServer::finished);
+        QElapsedTimer clock;
+        clock.start();
+        for (int i = 0; i < times; ++i)
+            server->stop();
+        const bool isAnswered = QTest::qWaitFor([&] { return finished.size() >= times; }, 9000);
+        const QByteArray ms = QByteArray::number(clock.elapsed());
+        QCoreApplication::processEvents(); // one too many would come now
+        return ms + ' ' + QByteArray::number(isAnswered ? finished.size() : 0);
+    }
+
+    QByteArray cancel(bool byStop, int count, const QByteArray &record)
+    {
+        qint64 slowest = 0;
+        for (int i = 0; i < count; ++i) {
+            QElapsedTimer clock;
+            clock.start();
+            server->connectToAbonent(QStringLiteral("a%1").arg(i), record);
+            if (byStop)
+                stop(1);
+            else
+                server->disconnectFromAbonent(QStringLiteral("A%1").arg(i), -1);
+            const bool isOver = QTest::qWaitFor([] { return counter.shown == 0; });
+            slowest = std::max(slowest, isOver ? clock.elapsed() : 99999);
+        }
+        return QByteArray::number(slowest);
+    }
+
+    void setLimit(const QByteArray &what, int more)
+    {
+        rlimit descriptors = descriptorLimit;
+        rlimit memory = {RLIM_INFINITY, RLIM_INFINITY};
+        if (what == "descriptors") {
+            const int next = ::dup(0);
+            ::close(next);
+            descriptors.rlim_cur = rlim_t(next + more);
+        } else if (what == "memory") {
+            memory.rlim_cur = rlim_t(numberIn("status", "VmSize:") + more) * 1024;
+        }
+        ::setrlimit(RLIMIT_NOFILE, &descriptors);
+        ::setrlimit(RLIMIT_AS, &memory);
+    }
+
+    QByteArray stats() const
+    {
+        const auto &tabulations = LoggerData::debugData()->tabulations;
+        const auto isUsed = [](const Tabulation &slot) { return slot.thread != nullptr; };
+        const auto files = QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System);
+        const std::pair<const char *, qint64> numbers[] = {
+            {"descriptors", files.size()},
+            {"threads", numberIn("status", "Threads:")},
+            {"resident", numberIn("smaps_rollup", "Rss:")},
+            {"slots", std::count_if(tabulations.cbegin(), tabulations.cend(), isUsed)},
+            {"shown", counter.shown},
+            {"protocols", counter.protocols},
+            {"made", factory->made},
+            {"acceptErrors", counter.acceptErrors},
+            {"signalled", counter.signalled},
+            {"slowestWrite", counter.slowestWriteMs},
+            {"cpu", qint64(::clock()) * 1000 / CLOCKS_PER_SEC}};
+        QByteArray text;
+        for (const auto &number : numbers)
+            text += QByteArray(number.first) + '=' + QByteArray::number(number.second) + ' ';
+        return text;
+    }
+
+    CChannelServer *server;
+    ScriptedFactory *factory = new ScriptedFactory; // the server's
+    QByteArray script;                              // changed only while no connection is being set up
+    rlimit descriptorLimit = {};
+};
+
+} // namespace
+
+int runFireHost(int &argc, char **argv, const char *plugin)
+{
+    const QCoreApplication application(argc, argv);
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
+        if (type == QtFatalMsg) // not the log's echo, nor what Qt says of each want
+            std::fprintf(stderr, "%s\n", text.toUtf8().constData());
+    });
+    LoggerData::initDebug(nullptr);
+    CChannelLibrary library;
+    const QString error = library.load(QString::fromUtf8(plugin));
+    if (!error.isNull()) {
+        std::fprintf(stderr, "%s\n", error.toUtf8().constData());
+        return 1;
+    }
+    const std::unique_ptr<CChannelServer> server(library.plugin()->create());
+    FireHost host(server.get());
+    QByteArray input;
+    QSocketNotifier commands(0, QSocketNotifier::Read);
+    QObject::connect(&commands, &QSocketNotifier::activated, &commands, [&] {
+        char bytes[4096];
+        const ssize_t count = ::read(0, bytes, sizeof bytes);
+        if (count <= 0)
+            return QCoreApplication::quit();
+        input.append(bytes, int(count));
+        for (int end = input.indexOf('\n'); end >= 0; end = input.indexOf('\n')) {
+            const QByteArray line = input.left(end);
+            input.remove(0, end + 1);
+            std::printf("%s\n", host.run(line.split(' ')).constData());
+            std::fflush(stdout);
+        }
+    });
+    return QCoreApplication::exec();
+}
