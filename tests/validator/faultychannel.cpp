@@ -138,10 +138,10 @@ public:
         protocol = nullptr;
     }
 
-    void stop()
+    void stop(bool mayBeLost = false)
     {
         const QMutexLocker locker(&mutex);
-        isStopRequested = !fault("stop-while-calling");
+        isStopRequested = !mayBeLost;
         if (protocol)
             protocol->stop();
     }
@@ -321,7 +321,7 @@ private:
     void stopWorkers()
     {
         for (Worker *worker : qAsConst(workers))
-            worker->stop();
+            worker->stop(fault("stop-while-calling") && workers.size() == 2);
     }
 
     void internalStop()
