@@ -99,10 +99,13 @@ void TestCrash::givesNoNameTwice()
     const QTemporaryDir lists;
     for (const QString &list : {"1"_s, "2"_s}) {
         if (::fork() == 0) {
+            while (!QFile::exists(lists.filePath("go"_s)))
+                ::usleep(10);
             createEntries(QDir(place.path()), lists.filePath(list));
             ::_exit(0);
         }
     }
+    write(lists.filePath("go"_s), "both at once");
     while (::wait(nullptr) > 0) {
     }
     const QList<QByteArray> names =
