@@ -87,7 +87,8 @@ QString CMessageStore::prepare()
 
 std::unique_ptr<CIncomingMessage> CMessageStore::begin(const QString &name, qint64 size, QString *error)
 {
-    // -1 where the file system is not in the table of mounts, as in a changed root: then the writes will tell.
+    // -1 where the file system is not in the table of mounts, as in a changed root: then the writes will
+    // tell.
     const qint64 freeBytes = Global::diskFreeSpace(incomplete.absolutePath());
     if (freeBytes >= 0 && size > freeBytes - reserveBytes) {
         *error = QStringLiteral("Не хватает места на диске: нужно %1").arg(Global::sizeString(size));
