@@ -1,5 +1,5 @@
 #!/bin/bash
-# Measures the product beside its peers and prints tables: ./bench.sh [--rounds N] [--bars] [area...]
+# Measures the product beside its peers and prints tables: ./bench.sh [--rounds N] [--bars] [--into FILE] [area...]
 # Areas: stream roundtrip cycles burst live log saving small growth; all of them by default.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"

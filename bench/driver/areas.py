@@ -156,7 +156,7 @@ def small(programs, number):
 
 
 def growth(programs, number):
-    result = live_of(programs, number, (1, 10, 100, 1000, 2000, 5000), [PROJECT])
+    result = live_of(programs, number, (1, 10, 100, 1000, 5000), [PROJECT])
     result.update(rows_of(programs, [programs.project("rows", "g", programs.files)], number))
     return result
 
@@ -166,10 +166,10 @@ AREAS = {
     "stream": (stream, 5),
     "roundtrip": (roundtrip, 5),
     "cycles": (cycles, 5),
-    "burst": (burst, 7),
+    "burst": (burst, 5),
     "live": (live, 3),
     "log": (log, 5),
     "saving": (saving, 5),
     "small": (small, 5),
-    "growth": (growth, 2),
+    "growth": (growth, 1),
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures the project beside its peers, in rounds, and prints tables.
 
-    run.py --build DIRECTORY [--rounds N] [--bars] [area...]
+    run.py --build DIRECTORY [--rounds N] [--bars] [--into FILE] [area...]
 """
 
 import argparse
@@ -42,15 +42,22 @@ def measure(programs, name, rounds):
     return done
 
 
-def print_area(name, rounds, seconds, bars_only):
-    print(f"## {name}\n")
-    print(f"{len(rounds)} rounds, {seconds:.0f} s\n")
-    if not rounds:
-        return
+def tables(name, rounds, seconds, bars_only):
+    lines = [f"### {name}", "", f"{len(rounds)} round(s), {seconds:.0f} s", ""]
     if name in bars.BARS:
-        print("\n".join(report.standing(bars.BARS[name], rounds)))
+        lines += report.standing(bars.BARS[name], rounds)
     if name not in bars.BARS or not bars_only:
-        print("\n".join(report.figures(rounds)), flush=True)
+        lines += report.figures(rounds)
+    return "\n".join(lines) + "\n"
+
+
+def put_into(path, text):
+    """Replaces everything below the heading of the last run in a document."""
+    heading = "## One run\n"
+    with open(path, encoding="utf-8") as document:
+        above = document.read().partition(heading)[0]
+    with open(path, "w", encoding="utf-8") as document:
+        document.write(above + heading + "\n" + text.rstrip("\n") + "\n")
 
 
 def main():
@@ -58,6 +65,7 @@ def main():
     parser.add_argument("--build", required=True, help="directory of the build")
     parser.add_argument("--rounds", type=int, default=0, help="instead of each area's own number")
     parser.add_argument("--bars", action="store_true", help="of the figures behind the bars print none")
+    parser.add_argument("--into", metavar="FILE", help="put the tables into this document, under '## One run'")
     parser.add_argument("area", nargs="*", help=", ".join(areas.AREAS))
     options = parser.parse_args()
     unknown = [name for name in options.area if name not in areas.AREAS]
@@ -69,15 +77,20 @@ def main():
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
     programs = Programs(options.build)
     complete = True
+    text = f"Measured on {machine()}.\n\n"
+    print(text, flush=True)
     try:
-        print(f"Measured on {machine()}.\n")
         for name in options.area or areas.AREAS:
             begin = time.monotonic()
             rounds = measure(programs, name, options.rounds)
             complete = complete and bool(rounds)
-            print_area(name, rounds, time.monotonic() - begin, options.bars)
+            found = tables(name, rounds, time.monotonic() - begin, options.bars)
+            print(found, flush=True)
+            text += found + "\n"
     finally:
         shutil.rmtree(programs.files, ignore_errors=True)
+    if options.into:
+        put_into(options.into, text)
     return 0 if complete else 1
 
 
