@@ -80,10 +80,11 @@ void applyInsideInstallation(const QString &path, const QString &installation)
         applyToDirectory(level, pattern);
 }
 
-bool isRegular(int descriptor)
+// The owner's and the running user's bits mean the same mode bits, as Qt has it.
+mode_t modeOf(int permissions)
 {
-    struct stat status = {};
-    return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    return static_cast<mode_t>((permissions >> 6 & 0700) | (permissions >> 2 & 0700) |
+                               (permissions >> 1 & 0070) | (permissions & 0007));
 }
 
 } // namespace
@@ -120,8 +121,14 @@ bool setFilePermissions(const QString &fileName)
 
 bool setFilePermissions(int descriptor, const QString &fileName)
 {
-    return isRegular(descriptor) &&
-           apply(descriptor, fileName, filePermissions(),
+    struct stat status = {};
+    if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    // The short way, which a descriptor that only names its file (O_PATH) does not know.
+    const mode_t mode = modeOf(filePermissions());
+    if ((status.st_mode & 0777) == mode || ::fchmod(descriptor, mode) == 0)
+        return true;
+    return apply(descriptor, fileName, filePermissions(),
                  QStringLiteral("Не удалось изменить права доступа 0x%1 для файла %2 (0x%3). %4"));
 }
 
