@@ -165,7 +165,7 @@ QString CIncomingMessage::finish(const QByteArray &description, QString *finalDi
     for (int attempt = 0; attempt < mostAttempts; ++attempt) {
         const QString name = nextName(store->input);
         if (name.isEmpty())
-            break;
+            continue; // many names in a row are taken: the next call looks anew
         *finalDirectory = store->input.absoluteFilePath(name);
         // A finished message is never empty, so no renaming can replace one.
         if (::rename(encoded(path).constData(), encoded(*finalDirectory).constData()) == 0) {
