@@ -1,18 +1,14 @@
 // The settings store: values, defaults and ranges; what happens to the file, and when it cannot be had.
 #include "common/csettings.h"
-#include "common/directorylayout.h"
-#include "common/initext.h"
 #include "tests/support/forked.h"
 #include "tests/support/messagecatcher.h"
 #include "tests/support/testinstallation.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QLockFile>
 #include <QSettings>
 #include <QtTest>
-
-#include <csignal>
-#include <functional>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -20,30 +16,29 @@
 
 using namespace TestInstallation;
 
-Q_DECLARE_METATYPE(std::function<QString()>)
-
 namespace {
 
-struct Number
+using Number = int (CSettings::*)();
+struct Range
 {
-    const char *key;
-    int (CSettings::*getter)();
+    const char *group, *name;
+    Number getter;
     int byDefault, min, max;
 };
-constexpr Number numbers[] = {
-    {"Details/maxWritingTime", &CSettings::detailsMaxWritingTime, 5000, 100, 10000},
-    {"Details/transportIpConnectTimeout", &CSettings::detailsTransportIpConnectTimeout, 10000, 500, 60000},
-    {"Details/transportIpThreadStartTimeout", &CSettings::detailsTransportIpThreadStartTimeout, 1000, 100,
+constexpr Range ranges[] = {
+    {"Details", "maxWritingTime", &CSettings::detailsMaxWritingTime, 5000, 100, 10000},
+    {"Details", "transportIpConnectTimeout", &CSettings::detailsTransportIpConnectTimeout, 10000, 500, 60000},
+    {"Details", "transportIpThreadStartTimeout", &CSettings::detailsTransportIpThreadStartTimeout, 1000, 100,
      60000},
-    {"Details/transportServerThreadStopTimeout", &CSettings::detailsTransportServerThreadStopTimeout, 10000,
-     100, 60000},
-    {"Details/transportIpMaxReconnectTimeout", &CSettings::detailsTransportIpMaxReconnectTimeout, 120, 10,
+    {"Details", "transportServerThreadStopTimeout", &CSettings::detailsTransportServerThreadStopTimeout,
+     10000, 100, 60000},
+    {"Details", "transportIpMaxReconnectTimeout", &CSettings::detailsTransportIpMaxReconnectTimeout, 120, 10,
      3600},
-    {"Permissions/dirPermissions", &CSettings::dirPermissions, 30583, 28945, 30583},
-    {"Permissions/filePermissions", &CSettings::filePermissions, 26214, 24576, 26214},
+    {"Permissions", "dirPermissions", &CSettings::dirPermissions, 30583, 28945, 30583},
+    {"Permissions", "filePermissions", &CSettings::filePermissions, 26214, 24576, 26214},
 };
 
-// As QSettings reads it from a copy: under one name it takes edits in quick succession for none.
+// As QSettings reads it, from a copy: under one name it takes edits in quick succession for none.
 QVariant stored(const char *key, const QVariant &otherwise = QVariant())
 {
     static int copies = 0;
@@ -65,16 +60,22 @@ unsigned modeOf(const QString &name)
     return ::stat(QFile::encodeName(name).constData(), &status) == 0 ? status.st_mode & 07777u : 0;
 }
 
-// "value; messages", of as many reads, and what a file holds afterwards.
-QString reads(int count, const QString &file = QString())
+// In a process of its own: what two reads give and say, and what @a file holds afterwards.
+QString reads(const std::function<void()> &prepare, const QString &file = settingsPath())
 {
-    QString result;
-    for (int i = 0; i < count; ++i) {
+    clean();
+    QDir().mkpath(QFileInfo(settingsPath()).path());
+    prepare();
+    return Forked::text([file] {
         MessageCatcher messages;
-        const QString value = QString::number(maxWritingTime());
-        result += value + QStringLiteral("; ") + messages.takeAll().join(QStringLiteral(" | "));
-    }
-    return result + (file.isEmpty() ? QString() : QString::fromUtf8(read(file)));
+        const int first = maxWritingTime();
+        QString said = messages.takeAll() + QStringLiteral("; ");
+        const int second = maxWritingTime();
+        said += messages.takeAll();
+        const QString held = QString::fromUtf8(QFileInfo(file).isFile() ? read(file) : QByteArray())
+                                 .replace(QLatin1Char('\n'), QLatin1Char('~'));
+        return QStringLiteral("%1 %2 %3 %4").arg(QString::number(first), QString::number(second), said, held);
+    });
 }
 
 } // namespace
@@ -85,99 +86,156 @@ class TestCSettings : public QObject
 
 private Q_SLOTS:
     void init() { clean(); }
-    // In processes of their own, before this one has a store:
-    void trouble_data();
-    void trouble();
-    void withoutLevel0NothingIsWritten();
+    void trouble(); // before this process has a store
     void aHeldLockIsWaitedForBriefly();
-
     void numbersHaveDefaultsAndRanges();
-    void textsBecomeValues_data();
     void textsBecomeValues();
-    void changesKeepTheRest_data();
     void changesKeepTheRest();
     void theFirstRunMakesTheFile();
     void everyEditIsSeen();
     void anEditBeatsADefault();
 };
 
-void TestCSettings::numbersHaveDefaultsAndRanges()
+void TestCSettings::trouble()
 {
-    for (const Number &number : numbers) {
-        for (const int value : {number.min - 1, number.min, number.max, number.max + 1}) {
-            const QByteArray key(number.key);
-            QVERIFY(writeSettings('[' + key.left(key.indexOf('/')) + "]\n" + key.mid(key.indexOf('/') + 1) +
-                                  '=' + QByteArray::number(value) + '\n'));
-            const int expected = value < number.min || value > number.max ? number.byDefault : value;
-            QCOMPARE((CSettings().*number.getter)(), expected);
-            QCOMPARE(stored(number.key).toInt(), expected);
-        }
-    }
+    const QByteArray name = QFile::encodeName(settingsPath());
+    const QString target = path() + QStringLiteral("/target");
+    const QString refused =
+        QStringLiteral(
+            "5000 5000 Не удалось прочитать файл настроек, используются значения по умолчанию \"%1\" \"%2\"|"
+            "Не удалось записать файл настроек, значения остаются в памяти \"%1\" \"%2\";  ")
+            .arg(settingsPath());
+    const QString written = QStringLiteral("5000 5000 ;  [Details]~maxWritingTime=5000~");
+    QCOMPARE(reads([] { QDir().mkpath(settingsPath()); }), refused.arg(QStringLiteral("Invalid argument")));
+    QCOMPARE(reads([&] { ::mkfifo(name.constData(), 0666); }),
+             refused.arg(QStringLiteral("Invalid argument")));
+    const auto link = [&](uid_t owner) {
+        write(target, owner == 0 ? "" : "[Details]\nmaxWritingTime=700\n");
+        QFile::link(target, settingsPath());
+        QCOMPARE(::lchown(name.constData(), owner, owner), 0);
+    };
+    QCOMPARE(reads([&] { link(0); }, target), written);
+    QVERIFY(QFileInfo(settingsPath()).isSymLink());
+    QCOMPARE(reads([&] { link(65534); }, target), refused.arg(QStringLiteral("Operation not permitted")) +
+                                                      QStringLiteral("[Details]~maxWritingTime=700~"));
+    QCOMPARE(reads([] { writeSettings("garbage\n[Debug]\nmore=1\n"); }),
+             QStringLiteral("5000 5000 Файл настроек поврежден, непонятные строки пропущены \"%1\";  "
+                            "garbage~[Debug]~more=1~~[Details]~maxWritingTime=5000~")
+                 .arg(settingsPath()));
+    QCOMPARE(reads([] { // by one who has died
+                 const pid_t dead = ::fork();
+                 if (dead == 0)
+                     ::_exit(0);
+                 ::waitpid(dead, nullptr, 0);
+                 write(settingsPath() + QStringLiteral(".lock"),
+                       QByteArray::number(dead) + "\nx\n" + QSysInfo::machineHostName().toUtf8() + '\n');
+             }),
+             written);
+
+    const auto barred = [](const char *text) {
+        write(path() + QStringLiteral("/data/0"), "in the way"); // no level 0
+        if (*text != '\0')
+            writeSettings(text);
+    };
+    QVERIFY(reads([&] { barred(""); }).startsWith(QStringLiteral("5000 5000 ")) &&
+            !QFile::exists(settingsPath()));
+    QVERIFY(reads([&] {
+                barred("[Details]\nmaxWritingTime=1\n");
+            }).endsWith(QStringLiteral("[Details]~maxWritingTime=1~")));
 }
 
-void TestCSettings::textsBecomeValues_data()
+void TestCSettings::aHeldLockIsWaitedForBriefly()
 {
-    QTest::addColumn<QByteArray>("text");
-    const char *texts[] = {
-        "[Debug]\njournals=0\n[Details]\nmaxWritingTime=abc\n",
-        "[Debug]\njournals=FALSE ; why\n[Details]\nmaxWritingTime=\" 700 \"\n",
-        "[Debug]\njournals=\n[Details]\nmaxWritingTime=700, 800\n",
-        "[Debug]\njournals=true, true\n[Details]\nmaxWritingTime=7\\\n00\n",
-        "[Debug]\njournals=nonsense\n[Details]\nmaxWritingTime=0700\n",
-        "\r\n[Debug]\r\n journals = \"fal\"\"se\" \r\n[Details]\r\nmaxWritingTime=4294967996\r\n",
-        "[Debug]\njournals=true\njournals=false\n[Details]\nmaxWritingTime=600\n[Debug]\n[Details]"
-        "\nmaxWritingTime=\\x37\\60\\x30\n",
-        "[debug]\njournals=false\n[Details]\nMaxWritingTime=600\n",
-        "[Debug]\njourn%61ls=@@x\n[Details]\nmaxWritingTime=@ByteArray(600)\n",
-        "journals=false\nDetails\\maxWritingTime=600\n[Details]\nx\\maxWritingTime=600\n",
-        "\xef\xbb\xbf[Debug]\njournals=@Invalid()\n[Details]\nmaxWritingTime=600.5\n",
-    };
-    for (const char *text : texts)
-        QTest::newRow(text) << QByteArray(text);
+    QVERIFY(writeSettings("[Debug]\n"));
+    QLockFile lock(settingsPath() + QStringLiteral(".lock"));
+    QVERIFY(lock.tryLock(100));
+    const QString outcome = Forked::text([] {
+        const MessageCatcher messages;
+        qint64 slowest = 0;
+        for (const Range &range : ranges) {
+            QElapsedTimer clock;
+            clock.start();
+            if ((CSettings().*range.getter)() != range.byDefault || maxWritingTime() != 5000)
+                return QStringLiteral("value");
+            slowest = qMax(slowest, clock.elapsed());
+        }
+        const QByteArray held = settings().trimmed();
+        QFile::remove(settingsPath() + QStringLiteral(".lock"));
+        QThread::msleep(1100); // the next try
+        maxWritingTime();
+        return QStringLiteral("%1 %2 %3 %4")
+            .arg(messages.count(QtWarningMsg))
+            .arg(QString::fromUtf8(held))
+            .arg(settings().count('='))
+            .arg(slowest < 300);
+    });
+    QCOMPARE(outcome, QStringLiteral("1 [Debug] 7 1"));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(QStringLiteral("our own lock file"))); // it has gone
+    lock.unlock();
+}
+
+void TestCSettings::numbersHaveDefaultsAndRanges()
+{
+    for (const Range &range : ranges) {
+        for (const int value : {range.min - 1, range.min, range.max, range.max + 1}) {
+            const QByteArray text = QByteArray("[") + range.group + "]\n" + range.name + '=';
+            QVERIFY(writeSettings(text + QByteArray::number(value) + '\n'));
+            const int expected = value < range.min || value > range.max ? range.byDefault : value;
+            QCOMPARE((CSettings().*range.getter)(), expected);
+            QCOMPARE(settings(), text + QByteArray::number(expected) + '\n');
+        }
+    }
 }
 
 // What QSettings makes of a text is right by definition.
 void TestCSettings::textsBecomeValues()
 {
-    QFETCH(QByteArray, text);
-    QVERIFY(writeSettings(text));
-    const bool journals = stored("Debug/journals", true).toBool();
-    const int found = stored("Details/maxWritingTime", 5000).toInt();
-    const int time = found >= 100 && found <= 10000 ? found : 5000;
-
-    QCOMPARE(CSettings().debugJournals(), journals);
-    QCOMPARE(maxWritingTime(), time);
-    QCOMPARE(stored("Details/maxWritingTime").toInt(), time);
-    QCOMPARE(stored("Debug/journals").toBool(), journals);
-}
-
-void TestCSettings::changesKeepTheRest_data()
-{
-    QTest::addColumn<QByteArray>("before");
-    QTest::addColumn<QByteArray>("after"); // Debug/all = true
-    const auto row = [](const char *name, const char *before, const char *after) {
-        QTest::newRow(name) << QByteArray(before) << QByteArray(after);
+    const char *const texts[] = {
+        "[Debug]\njournals=0\n[Details]\nmaxWritingTime=abc\n",
+        "[Debug]\njournals=FALSE ; why\n[Details]\nmaxWritingTime=\" 700 \"\n",
+        "[Debug]\njournals=\n[Details]\nmaxWritingTime=700, 800\n",
+        "[Debug]\njournals=true, true\n[Details]\nmaxWritingTime=7\\\n00\n",
+        "\r\n[Debug]\r\n journals = \"fal\"\"se\" \r\n[Details]\r\nmaxWritingTime=4294967996\r\n",
+        "[Debug]\njournals=true\njournals=no\n[Details]\nmaxWritingTime=600\n[X]\n[Details]\nmaxWritingTime="
+        "\\x37\\60\\x30\n",
+        "[debug]\njournals=false\n[Details]\nMaxWritingTime=600\n",
+        "[Debug]\njourn%61ls=@@x\n[Details]\nmaxWritingTime=@ByteArray(600)\n",
+        "journals=false\nDetails\\maxWritingTime=600\n[Details]\nx\\maxWritingTime=600\n",
+        "\xef\xbb\xbf[Debug]\njournals=@Invalid()\n[Details]\nmaxWritingTime=600.5\n",
     };
-    row("empty", "", "[Debug]\nall=true\n");
-    row("a comment and a stranger", "; mine\n[X]\ny=1 ;z", "; mine\n[X]\ny=1 ;z\n\n[Debug]\nall=true\n");
-    row("last of its group", "[Debug]\nx=1\n\n; about Z\n[Z]\n",
-        "[Debug]\nx=1\nall=true\n\n; about Z\n[Z]\n");
-    row("in place, last wins", "[Debug]\nall=1\nall = 0 ;no\n", "[Debug]\nall=1\nall =true;no\n");
-    row("Windows", "[Debug]\r\nx=1\r\n[Y]\r\n", "[Debug]\r\nx=1\r\nall=true\n[Y]\r\n");
-    row("garbage", "what\n[Debug\n", "what\n[Debug\nall=true\n");
-    row("swallowed", "k=1\n[Debug]\nx=\"1\n", "[Debug]\nall=true\n\n[General]\nk=1\n[Debug]\nx=\"1\n");
-    row("an open quote of its own", "[Debug]\nall=\"\nx=1\n", "[Debug]\nall=true\nx=1\n");
+    for (const char *text : texts) {
+        QVERIFY(writeSettings(text));
+        const bool journals = stored("Debug/journals", true).toBool();
+        const int found = stored("Details/maxWritingTime", 5000).toInt();
+        const int time = found >= 100 && found <= 10000 ? found : 5000;
+        QVERIFY2(CSettings().debugJournals() == journals && maxWritingTime() == time, text);
+        QVERIFY2(stored("Details/maxWritingTime").toInt() == time &&
+                     stored("Debug/journals").toBool() == journals,
+                 text);
+    }
 }
 
 void TestCSettings::changesKeepTheRest()
 {
-    QFETCH(QByteArray, before);
-    QFETCH(QByteArray, after);
-    CIniText text(before);
-    QVERIFY(text.set(QStringLiteral("Debug/all"), true));
-    QCOMPARE(text.text(), after);
-    QVERIFY(writeSettings(after));
-    QCOMPARE(stored("Debug/all").toString(), QStringLiteral("true"));
+    const char *const texts[][2] = {
+        // before                             after Debug/all = true
+        {"", "[Debug]\nall=true\n"},
+        {"; mine\n[X]\ny=1 ;z", "; mine\n[X]\ny=1 ;z\n\n[Debug]\nall=true\n"},
+        {"[Debug]\nx=1\n\n; about Z\n[Z]\n", "[Debug]\nx=1\nall=true\n\n; about Z\n[Z]\n"},
+        {"[Debug]\nall=1\nall = 0 ;no\n", "[Debug]\nall=1\nall =true;no\n"},
+        {"[Debug]\r\nx=1\r\n[Y]\r\n", "[Debug]\r\nx=1\r\nall=true\n[Y]\r\n"},
+        {"what\n[Debug\n", "what\n[Debug\nall=true\n"},
+        {"k=1\n[Debug]\nx=\"1\n", "[Debug]\nall=true\n\n[General]\nk=1\n[Debug]\nx=\"1\n"},
+        {"[Debug]\nall=\"\nx=1\n", "[Debug]\nall=true\nx=1\n"},
+    };
+    for (const auto &text : texts) {
+        CIniText changed{QByteArray(text[0])};
+        QVERIFY(changed.set(QStringLiteral("Debug/all"), true));
+        QCOMPARE(changed.text(), QByteArray(text[1]));
+        QVERIFY(writeSettings(text[1]));
+        QCOMPARE(stored("Debug/all").toString(), QStringLiteral("true"));
+    }
 }
 
 void TestCSettings::theFirstRunMakesTheFile()
@@ -187,49 +245,33 @@ void TestCSettings::theFirstRunMakesTheFile()
     ::umask(022);
     QVERIFY(isOn);
     QCOMPARE(settings(), QByteArray("[Debug]\ntransportTasks=true\n"));
-    QCOMPARE(modeOf(path() + QStringLiteral("/settings")), 0777u);
+    const QDir directory = QFileInfo(settingsPath()).dir();
+    QCOMPARE(modeOf(directory.path()), 0777u);
     QCOMPARE(modeOf(settingsPath()), 0666u);
-    QCOMPARE(QDir(path() + QStringLiteral("/settings")).entryList(QDir::Files).size(),
-             1); // no lock, no ".new"
-    {
-        CSettings facade;
-        facade.write(QStringLiteral("Own/text"), QStringLiteral("@ж \"q\", b"));
-    }
-    QCOMPARE(stored("Own/text").toString(), QStringLiteral("@ж \"q\", b"));
+    QCOMPARE(directory.entryList(QDir::Files).size(), 1); // no lock, no ".new"
+    const QString text = QStringLiteral("@ж \"q\", b");
+    CSettings().write(QStringLiteral("Own/text"), text);
+    QCOMPARE(stored("Own/text").toString(), text);
 
     QVERIFY(QFile::remove(settingsPath()));
     MessageCatcher messages;
-    const CSettings facade;
-    QCOMPARE(messages.takeAll(),
-             QStringList{
-                 QStringLiteral(
-                     "Не удалось изменить права доступа файла настроек \"%1\" \"No such file or directory\"")
-                     .arg(settingsPath())});
-}
-
-void TestCSettings::withoutLevel0NothingIsWritten()
-{
-    QVERIFY(write(path() + QStringLiteral("/data/0"), "in the way"));
-    const QString absent = Forked::text([] { return reads(1, settingsPath()); });
-    QCOMPARE(absent.left(5), QStringLiteral("5000;"));
-    QVERIFY(!QFile::exists(settingsPath()));
-    QVERIFY(writeSettings("[Details]\nmaxWritingTime=1\n"));
-    QCOMPARE(Forked::text([] { return reads(1); }).left(5), QStringLiteral("5000;"));
-    QCOMPARE(settings(), QByteArray("[Details]\nmaxWritingTime=1\n"));
+    maxWritingTime();
+    QVERIFY(messages.takeAll().startsWith(
+        QStringLiteral(
+            "Не удалось изменить права доступа файла настроек \"%1\" \"No such file or directory\"")
+            .arg(settingsPath())));
 }
 
 // Edits of equal length in the same tick of the clock: in place, and by a new file.
 void TestCSettings::everyEditIsSeen()
 {
-    for (int round = 0; round < 200; ++round) {
-        const int value = 1000 + round;
-        const QByteArray text = "[Details]\nmaxWritingTime=" + QByteArray::number(value) + '\n';
-        const QString other = settingsPath() + QStringLiteral(".edited");
-        QVERIFY(round % 2 == 0 ? writeSettings(text) : write(other, text));
-        if (round % 2 != 0)
-            QCOMPARE(
-                ::rename(QFile::encodeName(other).constData(), QFile::encodeName(settingsPath()).constData()),
-                0);
+    const QString other = settingsPath() + QStringLiteral(".edited");
+    for (int value = 1000; value < 1200; ++value) {
+        const bool isNew = value % 2 == 0;
+        QVERIFY(write(isNew ? other : settingsPath(),
+                      "[Details]\nmaxWritingTime=" + QByteArray::number(value) + '\n'));
+        QVERIFY(!isNew || ::rename(QFile::encodeName(other).constData(),
+                                   QFile::encodeName(settingsPath()).constData()) == 0);
         QCOMPARE(maxWritingTime(), value);
     }
 }
@@ -244,120 +286,6 @@ void TestCSettings::anEditBeatsADefault()
     }
     QCOMPARE(settings(), QByteArray("[Details]\nmaxWritingTime=700\n"));
     QCOMPARE(maxWritingTime(), 700);
-}
-
-void TestCSettings::trouble_data()
-{
-    QTest::addColumn<std::function<QString()>>("work");
-    QTest::addColumn<QString>("outcome");
-    const auto row = [](const char *name, std::function<QString()> work, const char *outcome) {
-        QTest::newRow(name) << work
-                            << QString::fromUtf8(outcome).replace(QLatin1String("%1"), settingsPath());
-    };
-    const char *unread =
-        "5000; Не удалось прочитать файл настроек, используются значения по умолчанию \"%1\" \"Invalid "
-        "argument\""
-        " | Не удалось записать файл настроек, значения остаются в памяти \"%1\" \"Invalid argument\"5000; ";
-    row(
-        "a directory",
-        [] {
-            QDir().mkpath(settingsPath());
-            return reads(2);
-        },
-        unread);
-    row(
-        "a FIFO",
-        [] {
-            QDir().mkpath(QFileInfo(settingsPath()).path());
-            return ::mkfifo(QFile::encodeName(settingsPath()).constData(), 0666) == 0 ? reads(2) : QString();
-        },
-        unread);
-    row(
-        "somebody else's link",
-        [] {
-            const QString target = path() + QStringLiteral("/data/target");
-            write(target, "[Details]\nmaxWritingTime=700\n");
-            QDir().mkpath(QFileInfo(settingsPath()).path());
-            QFile::link(target, settingsPath());
-            if (::lchown(QFile::encodeName(settingsPath()).constData(), 65534, 65534) != 0)
-                return QString();
-            return reads(1, target);
-        },
-        "5000; Не удалось прочитать файл настроек, используются значения по умолчанию \"%1\" \"Operation not "
-        "permitted\""
-        " | Не удалось записать файл настроек, значения остаются в памяти \"%1\" \"Operation not permitted\""
-        "[Details]\nmaxWritingTime=700\n");
-    row(
-        "a link of our own",
-        [] {
-            const QString target = path() + QStringLiteral("/data/target");
-            write(target, "[Details]\n");
-            QDir().mkpath(QFileInfo(settingsPath()).path());
-            QFile::link(target, settingsPath());
-            const QString outcome = reads(1, target);
-            return outcome + QFileInfo(settingsPath()).symLinkTarget().right(11);
-        },
-        "5000; [Details]\nmaxWritingTime=5000\ndata/target");
-    row(
-        "garbage",
-        [] {
-            writeSettings("garbage\n[Debug]\nmore=1\n");
-            return reads(2, settingsPath());
-        },
-        "5000; Файл настроек поврежден, непонятные строки пропущены \"%1\"5000; "
-        "garbage\n[Debug]\nmore=1\n\n[Details]\nmaxWritingTime=5000\n");
-    row(
-        "a dead lock",
-        [] {
-            const int dead = ::fork();
-            if (dead == 0)
-                ::_exit(0);
-            while (::kill(dead, 0) == 0 && ::waitpid(dead, nullptr, 0) > 0) {
-            }
-            write(settingsPath() + QStringLiteral(".lock"),
-                  QByteArray::number(dead) + "\nx\n" + QSysInfo::machineHostName().toUtf8() + "\n");
-            return reads(1, settingsPath());
-        },
-        "5000; [Details]\nmaxWritingTime=5000\n");
-}
-
-void TestCSettings::trouble()
-{
-    QFETCH(std::function<QString()>, work);
-    QFETCH(QString, outcome);
-    if (::getuid() != 0 && QLatin1String(QTest::currentDataTag()) == QLatin1String("somebody else's link"))
-        QSKIP("needs another user");
-    QCOMPARE(Forked::text(work), outcome);
-}
-
-void TestCSettings::aHeldLockIsWaitedForBriefly()
-{
-    QVERIFY(writeSettings("[Debug]\n"));
-    QLockFile lock(settingsPath() + QStringLiteral(".lock"));
-    QVERIFY(lock.tryLock(100));
-    const QString outcome = Forked::text([] {
-        MessageCatcher messages;
-        qint64 slowest = 0;
-        for (const Number &number : numbers) {
-            QElapsedTimer clock;
-            clock.start();
-            if ((CSettings().*number.getter)() != number.byDefault || maxWritingTime() != 5000)
-                return QStringLiteral("value");
-            slowest = qMax(slowest, clock.elapsed());
-        }
-        const QString held = QString::fromUtf8(settings());
-        QFile::remove(settingsPath() + QStringLiteral(".lock"));
-        QThread::msleep(1100);
-        maxWritingTime();
-        return QStringLiteral("%1 %2 %3 %4")
-            .arg(QString::number(messages.count(QtWarningMsg)), held.trimmed(),
-                 QString::number(settings().count('=')),
-                 slowest < 300 ? QStringLiteral("quick") : QString::number(slowest));
-    });
-    QCOMPARE(outcome, QStringLiteral("1 [Debug] 7 quick"));
-    QTest::ignoreMessage(QtWarningMsg,
-                         QRegularExpression(QStringLiteral("our own lock file"))); // which is gone
-    lock.unlock();
 }
 
 QTEST_GUILESS_MAIN(TestCSettings)

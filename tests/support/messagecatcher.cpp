@@ -2,21 +2,22 @@
 
 #include <QMutex>
 #include <QMutexLocker>
-#include <QPair>
 
 #include <utility>
 
 namespace {
 
-QMutex mutex; // guards the caught
-QList<QPair<QtMsgType, QString>> caught;
+QMutex mutex; // guards the two below
+QStringList texts;
+QList<QtMsgType> types;
 std::function<void(const QString &)> react;
 
 void handler(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
     {
         const QMutexLocker locker(&mutex);
-        caught.append({type, text});
+        texts += text;
+        types += type;
     }
     if (react)
         react(text);
@@ -36,23 +37,15 @@ MessageCatcher::~MessageCatcher()
     qInstallMessageHandler(previous);
 }
 
-QStringList MessageCatcher::texts(QtMsgType type) const
+int MessageCatcher::count(QtMsgType type) const
 {
     const QMutexLocker locker(&mutex);
-    QStringList result;
-    for (const auto &message : qAsConst(caught)) {
-        if (message.first == type)
-            result += message.second;
-    }
-    return result;
+    return types.count(type);
 }
 
-QStringList MessageCatcher::takeAll()
+QString MessageCatcher::takeAll()
 {
     const QMutexLocker locker(&mutex);
-    QStringList result;
-    for (const auto &message : qAsConst(caught))
-        result += message.second;
-    caught.clear();
-    return result;
+    types.clear();
+    return std::exchange(texts, {}).join(QLatin1Char('|'));
 }

@@ -1,29 +1,25 @@
-// What goes to the Qt message stream while one of these lives; nothing of it is shown.
+// What goes to the Qt message stream while one of these lives; nothing of it is shown. One at a time.
 #pragma once
 
 #include <QStringList>
 
 #include <functional>
 
-/// One at a time. Its functions: [any thread].
+/// [any thread]
 class MessageCatcher
 {
 public:
     /// @param reaction called for every message, as a host's handler might act, on the speaker's thread
     explicit MessageCatcher(std::function<void(const QString &text)> reaction = nullptr);
-
-    /// Puts the previous handler back.
     ~MessageCatcher();
 
     MessageCatcher(const MessageCatcher &) = delete;
     MessageCatcher &operator=(const MessageCatcher &) = delete;
 
-    /// The texts of one type, oldest first.
-    QStringList texts(QtMsgType type) const;
-    int count(QtMsgType type) const { return texts(type).size(); }
+    int count(QtMsgType type) const;
 
-    /// All texts, oldest first, and forgets them.
-    QStringList takeAll();
+    /// All texts so far, oldest first, between bars; forgets them.
+    QString takeAll();
 
 private:
     QtMessageHandler previous;
