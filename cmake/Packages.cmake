@@ -12,7 +12,7 @@ set(packages plugin ipchannel-plugin host abonent development ipchannel-dev)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ipchannel)
-set(CPACK_PACKAGE_CONTACT "IP channel maintainers <ipchannel@lists.ipchannel.dev>")
+set(CPACK_PACKAGE_CONTACT "IP channel maintainers <maintainers@ipchannel.example>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL plugin host runtime development)
