@@ -24,8 +24,7 @@ using namespace TestInstallation;
 namespace {
 
 const bool isLong = qEnvironmentVariableIsSet("IPCHANNEL_LONG");
-constexpr int slowestMs = 300; // of reading a setting
-constexpr uid_t stranger = 65534;
+constexpr int limitMs = 300; // of reading a setting, or of a record
 
 constexpr int (CSettings::*getters[])() = {&CSettings::detailsMaxWritingTime,
                                            &CSettings::detailsTransportIpConnectTimeout,
@@ -34,112 +33,109 @@ constexpr int (CSettings::*getters[])() = {&CSettings::detailsMaxWritingTime,
                                            &CSettings::detailsTransportIpMaxReconnectTimeout,
                                            &CSettings::dirPermissions,
                                            &CSettings::filePermissions};
-const QList<int> expected[] = {{5000, 700}, {10000}, {1000}, {10000}, {120}, {30583}, {26214}};
+const QList<int> values[] = {{5000, 700}, {10000}, {1000}, {10000}, {120}, {30583}, {26214}};
+constexpr int keys = std::size(getters);
 
-// Runs @a work in as many processes at once as it is given numbers; the results that are not 0.
-QList<int> inProcesses(
+// Runs @a work in processes numbered from 0. @return how many of them did not return 0
+int failures(
     int count, const std::function<int(int)> &work, const std::function<void()> &meanwhile = [] {})
 {
     std::vector<pid_t> children;
     for (int number = 0; number < count; ++number) {
-        const pid_t child = ::fork();
-        if (child == 0) {
+        children.push_back(::fork());
+        if (children.back() == 0) {
             ::alarm(120);
             const MessageCatcher messages; // what is said about the troubles
             ::_exit(work(number));
         }
-        children.push_back(child);
     }
     meanwhile();
-    QList<int> failures;
+    int failed = 0;
     for (const pid_t child : children) {
         int status = -1;
-        if (::waitpid(child, &status, 0) != child || status != 0)
-            failures += WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+        failed += ::waitpid(child, &status, 0) != child || status != 0;
     }
-    return failures;
+    return failed;
 }
 
-// Reads every number for a while. @return whether all were right
-bool readAll(int ms, std::atomic<qint64> *slowest = nullptr)
+void inThreads(int count, const std::function<void(int)> &work)
 {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back(work, i);
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+// Does something again and again. @return how long it took at worst, ms
+qint64 slowest(int ms, const std::function<void()> &work)
+{
+    qint64 result = 0;
     QElapsedTimer whole;
     whole.start();
     do {
-        for (size_t i = 0; i < std::size(getters); ++i) {
-            QElapsedTimer clock;
-            clock.start();
-            if (!expected[i].contains((CSettings().*getters[i])()))
-                return false;
-            if (slowest != nullptr)
-                *slowest = qMax(slowest->load(), clock.elapsed());
-        }
-    } while (whole.elapsed() < ms);
-    return true;
-}
-
-// How long the machine lets nobody run, at worst.
-qint64 worstStall(int ms)
-{
-    QElapsedTimer whole;
-    qint64 worst = 0;
-    for (whole.start(); whole.elapsed() < ms;) {
         QElapsedTimer clock;
         clock.start();
-        QThread::msleep(1);
-        worst = qMax(worst, clock.elapsed());
-    }
-    return worst;
+        work();
+        result = qMax(result, clock.elapsed());
+    } while (whole.elapsed() < ms);
+    return result;
+}
+
+bool allAreRight()
+{
+    bool result = true;
+    for (int i = 0; i < keys; ++i)
+        result = result && values[i].contains((CSettings().*getters[i])());
+    return result;
 }
 
 // Somebody else, who holds the lock for a while and lives on.
-void holdLock(int ms)
+void holdLock()
 {
     Forked::run(
-        [ms] {
+        [] {
             const QByteArray name = QFile::encodeName(settingsPath() + QStringLiteral(".lock"));
             const int lock = ::open(name.constData(), O_RDWR | O_CREAT | O_EXCL, 0644);
             const QByteArray text =
-                QByteArray::number(::getpid()) + "\nx\n" + QSysInfo::machineHostName().toUtf8() + '\n';
+                QByteArray::number(::getpid()) + "\nx\n" + QSysInfo::machineHostName().toUtf8();
             if (lock < 0 || ::flock(lock, LOCK_EX | LOCK_NB) != 0 ||
-                ::write(lock, text.constData(), size_t(text.size())) < 0)
+                ::write(lock, text, size_t(text.size())) < 0)
                 return 1;
-            QThread::msleep(static_cast<unsigned long>(ms));
+            QThread::msleep(250);
             return ::unlink(name.constData());
         },
-        stranger);
+        65534);
 }
 
 void meddle(int ms)
 {
     const QByteArray text = "; mine\n[Foreign]\nkey=1\n[Details]\nmaxWritingTime=700\n";
     const QString name = settingsPath();
-    QElapsedTimer clock;
-    clock.start();
-    for (int round = 0; clock.elapsed() < ms; ++round) {
-        switch (round % 5) {
+    int round = 0;
+    slowest(ms, [&] {
+        QFile file(name);
+        switch (++round % 5) {
         case 0: // in place, slowly
-            if (QFile file(name); file.open(QIODevice::WriteOnly)) {
-                QThread::usleep(300);
-                file.write(text);
-            }
+            file.open(QIODevice::WriteOnly);
+            QThread::usleep(300);
+            file.write(text);
             break;
         case 1: // in one go
             write(name + QStringLiteral(".edited"), text);
-            ::rename(QFile::encodeName(name + QStringLiteral(".edited")).constData(),
-                     QFile::encodeName(name).constData());
+            ::rename(QFile::encodeName(name + QStringLiteral(".edited")), QFile::encodeName(name));
             break;
         case 2:
-            QFile::remove(name);
+            file.remove();
             break;
         case 3:
             write(name, text + "garbage\n");
             break;
         default:
-            holdLock(250);
+            holdLock();
         }
         QThread::msleep(3);
-    }
+    });
     write(name, text);
 }
 
@@ -160,32 +156,35 @@ private Q_SLOTS:
 // Four processes of ours and one that uses QSettings, each with keys of its own.
 void TestPressure::writersOfSettingsLoseNothing()
 {
-    const int keys = isLong ? 300 : 40;
+    const int own = isLong ? 300 : 40;
     QVERIFY(writeSettings("[Foreign]\nkey=1\n"));
-    const QList<int> failures = inProcesses(5, [keys](int number) {
+    const auto work = [own](int number) {
         QSettings qt(settingsPath(), QSettings::IniFormat);
-        for (int key = 0; key < keys; ++key) {
+        const bool isOurs = number < 4;
+        for (int key = 0; key < own; ++key) {
             const QString name = QStringLiteral("P%1/k%2").arg(number).arg(key);
-            if (number < 4)
+            if (isOurs)
                 CSettings().write(name, key);
             else if (key % 4 == 0)
-                qt.setValue(name, key), qt.sync();
-            if (number < 4 && !readAll(0))
+                qt.setValue(name, key);
+            if (isOurs ? !allAreRight() : (qt.sync(), qt.status() != QSettings::NoError))
                 return 1;
         }
-        QElapsedTimer clock; // what could not be written at once is written later
-        for (clock.start(); number < 4 && clock.elapsed() < 20000; QThread::msleep(50)) {
-            readAll(0);
-            const QSettings stored(settingsPath(), QSettings::IniFormat);
-            if (stored.contains(QStringLiteral("P%1/k%2").arg(number).arg(keys - 1)))
+        const QByteArray last =
+            "[P" + QByteArray::number(number) + ']'; // what could not be written is, later
+        for (int again = 0; again < 200 && isOurs; ++again) {
+            const int group = settings().indexOf(last);
+            if (settings().indexOf("\nk" + QByteArray::number(own - 1) + '=', group) > 0)
                 return 0;
+            QThread::msleep(50);
+            allAreRight();
         }
-        return number < 4 ? 3 : 0;
-    });
-    QCOMPARE(failures, QList<int>());
+        return isOurs ? 2 : 0;
+    };
+    QCOMPARE(failures(5, work), 0);
     const QSettings result(settingsPath(), QSettings::IniFormat);
     QCOMPARE(result.value(QStringLiteral("Foreign/key")).toInt(), 1);
-    QCOMPARE(result.allKeys().size(), 1 + 4 * keys + keys / 4 + int(std::size(getters)));
+    QCOMPARE(result.allKeys().size(), 1 + 4 * own + own / 4 + keys);
 }
 
 // Four processes, one of them with four threads; editors save, replace, remove and garble the file, and
@@ -198,55 +197,50 @@ void TestPressure::settingsStayUsable()
     if (!Forked::mountDisk(directory, "size=4m")) // whose syncs take no time
         QSKIP("needs to mount a disk");
     QVERIFY(writeSettings("[Details]\nmaxWritingTime=700\n"));
-    const QList<int> failures = inProcesses(
-        4,
-        [ms](int number) {
-            std::vector<std::thread> threads;
-            std::atomic<bool> isRight{true};
-            std::atomic<qint64> slowest{0};
-            for (int i = 0; i < (number == 0 ? 4 : 1); ++i) {
-                threads.emplace_back([&] {
-                    if (!readAll(ms + 500, &slowest))
-                        isRight = false;
-                });
+    const auto work = [ms](int number) {
+        std::atomic<bool> isRight{true};
+        std::atomic<int> slow{0};
+        qint64 stall = 0; // how long the machine lets nobody run
+        inThreads(number == 0 ? 5 : 2, [&](int thread) {
+            if (thread == 0) {
+                stall = slowest(ms + 500, [] { QThread::msleep(1); });
+                return;
             }
-            const qint64 stall = worstStall(ms + 500);
-            for (std::thread &thread : threads)
-                thread.join();
-            QThread::msleep(1100);
-            return !isRight || !readAll(0) ? 1 : slowest > slowestMs + stall ? 2 : 0;
-        },
-        [ms] { meddle(ms); });
-    QCOMPARE(failures, QList<int>());
+            int next = 0;
+            const qint64 worst = slowest(ms, [&] {
+                const int i = ++next % keys;
+                if (!values[i].contains((CSettings().*getters[i])()))
+                    isRight = false;
+            });
+            slow = qMax(slow.load(), static_cast<int>(worst));
+        });
+        QThread::msleep(1100);
+        return isRight && allAreRight() && slow <= limitMs + stall ? 0 : 1;
+    };
+    QCOMPARE(failures(4, work, [ms] { meddle(ms); }), 0);
 
-    QCOMPARE(inProcesses(1, [](int) { return readAll(50) ? 0 : 1; }), QList<int>());
+    QCOMPARE(failures(1, [](int) { return allAreRight() ? 0 : 1; }), 0);
     const QSettings result(settingsPath(), QSettings::IniFormat);
     QCOMPARE(result.value(QStringLiteral("Details/maxWritingTime")).toInt(), 700); // the last edit
-    QCOMPARE(result.allKeys().size(), 1 + int(std::size(getters)));
+    QCOMPARE(result.allKeys().size(), 1 + keys);
     QVERIFY(settings().startsWith("; mine\n"));
 }
 
 void TestPressure::recordsStayWhole()
 {
     const int records = isLong ? 5000 : 500; // of each of 8 threads in 2 processes
-    const QList<int> failures = inProcesses(2, [records](int process) {
-        std::vector<std::thread> threads;
-        for (int thread = 0; thread < 8; ++thread) {
-            threads.emplace_back([=] {
-                for (int i = 0; i < records; ++i) {
-                    const QString id = QStringLiteral("%1 %2 %3 ").arg(process).arg(thread).arg(i);
-                    const QString line = id + QString((i * 37 + thread) % 300, QLatin1Char('x'));
-                    debug(QStringLiteral("Test"),
-                          line + QLatin1Char('\n') + line + QStringLiteral("\n\n") + line, DebugAlways,
-                          DebugFlagFileOnly);
-                }
-            });
-        }
-        for (std::thread &thread : threads)
-            thread.join();
+    const auto work = [records](int process) {
+        inThreads(8, [=](int thread) {
+            for (int i = 0; i < records; ++i) {
+                const QString line = QStringLiteral("%1 %2 %3 ").arg(process).arg(thread).arg(i) +
+                                     QString((i * 37 + thread) % 300, QLatin1Char('x'));
+                debug(QStringLiteral("Test"), line + QLatin1Char('\n') + line + QStringLiteral("\n\n") + line,
+                      DebugAlways, DebugFlagFileOnly);
+            }
+        });
         return 0;
-    });
-    QCOMPARE(failures, QList<int>());
+    };
+    QCOMPARE(failures(2, work), 0);
 
     const QRegularExpression record(QStringLiteral(
         "\\G[\\d:.]{12} {22}Test((?:    )+)(\\d+ \\d+ \\d+ x*)\n {38}\\1\\2\n\n {38}\\1\\2\n"));
@@ -269,45 +263,30 @@ void TestPressure::aFullDiskPasses()
 {
     const int ms = isLong ? 2000 : 300;
     QVERIFY(QDir().mkpath(path() + QStringLiteral("/data")));
-    const auto work = [ms] {
+    const auto work = [ms](int) {
         if (!Forked::mountDisk(path() + QStringLiteral("/data"), "size=256k"))
-            return QStringLiteral("no mount");
-        const MessageCatcher messages;
+            return 1;
         const auto put = [](const QString &text) {
             debug(QStringLiteral("Test"), text, DebugAlways, DebugFlagFileOnly);
         };
         put(QStringLiteral("before"));
-        QFile file(path() + QStringLiteral("/data/filler"));
-        file.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
-        while (file.write(QByteArray(4096, 'f')) == 4096) {
+        QFile filler(path() + QStringLiteral("/data/filler"));
+        filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+        while (filler.write(QByteArray(4096, 'f')) == 4096) {
         }
-        std::atomic<qint64> slowest{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                QElapsedTimer whole;
-                for (whole.start(); whole.elapsed() < ms;) {
-                    QElapsedTimer clock;
-                    clock.start();
-                    put(QString(900, QLatin1Char('y')));
-                    slowest = qMax(slowest.load(), clock.elapsed());
-                }
-            });
-        }
-        for (std::thread &thread : threads)
-            thread.join();
-        file.remove();
+        std::atomic<bool> isQuick{true};
+        inThreads(4, [&](int) {
+            if (slowest(ms, [&] { put(QString(900, QLatin1Char('y'))); }) > limitMs)
+                isQuick = false;
+        });
+        filler.remove();
         for (int i = 0; i < 100; ++i)
             put(QStringLiteral("after"));
-        const auto after = QRegularExpression(QStringLiteral("^[\\d:.]{12} {22}Test(    )+after$"),
-                                              QRegularExpression::MultilineOption);
-        const auto count = QString::fromUtf8(log()).count(after);
-        return QStringLiteral("%1 %2 %3")
-            .arg(count)
-            .arg(messages.count(QtWarningMsg) > 0)
-            .arg(slowest < slowestMs);
+        const QRegularExpression after(QStringLiteral("^[\\d:.]{12} {22}Test(    )+after$"),
+                                       QRegularExpression::MultilineOption);
+        return isQuick && QString::fromUtf8(log()).count(after) == 100 ? 0 : 2;
     };
-    QCOMPARE(Forked::text(work), QStringLiteral("100 1 1"));
+    QCOMPARE(failures(1, work), 0);
 }
 
 QTEST_GUILESS_MAIN(TestPressure)
