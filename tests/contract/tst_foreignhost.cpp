@@ -154,6 +154,12 @@ class TestForeignHost : public QObject
 {
     Q_OBJECT
 
+Q_SIGNALS:
+    // What the server signals from connection threads, in this one: a spy is for one thread only.
+    void hasEnded(const QString &abonentName, int connectionId, bool wasUseful);
+    void isRefused(const QString &abonentName);
+
+private:
     void *library = nullptr;
     DebugData logging;
 
@@ -239,8 +245,10 @@ private slots:
         server->monitor = &monitor;
         server->journal = &journal;
         QSignalSpy byText(server.get(), SIGNAL(connected(QString, int)));
-        QSignalSpy ended(server.get(), SIGNAL(disconnected(QString, int, bool)));
-        QSignalSpy refused(server.get(), SIGNAL(notConnected(QString)));
+        connect(server.get(), SIGNAL(disconnected(QString, int, bool)), SIGNAL(hasEnded(QString, int, bool)));
+        connect(server.get(), SIGNAL(notConnected(QString)), SIGNAL(isRefused(QString)));
+        QSignalSpy ended(this, &TestForeignHost::hasEnded);
+        QSignalSpy refused(this, &TestForeignHost::isRefused);
         QSignalSpy finished(server.get(), SIGNAL(finished()));
         std::atomic<int> byPointer{0};
         connect(server.get(), &CChannelServer::connected, this, [&] { ++byPointer; });

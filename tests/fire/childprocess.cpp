@@ -1,6 +1,7 @@
 #include "tests/fire/childprocess.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <vector>
 
 #include <fcntl.h>
@@ -32,6 +33,7 @@ ChildProcess::ChildProcess(Reactor &inReactor, const QString &program, const QSt
         ::dup2(in[0], 0);
         ::dup2(out[1], 1);
         const rlimit limit = {rlim_t(descriptors), rlim_t(descriptors)};
+        ::setenv("TSAN_OPTIONS", "halt_on_error=1", 0); // so that it is noticed also of one we kill
         if (descriptors > 0)
             ::setrlimit(RLIMIT_NOFILE, &limit);
         ::execv(words[0], words.data());

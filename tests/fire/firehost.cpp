@@ -206,7 +206,10 @@ private:
 
     QByteArray stats() const
     {
-        const auto &tabulations = LoggerData::debugData()->tabulations;
+        DebugData *const shared = LoggerData::debugData();
+        shared->mutex.lock();
+        const QList<Tabulation> tabulations = shared->tabulations;
+        shared->mutex.unlock();
         const auto isUsed = [](const Tabulation &slot) { return slot.thread != nullptr; };
         const auto files = QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System);
         const std::pair<const char *, qint64> numbers[] = {
