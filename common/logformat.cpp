@@ -3,6 +3,7 @@
 #include <QDateTime>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <ctime>
 #include <tuple>
@@ -72,29 +73,32 @@ namespace LogFormat {
 
 TimeText timeStamp()
 {
-    // Plain data per thread: no lock, and nothing to destroy while a thread ends.
-    struct Second
-    {
-        time_t number;
-        TimeText text;
-    };
-    thread_local Second second = {-1, {}};
+    // The last second that was broken down, and the second of the day it is here, in one word: shared by
+    // all threads without a lock, so that a new thread does not ask for the time zone again.
+    constexpr unsigned dayBits = 17;
+    static std::atomic<quint64> latest{0};
 
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec != second.number) {
-        const QTime time = QDateTime::fromSecsSinceEpoch(now.tv_sec).time();
-        std::memcpy(second.text.data(), "00:00:00.000", second.text.size());
-        putTwoDigits(second.text.data(), time.hour());
-        putTwoDigits(second.text.data() + 3, time.minute());
-        putTwoDigits(second.text.data() + 6, time.second());
-        second.number = now.tv_sec;
+    const auto number = static_cast<quint64>(now.tv_sec);
+    quint64 known = latest.load(std::memory_order_relaxed);
+    if (known >> dayBits != number) {
+        const int secondOfDay =
+            QDateTime::fromSecsSinceEpoch(now.tv_sec).time().msecsSinceStartOfDay() / 1000;
+        known = number << dayBits | static_cast<quint64>(secondOfDay);
+        latest.store(known, std::memory_order_relaxed);
     }
 
+    const int secondOfDay = static_cast<int>(known & ((1U << dayBits) - 1));
     const int ms = static_cast<int>(now.tv_nsec / 1000000);
-    second.text[9] = static_cast<char>('0' + ms / 100);
-    putTwoDigits(second.text.data() + 10, ms % 100);
-    return second.text;
+    TimeText text;
+    std::memcpy(text.data(), "00:00:00.000", text.size());
+    putTwoDigits(text.data(), secondOfDay / 3600);
+    putTwoDigits(text.data() + 3, secondOfDay / 60 % 60);
+    putTwoDigits(text.data() + 6, secondOfDay % 60);
+    text[9] = static_cast<char>('0' + ms / 100);
+    putTwoDigits(text.data() + 10, ms % 100);
+    return text;
 }
 
 QByteArray record(const TimeText &time, const QString &source, int tabLevel, const QString &text)
