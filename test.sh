@@ -26,7 +26,7 @@ for argument in "$@"; do
 done
 [ -z "$long" ] || export IPCHANNEL_LONG=1
 
-prepare clang-format git iproute2 strace valgrind openssl python3 procps
+prepare abigail-tools clang-format doxygen git iproute2 make openssl procps python3 valgrind
 
 # run PRESET [ctest argument ...]
 run() {
@@ -44,4 +44,5 @@ if [ -n "$sanitizers" ]; then
     build dev-tsan
     run dev-tsan -L threads
 fi
+[ -z "$long" ] || packaging/check.sh
 step "All tests passed"
