@@ -6,5 +6,5 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 source scripts/prepare.sh
 
 prepare libasio-dev iperf3 libzmq3-dev libspdlog-dev liblog4cxx-dev python3 >&2
-build bench >&2
+build bench channelbench peers >&2
 exec python3 -B bench/driver/run.py --build build/bench "$@"
