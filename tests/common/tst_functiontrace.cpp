@@ -44,7 +44,7 @@ void TestFunctionTrace::offKeepsATrail()
         const QString last = QStringList(_CFunctionDebug::stack().mid(61)).join(QLatin1Char('|'));
 
         const auto many = [] {
-            for (int i = 0; i < 5000; ++i)
+            for (int i = 0; i < 50000; ++i)
                 traced();
         };
         std::thread other(many);

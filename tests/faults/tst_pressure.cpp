@@ -1,6 +1,7 @@
 // Settings and log while many write at once, editors meddle, and the disk is full.
 #include "common/csettings.h"
 #include "common/logwriter.h"
+#include "tests/faults/faultshim.h"
 #include "tests/support/forked.h"
 #include "tests/support/messagecatcher.h"
 #include "tests/support/testinstallation.h"
@@ -148,6 +149,7 @@ class TestPressure : public QObject
 private Q_SLOTS:
     void init() { clean(); }
     void writersOfSettingsLoseNothing();
+    void editorsAreNotOverwritten();
     void settingsStayUsable();
     void recordsStayWhole();
     void aFullDiskPasses();
@@ -170,21 +172,44 @@ void TestPressure::writersOfSettingsLoseNothing()
             if (isOurs ? !allAreRight() : (qt.sync(), qt.status() != QSettings::NoError))
                 return 1;
         }
-        const QByteArray last =
-            "[P" + QByteArray::number(number) + ']'; // what could not be written is, later
-        for (int again = 0; again < 200 && isOurs; ++again) {
-            const int group = settings().indexOf(last);
-            if (settings().indexOf("\nk" + QByteArray::number(own - 1) + '=', group) > 0)
-                return 0;
-            QThread::msleep(50);
+        const QString last = QStringLiteral("P%1/k%2").arg(number).arg(own - 1);
+        for (int again = 0; again < 200 && isOurs && !CIniText(settings()).contains(last); ++again) {
+            QThread::msleep(50); // what could not be written is, later
             allAreRight();
         }
-        return isOurs ? 2 : 0;
+        return 0;
     };
     QCOMPARE(failures(5, work), 0);
     const QSettings result(settingsPath(), QSettings::IniFormat);
     QCOMPARE(result.value(QStringLiteral("Foreign/key")).toInt(), 1);
     QCOMPARE(result.allKeys().size(), 1 + 4 * own + own / 4 + keys);
+}
+
+// One has emptied the file and writes later, the other comes between our reading and our renaming.
+void TestPressure::editorsAreNotOverwritten()
+{
+    QVERIFY(writeSettings("[X]\n"));
+    const auto work = [](int) {
+        QFile file(settingsPath());
+        file.open(QIODevice::WriteOnly);
+        std::thread editor([&] {
+            QThread::msleep(8);
+            file.write("; mine\n");
+            file.close();
+        });
+        const bool isRight = allAreRight();
+        editor.join();
+        const bool isKept = settings().startsWith("; mine\n");
+
+        bool isEdited = false;
+        Fault::beforeCreation = [&](const char *made) {
+            if (!isEdited && QByteArray(made).endsWith(".new"))
+                isEdited = writeSettings("; mine, too\n");
+        };
+        CSettings().write(QStringLiteral("X/y"), 1);
+        return isRight && isKept && settings() == "; mine, too\n\n[X]\ny=1\n" ? 0 : 1;
+    };
+    QCOMPARE(failures(1, work), 0);
 }
 
 // Four processes, one of them with four threads; editors save, replace, remove and garble the file, and
