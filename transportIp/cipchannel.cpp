@@ -9,6 +9,7 @@
 
 #include <QTcpSocket>
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -60,7 +61,11 @@ QByteArray CIpChannel::read(int maxSize)
 {
     if (!socket || !socket->isOpen())
         return {};
-    QByteArray bytes = socket->read(maxSize);
+    // Unless the socket's own buffer is full there is nothing behind it, and asking the system would be
+    // in vain.
+    const qint64 ahead = socket->bytesAvailable();
+    const bool mayBeMore = ahead >= socket->readBufferSize();
+    QByteArray bytes = socket->read(mayBeMore ? maxSize : std::min<qint64>(maxSize, ahead));
     if (!bytes.isEmpty())
         monitor->addReceived(monitorHandle, bytes.size());
     return bytes;

@@ -59,7 +59,8 @@ QString withoutMappedPrefix(QString address)
 
 } // namespace
 
-CIpThread::CIpThread(CChannelServer *reportedServer, int id) : connectionId(id), report(reportedServer)
+CIpThread::CIpThread(CChannelServer *reportedServer, int id)
+    : connectionId(id), report(reportedServer), label(ipConnectionLabel(id))
 {
     setStackSize(stackBytes);
 }
@@ -189,7 +190,7 @@ void CIpThread::adoptDescriptor()
                  QString::number(socketDescriptor), QString::number(connectionId)));
 
     const QString text = QStringLiteral("Входящее соединение от %1").arg(abonentSettings.address);
-    monitorHandle = report.addConnection(ipChannelKind, ipConnectionLabel(connectionId), text);
+    monitorHandle = report.addConnection(ipChannelKind, label, text);
     journalEvent(text);
 }
 
@@ -203,7 +204,7 @@ bool CIpThread::placeCall()
 
     const QString callingText =
         QStringLiteral("Вызываем абонента '%1' (%2:%3)").arg(calledName, abonentSettings.address, port);
-    monitorHandle = report.addConnection(ipChannelKind, ipConnectionLabel(connectionId), callingText);
+    monitorHandle = report.addConnection(ipChannelKind, label, callingText);
     journalEvent(callingText);
 
     socket = new CIpSocket;
@@ -298,7 +299,7 @@ bool CIpThread::startProtocol()
         protocol->remoteAbonentName = calledName;
         protocol->remoteAbonentFilteredName = Global::filterName(calledName);
     }
-    protocol->label = ipConnectionLabel(connectionId);
+    protocol->label = label;
     protocol->start();
     if (stopRequested && !stopPassedOn) {
         stopPassedOn = true;
@@ -400,7 +401,7 @@ void CIpThread::remoteAbonentNameChanged(const QString &name)
 
 void CIpThread::journalEvent(const QString &text)
 {
-    report.addRecord(JournalEvent, ipConnectionLabel(connectionId), text);
+    report.addRecord(JournalEvent, label, text);
 }
 
 void CIpThread::rememberTransport()

@@ -125,7 +125,9 @@ private:
     int monitorHandle = 0;
     mutable QMutex mutex; // guards the protocol between this thread and those that stop it
 
-    QString calledName; // the connection thread's own: the protocol may announce another name meanwhile
+    QString calledName;  // the connection thread's own: the protocol may announce another name meanwhile
+    const QString label; // the source of this worker's monitor and journal entries
+
     CIpChannel *channel = nullptr; // the protocol owns it; guarded by mutex, as is the next
     bool stopPassedOn = false;     // the protocol has been told of the stop
 
