@@ -32,9 +32,13 @@ ChildProcess::ChildProcess(Reactor &inReactor, const QString &program, const QSt
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::dup2(in[0], 0);
         ::dup2(out[1], 1);
-        const rlimit limit = {rlim_t(descriptors), rlim_t(descriptors)};
-        ::setenv("TSAN_OPTIONS", "halt_on_error=1", 0); // so that it is noticed also of one we kill
+        rlimit limit = {};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = rlim_t(std::abs(descriptors));
         if (descriptors > 0)
+            limit.rlim_max = limit.rlim_cur;
+        ::setenv("TSAN_OPTIONS", "halt_on_error=1", 0); // so that it is noticed also of one we kill
+        if (descriptors != 0)
             ::setrlimit(RLIMIT_NOFILE, &limit);
         ::execv(words[0], words.data());
         ::_exit(127);

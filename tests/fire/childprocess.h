@@ -10,7 +10,7 @@
 class ChildProcess final : private Reactor::Part
 {
 public:
-    /// @param descriptors the process's limit, soft and hard; 0: ours
+    /// @param descriptors the process's limit, soft and hard; negative: soft only; 0: ours
     ChildProcess(Reactor &inReactor, const QString &program, const QStringList &arguments,
                  int descriptors = 0);
     ~ChildProcess(); // kills it, if it still runs
