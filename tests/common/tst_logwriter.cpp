@@ -262,12 +262,13 @@ void TestLogWriter::theHeadComesFirstAndOnce()
                 result += QString::fromUtf8(log());
             const QFileInfo made(logPath());
             if (other != 0 && round == 299)
-                return result + made.fileName() + QString::number(made.permissions(), 16);
+                return result + made.fileName() + QString::number(made.permissions(), 16) +
+                       QString::number(QFileInfo(made.path()).permissions(), 16);
             QFile::remove(other != 0 ? logPath() : QString());
         }
         ::_exit(0);
     });
-    QCOMPARE(outcome, QStringLiteral("name_%1_%2.log6666")
+    QCOMPARE(outcome, QStringLiteral("name_%1_%2.log66667777")
                           .arg(qEnvironmentVariable("USER"),
                                QDate::currentDate().toString(QStringLiteral("yyyy.MM.dd"))));
 }
