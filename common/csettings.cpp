@@ -45,6 +45,7 @@ SettingsPointer *sharedSettings()
     if (shared != nullptr)
         return shared;
 
+    const CTerminationGuard guard;
     // Probed before it is published and under no lock: the probe may speak to a host that reads settings.
     auto *const made = new SettingsPointer(Global::internalSettingsFilePath());
     if (gCSettingsSettings.compare_exchange_strong(shared, made, std::memory_order_acq_rel))
@@ -59,7 +60,7 @@ bool readSettled(const QString &path, SettingsFile::Contents *contents)
 {
     const QByteArray name = QFile::encodeName(path);
     bool isRead = SettingsFile::read(path, contents);
-    while (isRead && contents->text.isEmpty() && SettingsFile::stamp(name.constData()).isFresh) {
+    while (isRead && contents->text.isEmpty() && SettingsFile::stamp(name.constData()).isFresh()) {
         QThread::msleep(1);
         isRead = SettingsFile::read(path, contents);
     }
@@ -76,12 +77,11 @@ SettingsPointer::SettingsPointer(const QString &fileName)
 
 void SettingsPointer::sync(bool mayWrite)
 {
-    const CTerminationGuard guard;
     if (!(mayWrite && mustWrite()) && !rereadSoon.load(std::memory_order_relaxed) &&
         SettingsFile::stamp(encodedPath.constData()).id == lastStamp.load(std::memory_order_acquire))
         return;
 
-    const CMessageHold hold;
+    const CMessageHold hold; // from here on also against termination
     bool isWriting = false;
     bool isMissing = false; // and something is to be written, or it has just gone
     {
@@ -139,7 +139,7 @@ void SettingsPointer::reread(const SettingsFile::Stamp &now)
             QtWarningMsg,
             Messages::format(QStringLiteral("Файл настроек поврежден, непонятные строки пропущены"), {path}));
     warnedStamp = now.id;
-    rereadSoon = now.isFresh;
+    rereadSoon = now.isFresh();
     lastStamp.store(now.id, std::memory_order_release);
 }
 
@@ -252,15 +252,13 @@ bool SettingsPointer::mergeAndReplace()
     if (warnedStamp == lastStamp)
         warnedStamp = now.id; // what was wrong has been said
     accept(fresh);
-    rereadSoon = now.isFresh;
+    rereadSoon = now.isFresh();
     lastStamp.store(now.id, std::memory_order_release);
     return true;
 }
 
-CSettings::CSettings() : pointer(nullptr)
+CSettings::CSettings() : pointer(sharedSettings())
 {
-    const CTerminationGuard guard;
-    pointer = sharedSettings();
     pointer->sync(false);
 }
 

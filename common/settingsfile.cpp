@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 #include <sys/stat.h>
@@ -37,14 +37,6 @@ quint64 idOf(const struct stat &status)
     return std::max<quint64>(hash, SettingsFile::Stamp::Unknown + 1);
 }
 
-bool isFresh(const struct stat &status)
-{
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const qint64 age = nanoseconds(now) - std::max(nanoseconds(status.st_mtim), nanoseconds(status.st_ctim));
-    return age > -freshNs && age < freshNs;
-}
-
 bool writeNew(const QString &path, const QByteArray &text, unsigned mode, int *modeError)
 {
     const TrustedFile::Descriptor made = TrustedFile::openOwn(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
@@ -59,13 +51,20 @@ bool writeNew(const QString &path, const QByteArray &text, unsigned mode, int *m
 
 namespace SettingsFile {
 
+bool Stamp::isFresh() const
+{
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return std::abs(nanoseconds(now) - changedAtNs) < freshNs;
+}
+
 Stamp stamp(const char *path)
 {
     struct stat status = {};
     if (::stat(path, &status) == 0)
-        return {idOf(status), isFresh(status)};
+        return {idOf(status), std::max(nanoseconds(status.st_mtim), nanoseconds(status.st_ctim))};
     const bool isAbsent = (errno == ENOENT || errno == ENOTDIR) && ::lstat(path, &status) != 0;
-    return {isAbsent ? Stamp::Absent : Stamp::Unreachable, false};
+    return {isAbsent ? Stamp::Absent : Stamp::Unreachable, 0};
 }
 
 bool read(const QString &path, Contents *contents)

@@ -18,8 +18,10 @@ struct Stamp
 
     quint64 id = Unknown; // over inode, device, size and time of the last change in nanoseconds
 
-    /// The file has been changed so recently that another change might leave the same time behind.
-    bool isFresh = false;
+    qint64 changedAtNs = 0; // since 1970, of the latest change
+
+    /// Whether that is so recent that another change might leave the same time behind.
+    bool isFresh() const;
 };
 
 /// One stat(2). @param path encoded for the system. [any thread]
