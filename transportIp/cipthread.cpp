@@ -51,6 +51,15 @@ private:
     int previousState = PTHREAD_CANCEL_DISABLE;
 };
 
+/// Keeps what nobody may destroy any more within sight of those who look for leaks.
+void keepForEver(QObject *object)
+{
+    static QMutex &mutex = *new QMutex;
+    static QList<QObject *> &objects = *new QList<QObject *>;
+    const QMutexLocker locker(&mutex);
+    objects.append(object);
+}
+
 QString withoutMappedPrefix(QString address)
 {
     const QLatin1String prefix("::ffff:");
@@ -361,6 +370,7 @@ void CIpThread::cleanUpAfterTermination()
     // died inside one of the host's locks.
     forgetTransport();
     std::exchange(channel, nullptr)->dropSocket();
+    keepForEver(protocol);
     report.removeConnection(monitorHandle);
 }
 
@@ -372,6 +382,7 @@ void CIpThread::leaveBehind()
             ::shutdown(transportFd, SHUT_RDWR);
     }
     report.cut(reportWaitMs);
+    keepForEver(this);
 }
 
 void CIpThread::socketError(QAbstractSocket::SocketError error)
