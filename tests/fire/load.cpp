@@ -47,7 +47,7 @@ void Load::tick(qint64 now)
             continue;
         if (client.descriptor < 0) {
             if (begun < total)
-                begin(client, now);
+                begin(client);
         } else if (client.isConnected && plan.dripMs > 0 && client.gone < client.out.size()) {
             client.next = now + plan.dripMs * 1000;
             if (!send(client))
@@ -58,12 +58,11 @@ void Load::tick(qint64 now)
     }
 }
 
-void Load::begin(Client &client, qint64 now)
+void Load::begin(Client &client)
 {
     constexpr int smallBuffer = 4096; // who does not read is to be noticed early
     client = Client();
     client.number = begun++;
-    client.begun = now;
     client.descriptor = connectTo(plan.port, plan.reads ? 0 : smallBuffer);
     if (plan.opening) {
         client.out = plan.opening(client.number);
@@ -80,19 +79,17 @@ void Load::ready(int descriptor)
 {
     Client &client = *byDescriptor[std::size_t(descriptor)];
     if (!client.isConnected) {
-        sockaddr_in own = {};
-        socklen_t size = sizeof own;
         int error = 0;
         socklen_t errorSize = sizeof error;
         ::getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &errorSize);
         sockaddr_in other = {};
+        socklen_t size = sizeof other;
         if (error == 0 && ::getpeername(descriptor, reinterpret_cast<sockaddr *>(&other), &size) != 0)
             return; // not yet
         if (error != 0)
             return end(client, true);
-        ::getsockname(descriptor, reinterpret_cast<sockaddr *>(&own), &size);
-        ports.push_back(ntohs(own.sin_port));
         client.isConnected = true;
+        client.begun = Reactor::now();
         ++connected;
         // Spread over the period, as clients that do not know of each other are.
         const qint64 share = qint64(plan.periodMs) * 1000 * (client.number % plan.slots_) / plan.slots_;

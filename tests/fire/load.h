@@ -54,7 +54,6 @@ public:
     qint64 pushed = 0;          // bytes sent by those that do not read
     std::vector<int> latencies; // microseconds
     std::vector<int> lives;     // milliseconds, of those dropped
-    std::vector<int> ports;     // ours, by connection
 
 private:
     struct Client
@@ -74,7 +73,7 @@ private:
 
     void ready(int descriptor) override;
     void tick(qint64 now) override;
-    void begin(Client &client, qint64 now);
+    void begin(Client &client);
     bool send(Client &client);
     bool receive(Client &client);
     void take(Client &client, const char *bytes, int size);
