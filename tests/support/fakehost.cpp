@@ -3,14 +3,13 @@
 #include <QAbstractEventDispatcher>
 #include <QElapsedTimer>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTest>
 #include <QThread>
 
 int RecordingMonitor::addConnection(int kind, const QString &label, const QString &text)
 {
     const QMutexLocker locker(&mutex);
-    entries.insert(++lastHandle, {QStringLiteral("%1 %2").arg(kind).arg(label), {text}});
+    entries.insert(++lastHandle, {"%1 %2"_s.arg(kind).arg(label), {text}});
     return lastHandle;
 }
 
@@ -54,7 +53,7 @@ int RecordingMonitor::shown() const
 void RecordingJournal::addRecord(int kind, const QString &source, const QString &text)
 {
     const QMutexLocker locker(&mutex);
-    records.append(QStringLiteral("%1 %2: %3").arg(QString::number(kind), source, text));
+    records.append("%1 %2: %3"_s.arg(QString::number(kind), source, text));
 }
 
 QStringList RecordingJournal::take()
@@ -131,24 +130,15 @@ FakeHost::FakeHost(CChannelServer *equippedServer) : factory(new ScriptedFactory
     server->protocolFactory = factory;
     server->monitor = &monitor;
     server->journal = &journal;
-    connect(
-        server, &CChannelServer::connected, this,
-        [this](const QString &name, int id) {
-            note(QStringLiteral("connected %1 %2").arg(name, QString::number(id)));
-        },
-        Qt::DirectConnection);
-    connect(
-        server, &CChannelServer::notConnected, this,
-        [this](const QString &name) { note(QStringLiteral("notConnected %1").arg(name)); },
-        Qt::DirectConnection);
-    connect(
-        server, &CChannelServer::disconnected, this,
-        [this](const QString &name, int id, bool useful) {
-            note(QStringLiteral("disconnected %1 %2 %3")
-                     .arg(name, QString::number(id),
-                          useful ? QStringLiteral("useful") : QStringLiteral("idle")));
-        },
-        Qt::DirectConnection);
+    const auto heard = [this](auto signal, auto slot) {
+        connect(server, signal, this, slot, Qt::DirectConnection);
+    };
+    heard(&CChannelServer::connected,
+          [this](const QString &name, int id) { note("connected %1 %2"_s.arg(name).arg(id)); });
+    heard(&CChannelServer::notConnected, [this](const QString &name) { note("notConnected "_s + name); });
+    heard(&CChannelServer::disconnected, [this](const QString &name, int id, bool useful) {
+        note("disconnected %1 %2 "_s.arg(name).arg(id) + (useful ? "useful"_s : "idle"_s));
+    });
 }
 
 bool FakeHost::stopServer(int ms)
@@ -178,13 +168,6 @@ void FakeHost::note(const QString &text)
 {
     const QMutexLocker locker(&mutex);
     received.append(text);
-}
-
-int freePort()
-{
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost);
-    return server.serverPort();
 }
 
 bool echoes(QTcpSocket *client, const QByteArray &bytes, int ms)

@@ -4,6 +4,7 @@
 
 #include "interfaces/cabstractprotocol.h"
 #include "interfaces/cchannelserver.h"
+#include "tests/support/testinstallation.h"
 
 #include <QMap>
 #include <QMutex>
@@ -117,9 +118,6 @@ private:
     mutable QMutex mutex;
     QStringList received;
 };
-
-/// @return a TCP port on which nobody listens now
-int freePort();
 
 /// @return whether the echo of @a bytes comes back
 bool echoes(QTcpSocket *client, const QByteArray &bytes, int ms = 5000);

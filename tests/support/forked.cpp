@@ -2,6 +2,9 @@
 
 #include <QFile>
 
+#include <thread>
+#include <vector>
+
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -37,6 +40,15 @@ QString text(const std::function<QString()> &work, uid_t user)
     int status = 0;
     ::waitpid(child, &status, 0);
     return WIFEXITED(status) ? QString::fromUtf8(bytes) : QStringLiteral("signal %1").arg(WTERMSIG(status));
+}
+
+void inThreads(int count, const std::function<void(int number)> &work)
+{
+    std::vector<std::thread> threads;
+    for (int number = 0; number < count; ++number)
+        threads.emplace_back(work, number);
+    for (std::thread &thread : threads)
+        thread.join();
 }
 
 bool mountDisk(const QString &directory, const char *options)

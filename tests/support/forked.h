@@ -1,4 +1,5 @@
-// A piece of a test in a process of its own: fresh statics, another user, limits, a sudden end.
+// A piece of a test in threads, or in a process, of its own: fresh statics, another user, limits, a sudden
+// end.
 #pragma once
 
 #include <QString>
@@ -17,6 +18,9 @@ int run(const std::function<int()> &work, uid_t user = 0);
 
 /// The same for a text as the result; of a child that was ended it is "signal N".
 QString text(const std::function<QString()> &work, uid_t user = 0);
+
+/// Runs @a work in threads numbered from 0, and waits for them.
+void inThreads(int count, const std::function<void(int number)> &work);
 
 /// Inside a fork: puts an empty disk in memory over a directory, for the fork alone.
 /// @param options of the mount: size=, nr_inodes=

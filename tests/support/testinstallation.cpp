@@ -4,6 +4,14 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QTcpServer>
+
+int freePort()
+{
+    QTcpServer server;
+    server.listen(QHostAddress::LocalHost);
+    return server.serverPort();
+}
 
 namespace TestInstallation {
 
@@ -38,9 +46,9 @@ QByteArray settings()
 
 QByteArray log(int level)
 {
-    const QDir directory(QStringLiteral("%1/data/%2/log").arg(path()).arg(level));
+    const QDir directory("%1/data/%2/log"_s.arg(path()).arg(level));
     QByteArray text;
-    const QStringList names = directory.entryList({QStringLiteral("*.log")}, QDir::Files, QDir::Name);
+    const QStringList names = directory.entryList({"*.log"_s}, QDir::Files, QDir::Name);
     for (const QString &name : names)
         text += read(directory.absoluteFilePath(name));
     return text;
@@ -59,6 +67,11 @@ QByteArray read(const QString &fileName)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+int rights(const QString &fileName)
+{
+    return static_cast<int>(QFile::permissions(fileName)) & 0xF0FF;
+}
+
 void plant(const QString &place, const QString &entries)
 {
     for (const QString &entry : entries.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
@@ -72,7 +85,7 @@ void plant(const QString &place, const QString &entries)
 
 QString quickTemplate()
 {
-    const QString memory = QStringLiteral("/dev/shm");
+    const QString memory = "/dev/shm"_s;
     return (QFileInfo(memory).isWritable() ? memory : QDir::tempPath()) + QLatin1Char('/') +
            QCoreApplication::applicationName() + QLatin1String("-XXXXXX");
 }

@@ -10,6 +10,9 @@ inline QString operator""_s(const char *text, std::size_t size)
     return QString::fromUtf8(text, static_cast<int>(size));
 }
 
+/// @return a TCP port on which nobody listens now
+int freePort();
+
 namespace TestInstallation {
 
 /// The directory above the executable's; its path without a slash at the end.
@@ -29,6 +32,9 @@ QByteArray log(int level = 0);
 /// Any file; an absent one reads as empty.
 bool write(const QString &fileName, const QByteArray &data);
 QByteArray read(const QString &fileName);
+
+/// The rights of a file or directory, as in QFile::Permissions, but those of the asking user.
+int rights(const QString &fileName);
 
 /// Makes what @a entries list in @a place, a slash behind directories: "F=text sub/".
 void plant(const QString &place, const QString &entries);
