@@ -186,7 +186,7 @@ void TestPlanted::changesNothingOutside()
     QCOMPARE(Forked::text(use),
              (chosen.answered[object] == '.' ? QString() : chosen.text) + " in time, level 0"_s);
     QCOMPARE(read(outside), precious);
-    QCOMPARE(static_cast<int>(QFile::permissions(outside)) & 0xF0FF, 0x6000);
+    QCOMPARE(rights(outside), 0x6000);
     QCOMPARE(QDir(place.path()).entryList(QDir::Files | QDir::System), QStringList{"precious"_s});
 }
 
@@ -205,6 +205,8 @@ void TestPlanted::administratorsMay()
         return answer + (read(logFile()).contains("Planted    text") ? QString() : "no text"_s);
     };
     QCOMPARE(Forked::text(use), QString());
+    QVERIFY(QFileInfo(settingsPath()).isSymLink() && read(outside).startsWith(precious) &&
+            read(outside).contains("filePermissions"));
 }
 
 QTEST_GUILESS_MAIN(TestPlanted)
