@@ -60,9 +60,8 @@ void TestFunctionTrace::offKeepsATrail()
                            QString::fromUtf8(settings())}
             .join(QLatin1Char(';'));
     });
-    QCOMPARE(outcome,
-             QStringLiteral(";7;70;6789:12 void f(const char *)|:7 |void {anonymous}::traced();64;64;"
-                            "[Debug]\nall=false\n"));
+    QCOMPARE(outcome, ";7;70;6789:12 void f(const char *)|:7 |void {anonymous}::traced();64;64;"
+                      "[Debug]\nall=false\n"_s);
 }
 
 void TestFunctionTrace::onWritesEveryScopeAndCategory()
@@ -70,19 +69,18 @@ void TestFunctionTrace::onWritesEveryScopeAndCategory()
     QVERIFY(writeSettings("[Debug]\nall=true\nipcData=false\n"));
     const QString outcome = Forked::text([] {
         MessageCatcher messages;
-        debug(QStringLiteral("S"), QStringLiteral("not yet"), DebugIpcData, DebugFlagNone);
+        debug("S"_s, "not yet"_s, DebugIpcData, DebugFlagNone);
         traced();
         {
             const _CFunctionDebug outer("012345a%1", 3, "g");
-            debug(QStringLiteral("S"), QStringLiteral("all"), DebugIpcData, DebugFlagNone);
+            debug("S"_s, "all"_s, DebugIpcData, DebugFlagNone);
             writeSettings("[Debug]\nall=false\n"); // too late
         }
-        return messages.takeAll().remove(QStringLiteral("\"_CFunctionDebug\" ")) +
+        return messages.takeAll().remove("\"_CFunctionDebug\" "_s) +
                QString::number(_CFunctionDebug::stack().size());
     });
-    QCOMPARE(outcome,
-             QStringLiteral("\"void {anonymous}::traced() {\"|\"void {anonymous}::traced() }\"|\"a%1:3 g {\"|"
-                            "\"S\" \"all\"|\"a%1:3 g }\"0"));
+    QCOMPARE(outcome, "\"void {anonymous}::traced() {\"|\"void {anonymous}::traced() }\"|\"a%1:3 g {\"|"
+                      "\"S\" \"all\"|\"a%1:3 g }\"0"_s);
     QVERIFY(log().contains("          _CFunctionDebug    a%1:3 g {\n"));
 }
 
@@ -102,8 +100,8 @@ void TestFunctionTrace::measuresScopes()
         }
         return messages.takeAll();
     });
-    const QRegularExpression expected(QStringLiteral(
-        "^\"_CFunctionMeasure\" \"0 ms - always\"\\|\"_CFunctionMeasure\" \"[2-9]\\d ms - slow\"$"));
+    const QRegularExpression expected(
+        "^\"_CFunctionMeasure\" \"0 ms - always\"\\|\"_CFunctionMeasure\" \"[2-9]\\d ms - slow\"$"_s);
     QVERIFY2(expected.match(outcome).hasMatch(), qPrintable(outcome));
 }
 

@@ -1,4 +1,4 @@
-// Settings and log while many write at once, editors meddle, and the disk is full.
+// Settings and log while many write at once, and editors meddle.
 #include "common/csettings.h"
 #include "common/logwriter.h"
 #include "tests/faults/faultshim.h"
@@ -59,15 +59,6 @@ int failures(
     return failed;
 }
 
-void inThreads(int count, const std::function<void(int)> &work)
-{
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i)
-        threads.emplace_back(work, i);
-    for (std::thread &thread : threads)
-        thread.join();
-}
-
 // Does something again and again. @return how long it took at worst, ms
 qint64 slowest(int ms, const std::function<void()> &work)
 {
@@ -96,7 +87,7 @@ void holdLock()
 {
     Forked::run(
         [] {
-            const QByteArray name = QFile::encodeName(settingsPath() + QStringLiteral(".lock"));
+            const QByteArray name = QFile::encodeName(settingsPath() + ".lock"_s);
             const int lock = ::open(name.constData(), O_RDWR | O_CREAT | O_EXCL, 0644);
             const QByteArray text =
                 QByteArray::number(::getpid()) + "\nx\n" + QSysInfo::machineHostName().toUtf8();
@@ -123,8 +114,8 @@ void meddle(int ms)
             file.write(text);
             break;
         case 1: // in one go
-            write(name + QStringLiteral(".edited"), text);
-            ::rename(QFile::encodeName(name + QStringLiteral(".edited")), QFile::encodeName(name));
+            write(name + ".edited"_s, text);
+            ::rename(QFile::encodeName(name + ".edited"_s), QFile::encodeName(name));
             break;
         case 2:
             file.remove();
@@ -152,7 +143,6 @@ private Q_SLOTS:
     void editorsAreNotOverwritten();
     void settingsStayUsable();
     void recordsStayWhole();
-    void aFullDiskPasses();
 };
 
 // Four processes of ours and one that uses QSettings, each with keys of its own.
@@ -164,7 +154,7 @@ void TestPressure::writersOfSettingsLoseNothing()
         QSettings qt(settingsPath(), QSettings::IniFormat);
         const bool isOurs = number < 4;
         for (int key = 0; key < own; ++key) {
-            const QString name = QStringLiteral("P%1/k%2").arg(number).arg(key);
+            const QString name = "P%1/k%2"_s.arg(number).arg(key);
             if (isOurs)
                 CSettings().write(name, key);
             else if (key % 4 == 0)
@@ -172,7 +162,7 @@ void TestPressure::writersOfSettingsLoseNothing()
             if (isOurs ? !allAreRight() : (qt.sync(), qt.status() != QSettings::NoError))
                 return 1;
         }
-        const QString last = QStringLiteral("P%1/k%2").arg(number).arg(own - 1);
+        const QString last = "P%1/k%2"_s.arg(number).arg(own - 1);
         for (int again = 0; again < 200 && isOurs && !CIniText(settings()).contains(last); ++again) {
             QThread::msleep(50); // what could not be written is, later
             allAreRight();
@@ -181,7 +171,7 @@ void TestPressure::writersOfSettingsLoseNothing()
     };
     QCOMPARE(failures(5, work), 0);
     const QSettings result(settingsPath(), QSettings::IniFormat);
-    QCOMPARE(result.value(QStringLiteral("Foreign/key")).toInt(), 1);
+    QCOMPARE(result.value("Foreign/key"_s).toInt(), 1);
     QCOMPARE(result.allKeys().size(), 1 + 4 * own + own / 4 + keys);
 }
 
@@ -210,7 +200,7 @@ void TestPressure::editorsAreNotOverwritten()
             if (!isEdited && QByteArray(made).endsWith(".new"))
                 isEdited = writeSettings("; mine, too\n");
         };
-        CSettings().write(QStringLiteral("X/y"), 1);
+        CSettings().write("X/y"_s, 1);
         return isRight && isKept && settings() == "; mine, too\n\n[X]\ny=1\n" ? 0 : 1;
     };
     QCOMPARE(failures(1, work), 0);
@@ -230,7 +220,7 @@ void TestPressure::settingsStayUsable()
         std::atomic<bool> isRight{true};
         std::atomic<int> slow{0};
         qint64 stall = 0; // how long the machine lets nobody run
-        inThreads(number == 0 ? 5 : 2, [&](int thread) {
+        Forked::inThreads(number == 0 ? 5 : 2, [&](int thread) {
             if (thread == 0) {
                 stall = slowest(ms + 500, [] { QThread::msleep(1); });
                 return;
@@ -250,7 +240,7 @@ void TestPressure::settingsStayUsable()
 
     QCOMPARE(failures(1, [](int) { return allAreRight() ? 0 : 1; }), 0);
     const QSettings result(settingsPath(), QSettings::IniFormat);
-    QCOMPARE(result.value(QStringLiteral("Details/maxWritingTime")).toInt(), 700); // the last edit
+    QCOMPARE(result.value("Details/maxWritingTime"_s).toInt(), 700); // the last edit
     QCOMPARE(result.allKeys().size(), 1 + keys);
     QVERIFY(settings().startsWith("; mine\n"));
 }
@@ -259,23 +249,23 @@ void TestPressure::recordsStayWhole()
 {
     const int records = isLong ? 5000 : 500; // of each of 8 threads in 2 processes
     const auto work = [records](int process) {
-        inThreads(8, [=](int thread) {
+        Forked::inThreads(8, [=](int thread) {
             for (int i = 0; i < records; ++i) {
-                const QString line = QStringLiteral("%1 %2 %3 ").arg(process).arg(thread).arg(i) +
+                const QString line = "%1 %2 %3 "_s.arg(process).arg(thread).arg(i) +
                                      QString((i * 37 + thread) % 300, QLatin1Char('x'));
-                debug(QStringLiteral("Test"), line + QLatin1Char('\n') + line + QStringLiteral("\n\n") + line,
-                      DebugAlways, DebugFlagFileOnly);
+                debug("Test"_s, line + QLatin1Char('\n') + line + "\n\n"_s + line, DebugAlways,
+                      DebugFlagFileOnly);
             }
         });
         return 0;
     };
     QCOMPARE(failures(2, work), 0);
 
-    const QRegularExpression record(QStringLiteral(
-        "\\G[\\d:.]{12} {22}Test((?:    )+)(\\d+ \\d+ \\d+ x*)\n {38}\\1\\2\n\n {38}\\1\\2\n"));
+    const QRegularExpression record(
+        "\\G[\\d:.]{12} {22}Test((?:    )+)(\\d+ \\d+ \\d+ x*)\n {38}\\1\\2\n\n {38}\\1\\2\n"_s);
     const QString text = QString::fromUtf8(log());
     QSet<QString> found;
-    int at = text.indexOf(QStringLiteral("\n\n")) + 2;
+    int at = text.indexOf("\n\n"_s) + 2;
     for (;;) {
         const auto match = record.match(text, at, QRegularExpression::NormalMatch,
                                         QRegularExpression::DontCheckSubjectStringMatchOption);
@@ -286,36 +276,6 @@ void TestPressure::recordsStayWhole()
     }
     QCOMPARE(text.mid(at, 300), QString());
     QCOMPARE(found.size(), 2 * 8 * records);
-}
-
-void TestPressure::aFullDiskPasses()
-{
-    const int ms = isLong ? 2000 : 300;
-    QVERIFY(QDir().mkpath(path() + QStringLiteral("/data")));
-    const auto work = [ms](int) {
-        if (!Forked::mountDisk(path() + QStringLiteral("/data"), "size=256k"))
-            return 1;
-        const auto put = [](const QString &text) {
-            debug(QStringLiteral("Test"), text, DebugAlways, DebugFlagFileOnly);
-        };
-        put(QStringLiteral("before"));
-        QFile filler(path() + QStringLiteral("/data/filler"));
-        filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
-        while (filler.write(QByteArray(4096, 'f')) == 4096) {
-        }
-        std::atomic<bool> isQuick{true};
-        inThreads(4, [&](int) {
-            if (slowest(ms, [&] { put(QString(900, QLatin1Char('y'))); }) > limitMs)
-                isQuick = false;
-        });
-        filler.remove();
-        for (int i = 0; i < 100; ++i)
-            put(QStringLiteral("after"));
-        const QRegularExpression after(QStringLiteral("^[\\d:.]{12} {22}Test(    )+after$"),
-                                       QRegularExpression::MultilineOption);
-        return isQuick && QString::fromUtf8(log()).count(after) == 100 ? 0 : 2;
-    };
-    QCOMPARE(failures(1, work), 0);
 }
 
 QTEST_GUILESS_MAIN(TestPressure)
