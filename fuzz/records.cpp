@@ -1,6 +1,8 @@
 // Any bytes as the two settings records that come in files and from hosts.
 #include "transportIp/ipsettings.h"
 
+#include <QCoreApplication>
+
 #include <cstdlib>
 
 namespace {
@@ -19,6 +21,13 @@ void rewrite(const QByteArray &bytes)
 }
 
 } // namespace
+
+/// The records trace, so there has to be an installation.
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
+{
+    new QCoreApplication(*argc, *argv);
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
 {

@@ -6,9 +6,12 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size);
+extern "C" [[gnu::weak]] int LLVMFuzzerInitialize(int *argc, char ***argv);
 
 int main(int argc, char **argv)
 {
+    if (LLVMFuzzerInitialize)
+        LLVMFuzzerInitialize(&argc, &argv);
     int runs = 0;
     for (int i = 1; i < argc; ++i) {
         for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {

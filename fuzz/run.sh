@@ -15,11 +15,12 @@ cmake --build $build --target fuzz-frames fuzz-records
 for target in frames records; do
     found=$build/found/$target
     mkdir -p "$found"
+    fuzzer=$build/tests/fuzz-$target/bin/fuzz-$target
     if [ "${1:-}" = --keep ]; then
-        $build/fuzz/fuzz-$target -merge=1 fuzz/corpus/$target "$found"
+        $fuzzer -merge=1 fuzz/corpus/$target "$found"
         continue
     fi
     limits="-runs=1000000 -max_total_time=60"
     [ -z "${1:-}" ] || limits=-max_total_time=$1
-    $build/fuzz/fuzz-$target $limits -max_len=512 -print_final_stats=1 "$found" fuzz/corpus/$target
+    $fuzzer $limits -max_len=512 -print_final_stats=1 "$found" fuzz/corpus/$target
 done
