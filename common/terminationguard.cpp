@@ -2,7 +2,7 @@
 
 #include <pthread.h>
 
-CTerminationGuard::CTerminationGuard() noexcept : previousState(PTHREAD_CANCEL_ENABLE)
+CTerminationGuard::CTerminationGuard() noexcept
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previousState);
 }

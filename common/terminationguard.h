@@ -18,5 +18,5 @@ public:
     CTerminationGuard &operator=(const CTerminationGuard &) = delete;
 
 private:
-    int previousState; // PTHREAD_CANCEL_*
+    int previousState = 0; // PTHREAD_CANCEL_*
 };

@@ -21,7 +21,7 @@ public:
 private:
     struct Free
     {
-        void operator()(evp_md_ctx_st *context) const;
+        void operator()(evp_md_ctx_st *owned) const;
     };
     std::unique_ptr<evp_md_ctx_st, Free> context;
 };

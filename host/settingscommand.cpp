@@ -195,14 +195,14 @@ public:
         for (const RecordKey &key : recordKeys) {
             if (name != QLatin1String(key.name))
                 continue;
-            record.push_back({&key, 0});
+            record.emplace_back(&key, 0);
             return parseValue(name, !key.number, text, key.min, key.max, &record.back().second);
         }
         for (const IniKey &key : iniKeys) {
             if (name != QLatin1String(key.name))
                 continue;
             const QString error = parseValue(name, key.flag, text, key.min, key.max, &value);
-            ini.push_back({&key, value});
+            ini.emplace_back(&key, value);
             return error;
         }
         return QStringLiteral("Нет такого ключа: %1. Все ключи показывает abonent settings show").arg(name);

@@ -12,8 +12,8 @@ sources=("$@")
 if [ ${#sources[@]} -eq 0 ]; then
     mapfile -t sources < <(git ls-files 'interfaces/*.cpp' 'common/*.cpp' 'transportIp/*.cpp' 'host/*.cpp')
 fi
-# Options that only g++ knows are passed over.
-unknown=(--extra-arg=-Wno-unknown-warning-option --extra-arg=-Wno-unused-command-line-argument)
+# Options that only g++ knows are passed over; the standard is g++'s own default.
+unknown=(--extra-arg=-std=gnu++17 --extra-arg=-Wno-unknown-warning-option --extra-arg=-Wno-unused-command-line-argument)
 
 step "clang-tidy"
 printf '%s\0' "${sources[@]}" | nice xargs -0 -n 4 -P 2 clang-tidy -p build/dev --quiet "${unknown[@]}" 2>/dev/null |

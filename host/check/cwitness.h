@@ -85,7 +85,7 @@ public:
     /// @param text counts only these; null counts all
     int count(What what, const QString &text = QString()) const;
 
-    void addPresets(const Presets &found);
+    void addPresets(const Presets &seen);
     std::vector<Presets> presets() const;
 
     void setConduct(const Conduct &conduct);

@@ -153,7 +153,10 @@ QString Rules::monitorEntries(const CWitness &witness)
 
 QString Rules::monitorBytes(const CWitness &witness)
 {
-    qint64 read = 0, written = 0, received = 0, sent = 0;
+    qint64 read = 0;
+    qint64 written = 0;
+    qint64 received = 0;
+    qint64 sent = 0;
     for (const Event &event : witness.events()) {
         qint64 *const sum = event.what == What::Read       ? &read
                             : event.what == What::Written  ? &written
