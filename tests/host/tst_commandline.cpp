@@ -2,6 +2,7 @@
 #include "host/commandline.h"
 #include "host/cunnamedcallers.h"
 #include "host/foreigntext.h"
+#include "tests/support/testinstallation.h"
 
 #include <QtTest>
 
@@ -12,14 +13,14 @@ QString understood(const QString &arguments)
 {
     const CommandLine line = parseCommandLine(arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
     if (!line.mistake.isNull())
-        return QStringLiteral("ошибка: ") + line.mistake;
-    return QStringLiteral("%1 [%2] %3:%4 %5 text=%6 name=%7 retry=%8%9")
-        .arg(line.command, line.abonent, line.address, QString::number(line.port),
-             (line.files + line.operands).join(QLatin1Char(',')), line.text, line.name,
-             QString::number(line.retries),
-             QLatin1String(line.help      ? " help"
-                           : line.verbose ? " verbose"
-                                          : ""));
+        return "ошибка: "_s + line.mistake;
+    return "%1 [%2] %3:%4 %5 text=%6 name=%7 retry=%8%9"_s.arg(
+        line.command, line.abonent, line.address, QString::number(line.port),
+        (line.files + line.operands).join(QLatin1Char(',')), line.text, line.name,
+        QString::number(line.retries),
+        QLatin1String(line.help      ? " help"
+                      : line.verbose ? " verbose"
+                                     : ""));
 }
 
 class Caller final : public CUnnamedCaller
@@ -84,8 +85,8 @@ void TestCommandLine::understands()
 void TestCommandLine::keepsStrangersFromActingOnTheTerminal()
 {
     const QChar loneSurrogate(0xd83d);
-    QCOMPARE(printable(QStringLiteral("Имя 😀 \x1b[2J\n\t\u009b\u202e\u2028\u200f\x7f") + loneSurrogate),
-             QStringLiteral("Имя 😀 \\u001B[2J\\u000A\\u0009\\u009B\\u202E\\u2028\\u200F\\u007F\\uD83D"));
+    QCOMPARE(printable("Имя 😀 \x1b[2J\n\t\u009b\u202e\u2028\u200f\x7f"_s + loneSurrogate),
+             "Имя 😀 \\u001B[2J\\u000A\\u0009\\u009B\\u202E\\u2028\\u200F\\u007F\\uD83D"_s);
 }
 
 void TestCommandLine::keepsFilesInTheirDirectory()
@@ -107,25 +108,24 @@ void TestCommandLine::keepsFilesInTheirDirectory()
     for (const auto &row : rows)
         QCOMPARE(safeFileName(QString::fromUtf8(row[0])), QString::fromUtf8(row[1]));
     const QString longName = safeFileName(QString(300, QChar(0x044f)) + QLatin1String(".tar"));
-    QVERIFY(longName.toUtf8().size() <= 200 && longName.endsWith(QStringLiteral("яя.tar")));
+    QVERIFY(longName.toUtf8().size() <= 200 && longName.endsWith("яя.tar"_s));
 }
 
 void TestCommandLine::letsTheOldestSilentCallerGiveWay()
 {
-    const QString here = QStringLiteral("here");
-    const QString there = QStringLiteral("there");
+    const QString here = "here"_s;
+    const QString there = "there"_s;
     CUnnamedCallers callers(3, 2);
     Caller a, b, c, d, e;
     callers.add(&a, here);
     callers.add(&b, there);
     callers.add(&c, here);
     callers.add(&d, here); // the third from here: the oldest from here gives way
-    QCOMPARE(QString::asprintf("%d%d%d%d", a.asked, b.asked, c.asked, d.asked), QStringLiteral("1000"));
+    QCOMPARE(QString::asprintf("%d%d%d%d", a.asked, b.asked, c.asked, d.asked), "1000"_s);
     callers.remove(&c);
     callers.add(&e, there); // room again
     callers.add(&a, here);  // the fourth in all: the oldest of all
-    QCOMPARE(QString::asprintf("%d%d%d%d%d", a.asked, b.asked, c.asked, d.asked, e.asked),
-             QStringLiteral("11000"));
+    QCOMPARE(QString::asprintf("%d%d%d%d%d", a.asked, b.asked, c.asked, d.asked, e.asked), "11000"_s);
 }
 
 QTEST_APPLESS_MAIN(TestCommandLine)

@@ -18,11 +18,9 @@ namespace {
 
 constexpr int patienceMs = 20000;
 
-quint16 freePort()
+QString local(int port)
 {
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost);
-    return server.serverPort();
+    return "127.0.0.1:%1"_s.arg(port);
 }
 
 /// An installation of its own with a port of its own.
@@ -30,19 +28,12 @@ struct Abonent
 {
     explicit Abonent(const QString &ownName) : name(ownName), port(freePort())
     {
-        const QString bin = directory.filePath(QStringLiteral("bin/"));
-        QDir().mkpath(bin + QStringLiteral("channelPlugins"));
-        place(ABONENT_FILE, bin + QStringLiteral("abonent"));
-        place(CHANNEL_FILE, bin + QStringLiteral("channelPlugins/libtransportIp.so"));
-        run({QStringLiteral("settings"), QStringLiteral("set"), QStringLiteral("port=%1").arg(port)});
-    }
-
-    ~Abonent()
-    {
-        if (listener.state() != QProcess::NotRunning) {
-            listener.kill();
-            listener.waitForFinished();
-        }
+        const QString bin = directory.filePath("bin/"_s);
+        QDir().mkpath(bin + "channelPlugins"_s);
+        place(ABONENT_FILE, bin + "abonent"_s);
+        place(CHANNEL_FILE, bin + "channelPlugins/libtransportIp.so"_s);
+        listener.setProcessChannelMode(QProcess::MergedChannels);
+        run("settings set port=%1"_s.arg(port));
     }
 
     // A hard link counts as a place of its own; between file systems it takes a copy.
@@ -52,16 +43,16 @@ struct Abonent
             QFile::copy(QString::fromUtf8(from), to);
     }
 
-    QString program() const { return directory.filePath(QStringLiteral("bin/abonent")); }
-    QString address() const { return QStringLiteral("127.0.0.1:%1").arg(port); }
-    QString settingsFile() const { return directory.filePath(QStringLiteral("settings/channelIp.conf")); }
+    QString program() const { return directory.filePath("bin/abonent"_s); }
+    QString settingsFile() const { return directory.filePath("settings/channelIp.conf"_s); }
+    QByteArray settings() const { return TestInstallation::read(settingsFile()); }
 
-    /// Runs a command to its end. @return its exit code; what it printed is in output
-    int run(const QStringList &arguments)
+    /// Runs a command of words, with more behind it, to its end. @return its exit code; fills output
+    int run(const QString &words, const QStringList &more = QStringList())
     {
         QProcess process;
         process.setProcessChannelMode(QProcess::MergedChannels);
-        process.start(program(), arguments);
+        process.start(program(), words.split(QLatin1Char(' ')) + more);
         if (!process.waitForFinished(patienceMs) || process.exitStatus() != QProcess::NormalExit)
             return -1;
         output = QString::fromUtf8(process.readAll());
@@ -70,9 +61,8 @@ struct Abonent
 
     bool listen()
     {
-        listener.setProcessChannelMode(QProcess::MergedChannels);
-        listener.start(program(), {QStringLiteral("listen"), QStringLiteral("--name"), name});
-        return sees(QStringLiteral("TCP сервер успешно запущен на %1 порту").arg(port));
+        listener.start(program(), {"listen"_s, "--name"_s, name});
+        return sees("TCP сервер успешно запущен на %1 порту"_s.arg(port));
     }
 
     /// Waits until the listener has printed a text.
@@ -97,18 +87,18 @@ struct Abonent
 
     QStringList stored(const QString &box) const
     {
-        const QDir messages(directory.filePath(QStringLiteral("data/0/messages/") + box));
+        const QDir messages(directory.filePath("data/0/messages/"_s + box));
         return messages.entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
     }
 
     QByteArray storedFile(const QString &path) const
     {
-        return TestInstallation::read(directory.filePath(QStringLiteral("data/0/messages/input/") + path));
+        return TestInstallation::read(directory.filePath("data/0/messages/input/"_s + path));
     }
 
     QTemporaryDir directory;
     const QString name;
-    const quint16 port;
+    const int port;
     QProcess listener;
     QByteArray heard;
     QString output;
@@ -117,11 +107,9 @@ struct Abonent
 /// Somebody with a socket of their own.
 struct Stranger
 {
-    explicit Stranger(const Abonent &abonent) : Stranger(abonent.port) {}
-
-    explicit Stranger(quint16 port)
+    explicit Stranger(int port)
     {
-        socket.connectToHost(QHostAddress::LocalHost, port);
+        socket.connectToHost(QHostAddress::LocalHost, quint16(port));
         socket.waitForConnected(patienceMs);
     }
 
@@ -146,7 +134,7 @@ struct Stranger
     QByteArray heard;
 };
 
-const QByteArray greeting = GreetingFrame{1, QStringLiteral("x")}.toBytes();
+const QByteArray greeting = GreetingFrame{1, "x"_s}.toBytes();
 
 QByteArray dataFrame(const QByteArray &bytes)
 {
@@ -178,18 +166,18 @@ private Q_SLOTS:
     void endsInOrder();
 
 private:
-    Abonent alfa{QStringLiteral("Альфа-1")};
-    Abonent beta{QStringLiteral("Бета")};
+    Abonent alfa{"Альфа-1"_s};
+    Abonent beta{"Бета"_s};
 };
 
 void TestConversation::worksBesideABrokenLibrary()
 {
-    const QString plugins = alfa.directory.filePath(QStringLiteral("bin/channelPlugins/"));
-    QVERIFY(TestInstallation::write(plugins + QStringLiteral("broken.so"), "not a library"));
-    Abonent::place(OLD_CHANNEL_FILE, plugins + QStringLiteral("old.so"));
+    const QString plugins = alfa.directory.filePath("bin/channelPlugins/"_s);
+    QVERIFY(TestInstallation::write(plugins + "broken.so"_s, "not a library"));
+    Abonent::place(OLD_CHANNEL_FILE, plugins + "old.so"_s);
     QVERIFY(alfa.listen());
-    QVERIFY(alfa.sees(QStringLiteral("Не удалось загрузить модуль канала broken.so")));
-    QVERIFY(alfa.sees(QStringLiteral("old.so сделан для версии договора 15, а программе нужна версия 16")));
+    QVERIFY(alfa.sees("Не удалось загрузить модуль канала broken.so"_s));
+    QVERIFY(alfa.sees("old.so сделан для версии договора 15, а программе нужна версия 16"_s));
 }
 
 void TestConversation::deliversTextsAndFiles()
@@ -197,77 +185,69 @@ void TestConversation::deliversTextsAndFiles()
     QByteArray contents(5000001, '\0');
     for (int i = 0; i < contents.size(); ++i)
         contents[i] = char(quint32(i) * quint32(i) >> 7);
-    const QString file = beta.directory.filePath(QStringLiteral("файл %1.bin"));
-    const QString empty = beta.directory.filePath(QStringLiteral("message.txt"));
+    const QString file = beta.directory.filePath("файл %1.bin"_s);
+    const QString empty = beta.directory.filePath("message.txt"_s);
     QVERIFY(TestInstallation::write(file, contents) && TestInstallation::write(empty, QByteArray()));
-    const QString text = QStringLiteral("Привет, %1!\nВторая строка");
+    const QString text = "Привет, %1!\nВторая строка"_s;
 
     // The name is the same for both sides when only letters and digits count.
-    QCOMPARE(beta.run({QStringLiteral("send"), QStringLiteral("альфа1"), alfa.address(), file, empty,
-                       QStringLiteral("--text"), text, QStringLiteral("--name"), beta.name}),
-             0);
+    QCOMPARE(beta.run("send альфа1 %1 --name Бета --text"_s.arg(local(alfa.port)), {text, file, empty}), 0);
     const QString digest = QString::fromLatin1(sha256(contents).toHex());
     QVERIFY2(beta.output.contains(digest), qPrintable(beta.output));
     QVERIFY(alfa.sees(digest));
-    QVERIFY(alfa.sees(QStringLiteral("текст \"Привет, %1!\\u000AВторая строка\"")));
+    QVERIFY(alfa.sees("текст \"Привет, %1!\\u000AВторая строка\""_s));
     QVERIFY(!QString::fromUtf8(alfa.heard).contains(QChar(0x1b))); // no terminal, no escapes
 
-    QCOMPARE(alfa.stored(QStringLiteral("incomplete")), QStringList());
-    QCOMPARE(alfa.stored(QStringLiteral("input")).join(QLatin1Char(' ')),
-             QStringLiteral("00000001 00000002 00000003"));
-    QCOMPARE(alfa.storedFile(QStringLiteral("00000001/text.txt")), text.toUtf8());
-    QVERIFY(alfa.storedFile(QStringLiteral("00000002/файл %1.bin")) == contents);
-    QVERIFY(alfa.storedFile(QStringLiteral("00000002/message.txt")).contains(digest.toUtf8()));
-    QVERIFY(alfa.storedFile(QStringLiteral("00000003/message.txt")).contains("_message.txt"));
+    QCOMPARE(alfa.stored("incomplete"_s), QStringList());
+    QCOMPARE(alfa.stored("input"_s).join(QLatin1Char(' ')), "00000001 00000002 00000003"_s);
+    QCOMPARE(alfa.storedFile("00000001/text.txt"_s), text.toUtf8());
+    QVERIFY(alfa.storedFile("00000002/файл %1.bin"_s) == contents);
+    QVERIFY(alfa.storedFile("00000002/message.txt"_s).contains(digest.toUtf8()));
+    QVERIFY(alfa.storedFile("00000003/message.txt"_s).contains("_message.txt"));
 }
 
 void TestConversation::tellsScriptsHowItEnded()
 {
-    const QString nobody = QStringLiteral("127.0.0.1:%1").arg(freePort());
-    const QStringList text{QStringLiteral("--text"), QStringLiteral("t")};
-    QCOMPARE(beta.run(QStringList{QStringLiteral("send"), alfa.name, nobody} + text), 3);
-    QCOMPARE(beta.run(QStringList{QStringLiteral("send"), QStringLiteral("Гамма"), alfa.address()} + text),
-             4);
-    QVERIFY(beta.output.contains(QStringLiteral("Ответил другой абонент: 'Альфа-1'")));
-    QCOMPARE(beta.run({QStringLiteral("send"), alfa.name, alfa.address(), QStringLiteral("/no/such/file")}),
-             2);
-    QCOMPARE(beta.run({QStringLiteral("listen"), QStringLiteral("--name"), QStringLiteral("!!")}), 2);
-    QCOMPARE(beta.run({QStringLiteral("fly")}), 2);
+    QCOMPARE(beta.run("send Альфа-1 %1 --text t"_s.arg(local(freePort()))), 3);
+    QCOMPARE(beta.run("send Гамма %1 --text t"_s.arg(local(alfa.port))), 4);
+    QVERIFY(beta.output.contains("Ответил другой абонент: 'Альфа-1'"_s));
+    QCOMPARE(beta.run("send Альфа-1 %1 /no/such/file"_s.arg(local(alfa.port))), 2);
+    QCOMPARE(beta.run("listen --name !!"_s), 2);
 }
 
 void TestConversation::refusesWhatDoesNotMatch()
 {
-    const QStringList before = alfa.stored(QStringLiteral("input"));
-    Stranger stranger(alfa);
-    stranger.says(greeting + OfferFrame{1, OfferFrame::File, 3, QStringLiteral("f")}.toBytes());
+    const QStringList before = alfa.stored("input"_s);
+    Stranger stranger(alfa.port);
+    stranger.says(greeting + OfferFrame{1, OfferFrame::File, 3, "f"_s}.toBytes());
     QVERIFY(stranger.isAnswered(AnswerFrame{1, AnswerFrame::Welcome, {}, {}}.toBytes()));
     stranger.says(dataFrame("abc") + FinishFrame{1, sha256("abd")}.toBytes());
     QVERIFY(stranger.isAnswered(
-        AnswerFrame{1, AnswerFrame::Refused, {}, QStringLiteral("Контрольная сумма не совпала")}.toBytes()));
-    stranger.says(OfferFrame{2, OfferFrame::File, Q_INT64_C(1) << 60, QStringLiteral("f")}.toBytes());
-    QVERIFY(stranger.isAnswered(QStringLiteral("Не хватает места на диске").toUtf8()));
+        AnswerFrame{1, AnswerFrame::Refused, {}, "Контрольная сумма не совпала"_s}.toBytes()));
+    stranger.says(OfferFrame{2, OfferFrame::File, Q_INT64_C(1) << 60, "f"_s}.toBytes());
+    QVERIFY(stranger.isAnswered("Не хватает места на диске"_s.toUtf8()));
 
     // The connection is still good for what is right.
     stranger.says(OfferFrame{3, OfferFrame::Text, 3, QString()}.toBytes());
     QVERIFY(stranger.isAnswered(AnswerFrame{3, AnswerFrame::Welcome, {}, {}}.toBytes()));
-    QCOMPARE(alfa.stored(QStringLiteral("input")), before);
+    QCOMPARE(alfa.stored("input"_s), before);
     stranger.says(dataFrame("a") + dataFrame("bc") + FinishFrame{3, sha256("abc")}.toBytes());
     QVERIFY(stranger.isAnswered(AnswerFrame{3, AnswerFrame::Stored, sha256("abc"), {}}.toBytes()));
-    QCOMPARE(alfa.stored(QStringLiteral("input")).size(), before.size() + 1);
+    QCOMPARE(alfa.stored("input"_s).size(), before.size() + 1);
 }
 
 void TestConversation::endsOnlyTheStrangersConnection()
 {
-    Stranger guest(alfa);
+    Stranger guest(alfa.port);
     QVERIFY(guest.says(greeting).isAnswered(GreetingFrame{1, alfa.name}.toBytes()));
 
-    const QByteArray offer = OfferFrame{1, OfferFrame::File, 2, QStringLiteral("f")}.toBytes();
+    const QByteArray offer = OfferFrame{1, OfferFrame::File, 2, "f"_s}.toBytes();
     const QByteArray attacks[] = {
         "GET / HTTP/1.0\r\n\r\n",
         QByteArray::fromHex("04000000ffffffff"),
         offer,                       // before a greeting
         emptyFrame(FrameType::Ping), // before a greeting
-        GreetingFrame{1, QStringLiteral("-!-")}.toBytes(),
+        GreetingFrame{1, "-!-"_s}.toBytes(),
         greeting + greeting,
         greeting + dataFrame("abc"), // never offered
         greeting + offer + offer,
@@ -277,19 +257,19 @@ void TestConversation::endsOnlyTheStrangersConnection()
         greeting + OfferFrame{1, OfferFrame::Text, 0, {}}.toBytes().repeated(40), // refused again and again
     };
     for (const QByteArray &attack : attacks) {
-        Stranger stranger(alfa);
+        Stranger stranger(alfa.port);
         QVERIFY2(stranger.says(attack).isCutOff(3000), attack.toHex());
     }
     QVERIFY(guest.says(emptyFrame(FrameType::Ping)).isAnswered(emptyFrame(FrameType::Pong)));
-    QCOMPARE(alfa.stored(QStringLiteral("incomplete")), QStringList());
+    QCOMPARE(alfa.stored("incomplete"_s), QStringList());
 }
 
 void TestConversation::dropsWhoDoesNotNameItself()
 {
     QElapsedTimer clock;
     clock.start();
-    Stranger silent(alfa);
-    Stranger slow(alfa);
+    Stranger silent(alfa.port);
+    Stranger slow(alfa.port);
     for (int i = 0; i < 4; ++i) {
         slow.says(greeting.mid(i, 1));
         QTest::qWait(1000);
@@ -301,71 +281,57 @@ void TestConversation::dropsWhoDoesNotNameItself()
 
 void TestConversation::leavesNoPartOfAMessageWhenKilled()
 {
-    const QStringList before = alfa.stored(QStringLiteral("input"));
-    Stranger stranger(alfa);
-    stranger.says(greeting + OfferFrame{1, OfferFrame::File, 100, QStringLiteral("f")}.toBytes() +
-                  dataFrame("abc"));
+    const QStringList before = alfa.stored("input"_s);
+    Stranger stranger(alfa.port);
+    stranger.says(greeting + OfferFrame{1, OfferFrame::File, 100, "f"_s}.toBytes() + dataFrame("abc"));
     QVERIFY(stranger.isAnswered(AnswerFrame{1, AnswerFrame::Welcome, {}, {}}.toBytes()));
-    QCOMPARE(alfa.stored(QStringLiteral("incomplete")).size(), 1);
+    QCOMPARE(alfa.stored("incomplete"_s).size(), 1);
 
     // A second process of the installation leaves what is still arriving alone.
-    QCOMPARE(alfa.run({QStringLiteral("send"), QStringLiteral("a"), QStringLiteral("127.0.0.1:1"),
-                       QStringLiteral("--text"), QStringLiteral("t")}),
-             3);
-    QCOMPARE(alfa.stored(QStringLiteral("incomplete")).size(), 1);
+    QCOMPARE(alfa.run("send a 127.0.0.1:1 --text t"_s), 3);
+    QCOMPARE(alfa.stored("incomplete"_s).size(), 1);
     QCOMPARE(alfa.interrupt(SIGKILL), -1);
-    QCOMPARE(alfa.stored(QStringLiteral("input")), before);
+    QCOMPARE(alfa.stored("input"_s), before);
     alfa.heard.clear();
     QVERIFY(alfa.listen());
-    QCOMPARE(alfa.stored(QStringLiteral("incomplete")), QStringList());
+    QCOMPARE(alfa.stored("incomplete"_s), QStringList());
 }
 
 void TestConversation::keepsSettings()
 {
-    const QStringList set{QStringLiteral("settings"), QStringLiteral("set")};
-    const QStringList show{QStringLiteral("settings"), QStringLiteral("show")};
-    const QByteArray before = TestInstallation::read(beta.settingsFile());
+    const QString set = "settings set maxConnections=7 "_s;
+    const QByteArray before = beta.settings();
     for (const char *bad : {"port=0", "port=65536", "port=x", "blockSizeKb=0", "canCheckOnline=maybe",
                             "nosuch=1", "port", "Details/maxWritingTime=99", "Debug/all=2"}) {
-        QCOMPARE(beta.run(set + QStringList{QStringLiteral("maxConnections=7"), QString::fromLatin1(bad)}),
-                 6);
-        QVERIFY2(TestInstallation::read(beta.settingsFile()) == before, bad);
+        QCOMPARE(beta.run(set + QLatin1String(bad)), 6);
+        QVERIFY2(beta.settings() == before, bad);
     }
-    QCOMPARE(
-        beta.run(set + QStringList{QStringLiteral("port=18123"), QStringLiteral("maxConnections=7"),
-                                   QStringLiteral("blockSizeKb=128"), QStringLiteral("canCheckOnline=false"),
-                                   QStringLiteral("Details/maxWritingTime=1234")}),
-        0);
-    QCOMPARE(TestInstallation::read(beta.settingsFile()).toHex(),
-             QByteArray("000000020000000007000046cb00000080"));
+    QCOMPARE(beta.run(set + "port=18123 blockSizeKb=128 canCheckOnline=false Details/maxWritingTime=1234"_s),
+             0);
+    QCOMPARE(beta.settings().toHex(), QByteArray("000000020000000007000046cb00000080"));
 
     // A crash in the middle of a save leaves the settings under another name.
-    QVERIFY(QFile::rename(beta.settingsFile(), beta.settingsFile() + QStringLiteral(".old")));
-    QCOMPARE(beta.run(show), 0);
-    QVERIFY2(beta.output.contains(QStringLiteral("18123")) && beta.output.contains(QStringLiteral("1234")),
-             qPrintable(beta.output));
+    QVERIFY(QFile::rename(beta.settingsFile(), beta.settingsFile() + ".old"_s));
+    QCOMPARE(beta.run("settings show"_s), 0);
+    QVERIFY2(beta.output.contains("18123"_s) && beta.output.contains("1234"_s), qPrintable(beta.output));
 }
 
 void TestConversation::endsInOrder()
 {
     // A listener takes up a new port by itself, and ends with a connection open.
-    const quint16 newPort = freePort();
-    QCOMPARE(
-        alfa.run({QStringLiteral("settings"), QStringLiteral("set"), QStringLiteral("port=%1").arg(newPort)}),
-        0);
-    QVERIFY(alfa.sees(QStringLiteral("успешно запущен на %1 порту").arg(newPort)));
+    const int newPort = freePort();
+    QCOMPARE(alfa.run("settings set port=%1"_s.arg(newPort)), 0);
+    QVERIFY(alfa.sees("успешно запущен на %1 порту"_s.arg(newPort)));
     Stranger guest(newPort);
     QVERIFY(guest.says(greeting).isAnswered(GreetingFrame{1, alfa.name}.toBytes()));
     QCOMPARE(alfa.interrupt(SIGINT), 0);
-    QVERIFY(guest.isAnswered(byeFrame(QStringLiteral("Абонент завершает работу"))));
+    QVERIFY(guest.isAnswered(byeFrame("Абонент завершает работу"_s)));
 
     // A sender whose abonent says nothing ends when it is told to.
     QTcpServer mute;
     QVERIFY(mute.listen(QHostAddress::LocalHost));
     QProcess sender;
-    sender.start(beta.program(), {QStringLiteral("send"), QStringLiteral("x"),
-                                  QStringLiteral("127.0.0.1:%1").arg(mute.serverPort()),
-                                  QStringLiteral("--text"), QStringLiteral("t")});
+    sender.start(beta.program(), {"send"_s, "x"_s, local(mute.serverPort()), "--text"_s, "t"_s});
     QVERIFY(QTest::qWaitFor([&] { return mute.hasPendingConnections(); }, patienceMs));
     ::kill(pid_t(sender.processId()), SIGTERM);
     QVERIFY(sender.waitForFinished(5000));

@@ -1,5 +1,6 @@
 // Frames against bytes drawn by hand: whole, in pieces, cut, and damaged.
 #include "host/messageframe.h"
+#include "tests/support/testinstallation.h"
 
 #include <QtTest>
 
@@ -47,7 +48,6 @@ class TestMessageFrame : public QObject
 private Q_SLOTS:
     void makesAndReadsTheDrawnBytes_data();
     void makesAndReadsTheDrawnBytes();
-    void checksLengthsBeforeAnythingIsKept_data();
     void checksLengthsBeforeAnythingIsKept();
     void refusesDamagedPayloads();
     void cutsLongTextsBetweenCharacters();
@@ -60,23 +60,23 @@ void TestMessageFrame::makesAndReadsTheDrawnBytes_data()
     QByteArray data;
     std::memcpy(startDataFrame(&data, 3), "abc", 3);
 
-    QTest::newRow("greeting") << GreetingFrame{1, QStringLiteral("Я")}.toBytes()
+    QTest::newRow("greeting") << GreetingFrame{1, "Я"_s}.toBytes()
                               << hex("01000000 0000000a 41424e54 0001 0002 d0af");
     QTest::newRow("text") << OfferFrame{7, OfferFrame::Text, 5, QString()}.toBytes()
                           << hex("02000000 00000010 00000007 01 000000 0000000000000005");
-    QTest::newRow("file") << OfferFrame{7, OfferFrame::File, qint64(1) << 40, QStringLiteral("a")}.toBytes()
+    QTest::newRow("file") << OfferFrame{7, OfferFrame::File, qint64(1) << 40, "a"_s}.toBytes()
                           << hex("02000000 00000011 00000007 02 000000 0000010000000000 61");
     QTest::newRow("welcome") << AnswerFrame{7, AnswerFrame::Welcome, {}, {}}.toBytes()
                              << hex("03000000 00000025 00000007 00") + QByteArray(32, '\0');
     QTest::newRow("stored") << AnswerFrame{7, AnswerFrame::Stored, digest, {}}.toBytes()
                             << hex("03000000 00000025 00000007 01" + digestHex);
-    QTest::newRow("refused") << AnswerFrame{7, AnswerFrame::Refused, {}, QStringLiteral("n")}.toBytes()
+    QTest::newRow("refused") << AnswerFrame{7, AnswerFrame::Refused, {}, "n"_s}.toBytes()
                              << hex("03000000 00000026 00000007 02") + QByteArray(32, '\0') + "n";
     QTest::newRow("data") << data << hex("04000000 00000003 616263");
     QTest::newRow("finish") << FinishFrame{7, digest}.toBytes()
                             << hex("05000000 00000024 00000007" + digestHex);
     QTest::newRow("ping") << emptyFrame(FrameType::Ping) << hex("06000000 00000000");
-    QTest::newRow("bye") << byeFrame(QStringLiteral("z")) << hex("08000000 00000001 7a");
+    QTest::newRow("bye") << byeFrame("z"_s) << hex("08000000 00000001 7a");
 }
 
 void TestMessageFrame::makesAndReadsTheDrawnBytes()
@@ -101,48 +101,31 @@ void TestMessageFrame::makesAndReadsTheDrawnBytes()
     }
 }
 
-void TestMessageFrame::checksLengthsBeforeAnythingIsKept_data()
-{
-    QTest::addColumn<QByteArray>("header");
-    QTest::addColumn<bool>("isAccepted");
-    const auto row = [](int type, quint32 length, bool isAccepted) {
-        QByteArray header(8, '\0');
-        header[0] = char(type);
-        qToBigEndian(length, header.data() + 4);
-        QTest::addRow("type %d, %u", type, length) << header << isAccepted;
-    };
-    struct
-    {
-        int type;
-        quint32 least, most;
-    } const bounds[] = {{1, 9, 1032}, {2, 16, 1040}, {3, 37, 549}, {4, 1, 262144},
-                        {5, 36, 36},  {6, 0, 0},     {7, 0, 0},    {8, 0, 512}};
-    for (const auto &bound : bounds) {
-        row(bound.type, bound.least, true);
-        row(bound.type, bound.most, true);
-        if (bound.least > 0)
-            row(bound.type, bound.least - 1, false);
-        for (const quint32 length : {bound.most + 1, 0x7fffffffu, 0x80000000u, 0xffffffffu})
-            row(bound.type, length, false);
-    }
-    for (const int type : {0, 9, 127, 255})
-        row(type, 0, false);
-    QTest::newRow("not zero") << hex("06000100 00000000") << false;
-}
-
 void TestMessageFrame::checksLengthsBeforeAnythingIsKept()
 {
-    QFETCH(QByteArray, header);
-    QFETCH(bool, isAccepted);
-    CFrameReader reader;
-    FrameView frame{};
-    reader.feed(header);
-    const bool isMalformed = reader.next(&frame) == CFrameReader::Malformed;
-    QCOMPARE(!isMalformed, isAccepted);
-    if (isMalformed) {
-        reader.feed(hex("06000000 00000000")); // a good frame afterwards changes nothing
-        QCOMPARE(reader.next(&frame), CFrameReader::Malformed);
+    const auto isAccepted = [](int type, quint32 length, bool isZeroed = true) {
+        QByteArray header(8, '\0');
+        header[0] = char(type);
+        header[2] = isZeroed ? 0 : 1;
+        qToBigEndian(length, header.data() + 4);
+        CFrameReader reader;
+        FrameView frame{};
+        reader.feed(header);
+        const bool isMalformed = reader.next(&frame) == CFrameReader::Malformed;
+        reader.feed(hex("06000000 00000000")); // a good frame behind a bad one changes nothing
+        return !isMalformed || reader.next(&frame) != CFrameReader::Malformed;
+    };
+    const quint32 bounds[][3] = {{1, 9, 1032}, {2, 16, 1040}, {3, 37, 549}, {4, 1, 262144},
+                                 {5, 36, 36},  {6, 0, 0},     {7, 0, 0},    {8, 0, 512}};
+    for (const auto &[type, least, most] : bounds) {
+        QVERIFY2(isAccepted(int(type), least) && isAccepted(int(type), most),
+                 qPrintable(QString::number(type)));
+        for (const quint32 length : {least - 1, most + 1, 0x7fffffffu, 0x80000000u, 0xffffffffu})
+            QVERIFY2(!isAccepted(int(type), length), qPrintable("%1: %2"_s.arg(type).arg(length)));
     }
+    for (const int type : {0, 9, 127, 255})
+        QVERIFY(!isAccepted(type, 0));
+    QVERIFY(!isAccepted(6, 0, false));
 }
 
 void TestMessageFrame::refusesDamagedPayloads()
