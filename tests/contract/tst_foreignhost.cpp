@@ -1,17 +1,16 @@
 // The built plug-in, driven by a host that shares no header and no object with it and even exports
 // symbols of the same names. Pins the binary contract: slots, members, meta-objects, DebugData.
 #include "foreigncontract.h"
+#include "tests/support/testinstallation.h"
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
-#include <QDir>
-#include <QFile>
+#include <QDataStream>
 #include <QMetaMethod>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
-#include <QtEndian>
 
 #include <atomic>
 #include <memory>
@@ -42,39 +41,30 @@ ChannelIpSettings gIpSettings = {false, -1, -2, -3};
 
 namespace {
 
-class Monitor : public CChannelMonitor
+class Witness : public CChannelMonitor, public CJournal
 {
 public:
     int addConnection(int kind, const QString &label, const QString &) override
     {
-        const QMutexLocker locker(&mutex);
-        calls << QStringLiteral("add %1 %2").arg(kind).arg(label);
+        note("add %1 "_s.arg(kind) + label);
         return 41;
     }
-    void removeConnection(int handle) override { note("remove", handle); }
-    void setState(int handle, const QString &) override { note("state", handle); }
-    void addReceived(int handle, int) override { note("received", handle); }
-    void addSent(int handle, int) override { note("sent", handle); }
+    void removeConnection(int handle) override { note("remove %1"_s.arg(handle)); }
+    void setState(int handle, const QString &) override { note("state %1"_s.arg(handle)); }
+    void addReceived(int handle, int) override { note("received %1"_s.arg(handle)); }
+    void addSent(int handle, int) override { note("sent %1"_s.arg(handle)); }
+    void addRecord(int kind, const QString &source, const QString &text) override
+    {
+        note("record %1 %2: "_s.arg(kind).arg(source) + text);
+    }
 
-    void note(const char *what, int handle)
+    void note(const QString &call)
     {
         const QMutexLocker locker(&mutex);
-        calls << QStringLiteral("%1 %2").arg(QLatin1String(what)).arg(handle);
+        calls << call;
     }
     QMutex mutex;
     QStringList calls;
-};
-
-class Journal : public CJournal
-{
-public:
-    void addRecord(int kind, const QString &source, const QString &text) override
-    {
-        const QMutexLocker locker(&mutex);
-        records << QStringLiteral("%1 %2: %3").arg(QString::number(kind), source, text);
-    }
-    QMutex mutex;
-    QStringList records;
 };
 
 class Protocol : public CAbstractProtocol
@@ -88,7 +78,7 @@ public:
         sawLabel = label + QLatin1Char('/') + remoteAbonentName + QLatin1Char('/') +
                    remoteAbonentFilteredName + QLatin1Char('/') + QString::number(channel->number);
         if (remoteAbonentName.isEmpty())
-            remoteAbonentName = QStringLiteral("Caller");
+            remoteAbonentName = "Caller"_s;
         emit remoteAbonentNameChanged(remoteAbonentName);
         connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this, [this] {
             const QByteArray bytes = channel->read(channel->idealBlockSize());
@@ -122,30 +112,21 @@ public:
     CAbstractProtocol *createProtocol(CChannel *channel) override { return new Protocol(channel); }
 };
 
-QByteArray bigEndian(qint32 value)
+template <typename... Values>
+QByteArray streamed(const Values &...values)
 {
-    QByteArray bytes(4, 0);
-    qToBigEndian(value, bytes.data());
+    QByteArray bytes;
+    QDataStream stream(&bytes, QIODevice::WriteOnly);
+    (stream << ... << values);
     return bytes;
 }
 
-int freePort()
+QString ownMethods(const QMetaObject *meta)
 {
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost);
-    return server.serverPort();
-}
-
-QStringList ownMethods(const QMetaObject *meta)
-{
-    QStringList signatures;
-    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
-        QString text = QString::fromLatin1(meta->method(i).methodSignature());
-        for (const QByteArray &name : meta->method(i).parameterNames())
-            text += QLatin1Char(' ') + QString::fromLatin1(name);
-        signatures << text;
-    }
-    return signatures;
+    QByteArrayList signatures;
+    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i)
+        signatures << meta->method(i).methodSignature() + ' ' + meta->method(i).parameterNames().join(' ');
+    return QString::fromLatin1(signatures.join('|'));
 }
 
 } // namespace
@@ -172,9 +153,7 @@ private:
 private slots:
     void initTestCase()
     {
-        QDir install(QCoreApplication::applicationDirPath() + QStringLiteral("/.."));
-        QDir(install.filePath(QStringLiteral("data"))).removeRecursively();
-        QVERIFY(install.mkpath(QStringLiteral("settings")));
+        TestInstallation::clean();
         library = dlopen(PLUGIN_FILE, RTLD_NOW | RTLD_GLOBAL);
         QVERIFY2(library, dlerror());
         QCOMPARE(entry<int (*)()>("apiVersion")(), 16);
@@ -187,7 +166,7 @@ private slots:
         auto *other = entry<CChannelPlugin *(*)()>("instance")();
         QVERIFY(plugin != other);
         QCOMPARE(plugin->type(), 1);
-        QCOMPARE(plugin->name(), QString::fromUtf8("IP-канал"));
+        QCOMPARE(plugin->name(), "IP-канал"_s);
         int delay = 30;
         plugin->incCallTimeout(&delay);
         QCOMPARE(delay, 60);
@@ -211,16 +190,11 @@ private slots:
         while (QByteArray(contract->className()) != "CChannelServer")
             contract = contract->superClass();
         QCOMPARE(ownMethods(contract), ownMethods(&CChannelServer::staticMetaObject));
-        const QStringList expected{
-            QStringLiteral("settingsWasChanged()"),
-            QStringLiteral("connectToAbonent(QString,QByteArray) abonentName abonentsData"),
-            QStringLiteral("disconnectFromAbonent(QString,int) abonentName connectionId"),
-            QStringLiteral("keepAliveConnection(int) connectionId"),
-            QStringLiteral("tryListen()"),
-            QStringLiteral("inputConnection()"),
-            QStringLiteral("internalStop()"),
-            QStringLiteral("serverAcceptError(QAbstractSocket::SocketError) error")};
-        QCOMPARE(ownMethods(server->metaObject()), expected);
+        QCOMPARE(ownMethods(server->metaObject()),
+                 "settingsWasChanged() |connectToAbonent(QString,QByteArray) abonentName abonentsData|"
+                 "disconnectFromAbonent(QString,int) abonentName connectionId|"
+                 "keepAliveConnection(int) connectionId|tryListen() |inputConnection() |internalStop() |"
+                 "serverAcceptError(QAbstractSocket::SocketError) error"_s);
         server->protocolFactory = new Factory;
         server.reset();
         QCOMPARE(factoriesDeleted, 1);
@@ -229,21 +203,16 @@ private slots:
     void wholeLife()
     {
         const int port = freePort();
-        const QString conf =
-            QCoreApplication::applicationDirPath() + QStringLiteral("/../settings/channelIp.conf");
-        QFile file(conf);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(bigEndian(2) + '\1' + bigEndian(1) + bigEndian(port) + bigEndian(64));
-        file.close();
+        QVERIFY(TestInstallation::write(TestInstallation::path() + "/settings/channelIp.conf"_s,
+                                        streamed(2, true, 1, port, 64)));
 
-        Monitor monitor;
-        Journal journal;
+        Witness witness;
         auto *plugin = entry<CChannelPlugin *(*)()>("instance")();
         std::unique_ptr<CChannelServer> server(plugin->create());
         server->monitorHandle = 7;
         server->protocolFactory = new Factory;
-        server->monitor = &monitor;
-        server->journal = &journal;
+        server->monitor = &witness;
+        server->journal = &witness;
         QSignalSpy byText(server.get(), SIGNAL(connected(QString, int)));
         connect(server.get(), SIGNAL(disconnected(QString, int, bool)), SIGNAL(hasEnded(QString, int, bool)));
         connect(server.get(), SIGNAL(notConnected(QString)), SIGNAL(isRefused(QString)));
@@ -258,8 +227,8 @@ private slots:
         QTcpSocket client;
         client.connectToHost(QHostAddress::LocalHost, quint16(port));
         QVERIFY(byText.wait());
-        QCOMPARE(byText.first(), (QVariantList{QStringLiteral("Caller"), 1}));
-        QCOMPARE(Protocol::sawLabel, QString::fromUtf8("IP-канал 1///1"));
+        QCOMPARE(byText.first(), (QVariantList{"Caller"_s, 1}));
+        QCOMPARE(Protocol::sawLabel, "IP-канал 1///1"_s);
         QVERIFY(!server->hasFreeChannel());
         client.write("ping");
         QVERIFY(QTest::qWaitFor([&] { return client.bytesAvailable() == 4; }));
@@ -268,47 +237,24 @@ private slots:
         QMetaObject::invokeMethod(server.get(), "disconnectFromAbonent", Q_ARG(QString, QString()),
                                   Q_ARG(int, 1));
         QVERIFY(ended.wait());
-        QCOMPARE(ended.first(), (QVariantList{QStringLiteral("Caller"), 1, true}));
+        QCOMPARE(ended.first(), (QVariantList{"Caller"_s, 1, true}));
         QVERIFY(QTest::qWaitFor([] { return Protocol::sawKeepAlive.load(); }));
 
         QTcpServer abonent;
         QVERIFY(abonent.listen(QHostAddress::LocalHost));
-        const QByteArray address = bigEndian(18) + QByteArray("\0"
-                                                              "1"
-                                                              "\0"
-                                                              "2"
-                                                              "\0"
-                                                              "7"
-                                                              "\0"
-                                                              "."
-                                                              "\0"
-                                                              "0"
-                                                              "\0"
-                                                              "."
-                                                              "\0"
-                                                              "0"
-                                                              "\0"
-                                                              "."
-                                                              "\0"
-                                                              "1",
-                                                              18);
-        server->connectToAbonent(QStringLiteral("Called One"),
-                                 bigEndian(2) + address + bigEndian(abonent.serverPort()));
+        server->connectToAbonent("Called One"_s, streamed(2, "127.0.0.1"_s, int(abonent.serverPort())));
         QVERIFY(byText.wait());
-        QVERIFY(Protocol::sawLabel.endsWith(QStringLiteral("/Called One/calledone/1")));
-        server->connectToAbonent(QStringLiteral("Nobody"), bigEndian(2) + address + bigEndian(freePort()));
+        QVERIFY(Protocol::sawLabel.endsWith("/Called One/calledone/1"_s));
+        server->connectToAbonent("Nobody"_s, streamed(2, "127.0.0.1"_s, freePort()));
         QVERIFY(refused.wait());
         server->settingsWasChanged();
         server->stop();
         QVERIFY(finished.count() == 1 || finished.wait());
         QCOMPARE(byPointer, 2);
 
-        for (const char *call :
-             {"state 7", "add 1 IP-канал 1", "sent 41", "received 41", "state 41", "remove 41"})
-            QVERIFY2(monitor.calls.contains(QString::fromUtf8(call)), call);
-        QCOMPARE(journal.records.first(), QString::fromUtf8("0 IP-канал: Запуск"));
-        QVERIFY(journal.records.contains(QString::fromUtf8("0 IP-канал: Остановка")));
-
+        for (const char *call : {"state 7", "add 1 IP-канал 1", "sent 41", "received 41", "state 41",
+                                 "remove 41", "record 0 IP-канал: Запуск", "record 0 IP-канал: Остановка"})
+            QVERIFY2(witness.calls.contains(QString::fromUtf8(call)), call);
         server.reset();
         entry<void (*)(CChannelPlugin *)>("deleteInstance")(plugin);
     }
