@@ -7,8 +7,6 @@
 
 #include <QtTest>
 
-#include <thread>
-
 using namespace TestInstallation;
 
 namespace {
@@ -43,13 +41,10 @@ void TestFunctionTrace::offKeepsATrail()
         traced();
         const QString last = QStringList(_CFunctionDebug::stack().mid(61)).join(QLatin1Char('|'));
 
-        const auto many = [] {
+        Forked::inThreads(2, [](int) {
             for (int i = 0; i < 50000; ++i)
                 traced();
-        };
-        std::thread other(many);
-        many();
-        other.join();
+        });
         const QStringList all = _CFunctionDebug::stack();
         return QStringList{messages.takeAll(),
                            first.first(),

@@ -6,7 +6,6 @@
 
 #include <QtTest>
 
-#include <thread>
 #include <unistd.h>
 
 using TestInstallation::path;
@@ -68,13 +67,10 @@ void TestSecrecy::staysSilentWhereItMayNotWrite()
 void TestSecrecy::neighboursDoNotDisturb()
 {
     std::atomic<int> refused{0};
-    const auto probe = [&] {
+    Forked::inThreads(2, [&](int) {
         for (int i = 0; i < 500; ++i)
             refused += Global::checkSecrecy(0) ? 0 : 1;
-    };
-    std::thread other(probe);
-    probe();
-    other.join();
+    });
     QCOMPARE(refused.load(), 0);
 }
 

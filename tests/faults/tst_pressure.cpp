@@ -8,16 +8,13 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QLockFile>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QtTest>
 
 #include <thread>
-#include <vector>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace TestInstallation;
@@ -27,37 +24,10 @@ namespace {
 const bool isLong = qEnvironmentVariableIsSet("IPCHANNEL_LONG");
 constexpr int limitMs = 300; // of reading a setting, or of a record
 
-constexpr int (CSettings::*getters[])() = {&CSettings::detailsMaxWritingTime,
-                                           &CSettings::detailsTransportIpConnectTimeout,
-                                           &CSettings::detailsTransportIpThreadStartTimeout,
-                                           &CSettings::detailsTransportServerThreadStopTimeout,
-                                           &CSettings::detailsTransportIpMaxReconnectTimeout,
-                                           &CSettings::dirPermissions,
+constexpr int (CSettings::*getters[])() = {&CSettings::detailsMaxWritingTime, &CSettings::dirPermissions,
                                            &CSettings::filePermissions};
-const QList<int> values[] = {{5000, 700}, {10000}, {1000}, {10000}, {120}, {30583}, {26214}};
+const QList<int> values[] = {{5000, 700}, {30583}, {26214}};
 constexpr int keys = std::size(getters);
-
-// Runs @a work in processes numbered from 0. @return how many of them did not return 0
-int failures(
-    int count, const std::function<int(int)> &work, const std::function<void()> &meanwhile = [] {})
-{
-    std::vector<pid_t> children;
-    for (int number = 0; number < count; ++number) {
-        children.push_back(::fork());
-        if (children.back() == 0) {
-            ::alarm(120);
-            const MessageCatcher messages; // what is said about the troubles
-            ::_exit(work(number));
-        }
-    }
-    meanwhile();
-    int failed = 0;
-    for (const pid_t child : children) {
-        int status = -1;
-        failed += ::waitpid(child, &status, 0) != child || status != 0;
-    }
-    return failed;
-}
 
 // Does something again and again. @return how long it took at worst, ms
 qint64 slowest(int ms, const std::function<void()> &work)
@@ -83,21 +53,12 @@ bool allAreRight()
 }
 
 // Somebody else, who holds the lock for a while and lives on.
-void holdLock()
+int holdLock()
 {
-    Forked::run(
-        [] {
-            const QByteArray name = QFile::encodeName(settingsPath() + ".lock"_s);
-            const int lock = ::open(name.constData(), O_RDWR | O_CREAT | O_EXCL, 0644);
-            const QByteArray text =
-                QByteArray::number(::getpid()) + "\nx\n" + QSysInfo::machineHostName().toUtf8();
-            if (lock < 0 || ::flock(lock, LOCK_EX | LOCK_NB) != 0 ||
-                ::write(lock, text, size_t(text.size())) < 0)
-                return 1;
-            QThread::msleep(250);
-            return ::unlink(name.constData());
-        },
-        65534);
+    QLockFile lock(settingsPath() + ".lock"_s);
+    if (lock.tryLock(0))
+        QThread::msleep(250);
+    return 0;
 }
 
 void meddle(int ms)
@@ -106,6 +67,7 @@ void meddle(int ms)
     const QString name = settingsPath();
     int round = 0;
     slowest(ms, [&] {
+        const QString edited = name + ".edited"_s;
         QFile file(name);
         switch (++round % 5) {
         case 0: // in place, slowly
@@ -114,8 +76,8 @@ void meddle(int ms)
             file.write(text);
             break;
         case 1: // in one go
-            write(name + ".edited"_s, text);
-            ::rename(QFile::encodeName(name + ".edited"_s), QFile::encodeName(name));
+            write(edited, text);
+            ::rename(QFile::encodeName(edited), QFile::encodeName(name));
             break;
         case 2:
             file.remove();
@@ -124,7 +86,7 @@ void meddle(int ms)
             write(name, text + "garbage\n");
             break;
         default:
-            holdLock();
+            Forked::run(holdLock, 65534);
         }
         QThread::msleep(3);
     });
@@ -169,7 +131,7 @@ void TestPressure::writersOfSettingsLoseNothing()
         }
         return 0;
     };
-    QCOMPARE(failures(5, work), 0);
+    QCOMPARE(Forked::failures(5, work), 0);
     const QSettings result(settingsPath(), QSettings::IniFormat);
     QCOMPARE(result.value("Foreign/key"_s).toInt(), 1);
     QCOMPARE(result.allKeys().size(), 1 + 4 * own + own / 4 + keys);
@@ -203,7 +165,7 @@ void TestPressure::editorsAreNotOverwritten()
         CSettings().write("X/y"_s, 1);
         return isRight && isKept && settings() == "; mine, too\n\n[X]\ny=1\n" ? 0 : 1;
     };
-    QCOMPARE(failures(1, work), 0);
+    QCOMPARE(Forked::failures(1, work), 0);
 }
 
 // Four processes, one of them with four threads; editors save, replace, remove and garble the file, and
@@ -236,9 +198,9 @@ void TestPressure::settingsStayUsable()
         QThread::msleep(1100);
         return isRight && allAreRight() && slow <= limitMs + stall ? 0 : 1;
     };
-    QCOMPARE(failures(4, work, [ms] { meddle(ms); }), 0);
+    QCOMPARE(Forked::failures(4, work, [ms] { meddle(ms); }), 0);
 
-    QCOMPARE(failures(1, [](int) { return allAreRight() ? 0 : 1; }), 0);
+    QCOMPARE(Forked::failures(1, [](int) { return allAreRight() ? 0 : 1; }), 0);
     const QSettings result(settingsPath(), QSettings::IniFormat);
     QCOMPARE(result.value("Details/maxWritingTime"_s).toInt(), 700); // the last edit
     QCOMPARE(result.allKeys().size(), 1 + keys);
@@ -259,7 +221,7 @@ void TestPressure::recordsStayWhole()
         });
         return 0;
     };
-    QCOMPARE(failures(2, work), 0);
+    QCOMPARE(Forked::failures(2, work), 0);
 
     const QRegularExpression record(
         "\\G[\\d:.]{12} {22}Test((?:    )+)(\\d+ \\d+ \\d+ x*)\n {38}\\1\\2\n\n {38}\\1\\2\n"_s);

@@ -134,10 +134,10 @@ FakeHost::FakeHost(CChannelServer *equippedServer) : factory(new ScriptedFactory
         connect(server, signal, this, slot, Qt::DirectConnection);
     };
     heard(&CChannelServer::connected,
-          [this](const QString &name, int id) { note("connected %1 %2"_s.arg(name).arg(id)); });
+          [this](const QString &name, int id) { note("connected %1 %2"_s.arg(name, QString::number(id))); });
     heard(&CChannelServer::notConnected, [this](const QString &name) { note("notConnected "_s + name); });
     heard(&CChannelServer::disconnected, [this](const QString &name, int id, bool useful) {
-        note("disconnected %1 %2 "_s.arg(name).arg(id) + (useful ? "useful"_s : "idle"_s));
+        note("disconnected %1 %2 "_s.arg(name, QString::number(id)) + (useful ? "useful"_s : "idle"_s));
     });
 }
 

@@ -1,4 +1,5 @@
 #include "tests/support/forked.h"
+#include "tests/support/messagecatcher.h"
 
 #include <QFile>
 
@@ -49,6 +50,26 @@ void inThreads(int count, const std::function<void(int number)> &work)
         threads.emplace_back(work, number);
     for (std::thread &thread : threads)
         thread.join();
+}
+
+int failures(int count, const std::function<int(int)> &work, const std::function<void()> &meanwhile)
+{
+    std::vector<pid_t> children;
+    for (int number = 0; number < count; ++number) {
+        children.push_back(::fork());
+        if (children.back() == 0) {
+            ::alarm(120);
+            const MessageCatcher messages; // what is said about the troubles
+            ::_exit(work(number));
+        }
+    }
+    meanwhile();
+    int failed = 0;
+    for (const pid_t child : children) {
+        int status = -1;
+        failed += ::waitpid(child, &status, 0) != child || status != 0;
+    }
+    return failed;
 }
 
 bool mountDisk(const QString &directory, const char *options)

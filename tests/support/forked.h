@@ -22,6 +22,11 @@ QString text(const std::function<QString()> &work, uid_t user = 0);
 /// Runs @a work in threads numbered from 0, and waits for them.
 void inThreads(int count, const std::function<void(int number)> &work);
 
+/// Runs @a work in processes numbered from 0, silently, and @a meanwhile in this one.
+/// @return how many of them did not return 0; they have 120 s
+int failures(
+    int count, const std::function<int(int number)> &work, const std::function<void()> &meanwhile = [] {});
+
 /// Inside a fork: puts an empty disk in memory over a directory, for the fork alone.
 /// @param options of the mount: size=, nr_inodes=
 /// @return false where the system does not let us
