@@ -13,30 +13,6 @@ int RecordingMonitor::addConnection(int kind, const QString &label, const QStrin
     return lastHandle;
 }
 
-void RecordingMonitor::removeConnection(int handle)
-{
-    const QMutexLocker locker(&mutex);
-    entries[handle].removed = true;
-}
-
-void RecordingMonitor::setState(int handle, const QString &text)
-{
-    const QMutexLocker locker(&mutex);
-    entries[handle].states.append(text);
-}
-
-void RecordingMonitor::addReceived(int handle, int bytes)
-{
-    const QMutexLocker locker(&mutex);
-    entries[handle].received += bytes;
-}
-
-void RecordingMonitor::addSent(int handle, int bytes)
-{
-    const QMutexLocker locker(&mutex);
-    entries[handle].sent += bytes;
-}
-
 RecordingMonitor::Entry RecordingMonitor::entry(int handle) const
 {
     const QMutexLocker locker(&mutex);
