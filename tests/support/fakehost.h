@@ -28,16 +28,23 @@ public:
     };
 
     int addConnection(int kind, const QString &label, const QString &text) override;
-    void removeConnection(int handle) override;
-    void setState(int handle, const QString &text) override;
-    void addReceived(int handle, int bytes) override;
-    void addSent(int handle, int bytes) override;
+    void removeConnection(int handle) override { locked(handle).entry.removed = true; }
+    void setState(int handle, const QString &text) override { locked(handle).entry.states.append(text); }
+    void addReceived(int handle, int bytes) override { locked(handle).entry.received += bytes; }
+    void addSent(int handle, int bytes) override { locked(handle).entry.sent += bytes; }
 
     Entry entry(int handle) const;
     int shown() const; // entries added and not removed
     QString state() const { return entry(0).states.value(entry(0).states.size() - 1); } // the channel's own
 
 private:
+    struct Locked
+    {
+        QMutexLocker locker;
+        Entry &entry;
+    };
+    Locked locked(int handle) { return {QMutexLocker(&mutex), entries[handle]}; }
+
     mutable QMutex mutex;
     QMap<int, Entry> entries; // 0 is the channel's own
     int lastHandle = 0;
