@@ -52,7 +52,8 @@ QString printable(const QString &text)
 {
     QString result;
     result.reserve(text.size());
-    for (const uint character : codePoints(text)) {
+    const QVector<uint> characters = codePoints(text);
+    for (const uint character : characters) {
         if (isShown(character))
             result += fromCode(character);
         else
@@ -69,7 +70,8 @@ QString safeFileName(const QString &name)
     last = Global::filterNotValidSymbols(last.section(QLatin1Char('/'), -1));
 
     QString shown;
-    for (const uint character : codePoints(last)) {
+    const QVector<uint> characters = codePoints(last);
+    for (const uint character : characters) {
         if (isShown(character))
             shown += fromCode(character);
     }

@@ -44,8 +44,8 @@ CIpServer::CIpServer() : listenRetry(this), firstFree(std::make_shared<std::atom
 CIpServer::~CIpServer()
 {
     TRACE_FUNCTION;
-    for (CIpThread *worker :
-         runningWorkers()) // a host that skipped the stop: at least no worker finds us gone
+    const QList<CIpThread *> running = runningWorkers();
+    for (CIpThread *worker : running) // a host that skipped the stop: at least no worker finds us gone
         worker->leaveBehind();
     delete tcpServer;
 }
