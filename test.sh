@@ -3,7 +3,7 @@
 #
 #   ./test.sh            the quick forms, also under the sanitizers
 #   ./test.sh --plain    without the sanitizer builds
-#   ./test.sh --long     the long forms of the fault and load tests as well
+#   ./test.sh --long     the long forms of the fault and load tests, and the packages, as well
 set -euo pipefail
 cd "$(dirname "$0")"
 . scripts/prepare.sh
@@ -45,26 +45,6 @@ if [ -n "$sanitizers" ]; then
     # Only the tests in which threads meet; the sanitizer has no use for the others.
     build dev-tsan tst_cipserver tst_foreignhost tst_fire tst_race
     run dev-tsan -L threads -E host60
-fi
-[ -z "$long" ] || export IPCHANNEL_LONG=1
-
-prepare abigail-tools clang-format doxygen git iproute2 make openssl procps python3 valgrind
-
-# run PRESET [ctest argument ...]
-run() {
-    local preset=$1
-    shift
-    step "Testing ($preset)"
-    ctest --test-dir "build/$preset" --output-on-failure --progress --schedule-random -j 2 "$@"
-}
-
-build dev
-run dev
-if [ -n "$sanitizers" ]; then
-    build dev-asan
-    run dev-asan -LE 'style|counts|heavy'
-    build dev-tsan
-    run dev-tsan -L threads
 fi
 [ -z "$long" ] || packaging/check.sh
 step "All tests passed"
