@@ -42,16 +42,11 @@ const bool isLong = qEnvironmentVariableIsSet("IPCHANNEL_LONG");
 bool isNetworkOurs = false;
 const char silentAddress[] = "198.18.0.1"; // in our network nobody answers there
 
-QString operator""_q(const char *text, std::size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
-
 /// A network of our own: the kernel's counters are ours alone, and one route leads nowhere.
 bool makeNetwork()
 {
     const auto ip = [](const char *words) {
-        return QProcess::execute("ip"_q, QString::fromLatin1(words).split(QLatin1Char(' '))) == 0;
+        return QProcess::execute("ip"_s, QString::fromLatin1(words).split(QLatin1Char(' '))) == 0;
     };
     return ::unshare(CLONE_NEWNET) == 0 && ip("link set lo up") && ip("route add 198.18.0.0/24 dev lo");
 }
@@ -59,7 +54,7 @@ bool makeNetwork()
 /// Connection requests that the kernel has dropped.
 qint64 droppedRequests()
 {
-    const QList<QByteArray> lines = TestInstallation::read("/proc/net/netstat"_q).split('\n');
+    const QList<QByteArray> lines = TestInstallation::read("/proc/net/netstat"_s).split('\n');
     const QList<QByteArray> names = lines[0].split(' ');
     const QList<QByteArray> values = lines[1].split(' ');
     return values[names.indexOf("ListenOverflows")].toLongLong() +
@@ -111,7 +106,7 @@ private:
 
     void configure(const QString &installation, int newPort, int blockSizeKb = 64)
     {
-        QVERIFY(TestInstallation::write(installation + "/settings/channelIp.conf"_q,
+        QVERIFY(TestInstallation::write(installation + "/settings/channelIp.conf"_s,
                                         ChannelIpSettings{true, 10, newPort, blockSizeKb}.toByteArray()));
     }
 
@@ -123,7 +118,7 @@ private:
         QVERIFY(TestInstallation::writeSettings(settings));
         configure(TestInstallation::path(), port = freePort());
         server = std::make_unique<ChildProcess>(reactor, QCoreApplication::applicationFilePath(),
-                                                QStringList{"--host"_q}, descriptors);
+                                                QStringList{"--host"_s}, descriptors);
         tell("start");
         QVERIFY(!isWarm || serves(5000));
     }
@@ -132,20 +127,20 @@ private:
     void beginAbonent(int descriptors = 0)
     {
         directory = std::make_unique<QTemporaryDir>();
-        QDir(directory->path()).mkpath("bin/channelPlugins"_q);
-        const QString program = directory->filePath("bin/abonent"_q);
+        QDir(directory->path()).mkpath("bin/channelPlugins"_s);
+        const QString program = directory->filePath("bin/abonent"_s);
         QVERIFY(QFile::copy(QString::fromUtf8(ABONENT_FILE), program));
         QVERIFY(QFile::copy(QString::fromUtf8(CHANNEL_FILE),
-                            directory->filePath("bin/channelPlugins/libtransportIp.so"_q)));
+                            directory->filePath("bin/channelPlugins/libtransportIp.so"_s)));
         configure(directory->path(), port = freePort());
         server = std::make_unique<ChildProcess>(reactor, program,
-                                                QStringList{"listen"_q, "--name"_q, "fire"_q}, descriptors);
+                                                QStringList{"listen"_s, "--name"_s, "fire"_s}, descriptors);
         QVERIFY(server->sees("порту"));
     }
 
     QByteArray log() const
     {
-        const QDir logs((directory ? directory->path() : TestInstallation::path()) + "/data/0/log"_q);
+        const QDir logs((directory ? directory->path() : TestInstallation::path()) + "/data/0/log"_s);
         return TestInstallation::read(logs.absoluteFilePath(logs.entryList(QDir::Files).value(0)));
     }
 
@@ -164,8 +159,8 @@ private:
         plan.periodMs = periodMs;
         plan.request = QByteArray(bytes, 'x');
         if (directory) {
-            plan.opening = [](int n) { return GreetingFrame{1, "talker %1"_q.arg(n)}.toBytes(); };
-            plan.openingAnswer = GreetingFrame{1, "fire"_q}.toBytes().size();
+            plan.opening = [](int n) { return GreetingFrame{1, "talker %1"_s.arg(n)}.toBytes(); };
+            plan.openingAnswer = GreetingFrame{1, "fire"_s}.toBytes().size();
             plan.request = emptyFrame(FrameType::Ping);
             plan.answer = emptyFrame(FrameType::Pong);
         }
@@ -365,7 +360,7 @@ private Q_SLOTS:
         Load named(reactor, talkers(1, 0, 10));
         QVERIFY(reactor.run(5000, [&] { return named.rounds > 0; }));
         LoadPlan plan = silent(callers);
-        plan.opening = [](int) { return GreetingFrame{1, "somebody slow"_q}.toBytes(); };
+        plan.opening = [](int) { return GreetingFrame{1, "somebody slow"_s}.toBytes(); };
         plan.openingAnswer = 1;
         plan.dripMs = 1000;
         const int linesBefore = log().count('\n');
@@ -529,7 +524,7 @@ private Q_SLOTS:
         const auto taken = [&](const QByteArray &bytes) {
             int given = 0;
             CMessageProtocol protocol(new Tap(bytes, &given),
-                                      {"fire"_q, &store, &journal, &monitor, &callers, nullptr});
+                                      {"fire"_s, &store, &journal, &monitor, &callers, nullptr});
             isOver = false;
             connect(&protocol, &CAbstractProtocol::finished, this, [&isOver] { isOver = true; });
             protocol.start();
@@ -552,17 +547,17 @@ private Q_SLOTS:
     void names()
     {
         beginAbonent();
-        const QStringList bases{"Имя %1 %2 %99 %%"_q,
-                                "\x1b[2J\x1b]0;title\x07\x1b[31m x"_q,
-                                "line\n12:00:00.000                 CIpServer    forged"_q,
-                                "a\r\n\n\nb\tc\vd\f"_q,
-                                "\u202egnp.exe\u2066\u200f x"_q,
-                                "../../../fire-escape"_q,
-                                directory->filePath("fire-escape"_q),
-                                "..\\..\\fire-escape"_q,
-                                "\u009b31m\u0085\u2028 x"_q,
-                                "con.\"'`$(x);|&*?<>"_q,
-                                "-.!?"_q, // the last two are refused
+        const QStringList bases{"Имя %1 %2 %99 %%"_s,
+                                "\x1b[2J\x1b]0;title\x07\x1b[31m x"_s,
+                                "line\n12:00:00.000                 CIpServer    forged"_s,
+                                "a\r\n\n\nb\tc\vd\f"_s,
+                                "\u202egnp.exe\u2066\u200f x"_s,
+                                "../../../fire-escape"_s,
+                                directory->filePath("fire-escape"_s),
+                                "..\\..\\fire-escape"_s,
+                                "\u009b31m\u0085\u2028 x"_s,
+                                "con.\"'`$(x);|&*?<>"_s,
+                                "-.!?"_s, // the last two are refused
                                 QString(1 << 20, QLatin1Char('L'))};
         const int kinds = bases.size();
         const int each = 84;
@@ -596,15 +591,15 @@ private Q_SLOTS:
 
         // Log: each record stands as it is, and no line can be taken for a record that is none.
         const QString text = QString::fromUtf8(log());
-        const QRegularExpression record("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} "_q,
+        const QRegularExpression record("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} "_s,
                                         QRegularExpression::MultilineOption);
-        const QRegularExpression line("^(\\d\\d:\\d\\d:\\d\\d\\.\\d{3} .{25} {4,}\\S.*| {42,}.*|)$"_q);
+        const QRegularExpression line("^(\\d\\d:\\d\\d:\\d\\d\\.\\d{3} .{25} {4,}\\S.*| {42,}.*|)$"_s);
         const QStringList lines = text.mid(text.indexOf(record)).split(QLatin1Char('\n'));
         for (const QString &one : lines)
-            QVERIFY2(line.match(one).hasMatch() && !one.startsWith("12:00:00.000"_q), qPrintable(one));
-        const QString unfolded = QString(text).replace(QRegularExpression("\n {42,}"_q), "\n"_q);
+            QVERIFY2(line.match(one).hasMatch() && !one.startsWith("12:00:00.000"_s), qPrintable(one));
+        const QString unfolded = QString(text).replace(QRegularExpression("\n {42,}"_s), "\n"_s);
         for (int n = 0; n < plan.total; ++n) {
-            const QString farewell = "Потеряно соединение с абонентом '%1' 127.0.0.1:"_q.arg(name(n));
+            const QString farewell = "Потеряно соединение с абонентом '%1' 127.0.0.1:"_s.arg(name(n));
             QVERIFY2(!isGood(n) || unfolded.contains(farewell), qPrintable(farewell));
         }
         // Terminal: nothing acts on it.
@@ -612,14 +607,14 @@ private Q_SLOTS:
         for (const QChar one : shown)
             QVERIFY2(one.isPrint(), QByteArray::number(one.unicode(), 16));
         // Files: two in each message's directory, and none anywhere else.
-        const QDir input(directory->filePath("data/0/messages/input"_q));
+        const QDir input(directory->filePath("data/0/messages/input"_s));
         const QStringList messages = input.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
         QCOMPARE(messages.size(), good);
         constexpr QDir::Filters anything =
             QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
         for (const QString &message : messages)
             QCOMPARE(QDir(input.filePath(message)).entryList(anything).size(), 2);
-        QDirIterator all(directory->path(), {"*fire-escape*"_q}, anything, QDirIterator::Subdirectories);
+        QDirIterator all(directory->path(), {"*fire-escape*"_s}, anything, QDirIterator::Subdirectories);
         while (all.hasNext())
             QVERIFY2(all.next().startsWith(input.path()), qPrintable(all.filePath()));
         std::printf("names: %d, %d messages stored, %d log lines\n", plan.total, good, lines.size());
