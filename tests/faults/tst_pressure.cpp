@@ -105,6 +105,7 @@ private Q_SLOTS:
     void editorsAreNotOverwritten();
     void settingsStayUsable();
     void recordsStayWhole();
+    void aFullDiskPasses();
 };
 
 // Four processes of ours and one that uses QSettings, each with keys of its own.
@@ -238,6 +239,35 @@ void TestPressure::recordsStayWhole()
     }
     QCOMPARE(text.mid(at, 300), QString());
     QCOMPARE(found.size(), 2 * 8 * records);
+}
+
+// No call hangs, nothing ends, and writing goes on when there is room again.
+void TestPressure::aFullDiskPasses()
+{
+    const int ms = isLong ? 2000 : 300;
+    QVERIFY(QDir().mkpath(path() + "/data"_s));
+    const auto work = [ms](int) {
+        if (!Forked::mountDisk(path() + "/data"_s, "size=256k"))
+            return 1;
+        const auto put = [](const QString &text) { debug("Test"_s, text, DebugAlways, DebugFlagFileOnly); };
+        put("before"_s);
+        QFile filler(path() + "/data/filler"_s);
+        filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+        while (filler.write(QByteArray(4096, 'f')) == 4096) {
+        }
+        std::atomic<bool> isQuick{true};
+        Forked::inThreads(4, [&](int) {
+            if (slowest(ms, [&] { put(QString(900, QLatin1Char('y'))); }) > limitMs)
+                isQuick = false;
+        });
+        filler.remove();
+        for (int i = 0; i < 100; ++i)
+            put("after"_s);
+        const QRegularExpression after("^[\\d:.]{12} {22}Test(    )+after$"_s,
+                                       QRegularExpression::MultilineOption);
+        return isQuick && QString::fromUtf8(log()).count(after) == 100 ? 0 : 2;
+    };
+    QCOMPARE(Forked::failures(1, work), 0);
 }
 
 QTEST_GUILESS_MAIN(TestPressure)
