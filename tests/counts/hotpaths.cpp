@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QHostAddress>
 #include <QTcpServer>
+#include <QThread>
 
 #include <cstdio>
 #include <functional>
@@ -107,6 +108,8 @@ void logCall(DebugLevel level)
     const QString source = QStringLiteral("CIpThread");
     const QString text =
         QStringLiteral("A record of seventy-two bytes, as long as most of those that are written");
+    debug(source, text, level, DebugFlagFileOnly); // fills the settings in, whose file is looked at closely
+    QThread::msleep(100);                          // while it is that young
     run(nothing, [&] { debug(source, text, level, DebugFlagFileOnly); });
 }
 
