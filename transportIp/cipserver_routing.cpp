@@ -220,14 +220,14 @@ void CIpServer::terminateStragglers(const QList<CIpThread *> &stillAsked)
     if (stragglers.isEmpty())
         return;
     QElapsedTimer clock;
-    clock.start(); // before the log, for which stragglers may be fighting as well
-    log(QStringLiteral("Некоторые потоки не остановились во время и будет убиты"));
+    clock.start();
     for (CIpThread *worker : stragglers)
         worker->terminate();
-
     do
         QThread::msleep(stopPollMs);
     while (!runningWorkers().isEmpty() && !clock.hasExpired(terminationMs));
+    // Only now: stragglers may have been fighting for the log.
+    log(QStringLiteral("Некоторые потоки не остановились во время и будет убиты"));
     for (CIpThread *worker : stragglers) {
         if (worker->isFree() && !stillAsked.contains(worker))
             worker->cleanUpAfterTermination();

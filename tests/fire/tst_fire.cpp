@@ -272,8 +272,8 @@ private:
 
     void straggle(const QByteArray &script)
     {
-        const int count = isLong && script != "logging" ? 100 : 20; // docs/load.md tells why
-        constexpr int waitMs = 270;                                 // 0.9 of the setting
+        const int count = isLong ? 100 : 20;
+        constexpr int waitMs = 270; // 0.9 of the setting
         begin("[Debug]\nall=" + QByteArray(script == "logging" ? "true" : "false") +
               "\n[Details]\ntransportServerThreadStopTimeout=300\n");
         const double wanted = server->stats()["made"] + count;
