@@ -1,22 +1,19 @@
 // A server in a process of its own, with limits of its own; its standard output is read as it comes.
 #pragma once
 
-#include "tests/fire/reactor.h"
-
-#include <QByteArray>
 #include <QMap>
-#include <QStringList>
+#include <QProcess>
 
-class ChildProcess final : private Reactor::Part
+#include <csignal>
+
+class ChildProcess final : public QProcess
 {
+    Q_OBJECT
+
 public:
     /// @param descriptors the process's limit, soft and hard; negative: soft only; 0: ours
-    ChildProcess(Reactor &inReactor, const QString &program, const QStringList &arguments,
-                 int descriptors = 0);
-    ~ChildProcess(); // kills it, if it still runs
-
-    ChildProcess(const ChildProcess &) = delete;
-    ChildProcess &operator=(const ChildProcess &) = delete;
+    ChildProcess(const QString &program, const QStringList &arguments, int descriptors = 0);
+    ~ChildProcess() override { end(SIGKILL); }
 
     /// Waits until the process has printed a text.
     bool sees(const QByteArray &text, int ms = 10000);
@@ -30,15 +27,13 @@ public:
     /// Sends a signal or, with 0, ends its input. @return its exit code, or minus the signal that ended it
     int end(int signalNumber = 0);
 
-    bool lives() const;
+    bool lives() const { return state() == Running; }
 
     QByteArray output;
 
-private:
-    void ready(int descriptor) override;
+protected:
+    void setupChildProcess() override;
 
-    Reactor &reactor;
-    int pid = -1;
-    int input = -1;
-    int outputEnd = -1;
+private:
+    const int limit;
 };

@@ -1,11 +1,13 @@
 // Any number of clients in one thread. What they do is data: see LoadPlan.
 #pragma once
 
-#include "tests/fire/reactor.h"
+#include <QTcpSocket>
+#include <QTimer>
 
-#include <QByteArray>
-
+#include <functional>
 #include <limits>
+#include <memory>
+#include <vector>
 
 struct LoadPlan
 {
@@ -28,14 +30,11 @@ struct LoadPlan
     int resetEvery = 0; // each n-th connection ends by a reset
 };
 
-class Load final : private Reactor::Part
+class Load final
 {
 public:
-    Load(Reactor &inReactor, LoadPlan how);
+    explicit Load(LoadPlan how);
     ~Load(); // closes all
-
-    Load(const Load &) = delete;
-    Load &operator=(const Load &) = delete;
 
     void closeAll();
     int open() const { return connected - closed; }
@@ -46,7 +45,6 @@ public:
 
     int failed = 0;             // connections that did not come about
     int connected = 0;          // those that did
-    int opened = 0;             // answered to the opening
     int closed = 0;             // over, by whom ever
     int dropped = 0;            // ended by the other side
     int rounds = 0;             // requests answered
@@ -56,34 +54,10 @@ public:
     std::vector<int> lives;     // milliseconds, of those dropped
 
 private:
-    struct Client
-    {
-        int descriptor = -1;
-        int number = 0;
-        bool isConnected = false;
-        qint64 begun = 0;
-        qint64 next = 0; // when to act again
-        qint64 sent = 0; // when the request went
-        QByteArray out;
-        int gone = 0;     // bytes of it
-        int toOpen = 0;   // bytes of the opening's answer that are still to come
-        int matched = -1; // bytes of the answer so far; -1: none awaited
-        int round = 0;
-    };
+    class Client;
 
-    void ready(int descriptor) override;
-    void tick(qint64 now) override;
-    void begin(Client &client);
-    bool send(Client &client);
-    bool receive(Client &client);
-    void take(Client &client, const char *bytes, int size);
-    void ask(Client &client, qint64 now);
-    void end(Client &client, bool byOther);
-
-    Reactor &reactor;
     const LoadPlan plan;
     const int total;
     int begun = 0;
-    std::vector<Client> clients;
-    std::vector<Client *> byDescriptor;
+    std::vector<std::unique_ptr<Client>> clients;
 };

@@ -1,22 +1,20 @@
 // A bad line between a client and a server: it delays, stalls, cuts and resets what passes through it.
 #pragma once
 
-#include "tests/fire/reactor.h"
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
 
 #include <deque>
 #include <memory>
-#include <string>
+#include <vector>
 
-class Relay final : private Reactor::Part
+class Relay final : public QTcpServer
 {
 public:
-    Relay(Reactor &inReactor, int targetPort);
-    ~Relay();
+    explicit Relay(int targetPort);
+    ~Relay() override { cut(false); }
 
-    Relay(const Relay &) = delete;
-    Relay &operator=(const Relay &) = delete;
-
-    int port() const { return ownPort; }
     int passing() const { return int(pairs.size()); }
 
     /// Ends all that passes now: both sides see a close, or a reset.
@@ -28,26 +26,22 @@ public:
     bool isStalled = false;
 
 private:
-    struct Piece
+    struct End
     {
-        qint64 due;
-        std::string bytes;
+        QTcpSocket socket;
+        std::deque<std::pair<qint64, QByteArray>> said; // and when it is due at the other end
     };
     struct Pair
     {
-        int ends[2];
-        bool isReadable[2] = {false, false};
-        bool isOver[2] = {false, false}; // this end will say nothing more
-        std::deque<Piece> queued[2];     // what this end has said
+        End ends[2];
     };
 
-    void ready(int descriptor) override;
-    void tick(qint64 now) override;
-    bool move(Pair &pair, int from, qint64 now);
-    void close(Pair &pair, bool byReset);
+    void incomingConnection(qintptr descriptor) override;
+    void move();
 
-    Reactor &reactor;
-    int listener;
-    int ownPort = 0;
+    QTimer tick;
     std::vector<std::unique_ptr<Pair>> pairs;
 };
+
+/// Ends a connection now.
+void endNow(QTcpSocket *socket, bool byReset);
