@@ -65,9 +65,17 @@ CConnectionDispatcher::~CConnectionDispatcher()
     ::close(wakeUpFd);
 }
 
+void CConnectionDispatcher::release(const CDirectSocket *socket)
+{
+    if (directSocket == socket)
+        directSocket = nullptr;
+}
+
 bool CConnectionDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 {
     interrupted = false;
+    if (directSocket)
+        directSocket->turnBegins();
     Q_EMIT awake();
     QCoreApplication::sendPostedEvents();
 
@@ -204,14 +212,17 @@ int CConnectionDispatcher::waitForSockets(bool withNotifiers, qint64 timeoutNs)
 int CConnectionDispatcher::activateNotifiers()
 {
     activated.clear();
+    int handled = 0;
     for (size_t i = 1; i < polled.size(); ++i) {
         QSocketNotifier *notifier = notifiers[i - 1];
-        if (polled[i].revents & (pollEvents(notifier->type()).activating | POLLNVAL))
+        const bool hasBytesOnly = polled[i].revents == POLLIN && notifier->type() == QSocketNotifier::Read;
+        if (hasBytesOnly && directSocket && directSocket->keepsFromQt(notifier->socket()))
+            ++handled; // the next turn begins with a look
+        else if (polled[i].revents & (pollEvents(notifier->type()).activating | POLLNVAL))
             activated.push_back(notifier);
     }
 
     QEvent event(QEvent::SockAct);
-    int handled = 0;
     for (size_t i = 0; i < activated.size(); ++i) {
         if (QSocketNotifier *notifier = std::exchange(activated[i], nullptr)) {
             QCoreApplication::sendEvent(notifier, &event);

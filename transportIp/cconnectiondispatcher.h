@@ -15,6 +15,20 @@
 
 #include <poll.h>
 
+/// A socket that reads and sends past Qt's buffers. [dispatcher's thread]
+class CDirectSocket
+{
+public:
+    virtual ~CDirectSocket() = default;
+
+    /// Called before anybody looks.
+    virtual void turnBegins() = 0;
+
+    /// Something has arrived at a descriptor. @return whether it is this socket's and the bytes are left
+    /// to be read from there; false has Qt read them, or find the end of the connection.
+    virtual bool keepsFromQt(qintptr descriptor) = 0;
+};
+
 class CConnectionDispatcher : public QAbstractEventDispatcher
 {
     Q_OBJECT
@@ -24,6 +38,10 @@ public:
     static std::unique_ptr<CConnectionDispatcher> create();
 
     ~CConnectionDispatcher() override;
+
+    /// Serves one socket, not owned, until it is released or another one comes.
+    void serve(CDirectSocket *socket) { directSocket = socket; }
+    void release(const CDirectSocket *socket);
 
     bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
     bool hasPendingEvents() override;
@@ -64,6 +82,8 @@ private:
     int wakeUpFd;
     std::atomic<bool> wakeUpPending{false};
     std::atomic<bool> interrupted{false};
+
+    CDirectSocket *directSocket = nullptr;
 
     // Woken by its own thread: the next turn does not wait, mostly it does not even look.
     bool turnAgain = false;

@@ -5,18 +5,16 @@
 #include "common/terminationguard.h"
 #include "interfaces/cchannelmonitor.h"
 #include "transportIp/cipsettings.h"
+#include "transportIp/cipsocket.h"
 #include "transportIp/ipchannelkind.h"
 
-#include <QTcpSocket>
-
-#include <algorithm>
 #include <utility>
 
 namespace {
 constexpr int farewellMs = 100; // what a disconnect may spend on handing over the queue
 }
 
-CIpChannel::CIpChannel(QTcpSocket *connectedSocket, int handle, CChannelMonitor *byteCounter)
+CIpChannel::CIpChannel(CIpSocket *connectedSocket, int handle, CChannelMonitor *byteCounter)
     : socket(connectedSocket), monitorHandle(handle), monitor(byteCounter)
 {
     kind = ipChannelKind;
@@ -61,11 +59,7 @@ QByteArray CIpChannel::read(int maxSize)
 {
     if (!socket || !socket->isOpen())
         return {};
-    // Unless the socket's own buffer is full there is nothing behind it, and asking the system would be
-    // in vain.
-    const qint64 ahead = socket->bytesAvailable();
-    const bool mayBeMore = ahead >= socket->readBufferSize();
-    QByteArray bytes = socket->read(mayBeMore ? maxSize : std::min<qint64>(maxSize, ahead));
+    QByteArray bytes = socket->takeArrived(maxSize);
     if (!bytes.isEmpty())
         monitor->addReceived(monitorHandle, bytes.size());
     return bytes;

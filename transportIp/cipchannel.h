@@ -4,7 +4,7 @@
 #include "interfaces/cchannel.h"
 
 class CChannelMonitor;
-class QTcpSocket;
+class CIpSocket;
 
 /// The byte channel of one connection: counts bytes, bounds the time of a write.
 ///
@@ -14,7 +14,7 @@ class CIpChannel : public CChannel
 public:
     /// @param connectedSocket taken over
     /// @param byteCounter not owned, never null
-    CIpChannel(QTcpSocket *connectedSocket, int handle, CChannelMonitor *byteCounter);
+    CIpChannel(CIpSocket *connectedSocket, int handle, CChannelMonitor *byteCounter);
 
     /// Deletes the socket.
     ~CIpChannel() override;
@@ -38,7 +38,7 @@ public:
     void dropSocket();
 
 private:
-    QTcpSocket *socket; // owned; null once dropped
+    CIpSocket *socket; // owned; null once dropped
     int monitorHandle;
     CChannelMonitor *monitor;
 };

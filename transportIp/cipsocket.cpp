@@ -2,9 +2,8 @@
 
 #include "transportIp/cipsettings.h"
 
-#include <QAbstractEventDispatcher>
-
 #include <algorithm>
+#include <cerrno>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -23,16 +22,39 @@ qint64 queueBound()
 
 } // namespace
 
-CIpSocket::CIpSocket() : dispatcher(QAbstractEventDispatcher::instance())
+CIpSocket::CIpSocket()
+    : dispatcher(qobject_cast<CConnectionDispatcher *>(QAbstractEventDispatcher::instance()))
 {
     setReadBufferSize(readAheadBytes);
-    if (dispatcher) // before any protocol looks: its turn begins with an empty account
-        connect(dispatcher, &QAbstractEventDispatcher::awake, this, [this] { sentThisTurn = 0; });
+    if (dispatcher)
+        dispatcher->serve(this);
+}
+
+CIpSocket::~CIpSocket()
+{
+    if (dispatcher)
+        dispatcher->release(this);
 }
 
 void CIpSocket::tune()
 {
     setSocketOption(QAbstractSocket::LowDelayOption, 1); // protocols answer; nothing here sends in crumbs
+    mayHoldMore = dispatcher != nullptr;                 // a caller's first bytes are mostly there by now
+}
+
+QByteArray CIpSocket::takeArrived(int maxSize)
+{
+    const qint64 ahead = bytesAvailable();
+    if (ahead > 0) {
+        isUntouched = false;
+        const bool isFull = ahead >= readBufferSize(); // so there may be more behind it
+        return read(isFull ? maxSize : std::min<qint64>(maxSize, ahead));
+    }
+    if (!mayHoldMore || maxSize <= 0)
+        return {};
+    QByteArray bytes(maxSize, Qt::Uninitialized);
+    bytes.resize(int(receiveNow(bytes.data(), maxSize)));
+    return bytes;
 }
 
 qint64 CIpSocket::bytesToWrite() const
@@ -81,8 +103,25 @@ qint64 CIpSocket::sendNow(const char *data, qint64 size)
 qint64 CIpSocket::readData(char *data, qint64 maxSize)
 {
     const qint64 readAhead = QTcpSocket::readData(data, maxSize);
-    if (readAhead != 0 || maxSize <= 0 || state() != ConnectedState)
-        return readAhead;
-    // An end or an error is left for Qt to find.
-    return std::max<ssize_t>(0, ::recv(int(socketDescriptor()), data, size_t(maxSize), MSG_DONTWAIT));
+    return readAhead == 0 && maxSize > 0 ? receiveNow(data, maxSize) : readAhead;
+}
+
+/// @return the number of bytes; an end or an error is left for Qt to find
+qint64 CIpSocket::receiveNow(char *data, qint64 maxSize)
+{
+    if (state() != ConnectedState)
+        return 0;
+    const ssize_t received = ::recv(int(socketDescriptor()), data, size_t(maxSize), MSG_DONTWAIT);
+    isUntouched = received == 0 || (received < 0 && errno != EAGAIN);
+    mayHoldMore = received == maxSize;
+    return std::max<ssize_t>(0, received);
+}
+
+bool CIpSocket::keepsFromQt(qintptr descriptor)
+{
+    if (isUntouched || state() != ConnectedState || descriptor != socketDescriptor())
+        return false;
+    isUntouched = true;
+    mayHoldMore = true;
+    return true;
 }

@@ -6,20 +6,26 @@
 // has arrived is read straight into the reader's memory.
 #pragma once
 
+#include "transportIp/cconnectiondispatcher.h"
+
+#include <QPointer>
 #include <QTcpSocket>
 
-class QAbstractEventDispatcher;
-
 /// One connection's socket, bounded in both directions. [connection thread]
-class CIpSocket : public QTcpSocket
+class CIpSocket : public QTcpSocket, private CDirectSocket
 {
     Q_OBJECT
 
 public:
+    /// In a thread without a CConnectionDispatcher Qt does the reading.
     CIpSocket();
+    ~CIpSocket() override;
 
     /// Sets what can only be set on a connected socket.
     void tune();
+
+    /// @return up to @a maxSize bytes of what has arrived; the system is asked only where it may have some
+    QByteArray takeArrived(int maxSize);
 
     /// What waits in the queue, and what was written since the event loop turned last: a writer that
     /// goes by this number gets round the loop between two blocks, however fast the system takes them.
@@ -41,9 +47,15 @@ protected:
 private:
     Q_DISABLE_COPY(CIpSocket)
 
+    void turnBegins() override { sentThisTurn = 0; }
+    bool keepsFromQt(qintptr descriptor) override;
+
     qint64 queued() const { return QTcpSocket::bytesToWrite(); }
     qint64 sendNow(const char *data, qint64 size);
+    qint64 receiveNow(char *data, qint64 maxSize);
 
-    QAbstractEventDispatcher *dispatcher; // of the thread it was made in; null without an event loop
+    const QPointer<CConnectionDispatcher> dispatcher; // of the thread it was made in
     qint64 sentThisTurn = 0;
+    bool mayHoldMore = false; // the system, so that asking it is worth a call
+    bool isUntouched = false; // what was last kept from Qt; if it stays so, Qt gets it after all
 };

@@ -95,10 +95,10 @@ void channelRead()
     CPair pair;
     const QByteArray block(1024, 'x');
     const auto sendOne = [&] {
-        pair.other->write(block);
         pair.settle();
-        while (pair.socket->bytesAvailable() < block.size())
-            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        pair.other->write(block);
+        pair.other->flush();
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     };
     run(sendOne, [&] { pair.channel.read(block.size()); });
 }
@@ -139,6 +139,7 @@ const std::map<std::string, Operation> cases = {
 
 int main(int argc, char **argv)
 {
+    QCoreApplication::setEventDispatcher(CConnectionDispatcher::create().release()); // as a worker's
     const QCoreApplication application(argc, argv);
     const auto found = cases.find(argc > 1 ? argv[1] : "");
     if (found == cases.end()) {
