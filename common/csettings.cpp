@@ -1,6 +1,7 @@
 #include "common/csettings.h"
 
 #include "common/directorylayout.h"
+#include "common/filewatch.h"
 #include "common/messagequeue.h"
 #include "common/secrecy.h"
 #include "common/settingslock.h"
@@ -72,13 +73,15 @@ bool readSettled(const QString &path, SettingsFile::Contents *contents)
 std::atomic<SettingsPointer *> gCSettingsSettings{nullptr};
 
 SettingsPointer::SettingsPointer(const QString &fileName)
-    : path(fileName), encodedPath(QFile::encodeName(fileName)), writable(Global::checkSecrecy(0))
+    : path(fileName), encodedPath(QFile::encodeName(fileName)), writable(Global::checkSecrecy(0)),
+      watch(new CFileWatch(encodedPath, CFileWatch::NameAndContents))
 {}
+
+SettingsPointer::~SettingsPointer() = default;
 
 void SettingsPointer::sync(bool mayWrite)
 {
-    if (!(mayWrite && mustWrite()) && !rereadSoon.load(std::memory_order_relaxed) &&
-        SettingsFile::stamp(encodedPath.constData()).id == lastStamp.load(std::memory_order_acquire))
+    if (!(mayWrite && mustWrite()) && isUnchanged())
         return;
 
     const CMessageHold hold; // from here on also against termination
@@ -101,6 +104,19 @@ void SettingsPointer::sync(bool mayWrite)
         writePending();
     if (isMissing && lastStamp == SettingsFile::Stamp::Absent)
         warn(QStringLiteral("Не удалось изменить права доступа файла настроек"), path, ENOENT);
+}
+
+bool SettingsPointer::isUnchanged()
+{
+    if (rereadSoon.load(std::memory_order_relaxed))
+        return false;
+    if (watch->isUntouched())
+        return true;
+    const quint64 look = watch->beginLook();
+    if (SettingsFile::stamp(encodedPath.constData()).id != lastStamp.load(std::memory_order_acquire))
+        return false;
+    watch->endLook(look);
+    return true;
 }
 
 bool SettingsPointer::find(const QString &key, QVariant *value) const

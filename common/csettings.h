@@ -16,6 +16,9 @@
 #include <QVariant>
 
 #include <atomic>
+#include <memory>
+
+class CFileWatch;
 
 /// The image of the settings file that all facades of this module share.
 class RUNTIME_EXPORT SettingsPointer
@@ -24,6 +27,7 @@ public:
     /// Probes whether this process may write at level 0, which may create its data directory. Reads
     /// nothing yet.
     explicit SettingsPointer(const QString &fileName);
+    ~SettingsPointer();
 
     SettingsPointer(const SettingsPointer &) = delete;
     SettingsPointer &operator=(const SettingsPointer &) = delete;
@@ -56,6 +60,7 @@ private:
         QVariant seenValue;
     };
 
+    bool isUnchanged();
     void reread(const SettingsFile::Stamp &now);
     void accept(const CIniText &fresh);
     void dropOvertaken(const CIniText &fresh);
@@ -69,6 +74,7 @@ private:
     const QString path;
     const QByteArray encodedPath;
     const bool writable;
+    const std::unique_ptr<CFileWatch> watch;
 
     std::atomic<quint64> lastStamp{SettingsFile::Stamp::Absent}; // the file's state that the image shows
     std::atomic<bool> rereadSoon{false};                         // read so early that its time proves nothing

@@ -34,8 +34,9 @@ DebugData *boundDebugData()
 
 namespace {
 
-// Where this thread's slot was found last: a thread of a large server need not search for it.
+// Where this thread's slot was found last: a thread of a large server need not search for it. And its level.
 thread_local int lastSlot = 0;
+thread_local int lastLevel = 1;
 
 int slotOf(const QList<Tabulation> &slotList, QThread *thread)
 {
@@ -73,7 +74,20 @@ int tabLevelIn(DebugData *data)
         slotList.append({thread, slot + 1});
     }
     lastSlot = slot;
-    return slotList.at(slot).tabLevel;
+    lastLevel = slotList.at(slot).tabLevel;
+    return lastLevel;
+}
+
+int lastTabLevel()
+{
+    return lastLevel;
+}
+
+bool isTabLevelStill(const DebugData &data, int level)
+{
+    const int slot = lastSlot;
+    return slot < data.tabulations.size() && data.tabulations.at(slot).thread == QThread::currentThread() &&
+           data.tabulations.at(slot).tabLevel == level;
 }
 
 void deleteThreadTabLevel(QThread *thread)

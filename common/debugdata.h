@@ -52,6 +52,12 @@ RUNTIME_EXPORT int currentTabLevel();
 /// The same in @a data, for who holds a CTerminationGuard.
 int tabLevelIn(DebugData *data);
 
+/// What tabLevelIn() told the calling thread last; 1 before it did.
+int lastTabLevel();
+
+/// Whether the calling thread has that very level still. Call it with the DebugData mutex held.
+bool isTabLevelStill(const DebugData &data, int level);
+
 /// Frees the slot of a @a thread that will log no more; an unknown thread changes nothing. Only the
 /// pointer's value is used. [any thread] Locks the DebugData mutex.
 RUNTIME_EXPORT void deleteThreadTabLevel(QThread *thread);

@@ -30,7 +30,7 @@ void append(const QString &file, const QByteArray &record)
 void emergecyDebug(const QString &text)
 {
     const CTerminationGuard guard;
-    const QByteArray record = LogFormat::emergencyRecord(LogFormat::timeStamp(), text);
+    const LogFormat::Record record = LogFormat::emergencyRecord(LogFormat::timeStamp(), text);
 
     const LogPlace *place = currentPlace.load(std::memory_order_acquire);
     std::unique_ptr<const LogPlace> found;
@@ -44,7 +44,7 @@ void emergecyDebug(const QString &text)
         currentPlace.store(nullptr, std::memory_order_release);
         return;
     }
-    append(place->file, record);
+    append(place->file, QByteArray::fromRawData(record.constData(), record.size()));
 
     const LogPlace *none = nullptr;
     if (found && currentPlace.compare_exchange_strong(none, found.get(), std::memory_order_acq_rel))

@@ -17,9 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <ctime>
 
-#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -29,7 +27,6 @@ namespace {
 
 constexpr int openAttempts = 2;
 constexpr int writeRetries = 10;
-constexpr int looksBeforeWatch = 16;
 
 // Only what does not change with the contents: asking for times makes the next write dearer.
 constexpr unsigned identity = STATX_INO | STATX_TYPE | STATX_MODE;
@@ -65,13 +62,6 @@ QString date()
         .arg(today.year(), 4, 10, QLatin1Char('0'))
         .arg(today.month(), 2, 10, QLatin1Char('0'))
         .arg(today.day(), 2, 10, QLatin1Char('0'));
-}
-
-qint64 currentTick()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return now.tv_sec * qint64(1000000000) + now.tv_nsec;
 }
 
 bool isSizeLimited()
@@ -131,7 +121,7 @@ void LogPreparation::get(int kinds)
     ready |= kinds;
 }
 
-int CLogFile::append(const QByteArray &record, const LogPreparation &preparation)
+int CLogFile::append(std::string_view record, const LogPreparation &preparation)
 {
     const QMutexLocker locker(&mutex);
     if (!placeIsKnown) {
@@ -149,55 +139,29 @@ int CLogFile::append(const QByteArray &record, const LogPreparation &preparation
     }
 
     endTornLine();
-    const ssize_t written = writeSome(record.constData(), record.size());
-    if (written != record.size())
+    const ssize_t written = writeSome(record);
+    if (written != static_cast<ssize_t>(record.size()))
         writeLines(record, written);
     return LogPreparation::Nothing;
 }
 
-// Whoever renames or deletes the log finds the next record in a new one. The path is looked up for every
-// record; while many come within one tick of the clock (a few ms), the kernel tells of changes in the
-// directory instead, which is cheaper. Changes above the directory show with the next tick.
+// Whoever renames or deletes the log finds the next record in a new one.
 bool CLogFile::isStillThere()
 {
     if (!descriptor.isOpen())
         return false;
-    const qint64 tick = currentTick();
-    if (tick == lastTick && nothingHappened())
+    if (watch->isUntouched())
         return true;
 
+    const quint64 look = watch->beginLook();
     struct statx now = {};
     if (::statx(AT_FDCWD, encodedPath.constData(), AT_SYMLINK_NOFOLLOW, identity, &now) != 0 ||
         now.stx_ino != inode || makedev(now.stx_dev_major, now.stx_dev_minor) != device ||
         now.stx_mode != mode)
         return false;
-    if (tick != lastTick) {
-        sizeIsLimited = isSizeLimited();
-        looksInTick = 0;
-        lastTick = tick;
-    }
+    sizeIsLimited = isSizeLimited();
+    watch->endLook(look);
     return true;
-}
-
-bool CLogFile::nothingHappened()
-{
-    if (!watch.isOpen()) {
-        if (++looksInTick == looksBeforeWatch)
-            watchDirectory(); // from now on; what was before is looked at once more
-        return false;
-    }
-    char events[4096];
-    return ::read(watch.get(), events, sizeof events) < 0 && errno == EAGAIN;
-}
-
-void CLogFile::watchDirectory()
-{
-    constexpr unsigned changes = IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                 IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-    watch.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    const QByteArray directory = QFile::encodeName(place.directory);
-    if (watch.isOpen() && ::inotify_add_watch(watch.get(), directory.constData(), changes) < 0)
-        watch.reset();
 }
 
 int CLogFile::open(const LogPreparation &preparation)
@@ -263,8 +227,7 @@ void CLogFile::remember()
         opened = {}; // never found again: the next record opens the file anew
     if (opened.stx_ino != inode)
         lineIsTorn = false;
-    watch.reset();
-    lastTick = 0;
+    watch.emplace(encodedPath, CFileWatch::Name);
     sizeIsLimited = true; // until it is looked at
     inode = opened.stx_ino;
     device = makedev(opened.stx_dev_major, opened.stx_dev_minor);
@@ -272,17 +235,21 @@ void CLogFile::remember()
 }
 
 // What the one write has left over, line by line; it was the first try of the line in which it ended.
-void CLogFile::writeLines(const QByteArray &record, ssize_t written)
+void CLogFile::writeLines(std::string_view record, ssize_t written)
 {
-    int done = static_cast<int>(std::max<ssize_t>(written, 0));
+    auto done = static_cast<size_t>(std::max<ssize_t>(written, 0));
     bool isTried = true;
     while (done < record.size()) {
-        const int start = done == 0 ? 0 : record.lastIndexOf('\n', done - 1) + 1;
-        const int end = record.indexOf('\n', done) + 1;
+        const size_t start = done == 0 ? 0 : record.rfind('\n', done - 1) + 1;
+        const size_t end = record.find('\n', done) + 1;
+        const auto writeRest = [&] {
+            const ssize_t count = writeSome(record.substr(done, end - done));
+            done += static_cast<size_t>(std::max<ssize_t>(count, 0));
+            return count;
+        };
         if (!isTried) {
             endTornLine();
-            written = writeSome(record.constData() + done, end - done);
-            done += static_cast<int>(std::max<ssize_t>(written, 0));
+            written = writeRest();
         }
         if (written < 0) {
             Messages::say(
@@ -292,7 +259,7 @@ void CLogFile::writeLines(const QByteArray &record, ssize_t written)
             forget();
         }
         for (int retry = 0; retry < writeRetries && done < end; ++retry)
-            done += static_cast<int>(std::max<ssize_t>(writeSome(record.constData() + done, end - done), 0));
+            writeRest();
         if (done > start)
             lineIsTorn = done < end;
         done = end;
@@ -304,15 +271,14 @@ void CLogFile::writeLines(const QByteArray &record, ssize_t written)
 void CLogFile::endTornLine()
 {
     if (lineIsTorn)
-        lineIsTorn = writeSome("\n", 1) != 1;
+        lineIsTorn = writeSome("\n") != 1;
 }
 
-ssize_t CLogFile::writeSome(const char *data, int size) const
+ssize_t CLogFile::writeSome(std::string_view data) const
 {
-    const auto count = static_cast<size_t>(size);
     return TrustedFile::retried([&] {
-        return sizeIsLimited ? TrustedFile::writeSome(descriptor.get(), data, count)
-                             : ::write(descriptor.get(), data, count);
+        return sizeIsLimited ? TrustedFile::writeSome(descriptor.get(), data.data(), data.size())
+                             : ::write(descriptor.get(), data.data(), data.size());
     });
 }
 

@@ -4,11 +4,15 @@
 // and forgotten only after a failure, so a log begun before midnight keeps its name.
 #pragma once
 
+#include "common/filewatch.h"
 #include "common/trustedfile.h"
 
 #include <QByteArray>
 #include <QMutex>
 #include <QString>
+
+#include <optional>
+#include <string_view>
 
 #include <sys/types.h>
 
@@ -63,19 +67,17 @@ public:
     ///
     /// Failures are said to the Qt stream, so hold the messages back.
     /// @return Nothing when done (written or given up), or what has to be prepared before trying again
-    int append(const QByteArray &record, const LogPreparation &preparation);
+    int append(std::string_view record, const LogPreparation &preparation);
 
 private:
     bool isStillThere();
-    bool nothingHappened();
-    void watchDirectory();
     int open(const LogPreparation &preparation);
     void create(const LogPreparation &preparation);
     void begin(const LogPreparation &preparation);
     void remember();
-    void writeLines(const QByteArray &record, ssize_t written);
+    void writeLines(std::string_view record, ssize_t written);
     void endTornLine();
-    ssize_t writeSome(const char *data, int size) const;
+    ssize_t writeSome(std::string_view data) const;
     void forget();
 
     QMutex mutex; // guards all below
@@ -90,8 +92,6 @@ private:
     dev_t device = 0;
     mode_t mode = 0;
 
-    qint64 lastTick = 0;           // of the clock, when the path and the limits were looked at
-    int looksInTick = 0;           // at the path, since then
-    TrustedFile::Descriptor watch; // inotify, on the directory; only while many records come
-    bool sizeIsLimited = true;     // RLIMIT_FSIZE
+    std::optional<CFileWatch> watch; // since the file was opened
+    bool sizeIsLimited = true;       // RLIMIT_FSIZE, as of the last look
 };

@@ -14,6 +14,7 @@ constexpr int sourceColumns = 25;
 constexpr int sourceKept = 22; // of a longer source, before "..."
 constexpr int timeColumns = std::tuple_size<LogFormat::TimeText>::value;
 constexpr int blanksPerTab = 4;
+constexpr int bytesPerUnit = 3; // of UTF-8 for one of UTF-16, at most
 
 void putTwoDigits(char *to, int number)
 {
@@ -26,44 +27,87 @@ char *putBlanks(char *to, int count)
     return std::fill_n(to, count, ' ');
 }
 
-char *put(char *to, const QByteArray &text)
+// One character, of one unit or two.
+char *putCharacter(char *to, const QChar **next, const QChar *end)
 {
-    return std::copy(text.begin(), text.end(), to);
+    const uint code = (*next)++->unicode();
+    const auto putTail = [&to](uint bits) { *to++ = static_cast<char>(0x80 | (bits & 0x3f)); };
+    if (code < 0x80) {
+        *to++ = static_cast<char>(code);
+    } else if (code < 0x800) {
+        *to++ = static_cast<char>(0xc0 | code >> 6);
+        putTail(code);
+    } else if (!QChar::isSurrogate(code)) {
+        *to++ = static_cast<char>(0xe0 | code >> 12);
+        putTail(code >> 6);
+        putTail(code);
+    } else if (QChar::isHighSurrogate(code) && *next != end && (*next)->isLowSurrogate()) {
+        const uint pair = QChar::surrogateToUcs4(static_cast<ushort>(code), (*next)++->unicode());
+        *to++ = static_cast<char>(0xf0 | pair >> 18);
+        putTail(pair >> 12);
+        putTail(pair >> 6);
+        putTail(pair);
+    } else {
+        *to++ = '?';
+    }
+    return to;
 }
 
-const char *lineFeed(const char *from, const char *end)
+// The units up to @a end as UTF-8, with a question mark for each half of a pair that stands alone.
+// @param to room for three bytes a unit
+char *putText(char *to, const QChar *unit, const QChar *end)
 {
-    const void *const found = std::memchr(from, '\n', static_cast<size_t>(end - from));
-    return found == nullptr ? end : static_cast<const char *>(found);
+    constexpr int blockSize = 8; // the loops over a block become a few vector instructions
+    while (unit != end) {
+        while (end - unit >= blockSize) {
+            std::array<char, blockSize> block;
+            ushort bits = 0;
+            for (int i = 0; i < blockSize; ++i) {
+                bits = static_cast<ushort>(bits | unit[i].unicode());
+                block[static_cast<size_t>(i)] = static_cast<char>(unit[i].unicode());
+            }
+            if (bits >= 0x80)
+                break;
+            to = std::copy(block.begin(), block.end(), to);
+            unit += blockSize;
+        }
+        const QChar *const stop = unit + std::min<ptrdiff_t>(end - unit, blockSize);
+        while (unit < stop)
+            to = putCharacter(to, &unit, end);
+    }
+    return to;
+}
+
+int lineFeed(const QString &text, int from)
+{
+    const int found = text.indexOf(QLatin1Char('\n'), from);
+    return found < 0 ? text.size() : found;
 }
 
 // Each line of the text behind what `putFirst` or, once that was used, `putLater` puts there; empty lines
 // stand bare.
 // @param firstSize, laterSize bytes that they put at most
 template <typename PutFirst, typename PutLater>
-QByteArray lines(const QByteArray &text, int firstSize, int laterSize, const PutFirst &putFirst,
-                 const PutLater &putLater)
+LogFormat::Record lines(const QString &text, int firstSize, int laterSize, const PutFirst &putFirst,
+                        const PutLater &putLater)
 {
-    const char *const end = text.constData() + text.size();
-    int lineFeeds = 0;
-    for (const char *at = text.constData(); (at = lineFeed(at, end)) != end; ++at)
-        ++lineFeeds;
-    QByteArray result(firstSize + lineFeeds * laterSize + text.size() + 1, Qt::Uninitialized);
+    int stop = lineFeed(text, 0);
+    const int lineFeeds = stop == text.size() ? 0 : text.count(QLatin1Char('\n'));
+    LogFormat::Record result(firstSize + lineFeeds * laterSize + text.size() * bytesPerUnit + 1);
     char *to = result.data();
     bool isFirst = true;
-    for (const char *from = text.constData();; ++from) {
-        const char *const stop = lineFeed(from, end);
+    for (int from = 0;; stop = lineFeed(text, from)) {
         if (stop != from) {
             to = isFirst ? putFirst(to) : putLater(to);
-            to = std::copy(from, stop, to);
+            to = putText(to, text.constData() + from, text.constData() + stop);
             isFirst = false;
         }
         *to++ = '\n';
-        from = stop;
-        if (from == end)
+        if (stop == text.size())
             break;
+        from = stop + 1;
     }
-    result.truncate(static_cast<int>(to - result.constData()));
+    result.resize(static_cast<int>(to - result.constData()));
     return result;
 }
 
@@ -101,28 +145,30 @@ TimeText timeStamp()
     return text;
 }
 
-QByteArray record(const TimeText &time, const QString &source, int tabLevel, const QString &text)
+Record record(const TimeText &time, const QString &source, int tabLevel, const QString &text)
 {
     const bool isLong = source.size() > sourceColumns;
-    const QByteArray name = (isLong ? source.left(sourceKept) + QLatin1String("...") : source).toUtf8();
+    const int kept = isLong ? sourceKept : source.size();
     const int blanks = 1 + std::max(sourceColumns - source.size(), 0);
     const int indentation = tabLevel * blanksPerTab;
     const int laterSize = timeColumns + 1 + sourceColumns + indentation;
     return lines(
-        text.toUtf8(), timeColumns + blanks + name.size() + indentation, laterSize,
+        text, timeColumns + blanks + sourceColumns * bytesPerUnit + indentation, laterSize,
         [&](char *to) {
             to = putBlanks(std::copy(time.begin(), time.end(), to), blanks);
-            return putBlanks(put(to, name), indentation);
+            to = putText(to, source.constData(), source.constData() + kept);
+            return putBlanks(isLong ? std::fill_n(to, sourceColumns - sourceKept, '.') : to, indentation);
         },
         [&](char *to) { return putBlanks(to, laterSize); });
 }
 
-QByteArray emergencyRecord(const TimeText &time, const QString &text)
+Record emergencyRecord(const TimeText &time, const QString &text)
 {
-    const QByteArray mark = QByteArrayLiteral("                forceDebug    ");
+    constexpr char mark[] = "                forceDebug    ";
+    constexpr int markSize = sizeof mark - 1;
     return lines(
-        text.toUtf8(), timeColumns + mark.size(), blanksPerTab,
-        [&](char *to) { return put(std::copy(time.begin(), time.end(), to), mark); },
+        text, timeColumns + markSize, blanksPerTab,
+        [&](char *to) { return std::copy_n(mark, markSize, std::copy(time.begin(), time.end(), to)); },
         [](char *to) { return putBlanks(to, blanksPerTab); });
 }
 

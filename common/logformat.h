@@ -9,8 +9,8 @@
 //   |- time ----| |- source, 25 columns ----||- 4 blanks per tab level
 #pragma once
 
-#include <QByteArray>
 #include <QString>
+#include <QVarLengthArray>
 
 #include <array>
 
@@ -19,19 +19,22 @@ namespace LogFormat {
 /// A time of day as "hh:mm:ss.zzz", without an end mark.
 using TimeText = std::array<char, 12>;
 
+/// The bytes of a record, UTF-8. Most are short and need no memory but the stack's.
+using Record = QVarLengthArray<char, 1024>;
+
 /// The local time of day. The broken-down time is kept for the rest of its second, so a change of the time
 /// zone shows within a second. [any thread]
 TimeText timeStamp();
 
-/// One record of debug(), UTF-8, lines ended by line feeds: one line of the file per line of @a text.
+/// One record of debug(), lines ended by line feeds: one line of the file per line of @a text.
 ///
 /// Empty lines are bare; the first other one carries @a time and @a source (a name chosen in code; its
 /// line feeds are not looked for), the later ones blanks in their place.
 /// @param tabLevel four blanks each
-QByteArray record(const TimeText &time, const QString &source, int tabLevel, const QString &text);
+Record record(const TimeText &time, const QString &source, int tabLevel, const QString &text);
 
 /// One record of the emergency log: the word forceDebug in the source's place, later lines after four
 /// blanks.
-QByteArray emergencyRecord(const TimeText &time, const QString &text);
+Record emergencyRecord(const TimeText &time, const QString &text);
 
 } // namespace LogFormat

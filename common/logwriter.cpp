@@ -59,20 +59,34 @@ bool isSwitchedOn(int level)
     return isOn;
 }
 
-void append(DebugData *data, const QByteArray &record)
+void append(DebugData *data, const QString &source, const QString &text)
 {
     static CLogFile &log = *new CLogFile; // never destroyed: threads may log while the process ends
+    const LogFormat::TimeText time = LogFormat::timeStamp();
+    // Made before the lock is taken, hence for the level of last time: under the lock it shows whether it
+    // fits.
+    int level = lastTabLevel();
+    LogFormat::Record record = LogFormat::record(time, source, level, text);
+
     const CMessageHold hold;
     LogPreparation preparation;
     for (;;) {
+        bool fits = false;
         int needed = LogPreparation::Nothing;
         {
             const QMutexLocker locker(&data->mutex);
-            needed = log.append(record, preparation);
+            fits = isTabLevelStill(*data, level);
+            if (fits)
+                needed = log.append({record.constData(), static_cast<size_t>(record.size())}, preparation);
         }
-        if (needed == LogPreparation::Nothing)
+        if (!fits) {
+            level = tabLevelIn(data);
+            record = LogFormat::record(time, source, level, text);
+        } else if (needed == LogPreparation::Nothing) {
             return;
-        preparation.get(needed);
+        } else {
+            preparation.get(needed);
+        }
     }
 }
 
@@ -87,5 +101,5 @@ void debug(QString source, const QString &text, DebugLevel level, DebugFlag flag
         return;
     if ((flag & DebugFlagFileOnly) == 0)
         Messages::say(QtDebugMsg, Messages::format(QString(), {source, text}));
-    append(data, LogFormat::record(LogFormat::timeStamp(), source, tabLevelIn(data), text));
+    append(data, source, text);
 }

@@ -50,6 +50,11 @@ QString records()
     return result.join(QLatin1Char('|'));
 }
 
+QByteArray bytesOf(const LogFormat::Record &record)
+{
+    return QByteArray(record.constData(), record.size());
+}
+
 class Thread : public QThread
 {
 public:
@@ -105,7 +110,17 @@ void TestLogWriter::recordsHaveTheirForm()
     LogFormat::TimeText time;
     std::copy_n("12:04:05.123", time.size(), time.begin());
     for (const auto &row : rows)
-        QCOMPARE(LogFormat::record(time, row.source, row.tab, row.text), row.bytes);
+        QCOMPARE(bytesOf(LogFormat::record(time, row.source, row.tab, row.text)), row.bytes);
+
+    // The conversion is our own: pieces of all kinds in all orders, with Qt's for comparison.
+    const QString pieces[] = {"twelve units"_s, "Ж"_s,         "\u20ac"_s,
+                              "\U0001f600"_s,   QChar(0xd800), QChar(0xdc00)};
+    for (int order = 0; order < 6 * 6 * 6 * 6; ++order) {
+        QString text;
+        for (int rest = order + 1296; rest > 1; rest /= 6)
+            text += pieces[rest % 6];
+        QCOMPARE(bytesOf(LogFormat::record(time, name, 1, text)), start + "    " + text.toUtf8() + '\n');
+    }
 }
 
 void TestLogWriter::switchesDecide()
