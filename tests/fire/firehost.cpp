@@ -101,8 +101,13 @@ void prepare(ScriptedProtocol *protocol, const QByteArray &script)
         protocol->onStop = [](ScriptedProtocol *) {};
         protocol->onAwake = [act](ScriptedProtocol *) { act(); };
     }
+    const auto block = [](ScriptedProtocol *) { lockTwice(); };
+    if (script == "blockingStart")
+        protocol->onStart = block;
     if (script == "blockingStop")
-        protocol->onStop = [](ScriptedProtocol *) { lockTwice(); };
+        protocol->onStop = block;
+    if (script == "blockingDelete")
+        protocol->onDelete = block;
 }
 
 /// A number out of a file of /proc/self.
