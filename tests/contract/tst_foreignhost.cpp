@@ -46,8 +46,7 @@ class Witness : public CChannelMonitor, public CJournal
 public:
     int addConnection(int kind, const QString &label, const QString &) override
     {
-        note("add %1 "_s.arg(kind) + label);
-        return 41;
+        return note("add %1 "_s.arg(kind) + label);
     }
     void removeConnection(int handle) override { note("remove %1"_s.arg(handle)); }
     void setState(int handle, const QString &) override { note("state %1"_s.arg(handle)); }
@@ -58,10 +57,11 @@ public:
         note("record %1 %2: "_s.arg(kind).arg(source) + text);
     }
 
-    void note(const QString &call)
+    int note(const QString &call)
     {
         const QMutexLocker locker(&mutex);
         calls << call;
+        return 41;
     }
     QMutex mutex;
     QStringList calls;
@@ -160,31 +160,21 @@ private slots:
         entry<void (*)(DebugData *)>("initDebug")(&logging);
     }
 
-    void pluginSlots()
+    void pluginAndServer()
     {
         auto *plugin = entry<CChannelPlugin *(*)()>("instance")();
         auto *other = entry<CChannelPlugin *(*)()>("instance")();
-        QVERIFY(plugin != other);
-        QCOMPARE(plugin->type(), 1);
-        QCOMPARE(plugin->name(), "IP-канал"_s);
+        QVERIFY(plugin != other && plugin->type() == 1 && plugin->name() == "IP-канал"_s);
         int delay = 30;
         plugin->incCallTimeout(&delay);
         QCOMPARE(delay, 60);
         plugin->decCallTimeout(&delay);
         QCOMPARE(delay, 30);
-        const auto destroy = entry<void (*)(CChannelPlugin *)>("deleteInstance");
-        destroy(plugin);
-        destroy(other);
-        destroy(nullptr);
-    }
 
-    void serverMembersAndMethods()
-    {
-        auto *plugin = entry<CChannelPlugin *(*)()>("instance")();
         std::unique_ptr<CChannelServer> server(plugin->create());
-        entry<void (*)(CChannelPlugin *)>("deleteInstance")(plugin); // servers may outlive it
-        QCOMPARE(server->first, 1);
-        QCOMPARE(server->monitorHandle, 0);
+        for (CChannelPlugin *one : {plugin, other, static_cast<CChannelPlugin *>(nullptr)})
+            entry<void (*)(CChannelPlugin *)>("deleteInstance")(one); // servers may outlive them
+        QVERIFY(server->first == 1 && server->monitorHandle == 0);
         QVERIFY(!server->protocolFactory && !server->monitor && !server->journal);
         const QMetaObject *contract = server->metaObject();
         while (QByteArray(contract->className()) != "CChannelServer")
@@ -207,7 +197,8 @@ private slots:
                                         streamed(2, true, 1, port, 64)));
 
         Witness witness;
-        auto *plugin = entry<CChannelPlugin *(*)()>("instance")();
+        const std::unique_ptr<CChannelPlugin, void (*)(CChannelPlugin *)> plugin(
+            entry<CChannelPlugin *(*)()>("instance")(), entry<void (*)(CChannelPlugin *)>("deleteInstance"));
         std::unique_ptr<CChannelServer> server(plugin->create());
         server->monitorHandle = 7;
         server->protocolFactory = new Factory;
@@ -255,13 +246,7 @@ private slots:
         for (const char *call : {"state 7", "add 1 IP-канал 1", "sent 41", "received 41", "state 41",
                                  "remove 41", "record 0 IP-канал: Запуск", "record 0 IP-канал: Остановка"})
             QVERIFY2(witness.calls.contains(QString::fromUtf8(call)), call);
-        server.reset();
-        entry<void (*)(CChannelPlugin *)>("deleteInstance")(plugin);
-    }
-
-    void loggingStateIsShared()
-    {
-        QVERIFY(!logging.tabulations.isEmpty());
+        // Logging state is shared, everything else is each module's own.
         const auto mine =
             std::find_if(logging.tabulations.cbegin(), logging.tabulations.cend(),
                          [](const Tabulation &t) { return t.thread == QThread::currentThread(); });
@@ -269,10 +254,6 @@ private slots:
                 mine->tabLevel == int(mine - logging.tabulations.cbegin()) + 1);
         QVERIFY(logging.mutex.tryLock()); // not left locked
         logging.mutex.unlock();
-    }
-
-    void eachModuleHasItsOwnState()
-    {
         QCOMPARE(hostsDebugCalls, 0);
         QCOMPARE(gIpSettings.blockSizeKb, -3);
         const auto *plugins = static_cast<const ChannelIpSettings *>(dlsym(library, "gIpSettings"));
