@@ -12,68 +12,64 @@ class TestSystemInfo : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void tellsBuildMachineAndUser();
-    void listsTheGroupsThatNameTheUser();
-    void fillsOnePieceAfterAnother();
-};
+    void tellsBuildMachineAndUser()
+    {
+        qputenv("HOME", "  /home/ann\t x ");
+        qputenv("PATH", "/bin");
+        qputenv("USER", "nobodyhere");
+        for (const char *name : {"SESSIONNAME", "SystemDrive", "WINDIR"})
+            qunsetenv(name);
+        QFile cpu("/proc/cpuinfo"_s);
+        QVERIFY(cpu.open(QIODevice::ReadOnly));
+        const bool named = cpu.readAll().contains("model name");
 
-void TestSystemInfo::tellsBuildMachineAndUser()
-{
-    qputenv("HOME", "  /home/ann\t x ");
-    qputenv("PATH", "/bin");
-    qputenv("USER", "nobodyhere");
-    for (const char *name : {"SESSIONNAME", "SystemDrive", "WINDIR"})
-        qunsetenv(name);
-    QFile cpu("/proc/cpuinfo"_s);
-    QVERIFY(cpu.open(QIODevice::ReadOnly));
-    const bool named = cpu.readAll().contains("model name");
+        const QString pattern =
+            "Версия 3\\.0\\.25\\.0 release linux edition {8}Builded at \\w{3} [ \\d]\\d \\d{4} "
+            "\\d\\d:\\d\\d:\\d\\d with "
+            "Qt 5\\.\\d+\\.\\d+\nКаталог: {14}/.*/bin\nВерсия ОС: {12}.+, \\d.*\n"
+            "Окружение: {12}HOME - /home/ann x, PATH - /bin\nПользователь: {9}nobodyhere@.+\nГруппы: {15}\n"
+            "Порядок байт: {9}LittleEndian\n%1\nОЗУ: {18}свободно %2 из %2\n"
+            "Жесткий диск: {9}доступно %2 из %2\n"
+            "Аптайм: {15}(?:(\\d+) д\\. )?(?:(\\d+) ч\\. )?(?:(\\d+) м\\. )?(\\d+) с\\.\n"
+            "Часовой пояс: {9}UTC([+-]\\d\\d:\\d\\d)? .*\n\n"_s.arg(
+                named ? "Процессор: {12}\\w+, \\S.*"_s : QString(), "(?:\\d+ байт|\\d+\\.\\d [КМГТ]Байт)"_s);
+        const QString summary = CSystemInfo::summaryInfo();
+        const auto match = QRegularExpression(QRegularExpression::anchoredPattern(pattern)).match(summary);
+        QVERIFY2(match.hasMatch(), qPrintable(summary + pattern));
 
-    const QString pattern =
-        "Версия 3\\.0\\.25\\.0 release linux edition {8}Builded at \\w{3} [ \\d]\\d \\d{4} "
-        "\\d\\d:\\d\\d:\\d\\d with "
-        "Qt 5\\.\\d+\\.\\d+\nКаталог: {14}/.*/bin\nВерсия ОС: {12}.+, \\d.*\n"
-        "Окружение: {12}HOME - /home/ann x, PATH - /bin\nПользователь: {9}nobodyhere@.+\nГруппы: {15}\n"
-        "Порядок байт: {9}LittleEndian\n%1\nОЗУ: {18}свободно %2 из %2\n"
-        "Жесткий диск: {9}доступно %2 из %2\n"
-        "Аптайм: {15}(?:(\\d+) д\\. )?(?:(\\d+) ч\\. )?(?:(\\d+) м\\. )?(\\d+) с\\.\n"
-        "Часовой пояс: {9}UTC([+-]\\d\\d:\\d\\d)? .*\n\n"_s.arg(
-            named ? "Процессор: {12}\\w+, \\S.*"_s : QString(), "(?:\\d+ байт|\\d+\\.\\d [КМГТ]Байт)"_s);
-    const QString summary = CSystemInfo::summaryInfo();
-    const auto match = QRegularExpression(QRegularExpression::anchoredPattern(pattern)).match(summary);
-    QVERIFY2(match.hasMatch(), qPrintable(summary + pattern));
-
-    struct sysinfo figures = {};
-    sysinfo(&figures);
-    const auto part = [&](int index) { return match.captured(index).toLong(); };
-    QVERIFY(qAbs(((part(1) * 24 + part(2)) * 60 + part(3)) * 60 + part(4) - figures.uptime) <= 2);
-    QVERIFY(part(2) < 24 && part(3) < 60 && part(4) < 60);
-}
-
-void TestSystemInfo::listsTheGroupsThatNameTheUser()
-{
-    QFile file("/etc/group"_s);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QList<QByteArray> lines = file.readAll().split('\n');
-    for (const char *user : {"root", "a", ""}) { // a name anywhere in the line; without a name all lines
-        qputenv("USER", user);
-        QByteArray groups;
-        for (const QByteArray &line : lines)
-            groups +=
-                !line.isEmpty() && line.contains(user) ? line.left(line.indexOf(':')) + ' ' : QByteArray();
-        const QString expected = "\nГруппы:               "_s + QString::fromUtf8(groups);
-        QVERIFY2(CSystemInfo::userGroupsInfo().endsWith(expected), groups.constData());
+        struct sysinfo figures = {};
+        sysinfo(&figures);
+        const auto part = [&](int index) { return match.captured(index).toLong(); };
+        QVERIFY(qAbs(((part(1) * 24 + part(2)) * 60 + part(3)) * 60 + part(4) - figures.uptime) <= 2);
+        QVERIFY(part(2) < 24 && part(3) < 60 && part(4) < 60);
     }
-}
 
-void TestSystemInfo::fillsOnePieceAfterAnother()
-{
-    qputenv("HOME", "%6"); // a mark in a piece takes the next piece
-    const QString summary = CSystemInfo::summaryInfo();
-    QVERIFY(summary.contains("HOME - Порядок байт"_s) && summary.count("LittleEndian"_s) == 2);
-    for (const char *name : {"HOME", "PATH"})
-        qunsetenv(name);
-    QCOMPARE(CSystemInfo::envInfo(), "Окружение:            "_s);
-}
+    void listsTheGroupsThatNameTheUser()
+    {
+        QFile file("/etc/group"_s);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QList<QByteArray> lines = file.readAll().split('\n');
+        for (const char *user : {"root", "a", ""}) { // a name anywhere in the line; without a name all lines
+            qputenv("USER", user);
+            QByteArray groups;
+            for (const QByteArray &line : lines)
+                groups += !line.isEmpty() && line.contains(user) ? line.left(line.indexOf(':')) + ' '
+                                                                 : QByteArray();
+            const QString expected = "\nГруппы:               "_s + QString::fromUtf8(groups);
+            QVERIFY2(CSystemInfo::userGroupsInfo().endsWith(expected), groups.constData());
+        }
+    }
+
+    void fillsOnePieceAfterAnother()
+    {
+        qputenv("HOME", "%6"); // a mark in a piece takes the next piece
+        const QString summary = CSystemInfo::summaryInfo();
+        QVERIFY(summary.contains("HOME - Порядок байт"_s) && summary.count("LittleEndian"_s) == 2);
+        for (const char *name : {"HOME", "PATH"})
+            qunsetenv(name);
+        QCOMPARE(CSystemInfo::envInfo(), "Окружение:            "_s);
+    }
+};
 
 QTEST_GUILESS_MAIN(TestSystemInfo)
 #include "tst_csysteminfo.moc"

@@ -8,86 +8,82 @@
 using Global::nextMessageDirName;
 using Global::nextTaskFileName;
 
-class TestEntryNaming : public QObject
-{
-    Q_OBJECT
-
-private Q_SLOTS:
-    void continues_data();
-    void continues();
-    void givesUpAfterItsCandidates();
-    void keepsCountingByTheKey();
-};
-
 static QString numbered(int number)
 {
     return "%1"_s.arg(number, 8, 10, QLatin1Char('0'));
 }
 
-// Entries of a directory, a slash behind those that are directories, and the first names given in it.
-void TestEntryNaming::continues_data()
+class TestEntryNaming : public QObject
 {
-    QTest::addColumn<QString>("entries");
-    QTest::addColumn<QString>("names");
-    const auto row = [](const char *name, const QString &entries, const QString &names) {
-        QTest::newRow(name) << entries << names;
-    };
-    row("empty", ""_s, "00000001 00000002 00000001.task"_s);
-    row("after the last", "00000001/ 00000007/ 00000003.task"_s, "00000008 00000009 00000004.task"_s);
-    row("others are not seen", "123456789/ abc/ 0000000a/"_s, "00000001 00000002 00000001.task"_s);
-    row("a file is taken, not seen", "00000003/ 00000004 99999999"_s, "00000005 00000006 00000001.task"_s);
-    row("nine digits", "99999999/ 99999999.task"_s, "100000000 100000001 100000000.task"_s);
-    row("a word comes last", "00000003.task _16838.task"_s, "00000001 00000002 00000001.task"_s);
-    row("any letter case", "00000041.TASK"_s, "00000001 00000002 00000042.task"_s);
-    row("to the first point", "00000005.x.task"_s, "00000001 00000002 00000006.task"_s);
-    row("the largest int", "2147483647.task"_s, "00000001 00000002 2147483648.task"_s);
-    row("digits of any script", "٠٠٠٠٠٠٠٩/ 00000004/"_s, "00000001 00000002 00000001.task"_s);
-}
+    Q_OBJECT
 
-void TestEntryNaming::continues()
-{
-    QFETCH(QString, entries);
-    QFETCH(QString, names);
-    const QTemporaryDir place;
-    const QDir directory(place.path());
-    TestInstallation::plant(place.path(), entries);
-    const QStringList given{nextMessageDirName(directory), nextMessageDirName(directory),
-                            nextTaskFileName(directory)};
-    QCOMPARE(given.join(QLatin1Char(' ')), names);
-}
-
-void TestEntryNaming::givesUpAfterItsCandidates()
-{
-    const QTemporaryDir messages;
-    const QTemporaryDir tasks;
-    for (int number = 1; number <= 101; ++number) { // of the kind that the scan does not see
-        QVERIFY(TestInstallation::write(messages.filePath(numbered(number)), ""));
-        QVERIFY(QDir(tasks.path()).mkdir(numbered(number) + ".task"_s));
+private Q_SLOTS:
+    // Entries of a directory, a slash behind those that are directories, and the first names given in it.
+    void continues_data()
+    {
+        QTest::addColumn<QString>("entries");
+        QTest::addColumn<QString>("names");
+        const auto row = [](const char *name, const QString &entries, const QString &names) {
+            QTest::newRow(name) << entries << names;
+        };
+        row("empty", ""_s, "00000001 00000002 00000001.task"_s);
+        row("after the last", "00000001/ 00000007/ 00000003.task"_s, "00000008 00000009 00000004.task"_s);
+        row("others are not seen", "123456789/ abc/ 0000000a/"_s, "00000001 00000002 00000001.task"_s);
+        row("a file is taken, not seen", "00000003/ 00000004 99999999"_s,
+            "00000005 00000006 00000001.task"_s);
+        row("nine digits", "99999999/ 99999999.task"_s, "100000000 100000001 100000000.task"_s);
+        row("a word comes last", "00000003.task _16838.task"_s, "00000001 00000002 00000001.task"_s);
+        row("any letter case", "00000041.TASK"_s, "00000001 00000002 00000042.task"_s);
+        row("to the first point", "00000005.x.task"_s, "00000001 00000002 00000006.task"_s);
+        row("the largest int", "2147483647.task"_s, "00000001 00000002 2147483648.task"_s);
+        row("digits of any script", "٠٠٠٠٠٠٠٩/ 00000004/"_s, "00000001 00000002 00000001.task"_s);
     }
-    QVERIFY(nextMessageDirName(QDir(messages.path())).isNull());
-    QVERIFY(QFile::remove(messages.filePath(numbered(100))));
-    QCOMPARE(nextMessageDirName(QDir(messages.path())), numbered(100)); // the last of 100
-    QVERIFY(QRegExp("_\\d+\\.task"_s).exactMatch(nextTaskFileName(QDir(tasks.path()))));
-    QVERIFY(QDir(tasks.path()).rmdir("00000099.task"_s));
-    QCOMPARE(nextTaskFileName(QDir(tasks.path())), "00000099.task"_s); // the last of 99
-}
 
-void TestEntryNaming::keepsCountingByTheKey()
-{
-    const QTemporaryDir place;
-    QVERIFY(QDir::setCurrent(place.path()));
-    const QDir relative("."_s);
-    const QDir absolute(QDir::currentPath());
-    QCOMPARE(nextMessageDirName(relative), "00000001"_s);
-    QCOMPARE(nextMessageDirName(absolute), "00000002"_s); // one absolute path
-    QCOMPARE(nextTaskFileName(relative), "00000001.task"_s);
-    QCOMPARE(nextTaskFileName(absolute), "00000001.task"_s); // two paths as written
-    for (int number = 4; number <= 103; ++number)
-        QVERIFY(absolute.mkdir(numbered(number)));
-    QCOMPARE(nextMessageDirName(absolute), "00000003"_s); // no second scan
-    QVERIFY(nextMessageDirName(absolute).isNull());
-    QCOMPARE(nextMessageDirName(absolute), "00000104"_s); // but when overtaken
-}
+    void continues()
+    {
+        QFETCH(QString, entries);
+        QFETCH(QString, names);
+        const QTemporaryDir place;
+        const QDir directory(place.path());
+        TestInstallation::plant(place.path(), entries);
+        const QStringList given{nextMessageDirName(directory), nextMessageDirName(directory),
+                                nextTaskFileName(directory)};
+        QCOMPARE(given.join(QLatin1Char(' ')), names);
+    }
+
+    void givesUpAfterItsCandidates()
+    {
+        const QTemporaryDir messages;
+        const QTemporaryDir tasks;
+        for (int number = 1; number <= 101; ++number) { // of the kind that the scan does not see
+            QVERIFY(TestInstallation::write(messages.filePath(numbered(number)), ""));
+            QVERIFY(QDir(tasks.path()).mkdir(numbered(number) + ".task"_s));
+        }
+        QVERIFY(nextMessageDirName(QDir(messages.path())).isNull());
+        QVERIFY(QFile::remove(messages.filePath(numbered(100))));
+        QCOMPARE(nextMessageDirName(QDir(messages.path())), numbered(100)); // the last of 100
+        QVERIFY(QRegExp("_\\d+\\.task"_s).exactMatch(nextTaskFileName(QDir(tasks.path()))));
+        QVERIFY(QDir(tasks.path()).rmdir("00000099.task"_s));
+        QCOMPARE(nextTaskFileName(QDir(tasks.path())), "00000099.task"_s); // the last of 99
+    }
+
+    void keepsCountingByTheKey()
+    {
+        const QTemporaryDir place;
+        QVERIFY(QDir::setCurrent(place.path()));
+        const QDir relative("."_s);
+        const QDir absolute(QDir::currentPath());
+        QCOMPARE(nextMessageDirName(relative), "00000001"_s);
+        QCOMPARE(nextMessageDirName(absolute), "00000002"_s); // one absolute path
+        QCOMPARE(nextTaskFileName(relative), "00000001.task"_s);
+        QCOMPARE(nextTaskFileName(absolute), "00000001.task"_s); // two paths as written
+        for (int number = 4; number <= 103; ++number)
+            QVERIFY(absolute.mkdir(numbered(number)));
+        QCOMPARE(nextMessageDirName(absolute), "00000003"_s); // no second scan
+        QVERIFY(nextMessageDirName(absolute).isNull());
+        QCOMPARE(nextMessageDirName(absolute), "00000104"_s); // but when overtaken
+    }
+};
 
 QTEST_GUILESS_MAIN(TestEntryNaming)
 #include "tst_entrynaming.moc"

@@ -50,66 +50,64 @@ class TestCrash : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void leavesAWholeVersion();
-    void givesNoNameTwice();
-};
+    void leavesAWholeVersion()
+    {
+        clean();
+        qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext &, const QString &) {}); // the log's echo
+        const int kills = qEnvironmentVariableIsSet("IPCHANNEL_LONG") ? 3000 : 500;
+        // In memory the disk's waiting does not outweigh the moments that matter.
+        const QTemporaryDir place(quickTemplate());
+        const QString target = place.filePath("F"_s);
+        void *const shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        auto *const saved = static_cast<volatile int *>(shared); // the last version that is saved for certain
+        QVERIFY(Global::safeSaving(target, version(0)).isNull());
 
-void TestCrash::leavesAWholeVersion()
-{
-    clean();
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {}); // the log's echo
-    const int kills = qEnvironmentVariableIsSet("IPCHANNEL_LONG") ? 3000 : 500;
-    // In memory the disk's waiting does not outweigh the moments that matter.
-    const QTemporaryDir place(quickTemplate());
-    const QString target = place.filePath("F"_s);
-    void *const shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    auto *const saved = static_cast<volatile int *>(shared); // the last version that is saved for certain
-    QVERIFY(Global::safeSaving(target, version(0)).isNull());
+        int missing = 0;
+        for (int kill = 0; kill < kills; ++kill) {
+            const int start = *saved + 1;
+            const pid_t child = ::fork();
+            for (int number = start; child == 0; *saved = number++) {
+                if (!Global::safeSaving(target, version(number)).isNull())
+                    ::_exit(1);
+            }
+            for (int wait = 0; *saved < start && wait < 50000; ++wait) // until it is at work
+                ::usleep(100);
+            ::usleep(QRandomGenerator::global()->bounded(1000u));
+            ::kill(child, SIGKILL);
+            int status = 0;
+            QCOMPARE(::waitpid(child, &status, 0), child);
+            QVERIFY(WIFSIGNALED(status)); // no save has failed
 
-    int missing = 0;
-    for (int kill = 0; kill < kills; ++kill) {
-        const int start = *saved + 1;
-        const pid_t child = ::fork();
-        for (int number = start; child == 0; *saved = number++) {
-            if (!Global::safeSaving(target, version(number)).isNull())
-                ::_exit(1);
+            const bool isMissing = !QFile::exists(target);
+            missing += isMissing;
+            QVERIFY(numberOf(read(isMissing ? target + ".old"_s : target)) >= 0);
+            QVERIFY(Global::recoverSaved(target).isNull());
+            const int found = numberOf(read(target));
+            QVERIFY2(found >= *saved, "a save that was reported is lost");
+            *saved = found;
         }
-        for (int wait = 0; *saved < start && wait < 50000; ++wait) // until it is at work
-            ::usleep(100);
-        ::usleep(QRandomGenerator::global()->bounded(1000u));
-        ::kill(child, SIGKILL);
-        int status = 0;
-        QCOMPARE(::waitpid(child, &status, 0), child);
-        QVERIFY(WIFSIGNALED(status)); // no save has failed
-
-        const bool isMissing = !QFile::exists(target);
-        missing += isMissing;
-        QVERIFY(numberOf(read(isMissing ? target + ".old"_s : target)) >= 0);
-        QVERIFY(Global::recoverSaved(target).isNull());
-        const int found = numberOf(read(target));
-        QVERIFY2(found >= *saved, "a save that was reported is lost");
-        *saved = found;
+        std::printf("%d kills, %d versions, target missing %d times\n", kills, *saved, missing);
+        ::munmap(shared, 4096);
     }
-    std::printf("%d kills, %d versions, target missing %d times\n", kills, *saved, missing);
-    ::munmap(shared, 4096);
-}
 
-void TestCrash::givesNoNameTwice()
-{
-    const QTemporaryDir place;
-    const QTemporaryDir lists;
-    const auto work = [&](int number) {
-        while (!QFile::exists(lists.filePath("go"_s)))
-            ::usleep(10);
-        createEntries(QDir(place.path()), lists.filePath(QString::number(number)));
-        return 0;
-    };
-    QCOMPARE(Forked::failures(2, work, [&] { write(lists.filePath("go"_s), "both at once"); }), 0);
-    const QList<QByteArray> names =
-        (read(lists.filePath("0"_s)) + read(lists.filePath("1"_s))).trimmed().split(' ');
-    QCOMPARE(names.size(), 800);
-    QCOMPARE(QSet<QByteArray>(names.cbegin(), names.cend()).size(), 800);
-}
+    void givesNoNameTwice()
+    {
+        const QTemporaryDir place;
+        const QTemporaryDir lists;
+        const auto work = [&](int number) {
+            while (!QFile::exists(lists.filePath("go"_s)))
+                ::usleep(10);
+            createEntries(QDir(place.path()), lists.filePath(QString::number(number)));
+            return 0;
+        };
+        QCOMPARE(Forked::failures(2, work, [&] { write(lists.filePath("go"_s), "both at once"); }), 0);
+        const QList<QByteArray> names =
+            (read(lists.filePath("0"_s)) + read(lists.filePath("1"_s))).trimmed().split(' ');
+        QCOMPARE(names.size(), 800);
+        QCOMPARE(QSet<QByteArray>(names.cbegin(), names.cend()).size(), 800);
+    }
+};
 
 QTEST_GUILESS_MAIN(TestCrash)
 #include "tst_crash.moc"

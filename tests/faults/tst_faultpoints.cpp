@@ -197,84 +197,81 @@ class TestFaultPoints : public QObject
 {
     Q_OBJECT
 
-private Q_SLOTS:
-    void initTestCase();
-    void survives_data();
-    void survives();
-    void cleanupTestCase();
-
 private:
     int points[2] = {0, 0}; // once, onward
     QStringList allStruck;
-};
 
-void TestFaultPoints::initTestCase()
-{
-    clean();
-    ::umask(077); // rights come from us
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {}); // the log's echo
-    Global::makePath(QDir(path() + "/data/warm"_s)); // what is read once per process
-    Global::safeSaving(path() + "/data/warm/F"_s, QByteArray("x"));
-}
-
-void TestFaultPoints::survives_data()
-{
-    QTest::addColumn<int>("index");
-    for (int index = 0; index < operations().size(); ++index)
-        QTest::newRow(operations().at(index).name.constData()) << index;
-}
-
-void TestFaultPoints::survives()
-{
-    QFETCH(int, index);
-    const Operation operation = operations().at(index);
-    const QDir logs(path() + "/data/0/log"_s);
-    const int descriptors = descriptorsInRest() + 1; // the log keeps one or two
-    QString calls;                                   // of a run without faults, in their order
-    for (int round = 0, nth = 1; round < 10; ++nth) {
-        error = QList<int>{ENOSPC, EIO, EACCES, EINTR, Fault::Short}.at(round / 2);
-        once = round % 2 == 0;
-        const QTemporaryDir directory(quickTemplate());
-        place = directory.path();
-        for (const QFileInfo &file : logs.entryInfoList(QDir::Files))
-            QFile::resize(file.filePath(), 0);
-        if (operation.name == "first log")
-            QDir(logs).removeRecursively();
-        plant(place, operation.before);
-
-        Fault::arm(nth, !once, error);
-        const QString answer = operation.work();
-        const bool isStruck = Fault::disarm() > 0;
-
-        struck = QString::fromStdString(Fault::struck());
-        const QString complaint =
-            operation.complaint(answer) + ifNot(descriptorsInRest() <= descriptors, " descriptor");
-        QVERIFY2(
-            complaint.isEmpty(),
-            qPrintable("%1: errno %2 at call %3 (%4), answer '%5'"_s.arg(complaint).arg(error).arg(nth).arg(
-                struck, answer)));
-        QVERIFY(nth < 200);
-        points[round % 2] += isStruck;
-        allStruck += struck;
-        calls += round == 0 ? struck + QLatin1Char(' ') : QString();
-        if (!isStruck) {
-            ++round;
-            nth = 0;
-        }
+private Q_SLOTS:
+    void initTestCase()
+    {
+        clean();
+        ::umask(077); // rights come from us
+        qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext &, const QString &) {}); // the log's echo
+        Global::makePath(QDir(path() + "/data/warm"_s));                    // what is read once per process
+        Global::safeSaving(path() + "/data/warm/F"_s, QByteArray("x"));
     }
-    // Contents before names, names before the backup goes: so a loss of power leaves a whole version.
-    const QRegularExpression order(
-        "write F.new .*fdatasync F.new .*renameat2 F .*rename F.new .*fsync tst.*unlink F.old "_s);
-    QVERIFY2(operation.name != "save over" || order.match(calls).hasMatch(), qPrintable(calls));
-}
 
-void TestFaultPoints::cleanupTestCase()
-{
-    std::printf("%d calls failed once, %d runs in which all failed from there on\n", points[0], points[1]);
-    QVERIFY(points[0] >= 300);
-    for (const auto &owed : owedBySaves) // a call that is never made could not fail
-        QVERIFY2(allStruck.contains(QString::fromLatin1(owed[0])), owed[0]);
-}
+    void survives_data()
+    {
+        QTest::addColumn<int>("index");
+        for (int index = 0; index < operations().size(); ++index)
+            QTest::newRow(operations().at(index).name.constData()) << index;
+    }
+
+    void survives()
+    {
+        QFETCH(int, index);
+        const Operation operation = operations().at(index);
+        const QDir logs(path() + "/data/0/log"_s);
+        const int descriptors = descriptorsInRest() + 1; // the log keeps one or two
+        QString calls;                                   // of a run without faults, in their order
+        for (int round = 0, nth = 1; round < 10; ++nth) {
+            error = QList<int>{ENOSPC, EIO, EACCES, EINTR, Fault::Short}.at(round / 2);
+            once = round % 2 == 0;
+            const QTemporaryDir directory(quickTemplate());
+            place = directory.path();
+            for (const QFileInfo &file : logs.entryInfoList(QDir::Files))
+                QFile::resize(file.filePath(), 0);
+            if (operation.name == "first log")
+                QDir(logs).removeRecursively();
+            plant(place, operation.before);
+
+            Fault::arm(nth, !once, error);
+            const QString answer = operation.work();
+            const bool isStruck = Fault::disarm() > 0;
+
+            struck = QString::fromStdString(Fault::struck());
+            const QString complaint =
+                operation.complaint(answer) + ifNot(descriptorsInRest() <= descriptors, " descriptor");
+            QVERIFY2(complaint.isEmpty(),
+                     qPrintable(
+                         "%1: errno %2 at call %3 (%4), answer '%5'"_s.arg(complaint).arg(error).arg(nth).arg(
+                             struck, answer)));
+            QVERIFY(nth < 200);
+            points[round % 2] += isStruck;
+            allStruck += struck;
+            calls += round == 0 ? struck + QLatin1Char(' ') : QString();
+            if (!isStruck) {
+                ++round;
+                nth = 0;
+            }
+        }
+        // Contents before names, names before the backup goes: so a loss of power leaves a whole version.
+        const QRegularExpression order(
+            "write F.new .*fdatasync F.new .*renameat2 F .*rename F.new .*fsync tst.*unlink F.old "_s);
+        QVERIFY2(operation.name != "save over" || order.match(calls).hasMatch(), qPrintable(calls));
+    }
+
+    void cleanupTestCase()
+    {
+        std::printf("%d calls failed once, %d runs in which all failed from there on\n", points[0],
+                    points[1]);
+        QVERIFY(points[0] >= 300);
+        for (const auto &owed : owedBySaves) // a call that is never made could not fail
+            QVERIFY2(allStruck.contains(QString::fromLatin1(owed[0])), owed[0]);
+    }
+};
 
 QTEST_GUILESS_MAIN(TestFaultPoints)
 #include "tst_faultpoints.moc"

@@ -120,94 +120,88 @@ class TestPlanted : public QObject
 {
     Q_OBJECT
 
-private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void changesNothingOutside_data();
-    void changesNothingOutside();
-    void administratorsMay();
-
 private:
     QTemporaryDir place;
     QString outside;
-};
 
-void TestPlanted::initTestCase()
-{
-    if (::geteuid() != 0)
-        QSKIP("only root can act as a neighbour");
-    qputenv("USER", "ann");
-    QVERIFY(QFile::setPermissions(place.path(), QFile::Permissions(0x7055)));
-    outside = place.filePath("precious"_s);
-}
-
-// An installation as the runtime makes it: open to all users.
-void TestPlanted::init()
-{
-    clean();
-    for (const QString &directory : {"/settings"_s, "/data"_s, "/data/0"_s, "/data/0/log"_s})
-        QVERIFY(QDir().mkpath(path() + directory) &&
-                QFile::setPermissions(path() + directory, QFile::Permissions(0x7077)));
-    QFile::remove(outside);
-    QVERIFY(write(saveTarget(), "old") && write(outside, precious) &&
-            QFile::setPermissions(outside, QFile::Permissions(0x6000)));
-}
-
-void TestPlanted::changesNothingOutside_data()
-{
-    QTest::addColumn<int>("victim");
-    QTest::addColumn<int>("object");
-    for (int victim = 0; victim < victims().size(); ++victim) {
-        for (int object = 0; object < 7; ++object)
-            QTest::addRow("%s: %s", victims().at(victim).name, objects[object]) << victim << object;
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (::geteuid() != 0)
+            QSKIP("only root can act as a neighbour");
+        qputenv("USER", "ann");
+        QVERIFY(QFile::setPermissions(place.path(), QFile::Permissions(0x7055)));
+        outside = place.filePath("precious"_s);
     }
-}
 
-void TestPlanted::changesNothingOutside()
-{
-    QFETCH(int, victim);
-    QFETCH(int, object);
-    const Victim chosen = victims().at(victim);
-    QVERIFY(chosen.path.isEmpty() || plant(objects[object], chosen.path, outside));
-    const auto use = [&] {
-        qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
-            spoken += type == QtWarningMsg ? text : QString();
-        });
-        if (chosen.path.isEmpty()) // a neighbour who foresees the first name
-            Fault::beforeCreation = [&, tries = 0](const char *name) mutable {
-                tries++ == 0 && plant(objects[object], QFile::decodeName(name), outside);
-            };
-        QElapsedTimer clock;
-        clock.start();
-        const QString answer = chosen.use();
-        return answer + (clock.elapsed() < 1000 ? " in time, level "_s : " late, level "_s) +
-               QString::number(Global::currentSecrecy());
-    };
-    QCOMPARE(Forked::text(use),
-             (chosen.answered[object] == '.' ? QString() : chosen.text) + " in time, level 0"_s);
-    QCOMPARE(read(outside), precious);
-    QCOMPARE(rights(outside), 0x6000);
-    QCOMPARE(QDir(place.path()).entryList(QDir::Files | QDir::System), QStringList{"precious"_s});
-}
+    // An installation as the runtime makes it: open to all users.
+    void init()
+    {
+        clean();
+        for (const QString &directory : {"/settings"_s, "/data"_s, "/data/0"_s, "/data/0/log"_s})
+            QVERIFY(QDir().mkpath(path() + directory) &&
+                    QFile::setPermissions(path() + directory, QFile::Permissions(0x7077)));
+        QFile::remove(outside);
+        QVERIFY(write(saveTarget(), "old") && write(outside, precious) &&
+                QFile::setPermissions(outside, QFile::Permissions(0x6000)));
+    }
 
-// Links of root to the settings directory and inside it, a disk of its own for the data.
-void TestPlanted::administratorsMay()
-{
-    const QString settings = path() + "/settings"_s;
-    const QString moved = place.filePath("moved"_s);
-    QVERIFY(QFile::rename(settings, moved) && QFile::link(moved, settings));
-    QVERIFY(QFile::link(outside, Global::channelIpSettingsFilePath()) &&
-            QFile::link(outside, settingsPath()));
-    const auto use = [] {
-        Forked::mountDisk(path() + "/data"_s, ""); // where the system lets us
-        QString answer = record();                 // first: defaults go into the file behind the link
-        answer += writingTime() + logged();
-        return answer + (read(logFile()).contains("Planted    text") ? QString() : "no text"_s);
-    };
-    QCOMPARE(Forked::text(use), QString());
-    QVERIFY(QFileInfo(settingsPath()).isSymLink() && read(outside).startsWith(precious) &&
-            read(outside).contains("filePermissions"));
-}
+    void changesNothingOutside_data()
+    {
+        QTest::addColumn<int>("victim");
+        QTest::addColumn<int>("object");
+        for (int victim = 0; victim < victims().size(); ++victim) {
+            for (int object = 0; object < 7; ++object)
+                QTest::addRow("%s: %s", victims().at(victim).name, objects[object]) << victim << object;
+        }
+    }
+
+    void changesNothingOutside()
+    {
+        QFETCH(int, victim);
+        QFETCH(int, object);
+        const Victim chosen = victims().at(victim);
+        QVERIFY(chosen.path.isEmpty() || plant(objects[object], chosen.path, outside));
+        const auto use = [&] {
+            qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
+                spoken += type == QtWarningMsg ? text : QString();
+            });
+            if (chosen.path.isEmpty()) // a neighbour who foresees the first name
+                Fault::beforeCreation = [&, tries = 0](const char *name) mutable {
+                    tries++ == 0 && plant(objects[object], QFile::decodeName(name), outside);
+                };
+            QElapsedTimer clock;
+            clock.start();
+            const QString answer = chosen.use();
+            return answer + (clock.elapsed() < 1000 ? " in time, level "_s : " late, level "_s) +
+                   QString::number(Global::currentSecrecy());
+        };
+        QCOMPARE(Forked::text(use),
+                 (chosen.answered[object] == '.' ? QString() : chosen.text) + " in time, level 0"_s);
+        QCOMPARE(read(outside), precious);
+        QCOMPARE(rights(outside), 0x6000);
+        QCOMPARE(QDir(place.path()).entryList(QDir::Files | QDir::System), QStringList{"precious"_s});
+    }
+
+    // Links of root to the settings directory and inside it, a disk of its own for the data.
+    void administratorsMay()
+    {
+        const QString settings = path() + "/settings"_s;
+        const QString moved = place.filePath("moved"_s);
+        QVERIFY(QFile::rename(settings, moved) && QFile::link(moved, settings));
+        QVERIFY(QFile::link(outside, Global::channelIpSettingsFilePath()) &&
+                QFile::link(outside, settingsPath()));
+        const auto use = [] {
+            Forked::mountDisk(path() + "/data"_s, ""); // where the system lets us
+            QString answer = record();                 // first: defaults go into the file behind the link
+            answer += writingTime() + logged();
+            return answer + (read(logFile()).contains("Planted    text") ? QString() : "no text"_s);
+        };
+        QCOMPARE(Forked::text(use), QString());
+        QVERIFY(QFileInfo(settingsPath()).isSymLink() && read(outside).startsWith(precious) &&
+                read(outside).contains("filePermissions"));
+    }
+};
 
 QTEST_GUILESS_MAIN(TestPlanted)
 #include "tst_planted.moc"

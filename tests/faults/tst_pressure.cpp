@@ -101,174 +101,171 @@ class TestPressure : public QObject
 
 private Q_SLOTS:
     void init() { clean(); }
-    void writersOfSettingsLoseNothing();
-    void editorsAreNotOverwritten();
-    void settingsStayUsable();
-    void recordsStayWhole();
-    void aFullDiskPasses();
-};
-
-// Four processes of ours and one that uses QSettings, each with keys of its own.
-void TestPressure::writersOfSettingsLoseNothing()
-{
-    const int own = isLong ? 300 : 40;
-    QVERIFY(writeSettings("[Foreign]\nkey=1\n"));
-    const auto work = [own](int number) {
-        QSettings qt(settingsPath(), QSettings::IniFormat);
-        const bool isOurs = number < 4;
-        for (int key = 0; key < own; ++key) {
-            const QString name = "P%1/k%2"_s.arg(number).arg(key);
-            if (isOurs)
-                CSettings().write(name, key);
-            else if (key % 4 == 0)
-                qt.setValue(name, key);
-            if (isOurs ? !allAreRight() : (qt.sync(), qt.status() != QSettings::NoError))
-                return 1;
-        }
-        const QString last = "P%1/k%2"_s.arg(number).arg(own - 1);
-        for (int again = 0; again < 200 && isOurs && !CIniText(settings()).contains(last); ++again) {
-            QThread::msleep(50); // what could not be written is, later
-            allAreRight();
-        }
-        return 0;
-    };
-    QCOMPARE(Forked::failures(5, work), 0);
-    const QSettings result(settingsPath(), QSettings::IniFormat);
-    QCOMPARE(result.value("Foreign/key"_s).toInt(), 1);
-    QCOMPARE(result.allKeys().size(), 1 + 4 * own + own / 4 + keys);
-}
-
-// One has emptied the file and writes later, the other comes between our reading and our renaming.
-void TestPressure::editorsAreNotOverwritten()
-{
-    QVERIFY(writeSettings("[X]\n"));
-    const auto work = [](int) {
-        Forked::mountDisk(QFileInfo(settingsPath()).path(), "size=4m"); // so that we are quick, where we may
-        QFile file(settingsPath());
-        QElapsedTimer clock;
-        clock.start();
-        file.open(QIODevice::WriteOnly);
-        std::thread editor([&] {
-            QThread::msleep(8);
-            file.write("; mine\n");
-            file.close();
-        });
-        const bool isRight = allAreRight();
-        editor.join();
-        const bool isKept =
-            settings().startsWith("; mine\n") || clock.elapsed() > 15; // too late to be waited for
-
-        bool isEdited = false;
-        Fault::beforeCreation = [&](const char *made) {
-            if (!isEdited && QByteArray(made).endsWith(".new"))
-                isEdited = writeSettings("; mine, too\n");
+    // Four processes of ours and one that uses QSettings, each with keys of its own.
+    void writersOfSettingsLoseNothing()
+    {
+        const int own = isLong ? 300 : 40;
+        QVERIFY(writeSettings("[Foreign]\nkey=1\n"));
+        const auto work = [own](int number) {
+            QSettings qt(settingsPath(), QSettings::IniFormat);
+            const bool isOurs = number < 4;
+            for (int key = 0; key < own; ++key) {
+                const QString name = "P%1/k%2"_s.arg(number).arg(key);
+                if (isOurs)
+                    CSettings().write(name, key);
+                else if (key % 4 == 0)
+                    qt.setValue(name, key);
+                if (isOurs ? !allAreRight() : (qt.sync(), qt.status() != QSettings::NoError))
+                    return 1;
+            }
+            const QString last = "P%1/k%2"_s.arg(number).arg(own - 1);
+            for (int again = 0; again < 200 && isOurs && !CIniText(settings()).contains(last); ++again) {
+                QThread::msleep(50); // what could not be written is, later
+                allAreRight();
+            }
+            return 0;
         };
-        CSettings().write("X/y"_s, 1);
-        return isRight && isKept && settings() == "; mine, too\n\n[X]\ny=1\n" ? 0 : 1;
-    };
-    QCOMPARE(Forked::failures(1, work), 0);
-}
-
-// Four processes, one of them with four threads; editors save, replace, remove and garble the file, and
-// somebody else holds its lock.
-void TestPressure::settingsStayUsable()
-{
-    const int ms = isLong ? 60000 : 2000;
-    const QString directory = QFileInfo(settingsPath()).path();
-    QVERIFY(QDir().mkpath(directory));
-    if (!Forked::mountDisk(directory, "size=4m")) // whose syncs take no time
-        QSKIP("needs to mount a disk");
-    QVERIFY(writeSettings("[Details]\nmaxWritingTime=700\n"));
-    const auto work = [ms](int number) {
-        std::atomic<bool> isRight{true};
-        std::atomic<int> slow{0};
-        qint64 stall = 0; // how long the machine lets nobody run
-        Forked::inThreads(number == 0 ? 5 : 2, [&](int thread) {
-            if (thread == 0) {
-                stall = slowest(ms + 500, [] { QThread::msleep(1); });
-                return;
-            }
-            int next = 0;
-            const qint64 worst = slowest(ms, [&] {
-                const int i = ++next % keys;
-                if (!values[i].contains((CSettings().*getters[i])()))
-                    isRight = false;
-            });
-            slow = qMax(slow.load(), static_cast<int>(worst));
-        });
-        QThread::msleep(1100);
-        return isRight && allAreRight() && slow <= limitMs + stall ? 0 : 1;
-    };
-    QCOMPARE(Forked::failures(4, work, [ms] { meddle(ms); }), 0);
-
-    QCOMPARE(Forked::failures(1, [](int) { return allAreRight() ? 0 : 1; }), 0);
-    const QSettings result(settingsPath(), QSettings::IniFormat);
-    QCOMPARE(result.value("Details/maxWritingTime"_s).toInt(), 700); // the last edit
-    QCOMPARE(result.allKeys().size(), 1 + keys);
-    QVERIFY(settings().startsWith("; mine\n"));
-}
-
-void TestPressure::recordsStayWhole()
-{
-    const int records = isLong ? 5000 : 500; // of each of 8 threads in 2 processes
-    const auto work = [records](int process) {
-        Forked::inThreads(8, [=](int thread) {
-            for (int i = 0; i < records; ++i) {
-                const QString line = "%1 %2 %3 "_s.arg(process).arg(thread).arg(i) +
-                                     QString((i * 37 + thread) % 300, QLatin1Char('x'));
-                debug("Test"_s, line + QLatin1Char('\n') + line + "\n\n"_s + line, DebugAlways,
-                      DebugFlagFileOnly);
-            }
-        });
-        return 0;
-    };
-    QCOMPARE(Forked::failures(2, work), 0);
-
-    const QRegularExpression record(
-        "\\G[\\d:.]{12} {22}Test((?:    )+)(\\d+ \\d+ \\d+ x*)\n {38}\\1\\2\n\n {38}\\1\\2\n"_s);
-    const QString text = QString::fromUtf8(log());
-    QSet<QString> found;
-    int at = text.indexOf("\n\n"_s) + 2;
-    for (;;) {
-        const auto match = record.match(text, at, QRegularExpression::NormalMatch,
-                                        QRegularExpression::DontCheckSubjectStringMatchOption);
-        if (!match.hasMatch())
-            break;
-        found.insert(match.captured(2));
-        at = match.capturedEnd();
+        QCOMPARE(Forked::failures(5, work), 0);
+        const QSettings result(settingsPath(), QSettings::IniFormat);
+        QCOMPARE(result.value("Foreign/key"_s).toInt(), 1);
+        QCOMPARE(result.allKeys().size(), 1 + 4 * own + own / 4 + keys);
     }
-    QCOMPARE(text.mid(at, 300), QString());
-    QCOMPARE(found.size(), 2 * 8 * records);
-}
 
-// No call hangs, nothing ends, and writing goes on when there is room again.
-void TestPressure::aFullDiskPasses()
-{
-    const int ms = isLong ? 2000 : 300;
-    QVERIFY(QDir().mkpath(path() + "/data"_s));
-    const auto work = [ms](int) {
-        if (!Forked::mountDisk(path() + "/data"_s, "size=256k"))
-            return 1;
-        const auto put = [](const QString &text) { debug("Test"_s, text, DebugAlways, DebugFlagFileOnly); };
-        put("before"_s);
-        QFile filler(path() + "/data/filler"_s);
-        filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
-        while (filler.write(QByteArray(4096, 'f')) == 4096) {
+    // One has emptied the file and writes later, the other comes between our reading and our renaming.
+    void editorsAreNotOverwritten()
+    {
+        QVERIFY(writeSettings("[X]\n"));
+        const auto work = [](int) {
+            Forked::mountDisk(QFileInfo(settingsPath()).path(),
+                              "size=4m"); // so that we are quick, where we may
+            QFile file(settingsPath());
+            QElapsedTimer clock;
+            clock.start();
+            file.open(QIODevice::WriteOnly);
+            std::thread editor([&] {
+                QThread::msleep(8);
+                file.write("; mine\n");
+                file.close();
+            });
+            const bool isRight = allAreRight();
+            editor.join();
+            const bool isKept =
+                settings().startsWith("; mine\n") || clock.elapsed() > 15; // too late to be waited for
+
+            bool isEdited = false;
+            Fault::beforeCreation = [&](const char *made) {
+                if (!isEdited && QByteArray(made).endsWith(".new"))
+                    isEdited = writeSettings("; mine, too\n");
+            };
+            CSettings().write("X/y"_s, 1);
+            return isRight && isKept && settings() == "; mine, too\n\n[X]\ny=1\n" ? 0 : 1;
+        };
+        QCOMPARE(Forked::failures(1, work), 0);
+    }
+
+    // Four processes, one of them with four threads; editors save, replace, remove and garble the file, and
+    // somebody else holds its lock.
+    void settingsStayUsable()
+    {
+        const int ms = isLong ? 60000 : 2000;
+        const QString directory = QFileInfo(settingsPath()).path();
+        QVERIFY(QDir().mkpath(directory));
+        if (!Forked::mountDisk(directory, "size=4m")) // whose syncs take no time
+            QSKIP("needs to mount a disk");
+        QVERIFY(writeSettings("[Details]\nmaxWritingTime=700\n"));
+        const auto work = [ms](int number) {
+            std::atomic<bool> isRight{true};
+            std::atomic<int> slow{0};
+            qint64 stall = 0; // how long the machine lets nobody run
+            Forked::inThreads(number == 0 ? 5 : 2, [&](int thread) {
+                if (thread == 0) {
+                    stall = slowest(ms + 500, [] { QThread::msleep(1); });
+                    return;
+                }
+                int next = 0;
+                const qint64 worst = slowest(ms, [&] {
+                    const int i = ++next % keys;
+                    if (!values[i].contains((CSettings().*getters[i])()))
+                        isRight = false;
+                });
+                slow = qMax(slow.load(), static_cast<int>(worst));
+            });
+            QThread::msleep(1100);
+            return isRight && allAreRight() && slow <= limitMs + stall ? 0 : 1;
+        };
+        QCOMPARE(Forked::failures(4, work, [ms] { meddle(ms); }), 0);
+
+        QCOMPARE(Forked::failures(1, [](int) { return allAreRight() ? 0 : 1; }), 0);
+        const QSettings result(settingsPath(), QSettings::IniFormat);
+        QCOMPARE(result.value("Details/maxWritingTime"_s).toInt(), 700); // the last edit
+        QCOMPARE(result.allKeys().size(), 1 + keys);
+        QVERIFY(settings().startsWith("; mine\n"));
+    }
+
+    void recordsStayWhole()
+    {
+        const int records = isLong ? 5000 : 500; // of each of 8 threads in 2 processes
+        const auto work = [records](int process) {
+            Forked::inThreads(8, [=](int thread) {
+                for (int i = 0; i < records; ++i) {
+                    const QString line = "%1 %2 %3 "_s.arg(process).arg(thread).arg(i) +
+                                         QString((i * 37 + thread) % 300, QLatin1Char('x'));
+                    debug("Test"_s, line + QLatin1Char('\n') + line + "\n\n"_s + line, DebugAlways,
+                          DebugFlagFileOnly);
+                }
+            });
+            return 0;
+        };
+        QCOMPARE(Forked::failures(2, work), 0);
+
+        const QRegularExpression record(
+            "\\G[\\d:.]{12} {22}Test((?:    )+)(\\d+ \\d+ \\d+ x*)\n {38}\\1\\2\n\n {38}\\1\\2\n"_s);
+        const QString text = QString::fromUtf8(log());
+        QSet<QString> found;
+        int at = text.indexOf("\n\n"_s) + 2;
+        for (;;) {
+            const auto match = record.match(text, at, QRegularExpression::NormalMatch,
+                                            QRegularExpression::DontCheckSubjectStringMatchOption);
+            if (!match.hasMatch())
+                break;
+            found.insert(match.captured(2));
+            at = match.capturedEnd();
         }
-        std::atomic<bool> isQuick{true};
-        Forked::inThreads(4, [&](int) {
-            if (slowest(ms, [&] { put(QString(900, QLatin1Char('y'))); }) > limitMs)
-                isQuick = false;
-        });
-        filler.remove();
-        for (int i = 0; i < 100; ++i)
-            put("after"_s);
-        const QRegularExpression after("^[\\d:.]{12} {22}Test(    )+after$"_s,
-                                       QRegularExpression::MultilineOption);
-        return isQuick && QString::fromUtf8(log()).count(after) == 100 ? 0 : 2;
-    };
-    QCOMPARE(Forked::failures(1, work), 0);
-}
+        QCOMPARE(text.mid(at, 300), QString());
+        QCOMPARE(found.size(), 2 * 8 * records);
+    }
+
+    // No call hangs, nothing ends, and writing goes on when there is room again.
+    void aFullDiskPasses()
+    {
+        const int ms = isLong ? 2000 : 300;
+        QVERIFY(QDir().mkpath(path() + "/data"_s));
+        const auto work = [ms](int) {
+            if (!Forked::mountDisk(path() + "/data"_s, "size=256k"))
+                return 1;
+            const auto put = [](const QString &text) {
+                debug("Test"_s, text, DebugAlways, DebugFlagFileOnly);
+            };
+            put("before"_s);
+            QFile filler(path() + "/data/filler"_s);
+            filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+            while (filler.write(QByteArray(4096, 'f')) == 4096) {
+            }
+            std::atomic<bool> isQuick{true};
+            Forked::inThreads(4, [&](int) {
+                if (slowest(ms, [&] { put(QString(900, QLatin1Char('y'))); }) > limitMs)
+                    isQuick = false;
+            });
+            filler.remove();
+            for (int i = 0; i < 100; ++i)
+                put("after"_s);
+            const QRegularExpression after("^[\\d:.]{12} {22}Test(    )+after$"_s,
+                                           QRegularExpression::MultilineOption);
+            return isQuick && QString::fromUtf8(log()).count(after) == 100 ? 0 : 2;
+        };
+        QCOMPARE(Forked::failures(1, work), 0);
+    }
+};
 
 QTEST_GUILESS_MAIN(TestPressure)
 #include "tst_pressure.moc"
