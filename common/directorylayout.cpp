@@ -53,9 +53,12 @@ QString settingsFile(Tail name)
     return installBase() % Tail("settings/") % name;
 }
 
+// @param tail with a slash before it; none behind it, since QDir would copy the text to cut it off
 QString levelPath(int level, Tail tail = Tail(""))
 {
-    return installBase() % Tail("data/") % QString::number(level) % QLatin1Char('/') % tail;
+    if (level >= 0 && level <= 9) // all that there are: a digit needs no text of its own
+        return installBase() % Tail("data/") % QLatin1Char(static_cast<char>('0' + level)) % tail;
+    return installBase() % Tail("data/") % QString::number(level) % tail;
 }
 
 } // namespace
@@ -100,19 +103,19 @@ QString abonentsSettingsFilePath()         { return settingsFile(Tail("abonents.
 QString groupsSettingsFilePath()           { return settingsFile(Tail("groups.conf")); }
 
 QDir dataSecrecyDir(int level)           { return QDir(levelPath(level)); }
-QString abonentsStatesFilePath()         { return levelPath(0, Tail("abonents.states")); }
-QDir logDir(int level)                   { return QDir(levelPath(level, Tail("log/"))); }
-QString journalsFilePath(int level)      { return levelPath(level, Tail("journals_2.2.db")); }
-QDir journalsRenderDir(int level)        { return QDir(levelPath(level, Tail("journalsRender"))); }
-QDir messagesDir(int level)              { return QDir(levelPath(level, Tail("messages/"))); }
-QDir inputMessagesDir(int level)         { return QDir(levelPath(level, Tail("messages/input/"))); }
-QDir outputMessagesDir(int level)        { return QDir(levelPath(level, Tail("messages/output/"))); }
-QDir draftMessagesDir(int level)         { return QDir(levelPath(level, Tail("messages/draft/"))); }
-QDir incompleteMessagesDir(int level)    { return QDir(levelPath(level, Tail("messages/incomplete/"))); }
-QDir transitMessagesDir(int level)       { return QDir(levelPath(level, Tail("messages/transit/"))); }
-QDir tasksDir(int level)                 { return QDir(levelPath(level, Tail("tasks/"))); }
-QDir tasksToInterfaceDir(int level)      { return QDir(levelPath(level, Tail("tasks/toInterface"))); }
-QDir tasksToTransportDir(int level)      { return QDir(levelPath(level, Tail("tasks/toTransport"))); }
+QString abonentsStatesFilePath()         { return levelPath(0, Tail("/abonents.states")); }
+QDir logDir(int level)                   { return QDir(levelPath(level, Tail("/log"))); }
+QString journalsFilePath(int level)      { return levelPath(level, Tail("/journals_2.2.db")); }
+QDir journalsRenderDir(int level)        { return QDir(levelPath(level, Tail("/journalsRender"))); }
+QDir messagesDir(int level)              { return QDir(levelPath(level, Tail("/messages"))); }
+QDir inputMessagesDir(int level)         { return QDir(levelPath(level, Tail("/messages/input"))); }
+QDir outputMessagesDir(int level)        { return QDir(levelPath(level, Tail("/messages/output"))); }
+QDir draftMessagesDir(int level)         { return QDir(levelPath(level, Tail("/messages/draft"))); }
+QDir incompleteMessagesDir(int level)    { return QDir(levelPath(level, Tail("/messages/incomplete"))); }
+QDir transitMessagesDir(int level)       { return QDir(levelPath(level, Tail("/messages/transit"))); }
+QDir tasksDir(int level)                 { return QDir(levelPath(level, Tail("/tasks"))); }
+QDir tasksToInterfaceDir(int level)      { return QDir(levelPath(level, Tail("/tasks/toInterface"))); }
+QDir tasksToTransportDir(int level)      { return QDir(levelPath(level, Tail("/tasks/toTransport"))); }
 // clang-format on
 
 } // namespace Global
