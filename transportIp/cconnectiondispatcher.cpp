@@ -19,7 +19,8 @@ namespace {
 
 constexpr qint64 nsPerMs = 1000000;
 constexpr qint64 nsPerSecond = 1000 * nsPerMs;
-constexpr int maxTurnsWithoutLook = 4; // a busy writer still hears of its sockets
+constexpr qint64 restNs = 10 * nsPerMs; // of a wait that no other thread can end
+constexpr int maxTurnsWithoutLook = 4;  // a busy writer still hears of its sockets
 
 qint64 now()
 {
@@ -49,20 +50,11 @@ PollEvents pollEvents(QSocketNotifier::Type type)
 
 } // namespace
 
-std::unique_ptr<CConnectionDispatcher> CConnectionDispatcher::create()
-{
-    const int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd < 0)
-        return nullptr;
-    return std::unique_ptr<CConnectionDispatcher>(new CConnectionDispatcher(fd));
-}
-
-CConnectionDispatcher::CConnectionDispatcher(int wakeUpDescriptor) : wakeUpFd(wakeUpDescriptor) {}
-
 CConnectionDispatcher::~CConnectionDispatcher()
 {
     const CTerminationGuard guard;
-    ::close(wakeUpFd);
+    if (wakeUpFd >= 0)
+        ::close(wakeUpFd);
 }
 
 void CConnectionDispatcher::release(const CDirectSocket *socket)
@@ -91,7 +83,6 @@ bool CConnectionDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     int handled = again ? 1 : 0;
     if (!again || ++turnsWithoutLook == maxTurnsWithoutLook) {
         turnsWithoutLook = 0;
-        // An event posted meanwhile has written to the wake-up descriptor, so the wait ends at once.
         const qint64 timeoutNs = !wait ? 0 : withTimers ? nsToNextTimer() : -1;
         if (waitForSockets(withNotifiers, timeoutNs) > 0)
             handled += activateNotifiers();
@@ -168,11 +159,11 @@ void CConnectionDispatcher::wakeUp()
     }
     // Posting an event holds a lock of Qt's, and write() is a point at which a thread can be ended.
     const CTerminationGuard guard;
-    if (!wakeUpPending.exchange(true)) {
-        const quint64 one = 1;
-        while (::write(wakeUpFd, &one, sizeof one) < 0 && errno == EINTR)
-            ;
-    }
+    if (wakeUpPending.exchange(true) || wakeUpFd < 0)
+        return; // who makes the descriptor looks at the flag after that
+    const quint64 one = 1;
+    while (::write(wakeUpFd, &one, sizeof one) < 0 && errno == EINTR)
+        ;
 }
 
 void CConnectionDispatcher::interrupt()
@@ -183,22 +174,35 @@ void CConnectionDispatcher::interrupt()
 
 void CConnectionDispatcher::flush() {}
 
+/// @return whether other threads can end a wait from now on
+bool CConnectionDispatcher::makeWakeUp()
+{
+    if (wakeUpFd < 0)
+        wakeUpFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return wakeUpFd >= 0;
+}
+
 /// Forgets wake-ups so far. What they announced is handled before the next wait.
 bool CConnectionDispatcher::drainWakeUp()
 {
-    if (!wakeUpPending)
-        return false;
+    const bool isWritten = polled.front().revents != 0;
     quint64 count = 0;
-    while (::read(wakeUpFd, &count, sizeof count) < 0 && errno == EINTR)
+    while (isWritten && ::read(wakeUpFd, &count, sizeof count) < 0 && errno == EINTR)
         ;
-    wakeUpPending = false;
-    return true;
+    return wakeUpPending.exchange(false) || isWritten;
 }
 
 /// @param timeoutNs -1 to wait without a limit
 /// @return as poll(); a signal counts as nothing ready
 int CConnectionDispatcher::waitForSockets(bool withNotifiers, qint64 timeoutNs)
 {
+    if (timeoutNs != 0) {
+        const bool canBeWoken = makeWakeUp();
+        if (wakeUpPending)
+            timeoutNs = 0;
+        else if (!canBeWoken)
+            timeoutNs = timeoutNs < 0 ? restNs : std::min(timeoutNs, restNs);
+    }
     polled.clear();
     polled.push_back({wakeUpFd, POLLIN, 0});
     if (withNotifiers) {

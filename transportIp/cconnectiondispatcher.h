@@ -1,8 +1,8 @@
 // The event dispatcher of a connection's thread.
 //
-// Qt's own dispatchers end the process when they cannot get their wake-up descriptor; this one is
-// made before the thread starts, and a failure refuses one connection instead. It is also leaner:
-// one descriptor, one poll() over a handful of sockets, no context of another main loop.
+// Qt's own dispatchers end the process when they cannot get their wake-up descriptor. This one makes
+// it when it first has to wait, and without it looks around every few milliseconds. It is also
+// leaner: one poll() over a handful of sockets, no context of another main loop.
 // Everything that runs on a Qt event loop works in it: sockets, timers, queued calls.
 #pragma once
 
@@ -10,7 +10,6 @@
 #include <QVector>
 
 #include <atomic>
-#include <memory>
 #include <vector>
 
 #include <poll.h>
@@ -34,9 +33,7 @@ class CConnectionDispatcher : public QAbstractEventDispatcher
     Q_OBJECT
 
 public:
-    /// @return null when no descriptor is left
-    static std::unique_ptr<CConnectionDispatcher> create();
-
+    CConnectionDispatcher() = default;
     ~CConnectionDispatcher() override;
 
     /// Serves one socket, not owned, until it is released or another one comes.
@@ -71,15 +68,14 @@ private:
         quint64 round; // the last round it fired in
     };
 
-    explicit CConnectionDispatcher(int wakeUpDescriptor);
-
+    bool makeWakeUp();
     bool drainWakeUp();
     int waitForSockets(bool withNotifiers, qint64 timeoutNs);
     int activateNotifiers();
     int activateTimers();
     qint64 nsToNextTimer() const; // -1 without a timer
 
-    int wakeUpFd;
+    std::atomic<int> wakeUpFd{-1};
     std::atomic<bool> wakeUpPending{false};
     std::atomic<bool> interrupted{false};
 

@@ -117,12 +117,8 @@ bool CIpThread::launch()
         const QMutexLocker locker(&nameMutex);
         ++connectionNumber;
     }
-    if (!eventDispatcher()) {
-        auto dispatcher = CConnectionDispatcher::create();
-        if (!dispatcher)
-            return false;
-        setEventDispatcher(dispatcher.release());
-    }
+    if (!eventDispatcher())
+        setEventDispatcher(new CConnectionDispatcher);
     start(QThread::InheritPriority);
     if (isRunning() || isFinished())
         return true;

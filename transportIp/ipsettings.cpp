@@ -6,6 +6,8 @@
 
 #include <QtEndian>
 
+#include <utility>
+
 namespace {
 
 constexpr qint32 settingsVersion = 2;
@@ -31,7 +33,7 @@ public:
         next += text.size() * int(sizeof(quint16));
     }
 
-    QByteArray result() const { return record; }
+    QByteArray take() { return std::move(record); }
 
 private:
     QByteArray record;
@@ -119,7 +121,7 @@ QByteArray ChannelIpSettings::toByteArray() const
     record.addInt(quint32(maxConnections));
     record.addInt(quint32(port));
     record.addInt(quint32(blockSizeKb));
-    return record.result();
+    return record.take();
 }
 
 QString ChannelIpSettings::fromByteArray(const QByteArray &data)
@@ -146,7 +148,7 @@ QByteArray AbonentIpSettings::toByteArray() const
     record.addInt(address.isNull() ? nullTextLength : quint32(textBytes));
     record.addText(address);
     record.addInt(quint32(port));
-    return record.result();
+    return record.take();
 }
 
 QString AbonentIpSettings::fromByteArray(const QByteArray &data)

@@ -139,7 +139,7 @@ const std::map<std::string, Operation> cases = {
 
 int main(int argc, char **argv)
 {
-    QCoreApplication::setEventDispatcher(CConnectionDispatcher::create().release()); // as a worker's
+    QCoreApplication::setEventDispatcher(new CConnectionDispatcher); // as a worker's
     const QCoreApplication application(argc, argv);
     const auto found = cases.find(argc > 1 ? argv[1] : "");
     if (found == cases.end()) {

@@ -7,8 +7,11 @@
 #include <QElapsedTimer>
 #include <QTcpServer>
 #include <QTest>
+#include <QThread>
 
 #include <memory>
+
+#include <sys/resource.h>
 
 class TestCIpChannel : public QObject
 {
@@ -94,6 +97,22 @@ private Q_SLOTS:
         QCOMPARE(taken, QByteArray("0123456789"));
     }
 
+    void waitsWithoutADescriptorOfItsOwn()
+    {
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit none = {3, limit.rlim_max};
+        QThread worker;
+        worker.setEventDispatcher(new CConnectionDispatcher);
+        setrlimit(RLIMIT_NOFILE, &none);
+        worker.start();
+        QThread::msleep(50);
+        worker.quit();
+        const bool hasEnded = worker.wait(2000);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        QVERIFY(hasEnded);
+    }
+
     void endsTheConnection()
     {
         channel->write("last");
@@ -106,7 +125,7 @@ private Q_SLOTS:
 
 int main(int argc, char **argv)
 {
-    QCoreApplication::setEventDispatcher(CConnectionDispatcher::create().release()); // as a worker's
+    QCoreApplication::setEventDispatcher(new CConnectionDispatcher); // as a worker's
     const QCoreApplication application(argc, argv);
     TestCIpChannel test;
     return QTest::qExec(&test, argc, argv);
