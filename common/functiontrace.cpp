@@ -21,19 +21,25 @@ bool isTracing()
     if (known >= 0)
         return known > 0;
 
+    const CTerminationGuard guard;
     const bool isOn = CSettings().debugAll();
     gFunctionsDebuging.store(isOn ? 1 : 0, std::memory_order_relaxed);
     const QMutexLocker locker(&gStackMutex);
-    gStack.reserve(trailLength + 1); // an entry is added before the oldest goes
+    gStack.reserve(trailLength);
     return isOn;
 }
 
-void addToTrail(const QString &scope)
+// The memory of the oldest name serves the newest. No guard is needed: a thread is ended where it waits for
+// the system, and here it does not.
+template <typename Text>
+void addToTrail(const Text &scope)
 {
     const QMutexLocker locker(&gStackMutex);
-    gStack.append(scope);
-    if (gStack.size() > trailLength)
-        gStack.removeFirst();
+    if (gStack.size() < trailLength)
+        gStack.append(QString());
+    else
+        gStack.move(0, gStack.size() - 1);
+    gStack.last() = scope;
 }
 
 void write(const QString &source, const QString &text)
@@ -45,23 +51,29 @@ void write(const QString &source, const QString &text)
 
 _CFunctionDebug::_CFunctionDebug(const char *function)
 {
-    const CTerminationGuard guard;
-    enter(QString::fromLatin1(function));
+    if (isTracing())
+        enter(QString::fromLatin1(function));
+    else
+        addToTrail(QLatin1String(function));
 }
 
 _CFunctionDebug::_CFunctionDebug(const char *file, int line, const char *function)
 {
-    const CTerminationGuard guard;
-    enter(QStringLiteral("%1:%2 %3")
-              .arg(QString::fromLatin1(file).mid(filePrefixLength), QString::number(line),
-                   QString::fromLatin1(function)));
+    const QString scope = QStringLiteral("%1:%2 %3")
+                              .arg(QString::fromLatin1(file).mid(filePrefixLength), QString::number(line),
+                                   QString::fromLatin1(function));
+    if (isTracing())
+        enter(scope);
+    else
+        addToTrail(scope);
 }
 
 _CFunctionDebug::~_CFunctionDebug()
 {
+    if (gFunctionsDebuging.load(std::memory_order_relaxed) == 0)
+        return;
     const CTerminationGuard guard;
-    if (gFunctionsDebuging.load(std::memory_order_relaxed) != 0)
-        write(QStringLiteral("_CFunctionDebug"), QStringLiteral("%1 }").arg(name));
+    write(QStringLiteral("_CFunctionDebug"), QStringLiteral("%1 }").arg(name));
 }
 
 QStringList _CFunctionDebug::stack()
@@ -73,10 +85,7 @@ QStringList _CFunctionDebug::stack()
 
 void _CFunctionDebug::enter(const QString &scope)
 {
-    if (!isTracing()) {
-        addToTrail(scope);
-        return;
-    }
+    const CTerminationGuard guard;
     name = scope;
     write(QStringLiteral("_CFunctionDebug"), QStringLiteral("%1 {").arg(name));
 }
