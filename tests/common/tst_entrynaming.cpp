@@ -18,37 +18,30 @@ class TestEntryNaming : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    // Entries of a directory, a slash behind those that are directories, and the first names given in it.
-    void continues_data()
-    {
-        QTest::addColumn<QString>("entries");
-        QTest::addColumn<QString>("names");
-        const auto row = [](const char *name, const QString &entries, const QString &names) {
-            QTest::newRow(name) << entries << names;
-        };
-        row("empty", ""_s, "00000001 00000002 00000001.task"_s);
-        row("after the last", "00000001/ 00000007/ 00000003.task"_s, "00000008 00000009 00000004.task"_s);
-        row("others are not seen", "123456789/ abc/ 0000000a/"_s, "00000001 00000002 00000001.task"_s);
-        row("a file is taken, not seen", "00000003/ 00000004 99999999"_s,
-            "00000005 00000006 00000001.task"_s);
-        row("nine digits", "99999999/ 99999999.task"_s, "100000000 100000001 100000000.task"_s);
-        row("a word comes last", "00000003.task _16838.task"_s, "00000001 00000002 00000001.task"_s);
-        row("any letter case", "00000041.TASK"_s, "00000001 00000002 00000042.task"_s);
-        row("to the first point", "00000005.x.task"_s, "00000001 00000002 00000006.task"_s);
-        row("the largest int", "2147483647.task"_s, "00000001 00000002 2147483648.task"_s);
-        row("digits of any script", "٠٠٠٠٠٠٠٩/ 00000004/"_s, "00000001 00000002 00000001.task"_s);
-    }
-
     void continues()
     {
-        QFETCH(QString, entries);
-        QFETCH(QString, names);
-        const QTemporaryDir place;
-        const QDir directory(place.path());
-        TestInstallation::plant(place.path(), entries);
-        const QStringList given{nextMessageDirName(directory), nextMessageDirName(directory),
-                                nextTaskFileName(directory)};
-        QCOMPARE(given.join(QLatin1Char(' ')), names);
+        // Entries of a directory, a slash behind those that are directories; the first names given in it.
+        const QPair<QString, QString> rows[] = {
+            {""_s, "00000001 00000002 00000001.task"_s},
+            {"00000001/ 00000007/ 00000003.task"_s, "00000008 00000009 00000004.task"_s},
+            {"123456789/ abc/ 0000000a/"_s, "00000001 00000002 00000001.task"_s}, // others are not seen
+            {"00000003/ 00000004 99999999"_s,
+             "00000005 00000006 00000001.task"_s}, // a file is taken, not seen
+            {"99999999/ 99999999.task"_s, "100000000 100000001 100000000.task"_s},
+            {"00000003.task _16838.task"_s, "00000001 00000002 00000001.task"_s}, // a word comes last
+            {"00000041.TASK"_s, "00000001 00000002 00000042.task"_s},
+            {"00000005.x.task"_s, "00000001 00000002 00000006.task"_s}, // to the first point
+            {"2147483647.task"_s, "00000001 00000002 2147483648.task"_s},
+            {"٠٠٠٠٠٠٠٩/ 00000004/"_s, "00000001 00000002 00000001.task"_s}, // digits of any script
+        };
+        for (const auto &[entries, names] : rows) {
+            const QTemporaryDir place;
+            const QDir directory(place.path());
+            TestInstallation::plant(place.path(), entries);
+            const QStringList given{nextMessageDirName(directory), nextMessageDirName(directory),
+                                    nextTaskFileName(directory)};
+            QCOMPARE(given.join(QLatin1Char(' ')), names);
+        }
     }
 
     void givesUpAfterItsCandidates()

@@ -74,255 +74,248 @@ class TestLogWriter : public QObject
 
 private Q_SLOTS:
     void init() { clean(); }
-    void recordsHaveTheirForm();
-    void switchesDecide();
-    void aFileTakenAwayIsMadeAnew();
-    void aTornLineEnds();
-    void emergencyRecordsNeedNothing();
-    void theHeadComesFirstAndOnce();
-    void threadsHaveSlots();
-    void aHostsHandlerMayLogAndReadSettings();
-    void aKilledThreadLeavesTheLogOpen();
-};
-
-void TestLogWriter::recordsHaveTheirForm()
-{
-    const QString name = "CIpChannel"_s;
-    const QByteArray start = "12:04:05.123                CIpChannel";
-    const QByteArray later(38, ' ');
-    const QChar odd[] = {QLatin1Char('a'), QChar(0),          QLatin1Char('\r'),
-                         QChar(0xd800),    QLatin1Char('\n'), QLatin1Char('b')};
-    const struct
+    void recordsHaveTheirForm()
     {
-        QString source, text;
-        int tab;
-        QByteArray bytes;
-    } rows[] = {
-        {name, "Имя %1 %2"_s, 1, start + "    Имя %1 %2\n"},
-        {name, "a\n\nb"_s, 1, start + "    a\n\n" + later + "    b\n"},
-        {name, "\n12:00:00.000 x"_s, 2, '\n' + start + "        12:00:00.000 x\n"},
-        {name, "a\n"_s, 1, start + "    a\n\n"},
-        {name, QString(), 1, "\n"},
-        {name, QString(odd, 6), 1, start + QByteArray("    a\0\r?\n", 9) + later + "    b\n"},
-        {"1234567890123456789012345"_s, name, 1, "12:04:05.123 1234567890123456789012345    CIpChannel\n"},
-        {"12345678901234567890123456"_s, name, 1, "12:04:05.123 1234567890123456789012...    CIpChannel\n"},
-    };
-    LogFormat::TimeText time;
-    std::copy_n("12:04:05.123", time.size(), time.begin());
-    for (const auto &row : rows)
-        QCOMPARE(bytesOf(LogFormat::record(time, row.source, row.tab, row.text)), row.bytes);
-
-    // The conversion is our own: pieces of all kinds in all orders, with Qt's for comparison.
-    const QString pieces[] = {"twelve units"_s, "Ж"_s,         "\u20ac"_s,
-                              "\U0001f600"_s,   QChar(0xd800), QChar(0xdc00)};
-    for (int order = 0; order < 6 * 6 * 6 * 6; ++order) {
-        QString text;
-        for (int rest = order + 1296; rest > 1; rest /= 6)
-            text += pieces[rest % 6];
-        QCOMPARE(bytesOf(LogFormat::record(time, name, 1, text)), start + "    " + text.toUtf8() + '\n');
-    }
-}
-
-void TestLogWriter::switchesDecide()
-{
-    const QString outcome = Forked::text([] {
-        writeSettings("[Debug]\ntransportConnects=false\njournals=true\n");
-        for (const int level : {0, 1, 3, 7, 18, 21, 25, -1})
-            put(QByteArray::number(level).constData(), level);
-        writeSettings("[Debug]\ntransportConnects=true\njournals=false\n");
-        put("7 on", 7);
-        put("18 off", 18);
-        MessageCatcher messages;
-        debug("S"_s, "a\n\"b\" ж"_s, DebugAlways, DebugFlagNone);
-        debug("S"_s, "file"_s, DebugAlways, DebugFlagFileOnly);
-        debug("S"_s, "off"_s, DebugIpcData, DebugFlagNone);
-        return records() + messages.takeAll();
-    });
-    QVERIFY2(outcome.startsWith("1 0|1 3|1 18|1 21|1 25|1 -1|1 7 on|1 a|"_s), qPrintable(outcome));
-    QVERIFY2(outcome.endsWith("|1 file|\"S\" \"a\\n\\\"b\\\" ж\""_s), qPrintable(outcome));
-}
-
-// Amid many records, of which only the first look at the path.
-void TestLogWriter::aFileTakenAwayIsMadeAnew()
-{
-    const QString outcome = Forked::text([] {
-        const QString away = path() + "/data/away"_s;
-        const QString directory = path() + "/data/0/log"_s;
-        for (int i = 0; i < 200; ++i)
-            put("renamed");
-        QFile::rename(logPath(), away);
-        put("deleted");
-        QString result = records();
-        QFile::remove(logPath());
-        put("moved");
-        result += records();
-        QDir().rename(directory, away + QLatin1Char('2'));
-        QThread::msleep(10); // a change above the file shows with the next tick of the clock
-        put("anew");
-        return result + records() + QString::number(read(away).count("renamed"));
-    });
-    QCOMPARE(outcome, "1 deleted|1 moved|1 anew|200"_s);
-}
-
-void TestLogWriter::aTornLineEnds()
-{
-    const QString outcome = Forked::text([] {
-        MessageCatcher messages;
-        put("before");
-        const auto size = static_cast<rlim_t>(QFileInfo(logPath()).size());
-        for (const rlim_t limit : {size + 44, size, RLIM_INFINITY}) {
-            const rlimit limits = {limit, RLIM_INFINITY};
-            ::setrlimit(RLIMIT_FSIZE, &limits);
-            QThread::msleep(10); // limits are looked at once per tick of the clock
-            put(limit == RLIM_INFINITY ? "after" : "torn\ngone");
-        }
-        return messages.takeAll() + records();
-    });
-    const QString failed = "Не удалось записать данные в лог файл. Ошибка записи.  \"File too large\"|"_s;
-    QCOMPARE(outcome, failed.repeated(3).chopped(1) + "1 before|1 to|1 after|"_s);
-}
-
-void TestLogWriter::emergencyRecordsNeedNothing()
-{
-    const QString outcome = Forked::text([] {
-        ::umask(077);
-        emergecyDebug("a\n\nb"_s);
-        const QString first = QString::fromUtf8(log());
-        put("record");
-        emergecyDebug("c"_s);
-        return first + QString::number(QFileInfo(logPath()).permissions(), 16) +
-               QString::number(log().count("forceDebug"));
-    });
-    const QRegularExpression expected("^[\\d:]{8}\\.\\d{3} {16}forceDebug {4}a\n\n {4}b\n66002$"_s);
-    QVERIFY2(expected.match(outcome).hasMatch(), qPrintable(outcome));
-}
-
-// Two processes begin a log in the same moment, again and again: one makes it, with its head before all
-// records.
-void TestLogWriter::theHeadComesFirstAndOnce()
-{
-    const QString outcome = Forked::text([] {
-        void *const shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        auto *const arrived = new (shared) std::atomic<int>(0);
-        const auto meet = [arrived] {
-            const int all = (arrived->fetch_add(1) | 1) + 1; // two at a time
-            while (*arrived < all) {
-            }
+        const QString name = "CIpChannel"_s;
+        const QByteArray start = "12:04:05.123                CIpChannel";
+        const QByteArray later(38, ' ');
+        const QChar odd[] = {QLatin1Char('a'), QChar(0),          QLatin1Char('\r'),
+                             QChar(0xd800),    QLatin1Char('\n'), QLatin1Char('b')};
+        const struct
+        {
+            QString source, text;
+            int tab;
+            QByteArray bytes;
+        } rows[] = {
+            {name, "Имя %1 %2"_s, 1, start + "    Имя %1 %2\n"},
+            {name, "a\n\nb"_s, 1, start + "    a\n\n" + later + "    b\n"},
+            {name, "\n12:00:00.000 x"_s, 2, '\n' + start + "        12:00:00.000 x\n"},
+            {name, "a\n"_s, 1, start + "    a\n\n"},
+            {name, QString(), 1, "\n"},
+            {name, QString(odd, 6), 1, start + QByteArray("    a\0\r?\n", 9) + later + "    b\n"},
+            {"1234567890123456789012345"_s, name, 1,
+             "12:04:05.123 1234567890123456789012345    CIpChannel\n"},
+            {"12345678901234567890123456"_s, name, 1,
+             "12:04:05.123 1234567890123456789012...    CIpChannel\n"},
         };
-        QCoreApplication::setApplicationName("name"_s);
-        ::umask(077);
-        const pid_t other = ::fork();
-        QString result;
-        for (int round = 0; round < 300; ++round) {
-            meet();
-            put("x");
-            meet();
-            if (other != 0 && (log().count("Версия") != 2 || records() != "1 x|1 x|"_s))
-                result += QString::fromUtf8(log());
-            const QFileInfo made(logPath());
-            if (other != 0 && round == 299)
-                return result + made.fileName() + QString::number(made.permissions(), 16) +
-                       QString::number(QFileInfo(made.path()).permissions(), 16);
-            QFile::remove(other != 0 ? logPath() : QString());
-        }
-        ::_exit(0);
-    });
-    QCOMPARE(outcome, "name_%1_%2.log66667777"_s.arg(qEnvironmentVariable("USER"),
-                                                     QDate::currentDate().toString("yyyy.MM.dd"_s)));
-}
+        LogFormat::TimeText time;
+        std::copy_n("12:04:05.123", time.size(), time.begin());
+        for (const auto &row : rows)
+            QCOMPARE(bytesOf(LogFormat::record(time, row.source, row.tab, row.text)), row.bytes);
 
-void TestLogWriter::threadsHaveSlots()
-{
-    const QString outcome = Forked::text([] {
-        int differing = 0;
-        for (int round = 0; round < 300; ++round) {
-            gDebugData = nullptr;
-            std::atomic<int> ready{0};
-            std::atomic<DebugData *> bound[2] = {};
-            Forked::inThreads(2, [&](int number) {
-                ++ready;
-                while (ready < 2) {
-                }
-                bound[number] = boundDebugData();
-            });
-            differing += bound[0] != bound[1];
+        // The conversion is our own: pieces of all kinds in all orders, with Qt's for comparison.
+        const QString pieces[] = {"twelve units"_s, "Ж"_s,         "\u20ac"_s,
+                                  "\U0001f600"_s,   QChar(0xd800), QChar(0xdc00)};
+        for (int order = 0; order < 6 * 6 * 6 * 6; ++order) {
+            QString text;
+            for (int rest = order + 1296; rest > 1; rest /= 6)
+                text += pieces[rest % 6];
+            QCOMPARE(bytesOf(LogFormat::record(time, name, 1, text)), start + "    " + text.toUtf8() + '\n');
         }
-        DebugData own;
-        LoggerData::initDebug(&own);
-        Thread first([] { put("first"); });
-        first.wait();
-        Thread second([] { put("second"); });
-        second.wait();
-        deleteThreadTabLevel(&first);
-        deleteThreadTabLevel(nullptr);
-        Thread([] { put("third"); }).wait();
-        return "%1 %2 "_s.arg(differing).arg(own.tabulations.size()) + records();
-    });
-    QCOMPARE(outcome, "0 2 1 first|2 second|1 third|"_s);
-}
+    }
 
-// The handler has a lock of its own, as a host's window would.
-void TestLogWriter::aHostsHandlerMayLogAndReadSettings()
-{
-    const QString outcome = Forked::text([] {
-        QMutex hosts;
-        std::atomic<int> heard{0};
-        MessageCatcher messages([&](const QString &) {
-            const QMutexLocker locker(&hosts);
-            CSettings().debugJournals();
-            put("heard");
-            ++heard;
+    void switchesDecide()
+    {
+        const QString outcome = Forked::text([] {
+            writeSettings("[Debug]\ntransportConnects=false\njournals=true\n");
+            for (const int level : {0, 1, 3, 7, 18, 21, 25, -1})
+                put(QByteArray::number(level).constData(), level);
+            writeSettings("[Debug]\ntransportConnects=true\njournals=false\n");
+            put("7 on", 7);
+            put("18 off", 18);
+            MessageCatcher messages;
+            debug("S"_s, "a\n\"b\" ж"_s, DebugAlways, DebugFlagNone);
+            debug("S"_s, "file"_s, DebugAlways, DebugFlagFileOnly);
+            debug("S"_s, "off"_s, DebugIpcData, DebugFlagNone);
+            return records() + messages.takeAll();
         });
-        Forked::inThreads(4, [](int) {
+        QVERIFY2(outcome.startsWith("1 0|1 3|1 18|1 21|1 25|1 -1|1 7 on|1 a|"_s), qPrintable(outcome));
+        QVERIFY2(outcome.endsWith("|1 file|\"S\" \"a\\n\\\"b\\\" ж\""_s), qPrintable(outcome));
+    }
+
+    // Amid many records, of which only the first look at the path.
+    void aFileTakenAwayIsMadeAnew()
+    {
+        const QString outcome = Forked::text([] {
+            const QString away = path() + "/data/away"_s;
+            const QString directory = path() + "/data/0/log"_s;
             for (int i = 0; i < 200; ++i)
-                debug("Test"_s, "said"_s, DebugAlways, DebugFlagNone);
+                put("renamed");
+            QFile::rename(logPath(), away);
+            put("deleted");
+            QString result = records();
+            QFile::remove(logPath());
+            put("moved");
+            result += records();
+            QDir().rename(directory, away + QLatin1Char('2'));
+            QThread::msleep(10); // a change above the file shows with the next tick of the clock
+            put("anew");
+            return result + records() + QString::number(read(away).count("renamed"));
         });
-        const QByteArray text = log();
-        const QString directory = path() + "/data/0/log"_s;
-        QDir(directory).removeRecursively();
-        write(directory, "in the way");
-        messages.takeAll();
-        put("lost"); // warns; the handler's own record fails in turn
-        emergecyDebug("lost"_s);
-        QFile::remove(directory);
-        put("last");
-        return "%1 %2 %3 %4 "_s.arg(heard)
-                   .arg(text.count("said"))
-                   .arg(text.count("heard"))
-                   .arg(log().count("last\n")) +
-               messages.takeAll().remove(directory);
-    });
-    const QString failed = "Не удалось создать каталог для записи лога \"\""_s;
-    QCOMPARE(outcome, "802 800 800 1 "_s + failed + QLatin1Char('|') + failed);
-}
+        QCOMPARE(outcome, "1 deleted|1 moved|1 anew|200"_s);
+    }
 
-void TestLogWriter::aKilledThreadLeavesTheLogOpen()
-{
-    QVERIFY(writeSettings("[Debug]\nall=true\n"));
-    const auto work = [] {
-        const MessageCatcher messages;
-        for (int round = 0; round < 60; ++round) {
-            Thread thread([round] {
-                for (;;) {
-                    TRACE_FUNCTION;
-                    const _CFunctionMeasure measure("measure", true);
-                    debug("Test"_s, "text"_s, DebugTransportTasks, DebugFlagNone);
-                    if (round % 2 == 0)
-                        CSettings().write("X/y"_s, round);
-                    ::usleep(1);
+    void aTornLineEnds()
+    {
+        const QString outcome = Forked::text([] {
+            MessageCatcher messages;
+            put("before");
+            const auto size = static_cast<rlim_t>(QFileInfo(logPath()).size());
+            for (const rlim_t limit : {size + 44, size, RLIM_INFINITY}) {
+                const rlimit limits = {limit, RLIM_INFINITY};
+                ::setrlimit(RLIMIT_FSIZE, &limits);
+                QThread::msleep(10); // limits are looked at once per tick of the clock
+                put(limit == RLIM_INFINITY ? "after" : "torn\ngone");
+            }
+            return messages.takeAll() + records();
+        });
+        const QString failed = "Не удалось записать данные в лог файл. Ошибка записи.  \"File too large\"|"_s;
+        QCOMPARE(outcome, failed.repeated(3).chopped(1) + "1 before|1 to|1 after|"_s);
+    }
+
+    void emergencyRecordsNeedNothing()
+    {
+        const QString outcome = Forked::text([] {
+            ::umask(077);
+            emergecyDebug("a\n\nb"_s);
+            const QString first = QString::fromUtf8(log());
+            put("record");
+            emergecyDebug("c"_s);
+            return first + QString::number(QFileInfo(logPath()).permissions(), 16) +
+                   QString::number(log().count("forceDebug"));
+        });
+        const QRegularExpression expected("^[\\d:]{8}\\.\\d{3} {16}forceDebug {4}a\n\n {4}b\n66002$"_s);
+        QVERIFY2(expected.match(outcome).hasMatch(), qPrintable(outcome));
+    }
+
+    // Two processes begin a log in the same moment, again and again: one makes it, with its head before all
+    // records.
+    void theHeadComesFirstAndOnce()
+    {
+        const QString outcome = Forked::text([] {
+            void *const shared =
+                ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+            auto *const arrived = new (shared) std::atomic<int>(0);
+            const auto meet = [arrived] {
+                const int all = (arrived->fetch_add(1) | 1) + 1; // two at a time
+                while (*arrived < all) {
                 }
+            };
+            QCoreApplication::setApplicationName("name"_s);
+            ::umask(077);
+            const pid_t other = ::fork();
+            QString result;
+            for (int round = 0; round < 300; ++round) {
+                meet();
+                put("x");
+                meet();
+                if (other != 0 && (log().count("Версия") != 2 || records() != "1 x|1 x|"_s))
+                    result += QString::fromUtf8(log());
+                const QFileInfo made(logPath());
+                if (other != 0 && round == 299)
+                    return result + made.fileName() + QString::number(made.permissions(), 16) +
+                           QString::number(QFileInfo(made.path()).permissions(), 16);
+                QFile::remove(other != 0 ? logPath() : QString());
+            }
+            ::_exit(0);
+        });
+        QCOMPARE(outcome, "name_%1_%2.log66667777"_s.arg(qEnvironmentVariable("USER"),
+                                                         QDate::currentDate().toString("yyyy.MM.dd"_s)));
+    }
+
+    void threadsHaveSlots()
+    {
+        const QString outcome = Forked::text([] {
+            int differing = 0;
+            for (int round = 0; round < 300; ++round) {
+                gDebugData = nullptr;
+                std::atomic<int> ready{0};
+                std::atomic<DebugData *> bound[2] = {};
+                Forked::inThreads(2, [&](int number) {
+                    ++ready;
+                    while (ready < 2) {
+                    }
+                    bound[number] = boundDebugData();
+                });
+                differing += bound[0] != bound[1];
+            }
+            DebugData own;
+            LoggerData::initDebug(&own);
+            Thread first([] { put("first"); });
+            first.wait();
+            Thread second([] { put("second"); });
+            second.wait();
+            deleteThreadTabLevel(&first);
+            deleteThreadTabLevel(nullptr);
+            Thread([] { put("third"); }).wait();
+            return "%1 %2 "_s.arg(differing).arg(own.tabulations.size()) + records();
+        });
+        QCOMPARE(outcome, "0 2 1 first|2 second|1 third|"_s);
+    }
+
+    // The handler has a lock of its own, as a host's window would.
+    void aHostsHandlerMayLogAndReadSettings()
+    {
+        const QString outcome = Forked::text([] {
+            QMutex hosts;
+            std::atomic<int> heard{0};
+            MessageCatcher messages([&](const QString &) {
+                const QMutexLocker locker(&hosts);
+                CSettings().debugJournals();
+                put("heard");
+                ++heard;
             });
-            QThread::msleep(static_cast<unsigned long>(round % 5));
-            thread.terminate();
-            if (!thread.wait(5000))
-                return 1;
-            deleteThreadTabLevel(&thread);
-            put("alive");
-        }
-        return log().count("alive") == 60 && currentTabLevel() <= 2 ? 0 : 2;
-    };
-    QCOMPARE(Forked::run(work), 0);
-}
+            Forked::inThreads(4, [](int) {
+                for (int i = 0; i < 200; ++i)
+                    debug("Test"_s, "said"_s, DebugAlways, DebugFlagNone);
+            });
+            const QByteArray text = log();
+            const QString directory = path() + "/data/0/log"_s;
+            QDir(directory).removeRecursively();
+            write(directory, "in the way");
+            messages.takeAll();
+            put("lost"); // warns; the handler's own record fails in turn
+            emergecyDebug("lost"_s);
+            QFile::remove(directory);
+            put("last");
+            return "%1 %2 %3 %4 "_s.arg(heard)
+                       .arg(text.count("said"))
+                       .arg(text.count("heard"))
+                       .arg(log().count("last\n")) +
+                   messages.takeAll().remove(directory);
+        });
+        const QString failed = "Не удалось создать каталог для записи лога \"\""_s;
+        QCOMPARE(outcome, "802 800 800 1 "_s + failed + QLatin1Char('|') + failed);
+    }
+
+    void aKilledThreadLeavesTheLogOpen()
+    {
+        QVERIFY(writeSettings("[Debug]\nall=true\n"));
+        const auto work = [] {
+            const MessageCatcher messages;
+            for (int round = 0; round < 60; ++round) {
+                Thread thread([round] {
+                    for (;;) {
+                        TRACE_FUNCTION;
+                        const _CFunctionMeasure measure("measure", true);
+                        debug("Test"_s, "text"_s, DebugTransportTasks, DebugFlagNone);
+                        if (round % 2 == 0)
+                            CSettings().write("X/y"_s, round);
+                        ::usleep(1);
+                    }
+                });
+                QThread::msleep(static_cast<unsigned long>(round % 5));
+                thread.terminate();
+                if (!thread.wait(5000))
+                    return 1;
+                deleteThreadTabLevel(&thread);
+                put("alive");
+            }
+            return log().count("alive") == 60 && currentTabLevel() <= 2 ? 0 : 2;
+        };
+        QCOMPARE(Forked::run(work), 0);
+    }
+};
 
 QTEST_GUILESS_MAIN(TestLogWriter)
 #include "tst_logwriter.moc"

@@ -46,10 +46,15 @@ qint64 slowest(int ms, const std::function<void()> &work)
 
 bool allAreRight()
 {
-    bool result = true;
+    int right = 0;
     for (int i = 0; i < keys; ++i)
-        result = result && values[i].contains((CSettings().*getters[i])());
-    return result;
+        right += values[i].contains((CSettings().*getters[i])());
+    return right == keys;
+}
+
+void put(const QString &text)
+{
+    debug("Test"_s, text, DebugAlways, DebugFlagFileOnly);
 }
 
 // Somebody else, who holds the lock for a while and lives on.
@@ -65,29 +70,22 @@ void meddle(int ms)
 {
     const QByteArray text = "; mine\n[Foreign]\nkey=1\n[Details]\nmaxWritingTime=700\n";
     const QString name = settingsPath();
+    const QString edited = name + ".edited"_s;
+    const auto putSlowly = [&] {
+        QFile file(name);
+        file.open(QIODevice::WriteOnly);
+        QThread::usleep(300);
+        file.write(text);
+    };
+    const std::function<bool()> acts[] = {
+        [&] { return Forked::run(holdLock, 65534) == 0; }, [&] { return putSlowly(), true; },
+        [&] {
+            return write(edited, text) && ::rename(QFile::encodeName(edited), QFile::encodeName(name)) == 0;
+        },
+        [&] { return QFile::remove(name); }, [&] { return write(name, text + "garbage\n"); }};
     int round = 0;
     slowest(ms, [&] {
-        const QString edited = name + ".edited"_s;
-        QFile file(name);
-        switch (++round % 5) {
-        case 0: // in place, slowly
-            file.open(QIODevice::WriteOnly);
-            QThread::usleep(300);
-            file.write(text);
-            break;
-        case 1: // in one go
-            write(edited, text);
-            ::rename(QFile::encodeName(edited), QFile::encodeName(name));
-            break;
-        case 2:
-            file.remove();
-            break;
-        case 3:
-            write(name, text + "garbage\n");
-            break;
-        default:
-            Forked::run(holdLock, 65534);
-        }
+        acts[++round % 5]();
         QThread::msleep(3);
     });
     write(name, text);
@@ -136,8 +134,7 @@ private Q_SLOTS:
     {
         QVERIFY(writeSettings("[X]\n"));
         const auto work = [](int) {
-            Forked::mountDisk(QFileInfo(settingsPath()).path(),
-                              "size=4m"); // so that we are quick, where we may
+            Forked::mountDisk(QFileInfo(settingsPath()).path(), "size=4m"); // quick, where we may
             QFile file(settingsPath());
             QElapsedTimer clock;
             clock.start();
@@ -174,8 +171,7 @@ private Q_SLOTS:
             QSKIP("needs to mount a disk");
         QVERIFY(writeSettings("[Details]\nmaxWritingTime=700\n"));
         const auto work = [ms](int number) {
-            std::atomic<bool> isRight{true};
-            std::atomic<int> slow{0};
+            std::atomic<int> wrong{0}, slow{0};
             qint64 stall = 0; // how long the machine lets nobody run
             Forked::inThreads(number == 0 ? 5 : 2, [&](int thread) {
                 if (thread == 0) {
@@ -185,13 +181,12 @@ private Q_SLOTS:
                 int next = 0;
                 const qint64 worst = slowest(ms, [&] {
                     const int i = ++next % keys;
-                    if (!values[i].contains((CSettings().*getters[i])()))
-                        isRight = false;
+                    wrong += !values[i].contains((CSettings().*getters[i])());
                 });
                 slow = qMax(slow.load(), static_cast<int>(worst));
             });
             QThread::msleep(1100);
-            return isRight && allAreRight() && slow <= limitMs + stall ? 0 : 1;
+            return wrong == 0 && allAreRight() && slow <= limitMs + stall ? 0 : 1;
         };
         QCOMPARE(Forked::failures(4, work, [ms] { meddle(ms); }), 0);
 
@@ -210,8 +205,7 @@ private Q_SLOTS:
                 for (int i = 0; i < records; ++i) {
                     const QString line = "%1 %2 %3 "_s.arg(process).arg(thread).arg(i) +
                                          QString((i * 37 + thread) % 300, QLatin1Char('x'));
-                    debug("Test"_s, line + QLatin1Char('\n') + line + "\n\n"_s + line, DebugAlways,
-                          DebugFlagFileOnly);
+                    put(line + QLatin1Char('\n') + line + "\n\n"_s + line);
                 }
             });
             return 0;
@@ -243,25 +237,20 @@ private Q_SLOTS:
         const auto work = [ms](int) {
             if (!Forked::mountDisk(path() + "/data"_s, "size=256k"))
                 return 1;
-            const auto put = [](const QString &text) {
-                debug("Test"_s, text, DebugAlways, DebugFlagFileOnly);
-            };
             put("before"_s);
             QFile filler(path() + "/data/filler"_s);
             filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
             while (filler.write(QByteArray(4096, 'f')) == 4096) {
             }
-            std::atomic<bool> isQuick{true};
-            Forked::inThreads(4, [&](int) {
-                if (slowest(ms, [&] { put(QString(900, QLatin1Char('y'))); }) > limitMs)
-                    isQuick = false;
-            });
+            std::atomic<int> slow{0};
+            Forked::inThreads(
+                4, [&](int) { slow += slowest(ms, [] { put(QString(900, QLatin1Char('y'))); }) > limitMs; });
             filler.remove();
             for (int i = 0; i < 100; ++i)
                 put("after"_s);
             const QRegularExpression after("^[\\d:.]{12} {22}Test(    )+after$"_s,
                                            QRegularExpression::MultilineOption);
-            return isQuick && QString::fromUtf8(log()).count(after) == 100 ? 0 : 2;
+            return slow == 0 && QString::fromUtf8(log()).count(after) == 100 ? 0 : 2;
         };
         QCOMPARE(Forked::failures(1, work), 0);
     }

@@ -1,4 +1,5 @@
-// Processes that die in the middle of a save, and processes that name entries of one directory at once.
+// Saves on disks that are full, have no more inodes or allow no longer files; processes that die in the
+// middle of a save, and processes that name entries of one directory at once.
 #include "common/entrynaming.h"
 #include "common/safesaving.h"
 #include "tests/support/forked.h"
@@ -12,6 +13,7 @@
 #include <csignal>
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,16 +47,68 @@ static void createEntries(const QDir &directory, const QString &list)
     write(list, names);
 }
 
-class TestCrash : public QObject
+// Saves in a fork on a disk that has room for some. @return whether the old or the new is whole, as told
+static bool keeps(const char *disk, int fits, const QString &text, int size)
+{
+    const QTemporaryDir place;
+    const QString target = place.filePath("F"_s);
+    const auto save = [&]() -> int {
+        if (disk && !Forked::mountDisk(place.path(), disk))
+            return 1; // where we may not, the row with a limit covers the writing
+        Global::safeSaving(target, QByteArray("first")); // and what is read once per process
+        QFile filler(place.filePath("filler"_s));
+        const rlimit limit = {static_cast<rlim_t>(fits), RLIM_INFINITY};
+        if (!disk) {
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+        } else if (filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
+            while (filler.write(QByteArray(4096, 'f')) == 4096) {
+            }
+            filler.resize(filler.size() - qMax(fits, 0));
+        }
+        const QByteArray data(size, 'x');
+        const QString result = Global::safeSaving(target, data);
+        const bool isTidy = QDir(place.path()).count() <= 4; // the target, the filler, . and ..
+        return isTidy && (size <= fits ? result.isNull() && read(target) == data
+                                       : result == text && read(target) == "first");
+    };
+    return Forked::run(save) == 1;
+}
+
+class TestSaves : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void leavesAWholeVersion()
+    void initTestCase()
     {
         clean();
         qInstallMessageHandler(
             [](QtMsgType, const QMessageLogContext &, const QString &) {}); // the log's echo
+    }
+
+    void keepsTheOldContents()
+    {
+        const QString writing = "Не удалось записать все данные в файл за отведенное время. "_s;
+        const QString full = writing + "No space left on device"_s;
+        const struct
+        {
+            const char *disk; // options of its mount; or none: this disk, and a limit on file sizes
+            int fits;         // the largest size that does
+            QString text;
+        } rows[] = {
+            {"size=256k", 0, full},
+            {"size=256k", 16384, full},
+            {"size=4m,nr_inodes=3", -1, "Не удалось открыть файл для записи. No space left on device."_s},
+            {nullptr, 8192, writing + "File too large"_s},
+        };
+        for (const auto &[disk, fits, text] : rows) {
+            for (const int size : {0, 1, 8192, 16383, 16384, 16385, 1 << 20})
+                QVERIFY2(keeps(disk, fits, text, size), qPrintable("%1 %2"_s.arg(text).arg(size)));
+        }
+    }
+
+    void leavesAWholeVersion()
+    {
         const int kills = qEnvironmentVariableIsSet("IPCHANNEL_LONG") ? 3000 : 500;
         // In memory the disk's waiting does not outweigh the moments that matter.
         const QTemporaryDir place(quickTemplate());
@@ -109,5 +163,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestCrash)
-#include "tst_crash.moc"
+QTEST_GUILESS_MAIN(TestSaves)
+#include "tst_saves.moc"
