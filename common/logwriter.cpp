@@ -92,12 +92,18 @@ void append(DebugData *data, const QString &source, const QString &text)
 
 } // namespace
 
+bool isDebugOn(DebugLevel level)
+{
+    const CTerminationGuard guard;
+    return level == DebugAlways || gFunctionsDebuging.load(std::memory_order_relaxed) > 0 ||
+           isSwitchedOn(level);
+}
+
 void debug(QString source, const QString &text, DebugLevel level, DebugFlag flag)
 {
     const CTerminationGuard guard;
     DebugData *const data = boundDebugData();
-    if (level != DebugAlways && gFunctionsDebuging.load(std::memory_order_relaxed) <= 0 &&
-        !isSwitchedOn(level))
+    if (!isDebugOn(level))
         return;
     if ((flag & DebugFlagFileOnly) == 0)
         Messages::say(QtDebugMsg, Messages::format(QString(), {source, text}));

@@ -45,6 +45,10 @@ enum DebugFlag : int
 /// it is on, every category is written. Not exported: each module has its own.
 extern std::atomic<int> gFunctionsDebuging;
 
+/// @return whether debug() writes records of this category at present; to be asked before a text is put
+/// together that often nobody wants. [any thread]
+bool isDebugOn(DebugLevel level);
+
 /// Writes one record into the log of this process, unless the switch of its category is off.
 ///
 /// @param source who speaks; a class name, shown right-aligned in 25 columns, a longer one cut

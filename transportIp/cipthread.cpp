@@ -32,9 +32,11 @@ constexpr int lockWaitMs = 50;   // a protocol's start() or destructor may hold 
 constexpr int reportWaitMs = 50; // a report of a worker left behind may hang in the host
 constexpr uint stackBytes = 1024 * 1024;
 
+constexpr DebugLevel logLevel = DebugTransportConnects;
+
 void log(const QString &text)
 {
-    debug(QStringLiteral("CIpThread"), text, DebugTransportConnects, DebugFlagNone);
+    debug(QStringLiteral("CIpThread"), text, logLevel, DebugFlagNone);
 }
 
 /// While one lives inside a CTerminationGuard, its thread can be ended after all.
@@ -190,9 +192,10 @@ void CIpThread::adoptDescriptor()
         const QMutexLocker locker(&nameMutex);
         abonentName.clear();
     }
-    log(QStringLiteral("Входящее соединение от %1:%2 (handle: %3, connectionId: %4)")
-            .arg(abonentSettings.address, QString::number(abonentSettings.port),
-                 QString::number(socketDescriptor), QString::number(connectionId)));
+    if (isDebugOn(logLevel)) // every connection comes by
+        log(QStringLiteral("Входящее соединение от %1:%2 (handle: %3, connectionId: %4)")
+                .arg(abonentSettings.address, QString::number(abonentSettings.port),
+                     QString::number(socketDescriptor), QString::number(connectionId)));
 
     const QString text = QStringLiteral("Входящее соединение от %1").arg(abonentSettings.address);
     monitorHandle = report.addConnection(ipChannelKind, label, text);
@@ -333,8 +336,9 @@ void CIpThread::converse()
 void CIpThread::reportFarewell()
 {
     const QString remoteName = protocol->remoteAbonentName;
-    log(QStringLiteral("Потеряно соединение с абонентом '%1' %2:%3")
-            .arg(remoteName, abonentSettings.address, QString::number(abonentSettings.port)));
+    if (isDebugOn(logLevel)) // every connection comes by
+        log(QStringLiteral("Потеряно соединение с абонентом '%1' %2:%3")
+                .arg(remoteName, abonentSettings.address, QString::number(abonentSettings.port)));
     journalEvent(QStringLiteral("Потеряно соединение с абонентом '%1'").arg(remoteName));
 
     const bool isCall = mode == PlaceCall;
