@@ -55,16 +55,6 @@ QByteArray bytesOf(const LogFormat::Record &record)
     return QByteArray(record.constData(), record.size());
 }
 
-class Thread : public QThread
-{
-public:
-    explicit Thread(std::function<void()> theWork) : work(std::move(theWork)) { start(); }
-    void run() override { work(); }
-
-private:
-    const std::function<void()> work;
-};
-
 } // namespace
 
 // Each case is a process of its own.
@@ -241,16 +231,16 @@ private Q_SLOTS:
             }
             DebugData own;
             LoggerData::initDebug(&own);
-            Thread first([] { put("first"); });
-            first.wait();
-            Thread second([] { put("second"); });
-            second.wait();
-            deleteThreadTabLevel(&first);
-            deleteThreadTabLevel(nullptr);
-            Thread([] { put("third"); }).wait();
+            std::unique_ptr<QThread> threads[3];
+            for (int i = 0; i < 3; ++i) {
+                threads[i].reset(QThread::create([i] { put(QByteArray::number(i).constData()); }));
+                threads[i]->start();
+                threads[i]->wait();
+                deleteThreadTabLevel(i == 1 ? threads[0].get() : nullptr);
+            }
             return "%1 %2 "_s.arg(differing).arg(own.tabulations.size()) + records();
         });
-        QCOMPARE(outcome, "0 2 1 first|2 second|1 third|"_s);
+        QCOMPARE(outcome, "0 2 1 0|2 1|1 2|"_s);
     }
 
     // The handler has a lock of its own, as a host's window would.
@@ -286,34 +276,6 @@ private Q_SLOTS:
         });
         const QString failed = "Не удалось создать каталог для записи лога \"\""_s;
         QCOMPARE(outcome, "802 800 800 1 "_s + failed + QLatin1Char('|') + failed);
-    }
-
-    void aKilledThreadLeavesTheLogOpen()
-    {
-        QVERIFY(writeSettings("[Debug]\nall=true\n"));
-        const auto work = [] {
-            const MessageCatcher messages;
-            for (int round = 0; round < 60; ++round) {
-                Thread thread([round] {
-                    for (;;) {
-                        TRACE_FUNCTION;
-                        const _CFunctionMeasure measure("measure", true);
-                        debug("Test"_s, "text"_s, DebugTransportTasks, DebugFlagNone);
-                        if (round % 2 == 0)
-                            CSettings().write("X/y"_s, round);
-                        ::usleep(1);
-                    }
-                });
-                QThread::msleep(static_cast<unsigned long>(round % 5));
-                thread.terminate();
-                if (!thread.wait(5000))
-                    return 1;
-                deleteThreadTabLevel(&thread);
-                put("alive");
-            }
-            return log().count("alive") == 60 && currentTabLevel() <= 2 ? 0 : 2;
-        };
-        QCOMPARE(Forked::run(work), 0);
     }
 };
 

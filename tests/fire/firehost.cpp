@@ -1,5 +1,6 @@
 #include "tests/fire/firehost.h"
 
+#include "common/csettings.h"
 #include "common/debugdata.h"
 #include "common/functiontrace.h"
 #include "common/logwriter.h"
@@ -65,9 +66,12 @@ void lockTwice()
 
 void logForEver()
 {
-    for (;;) {
+    for (int round = 0;; ++round) {
         TRACE_FUNCTION;
+        const _CFunctionMeasure measure("straggler", true);
         debug(QStringLiteral("straggler"), QStringLiteral("line"), DebugAlways, DebugFlagFileOnly);
+        if (round % 32 == 0)
+            CSettings().write(QStringLiteral("X/y"), round);
     }
 }
 
