@@ -86,7 +86,12 @@ void write(ScriptedProtocol *protocol)
 void prepare(ScriptedProtocol *protocol, const QByteArray &script)
 {
     ++counter.protocols;
-    protocol->onDelete = [](ScriptedProtocol *) { --counter.protocols; };
+    protocol->onDelete = [](ScriptedProtocol *p) {
+        --counter.protocols;
+        p->finished(); // once more than wanted
+    };
+    if (script == "endingAtOnce")
+        protocol->onStart = [](ScriptedProtocol *p) { p->finished(); };
     if (script == "named")
         protocol->onStart = [](ScriptedProtocol *p) { p->announce(p->label); };
     if (script == "unreading")
@@ -154,7 +159,7 @@ public:
         else if (verb == "log")
             debug(QStringLiteral("FireHost"), text, DebugAlways, DebugFlagFileOnly);
         else if (verb == "script")
-            script = words.value(1);
+            factory->refuses = (script = words.value(1)) == "refusing";
         else if (verb == "limit")
             setLimit(words.value(1), words.value(2).toInt());
         else if (verb == "stop")

@@ -637,6 +637,8 @@ private Q_SLOTS:
                 "settings",
                 "script named",
                 "script echo",
+                "script refusing",
+                "script endingAtOnce",
                 chance(4) == 0 ? "stop 2" : "stop 1",
                 "keep " + QByteArray::number(chance(20)),
                 "disconnect" + name + QByteArray::number(chance(20) - 1),

@@ -6,7 +6,6 @@
 #include "transportIp/cipserver.h"
 #include "transportIp/cipsettings.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 #include <QTcpServer>
 #include <QTest>
@@ -14,11 +13,6 @@
 #include <sys/socket.h>
 
 namespace {
-
-int openDescriptors()
-{
-    return QDir("/proc/self/fd"_s).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size();
-}
 
 QByteArray recordFor(int port)
 {
@@ -246,49 +240,6 @@ private Q_SLOTS:
         const QString cancelled =
             "0 Вызов отменен: Вызываем абонента 'cancelled' (127.0.0.1:%1)"_s.arg(silent.serverPort());
         QVERIFY(QTest::qWaitFor([&] { return host->journal.contains(cancelled); }));
-    }
-
-    /// Protocols and connections that end at unusual moments: each ends that one connection only.
-    void endsCleanly_data()
-    {
-        QTest::addColumn<int>("how");
-        int how = 0;
-        for (const char *name : {"factory refuses", "peer resets at once", "finished inside start",
-                                 "finished inside stop, stopped before it exists", "finished twice"})
-            QTest::newRow(name) << how++;
-    }
-
-    void endsCleanly()
-    {
-        QFETCH(int, how);
-        host->factory->refuses = how == 0;
-        host->factory->script = [how, this](ScriptedProtocol *protocol) {
-            if (how == 2)
-                protocol->onStart = [](ScriptedProtocol *p) { p->finished(); };
-            if (how == 3)
-                protocol->onStart = [this](ScriptedProtocol *) {
-                    QMetaObject::invokeMethod(server.get(), "disconnectFromAbonent",
-                                              Qt::BlockingQueuedConnection, Q_ARG(QString, QString()),
-                                              Q_ARG(int, 1));
-                };
-            if (how == 4)
-                protocol->onDelete = [](ScriptedProtocol *p) { p->finished(); };
-        };
-        const int before = openDescriptors();
-        for (int i = 0; i < 3; ++i) {
-            auto client = connectedClient();
-            const linger byReset = {how == 1, 0};
-            ::setsockopt(int(client->socketDescriptor()), SOL_SOCKET, SO_LINGER, &byReset, sizeof byReset);
-            if (how == 1 || how == 4)
-                client->abort();
-            QVERIFY(QTest::qWaitFor([&] { return client->state() == QAbstractSocket::UnconnectedState; }));
-            QVERIFY(QTest::qWaitFor([&] { return host->monitor.shown() == 0; }));
-        }
-        host->factory->refuses = false;
-        host->factory->script = nullptr;
-        QTest::qWait(30);
-        QVERIFY(echoes(connectedClient().get(), "still serving"));
-        QVERIFY(QTest::qWaitFor([&] { return openDescriptors() == before; }));
     }
 
     void endsAConnectionThatIsDeadFromTheStart()
