@@ -105,7 +105,8 @@ void CConnectionDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
 
 void CConnectionDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
 {
-    notifiers.erase(std::remove(notifiers.begin(), notifiers.end(), notifier), notifiers.end());
+    const auto end = std::remove(notifiers.begin(), notifiers.end(), notifier);
+    notifiers.resize(int(end - notifiers.begin()));
     std::replace(activated.begin(), activated.end(), notifier, static_cast<QSocketNotifier *>(nullptr));
 }
 
@@ -210,14 +211,14 @@ int CConnectionDispatcher::waitForSockets(bool withNotifiers, qint64 timeoutNs)
             polled.push_back({int(notifier->socket()), pollEvents(notifier->type()).wanted, 0});
     }
     const timespec timeout = {time_t(timeoutNs / nsPerSecond), long(timeoutNs % nsPerSecond)};
-    return ::ppoll(polled.data(), polled.size(), timeoutNs < 0 ? nullptr : &timeout, nullptr);
+    return ::ppoll(polled.data(), nfds_t(polled.size()), timeoutNs < 0 ? nullptr : &timeout, nullptr);
 }
 
 int CConnectionDispatcher::activateNotifiers()
 {
     activated.clear();
     int handled = 0;
-    for (size_t i = 1; i < polled.size(); ++i) {
+    for (int i = 1; i < polled.size(); ++i) {
         QSocketNotifier *notifier = notifiers[i - 1];
         const bool hasBytesOnly = polled[i].revents == POLLIN && notifier->type() == QSocketNotifier::Read;
         if (hasBytesOnly && directSocket && directSocket->keepsFromQt(notifier->socket()))
@@ -227,7 +228,7 @@ int CConnectionDispatcher::activateNotifiers()
     }
 
     QEvent event(QEvent::SockAct);
-    for (size_t i = 0; i < activated.size(); ++i) {
+    for (int i = 0; i < activated.size(); ++i) {
         if (QSocketNotifier *notifier = std::exchange(activated[i], nullptr)) {
             QCoreApplication::sendEvent(notifier, &event);
             ++handled;

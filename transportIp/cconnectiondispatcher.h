@@ -7,7 +7,7 @@
 #pragma once
 
 #include <QAbstractEventDispatcher>
-#include <QVector>
+#include <QVarLengthArray>
 
 #include <atomic>
 #include <vector>
@@ -85,9 +85,10 @@ private:
     bool turnAgain = false;
     int turnsWithoutLook = 0;
 
-    std::vector<QSocketNotifier *> notifiers;
-    std::vector<pollfd> polled;               // what the last wait looked at: the wake-up, then notifiers
-    std::vector<QSocketNotifier *> activated; // of this round; null where one was unregistered meanwhile
+    // A connection has two or three notifiers.
+    QVarLengthArray<QSocketNotifier *, 4> notifiers;
+    QVarLengthArray<pollfd, 5> polled; // what the last wait looked at: the wake-up, then notifiers
+    QVarLengthArray<QSocketNotifier *, 4> activated; // of this round; null: unregistered meanwhile
     std::vector<Timer> timers;
     quint64 timerRound = 0;
 };

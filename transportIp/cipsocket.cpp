@@ -23,7 +23,8 @@ qint64 queueBound()
 } // namespace
 
 CIpSocket::CIpSocket()
-    : dispatcher(qobject_cast<CConnectionDispatcher *>(QAbstractEventDispatcher::instance()))
+    : dispatcher(qobject_cast<CConnectionDispatcher *>(QAbstractEventDispatcher::instance())),
+      mayHoldMore(dispatcher) // a caller's first bytes are mostly there when the protocol starts
 {
     setReadBufferSize(readAheadBytes);
     if (dispatcher)
@@ -39,7 +40,6 @@ CIpSocket::~CIpSocket()
 void CIpSocket::tune()
 {
     setSocketOption(QAbstractSocket::LowDelayOption, 1); // protocols answer; nothing here sends in crumbs
-    mayHoldMore = dispatcher != nullptr;                 // a caller's first bytes are mostly there by now
 }
 
 QByteArray CIpSocket::takeArrived(int maxSize)

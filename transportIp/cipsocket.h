@@ -21,7 +21,8 @@ public:
     CIpSocket();
     ~CIpSocket() override;
 
-    /// Sets what can only be set on a connected socket.
+    /// Sends at once what is written. For a connected socket that was not accepted: one that was has
+    /// it from the listener.
     void tune();
 
     /// @return up to @a maxSize bytes of what has arrived; the system is asked only where it may have some
@@ -56,6 +57,6 @@ private:
 
     const QPointer<CConnectionDispatcher> dispatcher; // of the thread it was made in
     qint64 sentThisTurn = 0;
-    bool mayHoldMore = false; // the system, so that asking it is worth a call
+    bool mayHoldMore;         // the system, so that asking it is worth a call
     bool isUntouched = false; // what was last kept from Qt; if it stays so, Qt gets it after all
 };

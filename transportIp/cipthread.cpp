@@ -197,7 +197,7 @@ void CIpThread::adoptDescriptor()
                 .arg(abonentSettings.address, QString::number(abonentSettings.port),
                      QString::number(socketDescriptor), QString::number(connectionId)));
 
-    const QString text = QStringLiteral("Входящее соединение от %1").arg(abonentSettings.address);
+    const QString text = QStringLiteral("Входящее соединение от ") + abonentSettings.address;
     monitorHandle = report.addConnection(ipChannelKind, label, text);
     journalEvent(text);
 }
@@ -224,6 +224,7 @@ bool CIpThread::placeCall()
         report.removeConnection(monitorHandle);
         return false;
     }
+    socket->tune();
     rememberTransport();
 
     const QString text = QStringLiteral("Установлено соединение с %1:%2").arg(abonentSettings.address, port);
@@ -279,7 +280,6 @@ void CIpThread::reportFailedCall()
 bool CIpThread::startProtocol()
 {
     auto madeChannel = std::make_unique<CIpChannel>(socket, monitorHandle, &report);
-    socket->tune();
 
     const QMutexLocker locker(&mutex);
     stopPassedOn = false;
@@ -294,14 +294,15 @@ bool CIpThread::startProtocol()
     // The name reaches the server's thread queued; by then this worker may serve another connection.
     connect(
         protocol, &CAbstractProtocol::remoteAbonentNameChanged, this,
-        [this, handle = monitorHandle] {
+        [this, handle = monitorHandle](const QString &name) {
             const CTerminationGuard guard;
-            const QMutexLocker nameLocker(&nameMutex);
-            announcements.enqueue({connectionNumber, handle});
+            {
+                const QMutexLocker nameLocker(&nameMutex);
+                announcements.enqueue({connectionNumber, handle});
+            }
+            QMetaObject::invokeMethod(this, [this, name] { remoteAbonentNameChanged(name); });
         },
         Qt::DirectConnection);
-    connect(protocol, &CAbstractProtocol::remoteAbonentNameChanged, this,
-            &CIpThread::remoteAbonentNameChanged);
     connect(socket, &QAbstractSocket::errorOccurred, this, &CIpThread::socketError, Qt::DirectConnection);
     if (mode == PlaceCall) {
         protocol->remoteAbonentName = calledName;
@@ -339,7 +340,7 @@ void CIpThread::reportFarewell()
     if (isDebugOn(logLevel)) // every connection comes by
         log(QStringLiteral("Потеряно соединение с абонентом '%1' %2:%3")
                 .arg(remoteName, abonentSettings.address, QString::number(abonentSettings.port)));
-    journalEvent(QStringLiteral("Потеряно соединение с абонентом '%1'").arg(remoteName));
+    journalEvent(QStringLiteral("Потеряно соединение с абонентом '") + remoteName + QLatin1Char('\''));
 
     const bool isCall = mode == PlaceCall;
     if (isCall && !remoteName.isEmpty() && Global::filterName(remoteName) != Global::filterName(calledName)) {

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -54,6 +56,8 @@ bool CTcpServer::listenOn(quint16 port)
         return false;
     pauseAccepting(); // Qt's loop
     ::listen(int(socketDescriptor()), listenQueueLength);
+    const int on = 1; // accepted sockets inherit it: protocols answer, nothing here sends in crumbs
+    ::setsockopt(int(socketDescriptor()), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     readable = std::make_unique<QSocketNotifier>(socketDescriptor(), QSocketNotifier::Read);
     connect(readable.get(), &QSocketNotifier::activated, this, &CTcpServer::acceptConnections);
     return true;

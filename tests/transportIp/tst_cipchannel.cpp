@@ -3,6 +3,7 @@
 #include "transportIp/cipchannel.h"
 #include "transportIp/cipsettings.h"
 #include "transportIp/cipsocket.h"
+#include "transportIp/ctcpserver.h"
 
 #include <QElapsedTimer>
 #include <QTcpServer>
@@ -11,7 +12,10 @@
 
 #include <memory>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 class TestCIpChannel : public QObject
 {
@@ -95,6 +99,19 @@ private Q_SLOTS:
         peer->disconnectFromHost();
         QVERIFY(QTest::qWaitFor([&] { return !channel->isConnected(); }));
         QCOMPARE(taken, QByteArray("0123456789"));
+    }
+
+    void takesCallersWhoseAnswersLeaveAtOnce()
+    {
+        CTcpServer server;
+        QVERIFY(server.listenOn(0));
+        QTcpSocket caller;
+        caller.connectToHost(QHostAddress::LocalHost, server.serverPort());
+        QVERIFY(QTest::qWaitFor([&] { return !server.pendingDescriptors.isEmpty(); }));
+        int isOn = 0;
+        socklen_t size = sizeof isOn;
+        getsockopt(int(server.pendingDescriptors.first()), IPPROTO_TCP, TCP_NODELAY, &isOn, &size);
+        QVERIFY(isOn);
     }
 
     void waitsWithoutADescriptorOfItsOwn()
