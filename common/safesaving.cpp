@@ -124,8 +124,12 @@ int renameBeside(const QString &from, const QString &to)
 // The first free moment of the name: what lies under it, whosever it is, is removed, not opened.
 Descriptor createNew(const QString &name)
 {
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL;
+    Descriptor file = TrustedFile::openOwn(name, flags);
+    if (file.isOpen() || errno != EEXIST)
+        return file;
     const int reason = removeFile(name);
-    Descriptor file = TrustedFile::openOwn(name, O_WRONLY | O_CREAT | O_EXCL);
+    file = TrustedFile::openOwn(name, flags);
     if (!file.isOpen() && errno == EEXIST && reason != 0)
         errno = reason;
     return file;
@@ -239,10 +243,12 @@ namespace Global {
 QString safeSaving(const QString &fileName, const QByteArray &data)
 {
     const CTerminationGuard guard;
-    makePath(QFileInfo(fileName).absoluteDir());
-
     const QString newFileName = fileName + QLatin1String(".new");
     Descriptor file = createNew(newFileName);
+    if (!file.isOpen()) {
+        makePath(QFileInfo(fileName).absoluteDir()); // most often it is there
+        file = createNew(newFileName);
+    }
     if (!file.isOpen())
         file = createNew(newFileName);
     if (!file.isOpen()) {
