@@ -47,6 +47,8 @@ std::atomic<quint64> lastRead[switchCount];
 
 bool isSwitchedOn(int level)
 {
+    if (level == DebugAlways || gFunctionsDebuging.load(std::memory_order_relaxed) > 0)
+        return true;
     CSettings settings;
     if (level < 1 || level >= switchCount)
         return true;
@@ -95,15 +97,14 @@ void append(DebugData *data, const QString &source, const QString &text)
 bool isDebugOn(DebugLevel level)
 {
     const CTerminationGuard guard;
-    return level == DebugAlways || gFunctionsDebuging.load(std::memory_order_relaxed) > 0 ||
-           isSwitchedOn(level);
+    return isSwitchedOn(level);
 }
 
 void debug(QString source, const QString &text, DebugLevel level, DebugFlag flag)
 {
     const CTerminationGuard guard;
     DebugData *const data = boundDebugData();
-    if (!isDebugOn(level))
+    if (!isSwitchedOn(level))
         return;
     if ((flag & DebugFlagFileOnly) == 0)
         Messages::say(QtDebugMsg, Messages::format(QString(), {source, text}));

@@ -10,6 +10,9 @@
 #include <QSettings>
 #include <QtTest>
 
+#include <atomic>
+#include <thread>
+
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -236,6 +239,50 @@ private Q_SLOTS:
                                        QFile::encodeName(settingsPath()).constData()) == 0);
             QCOMPARE(maxWritingTime(), value);
         }
+    }
+
+    // The same while threads read all the time, in every way to reach the file, each by bytes in place first.
+    void everyEditIsSeenByAllAtOnce()
+    {
+        QVERIFY(writeSettings("[Details]\nmaxWritingTime=1000\n"));
+        const QString outcome = Forked::text([] {
+            std::atomic<int> newest{1000};
+            std::atomic<int> late{0};
+            const auto readAlways = [&] {
+                while (newest < 1020) {
+                    const int known = newest;
+                    late += maxWritingTime() < known ? 1 : 0;
+                }
+            };
+            std::thread readers[] = {std::thread(readAlways), std::thread(readAlways)};
+            const QByteArray name = QFile::encodeName(settingsPath());
+            const QByteArray elsewhere = QFile::encodeName(path()) + "/elsewhere";
+            const QByteArray changed = name + ".changed";
+            const auto change = [&](bool done) {
+                late += done && ::rename(changed.constData(), name.constData()) == 0 ? 0 : 100;
+            };
+            for (int value = 1001; value <= 1020; ++value) {
+                QThread::msleep(30); // the file is no fresh one any more
+                const QByteArray text = "[Details]\nmaxWritingTime=" + QByteArray::number(value) + '\n';
+                if (value % 4 == 0) { // a new file
+                    change(write(QFile::decodeName(changed), text));
+                } else if (value % 4 == 1) { // another name of it
+                    ::unlink(elsewhere.constData());
+                    late += ::link(name.constData(), elsewhere.constData()) == 0 ? 0 : 100;
+                } else if (value % 4 == 3) { // a link to it
+                    change(::symlink(elsewhere.constData(), changed.constData()) == 0);
+                }
+                QFile file(QFile::decodeName(value % 2 == 0 ? name : elsewhere));
+                late += file.open(QIODevice::ReadWrite) && file.write(text) == text.size() ? 0 : 100;
+                file.close();
+                newest = value;
+                late += maxWritingTime() < value ? 1 : 0;
+            }
+            for (std::thread &reader : readers)
+                reader.join();
+            return QString::number(late);
+        });
+        QCOMPARE(outcome, "0"_s);
     }
 
     void anEditBeatsADefault()
