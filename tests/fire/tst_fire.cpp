@@ -521,7 +521,7 @@ private Q_SLOTS:
     {
         CConsole console;
         CConsoleMonitor monitor(console, CConsoleMonitor::Silent);
-        RecordingJournal journal;
+        Recorder journal;
         CUnnamedCallers callers(1000, 1000);
         CMessageStore store(0);
         bool isOver = false;

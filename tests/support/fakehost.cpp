@@ -6,42 +6,55 @@
 #include <QTest>
 #include <QThread>
 
-int RecordingMonitor::addConnection(int kind, const QString &label, const QString &text)
+int Recorder::addConnection(int kind, const QString &label, const QString &text)
 {
-    const QMutexLocker locker(&mutex);
-    entries.insert(++lastHandle, {"%1 %2"_s.arg(kind).arg(label), {text}});
-    return lastHandle;
+    const int handle = ++lastHandle;
+    ++shown;
+    setState(handle, "%1 %2 %3"_s.arg(QString::number(kind), label, text));
+    return handle;
 }
 
-RecordingMonitor::Entry RecordingMonitor::entry(int handle) const
+void Recorder::removeConnection(int handle)
 {
-    const QMutexLocker locker(&mutex);
-    return entries.value(handle);
+    --shown;
+    setState(handle, "removed"_s);
 }
 
-int RecordingMonitor::shown() const
+void Recorder::setState(int handle, const QString &text)
 {
-    const QMutexLocker locker(&mutex);
-    return int(std::count_if(entries.cbegin(), entries.cend(),
-                             [](const Entry &entry) { return !entry.label.isEmpty() && !entry.removed; }));
+    note("monitor %1: %2"_s.arg(QString::number(handle), text));
 }
 
-void RecordingJournal::addRecord(int kind, const QString &source, const QString &text)
+void Recorder::addRecord(int kind, const QString &source, const QString &text)
 {
-    const QMutexLocker locker(&mutex);
-    records.append("%1 %2: %3"_s.arg(QString::number(kind), source, text));
+    note("journal %1 %2: %3"_s.arg(QString::number(kind), source, text));
 }
 
-QStringList RecordingJournal::take()
+void Recorder::note(const QString &text)
 {
     const QMutexLocker locker(&mutex);
-    return std::exchange(records, {});
+    texts.append(text);
 }
 
-bool RecordingJournal::contains(const QString &record) const
+QStringList Recorder::take(const QString &start)
 {
     const QMutexLocker locker(&mutex);
-    return records.contains(record);
+    const auto first = std::stable_partition(texts.begin(), texts.end(),
+                                             [&](const QString &text) { return !text.startsWith(start); });
+    const QStringList taken(first, texts.end());
+    texts.erase(first, texts.end());
+    return taken;
+}
+
+bool Recorder::heard(const QString &text) const
+{
+    const QMutexLocker locker(&mutex);
+    return texts.contains(text);
+}
+
+bool Recorder::waitFor(const QString &text, int ms) const
+{
+    return QTest::qWaitFor([&] { return heard(text); }, ms);
 }
 
 ScriptedProtocol::ScriptedProtocol(CChannel *ownedChannel) : CAbstractProtocol(ownedChannel) {}
@@ -101,19 +114,19 @@ CAbstractProtocol *ScriptedFactory::createProtocol(CChannel *channel)
     return protocol;
 }
 
-FakeHost::FakeHost(CChannelServer *equippedServer) : factory(new ScriptedFactory), server(equippedServer)
+FakeHost::FakeHost(CChannelServer *equippedServer) : server(equippedServer)
 {
     server->protocolFactory = factory;
-    server->monitor = &monitor;
-    server->journal = &journal;
-    const auto heard = [this](auto signal, auto slot) {
-        connect(server, signal, this, slot, Qt::DirectConnection);
-    };
-    heard(&CChannelServer::connected,
-          [this](const QString &name, int id) { note("connected %1 %2"_s.arg(name, QString::number(id))); });
-    heard(&CChannelServer::notConnected, [this](const QString &name) { note("notConnected "_s + name); });
-    heard(&CChannelServer::disconnected, [this](const QString &name, int id, bool useful) {
-        note("disconnected %1 %2 "_s.arg(name, QString::number(id)) + (useful ? "useful"_s : "idle"_s));
+    server->monitor = this;
+    server->journal = this;
+    using Server = CChannelServer;
+    QObject::connect(server, &Server::connected, [this](const QString &name, int id) {
+        note("connected %1 %2"_s.arg(name, QString::number(id)));
+    });
+    QObject::connect(server, &Server::notConnected,
+                     [this](const QString &name) { note("notConnected "_s + name); });
+    QObject::connect(server, &Server::disconnected, [this](const QString &name, int id, bool useful) {
+        note("disconnected %1 %2 %3"_s.arg(name, QString::number(id), useful ? "useful"_s : "idle"_s));
     });
 }
 
@@ -122,28 +135,6 @@ bool FakeHost::stopServer(int ms)
     QSignalSpy finished(server, &CChannelServer::finished);
     server->stop();
     return finished.wait(ms);
-}
-
-QStringList FakeHost::takeSignals()
-{
-    const QMutexLocker locker(&mutex);
-    return std::exchange(received, {});
-}
-
-bool FakeHost::waitForSignal(const QString &text, int ms)
-{
-    return QTest::qWaitFor(
-        [&] {
-            const QMutexLocker locker(&mutex);
-            return received.contains(text);
-        },
-        ms);
-}
-
-void FakeHost::note(const QString &text)
-{
-    const QMutexLocker locker(&mutex);
-    received.append(text);
 }
 
 bool echoes(QTcpSocket *client, const QByteArray &bytes, int ms)

@@ -6,61 +6,38 @@
 #include "interfaces/cchannelserver.h"
 #include "tests/support/testinstallation.h"
 
-#include <QMap>
 #include <QMutex>
-#include <QPointer>
 #include <QStringList>
 #include <QTcpSocket>
 
 #include <atomic>
 #include <functional>
 
-class RecordingMonitor : public CChannelMonitor
+/// What a channel tells its host, in order, as texts that begin with the one who is told:
+///   monitor HANDLE: STATE       the first as "KIND LABEL STATE", the last "removed"
+///   journal KIND SOURCE: TEXT
+///   connected NAME ID, notConnected NAME, disconnected NAME ID useful|idle
+class Recorder : public CChannelMonitor, public CJournal
 {
 public:
-    struct Entry
-    {
-        QString label;
-        QStringList states; // the first is what it was added with
-        int received = 0;
-        int sent = 0;
-        bool removed = false;
-    };
-
     int addConnection(int kind, const QString &label, const QString &text) override;
-    void removeConnection(int handle) override { locked(handle).entry.removed = true; }
-    void setState(int handle, const QString &text) override { locked(handle).entry.states.append(text); }
-    void addReceived(int handle, int bytes) override { locked(handle).entry.received += bytes; }
-    void addSent(int handle, int bytes) override { locked(handle).entry.sent += bytes; }
-
-    Entry entry(int handle) const;
-    int shown() const; // entries added and not removed
-    QString state() const { return entry(0).states.value(entry(0).states.size() - 1); } // the channel's own
-
-private:
-    struct Locked
-    {
-        QMutexLocker locker;
-        Entry &entry;
-    };
-    Locked locked(int handle) { return {QMutexLocker(&mutex), entries[handle]}; }
-
-    mutable QMutex mutex;
-    QMap<int, Entry> entries; // 0 is the channel's own
-    int lastHandle = 0;
-};
-
-class RecordingJournal : public CJournal
-{
-public:
+    void removeConnection(int handle) override;
+    void setState(int handle, const QString &text) override;
+    void addReceived(int, int bytes) override { received += bytes; }
+    void addSent(int, int bytes) override { sent += bytes; }
     void addRecord(int kind, const QString &source, const QString &text) override;
+    void note(const QString &text);
 
-    QStringList take(); // "kind source: text", in order
-    bool contains(const QString &record) const;
+    QStringList take(const QString &start); // texts that begin so, and forgets them
+    bool heard(const QString &text) const;
+    bool waitFor(const QString &text, int ms = 5000) const;
+
+    std::atomic<int> received{0}, sent{0}, shown{0}; // bytes; connections
 
 private:
     mutable QMutex mutex;
-    QStringList records;
+    QStringList texts;
+    std::atomic<int> lastHandle{0}; // 0 is the channel's own
 };
 
 /// Echoes what it reads, announces a name when told to, ends when the peer does or at a stop.
@@ -99,31 +76,19 @@ public:
     std::atomic<int> made{0};
 };
 
-/// The host objects of one server, and the server's signals as texts.
-class FakeHost : public QObject
+/// The host of one server, which has to be deleted before.
+class FakeHost : public Recorder
 {
-    Q_OBJECT
-
 public:
-    /// Equips @a equippedServer, which has to be deleted before.
     explicit FakeHost(CChannelServer *equippedServer);
 
     /// Stops the server and waits. @return whether finished() came within @a ms
     bool stopServer(int ms = 10000);
 
-    QStringList takeSignals(); // such as "connected name 1"
-    bool waitForSignal(const QString &text, int ms = 5000);
-
-    RecordingMonitor monitor;
-    RecordingJournal journal;
-    ScriptedFactory *factory; // the server's
+    ScriptedFactory *const factory = new ScriptedFactory; // the server's
 
 private:
-    void note(const QString &text);
-
-    QPointer<CChannelServer> server;
-    mutable QMutex mutex;
-    QStringList received;
+    CChannelServer *const server;
 };
 
 /// @return whether the echo of @a bytes comes back

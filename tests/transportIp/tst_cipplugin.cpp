@@ -16,33 +16,20 @@ private Q_SLOTS:
         QVERIFY(TestInstallation::writeSettings("[Details]\ntransportIpMaxReconnectTimeout=3600\n"));
         constexpr int most = std::numeric_limits<int>::max();
         constexpr int least = std::numeric_limits<int>::min();
-        const int rows[][3] = {// from, longer, shorter
-                               {-50, -40, 10},
-                               {10, 20, 10},
-                               {15, 25, 10},
-                               {29, 39, 19},
-                               {30, 60, 20},
-                               {31, 61, 10},
-                               {35, 65, 10},
-                               {120, 150, 90},
-                               {149, 179, 119},
-                               {150, 300, 120},
-                               {151, 301, 10},
-                               {450, 600, 300},
-                               {600, 900, 450},
-                               {601, 901, 301},
-                               {900, 1200, 600},
-                               {3400, 3600, 3100},
-                               {3600, 3600, 3300},
-                               {5000, 3600, 4700},
-                               {most, 3600, most - 300},
-                               {least, least + 10, 10}};
-        for (const auto &[from, longer, shorter] : rows) {
+        const auto steps = [](int from, int longer, int shorter) {
             int delays[] = {from, from};
             CIpPlugin().incCallTimeout(&delays[0]);
             CIpPlugin().decCallTimeout(&delays[1]);
-            QVERIFY2(delays[0] == longer && delays[1] == shorter, qPrintable(QString::number(from)));
-        }
+            return delays[0] == longer && delays[1] == shorter;
+        };
+        const int rows[][3] = {{-50, -40, 10},     {10, 20, 10},      {15, 25, 10},     {29, 39, 19},
+                               {30, 60, 20},       {31, 61, 10},      {35, 65, 10},     {120, 150, 90},
+                               {149, 179, 119},    {150, 300, 120},   {151, 301, 10},   {450, 600, 300},
+                               {600, 900, 450},    {601, 901, 301},   {900, 1200, 600}, {3400, 3600, 3100},
+                               {3600, 3600, 3300}, {5000, 3600, 4700}};
+        for (const auto &row : rows)
+            QVERIFY2(steps(row[0], row[1], row[2]), qPrintable(QString::number(row[0])));
+        QVERIFY(steps(most, 3600, most - 300) && steps(least, least + 10, 10));
     }
 };
 
