@@ -1,15 +1,16 @@
 // A channel in memory with one fault, named by the environment variable FAULT; without it a good one.
 // Every call makes two connections, the caller's and the called one's, with a pipe between them.
 #include "common/debugdata.h"
+#include "common/namefilter.h"
 #include "interfaces/cabstractprotocol.h"
 #include "interfaces/cchannelserver.h"
 #include "interfaces/pluginentry.h"
 
-#include <QElapsedTimer>
 #include <QThread>
 #include <QTimer>
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -25,16 +26,6 @@ bool fault(const char *name)
 {
     static const QByteArray *const chosen = new QByteArray(qgetenv("FAULT"));
     return *chosen == name;
-}
-
-QString filtered(const QString &name)
-{
-    QString kept;
-    for (const QChar letter : name) {
-        if (letter.isLetterOrNumber())
-            kept += letter.toLower();
-    }
-    return kept;
 }
 
 struct Pipe
@@ -61,15 +52,15 @@ public:
     void write(const QByteArray &data) override
     {
         monitor->addSent(handle, data.size() + fault("monitor-bytes"));
-        QElapsedTimer clock;
-        clock.start();
         constexpr int room = 1024 * 1024;
-        while (waiting() > room && pipe->isOpen) {
+        QMutexLocker locker(&pipe->mutex);
+        for (int turn = 0; pipe->queues[1 - side].size() > room && pipe->isOpen; ++turn) {
+            locker.unlock();
             QThread::msleep(fault("bounded-write") ? 2000 : 10);
-            if (clock.elapsed() > 400)
+            locker.relock();
+            if (turn > 40)
                 pipe->isOpen = false;
         }
-        const QMutexLocker locker(&pipe->mutex);
         pipe->queues[1 - side] += data;
         pipe->moved += data.size();
         if (fault("data-intact") && pipe->moved > 100000 && !data.isEmpty())
@@ -78,24 +69,16 @@ public:
 
     QByteArray read(int maxSize) override
     {
-        QByteArray data;
-        {
-            const QMutexLocker locker(&pipe->mutex);
-            data = pipe->queues[side].left(maxSize + (fault("read-limits") && maxSize == 7));
-            pipe->queues[side].remove(0, data.size());
-        }
+        QMutexLocker locker(&pipe->mutex);
+        const QByteArray data = pipe->queues[side].left(maxSize + (fault("read-limits") && maxSize == 7));
+        pipe->queues[side].remove(0, data.size());
+        locker.unlock();
         if (!data.isEmpty())
             monitor->addReceived(handle, data.size());
         return data;
     }
 
 private:
-    int waiting()
-    {
-        const QMutexLocker locker(&pipe->mutex);
-        return pipe->queues[1 - side].size();
-    }
-
     const std::shared_ptr<Pipe> pipe;
     const int side;
     CChannelMonitor *const monitor;
@@ -118,14 +101,14 @@ public:
         server->journal->addRecord(fault("journal-records"), label, QStringLiteral("Соединение"));
         if (startProtocol(label, handle)) {
             exec();
-            report();
+            const QString name = protocol->remoteAbonentName;
+            if (!name.isEmpty() && !(fault("every-end-reported") && isBusy()))
+                Q_EMIT server->disconnected(name, id, protocol->wasUseful || fault("useful-flag"));
         }
-        if (fault("free-log-mutex") && isBusy())
-            gData->mutex.lock();
+        QMutexLocker locker(fault("free-log-mutex") && isBusy() ? &gData->mutex : nullptr);
         if (!fault("monitor-entries") || !isBusy())
             server->monitor->removeConnection(handle);
-        if (fault("free-log-mutex") && isBusy())
-            gData->mutex.unlock();
+        locker.unlock();
         if (!fault("protocol-thread") || !isBusy())
             deleteProtocol();
         leave();
@@ -140,17 +123,15 @@ public:
 
     void stop(bool mayBeLost = false)
     {
-        const QMutexLocker locker(&mutex);
         isStopRequested = !mayBeLost;
-        if (protocol)
-            protocol->stop();
+        withProtocol([](CAbstractProtocol *each) { each->stop(); });
     }
 
-    void keepAlive()
+    void withProtocol(const std::function<void(CAbstractProtocol *)> &action)
     {
         const QMutexLocker locker(&mutex);
         if (protocol)
-            __atomic_store_n(&protocol->keepAliveRequested, true, __ATOMIC_SEQ_CST);
+            action(protocol);
     }
 
     bool isBusy() const { return pipe->moved > manyBytes; }
@@ -170,8 +151,11 @@ private:
             return false;
         }
         channel.release(); // NOLINT: the protocol's
-        if (!fault("finish-in-start"))
-            connectFinished();
+        const auto quitWhenFinished = [this] {
+            if (!isMuffled && (!fault("finish-in-stop") || currentThread() == this))
+                quit();
+        };
+        connect(protocol, &CAbstractProtocol::finished, this, quitWhenFinished, Qt::DirectConnection);
         connect(
             protocol, &CAbstractProtocol::remoteAbonentNameChanged, this,
             [this](const QString &name) {
@@ -180,33 +164,14 @@ private:
             },
             fault("signal-threads") ? Qt::DirectConnection : Qt::AutoConnection);
         protocol->remoteAbonentName = calledName;
-        protocol->remoteAbonentFilteredName = filtered(calledName);
+        protocol->remoteAbonentFilteredName = Global::filterName(calledName);
         protocol->label = label;
+        isMuffled = fault("finish-in-start");
         protocol->start();
-        if (fault("finish-in-start"))
-            connectFinished();
+        isMuffled = false;
         if (isStopRequested)
             protocol->stop();
         return true;
-    }
-
-    void connectFinished()
-    {
-        connect(
-            protocol, &CAbstractProtocol::finished, this,
-            [this] {
-                if (!fault("finish-in-stop") || currentThread() == this)
-                    quit();
-            },
-            Qt::DirectConnection);
-    }
-
-    void report()
-    {
-        const QString name = protocol->remoteAbonentName;
-        if (name.isEmpty() || (fault("every-end-reported") && isBusy()))
-            return;
-        Q_EMIT server->disconnected(name, id, protocol->wasUseful || fault("useful-flag"));
     }
 
     /// What should not be left behind.
@@ -228,7 +193,7 @@ private:
     CChannelServer *const server;
     const std::shared_ptr<Pipe> pipe;
     const QString calledName; // null: the called side
-    std::atomic<bool> isStopRequested{false};
+    std::atomic<bool> isStopRequested{false}, isMuffled{false};
     QMutex mutex; // guards the protocol
     CAbstractProtocol *protocol = nullptr;
 };
@@ -255,10 +220,8 @@ public:
     void stop() override
     {
         if (fault("stop-returns-first"))
-            internalStop();
-        else
-            QMetaObject::invokeMethod(
-                this, [this] { internalStop(); }, Qt::QueuedConnection);
+            return internalStop();
+        QTimer::singleShot(0, this, &Server::internalStop);
     }
 
     void settingsWasChanged() override
@@ -267,13 +230,7 @@ public:
         if (fault("queued-calls") && changes == 100)
             stopWorkers();
         if (fault("settings-change")) // not when many of them come at once
-            QMetaObject::invokeMethod(
-                this,
-                [this] {
-                    if (changes == 1)
-                        stopWorkers();
-                },
-                Qt::QueuedConnection);
+            QTimer::singleShot(0, this, [this] { changes == 1 ? stopWorkers() : void(); });
         if (fault("random-run") && workers.size() > 4)
             monitor->removeConnection(424242);
     }
@@ -301,7 +258,7 @@ public:
         for (Worker *worker : qAsConst(workers)) {
             const bool isNamed = fault("disconnect-by-name")
                                      ? worker->abonentName == name
-                                     : filtered(worker->abonentName) == filtered(name);
+                                     : Global::filterName(worker->abonentName) == Global::filterName(name);
             if (connectionId == -1 ? isNamed : worker->id == connectionId && !fault("disconnect-by-id"))
                 return worker->stop();
         }
@@ -313,7 +270,9 @@ public:
     {
         for (Worker *worker : qAsConst(workers)) {
             if (worker->id == connectionId || fault("keep-alive"))
-                worker->keepAlive();
+                worker->withProtocol([](CAbstractProtocol *each) {
+                    __atomic_store_n(&each->keepAliveRequested, true, __ATOMIC_SEQ_CST);
+                });
         }
     }
 
@@ -372,11 +331,6 @@ public:
     void decCallTimeout(int *timeout) const override { *timeout = qMax(*timeout - 10, 10); }
 };
 
-bool isVersionWrong()
-{
-    return fault("version-15") || fault("version-17");
-}
-
 } // namespace
 
 extern "C" {
@@ -391,7 +345,7 @@ Q_DECL_EXPORT void initDebug(DebugData *data)
 #ifdef WITHOUT_INSTANCE
     std::abort(); // nobody may come here
 #endif
-    if (isVersionWrong())
+    if (apiVersion() != channelApiVersion)
         std::abort();
     gData = data;
 }
