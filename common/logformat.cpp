@@ -60,15 +60,15 @@ char *putText(char *to, const QChar *unit, const QChar *end)
     constexpr int blockSize = 8; // the loops over a block become a few vector instructions
     while (unit != end) {
         while (end - unit >= blockSize) {
-            std::array<char, blockSize> block;
+            char block[blockSize];
             ushort bits = 0;
             for (int i = 0; i < blockSize; ++i) {
                 bits = static_cast<ushort>(bits | unit[i].unicode());
-                block[static_cast<size_t>(i)] = static_cast<char>(unit[i].unicode());
+                block[i] = static_cast<char>(unit[i].unicode());
             }
             if (bits >= 0x80)
                 break;
-            to = std::copy(block.begin(), block.end(), to);
+            to = std::copy_n(block, blockSize, to);
             unit += blockSize;
         }
         const QChar *const stop = unit + std::min<ptrdiff_t>(end - unit, blockSize);
