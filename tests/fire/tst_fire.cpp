@@ -600,7 +600,8 @@ private Q_SLOTS:
         for (int n = 0; n < plan.total; ++n)
             QVERIFY(!isGood(n) || unfolded.contains(farewell.arg(name(n)) + "' 127.0.0.1:"_s));
         // Terminal: nothing acts on it.
-        for (const QChar one : QString::fromUtf8(server->output).remove(QLatin1Char('\n')))
+        const QString shown = QString::fromUtf8(server->output).remove(QLatin1Char('\n'));
+        for (const QChar one : shown)
             QVERIFY2(one.isPrint(), QByteArray::number(one.unicode(), 16));
         // Files: two in each message's directory, and none anywhere else.
         const QString input = directory->filePath("data/0/messages/input"_s);
