@@ -445,7 +445,9 @@ private Q_SLOTS:
             return runLoop(calls * 4, [&] { return talk.over() + close.over() == count; }) &&
                    talk.rounds == count / 2;
         };
-        QVERIFY(run(400));
+        auto together = std::make_unique<Load>(talkers(50, 16, 0)); // workers that are kept
+        QVERIFY(run(400) && together->open() == 50);
+        together.reset();
         runLoop(50);
         Figures before = server->stats();
         const qint64 begun = nowUs();
