@@ -104,7 +104,7 @@ private Q_SLOTS:
         const bool mayMount = Forked::run([] { return Forked::mountDisk(path(), "") ? 1 : 0; }) == 1;
         for (const auto &[disk, fits, text] : rows) {
             if (disk && !mayMount) {
-                qWarning("No disk can be mounted here: only the limit is tried.");
+                std::puts("no disk can be mounted here: only the limit is tried");
                 continue;
             }
             for (const int size : {0, 1, 8192, 16383, 16384, 16385, 1 << 20})
