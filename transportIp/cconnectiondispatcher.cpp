@@ -22,6 +22,8 @@ constexpr qint64 nsPerSecond = 1000 * nsPerMs;
 constexpr qint64 restNs = 10 * nsPerMs; // of a wait that no other thread can end
 constexpr int maxTurnsWithoutLook = 4;  // a busy writer still hears of its sockets
 
+std::atomic<int> toCome{0}; // wake-up descriptors, one for each dispatcher without
+
 qint64 now()
 {
     timespec time = {};
@@ -50,11 +52,23 @@ PollEvents pollEvents(QSocketNotifier::Type type)
 
 } // namespace
 
+CConnectionDispatcher::CConnectionDispatcher()
+{
+    ++toCome;
+}
+
 CConnectionDispatcher::~CConnectionDispatcher()
 {
     const CTerminationGuard guard;
     if (wakeUpFd >= 0)
         ::close(wakeUpFd);
+    else
+        --toCome;
+}
+
+int CConnectionDispatcher::descriptorsToCome()
+{
+    return toCome;
 }
 
 void CConnectionDispatcher::release(const CDirectSocket *socket)
@@ -178,9 +192,13 @@ void CConnectionDispatcher::flush() {}
 /// @return whether other threads can end a wait from now on
 bool CConnectionDispatcher::makeWakeUp()
 {
+    if (wakeUpFd >= 0)
+        return true;
+    wakeUpFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wakeUpFd < 0)
-        wakeUpFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    return wakeUpFd >= 0;
+        return false;
+    --toCome;
+    return true;
 }
 
 /// Forgets wake-ups so far. What they announced is handled before the next wait.

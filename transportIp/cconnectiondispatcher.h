@@ -33,8 +33,11 @@ class CConnectionDispatcher : public QAbstractEventDispatcher
     Q_OBJECT
 
 public:
-    CConnectionDispatcher() = default;
+    CConnectionDispatcher();
     ~CConnectionDispatcher() override;
+
+    /// @return how many descriptors the dispatchers of this process may yet make [any thread]
+    static int descriptorsToCome();
 
     /// Serves one socket, not owned, until it is released or another one comes.
     void serve(CDirectSocket *socket) { directSocket = socket; }

@@ -6,6 +6,7 @@
 #include "common/functiontrace.h"
 #include "common/logwriter.h"
 #include "common/namefilter.h"
+#include "transportIp/cconnectiondispatcher.h"
 #include "transportIp/cstoprequests.h"
 
 #include <QDebug>
@@ -36,7 +37,8 @@ int descriptorReserve(int limit)
     return std::clamp(limit / 16, 8, 64);
 }
 
-/// Descriptors are given out lowest first, so a new one close to the limit means that few are left.
+/// Descriptors are given out lowest first, so a new one close to the limit means that few are left. Each
+/// worker that has just been started may still take one.
 bool leavesReserve(qintptr descriptor)
 {
     rlimit limit = {};
@@ -44,7 +46,7 @@ bool leavesReserve(qintptr descriptor)
     if (limit.rlim_cur == RLIM_INFINITY)
         return true;
     const int count = int(std::min<rlim_t>(limit.rlim_cur, 1 << 30));
-    return descriptor < count - descriptorReserve(count);
+    return descriptor + CConnectionDispatcher::descriptorsToCome() < count - descriptorReserve(count);
 }
 
 /// @return whether a call, which brings no descriptor along, may take some
