@@ -262,6 +262,7 @@ QString Checks::queuedCalls(CStage &stage)
     QObject *const server = stage.server.get();
     std::atomic<int> refused{0};
     std::vector<std::thread> threads;
+    threads.reserve(threadCount);
     for (int i = 0; i < threadCount; ++i) {
         threads.emplace_back([server, &refused] {
             const Qt::ConnectionType queued = Qt::QueuedConnection;
