@@ -163,13 +163,13 @@ def growth(programs, number):
 
 # area -> (function, rounds)
 AREAS = {
-    "stream": (stream, 5),
-    "roundtrip": (roundtrip, 5),
+    "stream": (stream, 7),
+    "roundtrip": (roundtrip, 7),
     "cycles": (cycles, 5),
     "burst": (burst, 5),
-    "live": (live, 3),
-    "log": (log, 5),
-    "saving": (saving, 5),
+    "live": (live, 5),
+    "log": (log, 11),
+    "saving": (saving, 11),
     "small": (small, 5),
     "growth": (growth, 1),
 }
