@@ -48,7 +48,8 @@ private Q_SLOTS:
         };
         QVERIFY(QDir().mkpath(path() + "/data"_s)); // root's, 0755
         QCOMPARE(probe("/proc"_s), 10);
-        QCOMPARE(::geteuid() == 0 ? Forked::run([&] { return probe(path() + "/data"_s); }, 65534) : 10, 10);
+        if (Forked::canActAs(65534))
+            QCOMPARE(Forked::run([&] { return probe(path() + "/data"_s); }, 65534), 10);
     }
 
     void neighboursDoNotDisturb()

@@ -233,9 +233,12 @@ private Q_SLOTS:
     void aFullDiskPasses()
     {
         const int ms = isLong ? 2000 : 300;
+        const auto mount = [] { return Forked::mountDisk(path() + "/data"_s, "size=256k"); };
         QVERIFY(QDir().mkpath(path() + "/data"_s));
-        const auto work = [ms](int) {
-            if (!Forked::mountDisk(path() + "/data"_s, "size=256k"))
+        if (Forked::run([&] { return mount() ? 0 : 1; }) != 0)
+            QSKIP("needs to mount a disk");
+        const auto work = [&](int) {
+            if (!mount())
                 return 1;
             put("before"_s);
             QFile filler(path() + "/data/filler"_s);

@@ -1,5 +1,6 @@
 #include "tests/support/forked.h"
 #include "tests/support/messagecatcher.h"
+#include "tests/support/testinstallation.h"
 
 #include <QFile>
 
@@ -41,6 +42,12 @@ QString text(const std::function<QString()> &work, uid_t user)
     int status = 0;
     ::waitpid(child, &status, 0);
     return WIFEXITED(status) ? QString::fromUtf8(bytes) : QStringLiteral("signal %1").arg(WTERMSIG(status));
+}
+
+bool canActAs(uid_t user)
+{
+    const QByteArray place = QFile::encodeName(TestInstallation::path());
+    return ::geteuid() == 0 && run([&] { return ::access(place.constData(), X_OK); }, user) == 0;
 }
 
 void inThreads(int count, const std::function<void(int number)> &work)

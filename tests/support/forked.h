@@ -19,6 +19,10 @@ int run(const std::function<int()> &work, uid_t user = 0);
 /// The same for a text as the result; of a child that was ended it is "signal N".
 QString text(const std::function<QString()> &work, uid_t user = 0);
 
+/// @return whether run() can be another user here: this process is root, and @a user may enter the
+/// installation
+bool canActAs(uid_t user);
+
 /// Runs @a work in threads numbered from 0, and waits for them.
 void inThreads(int count, const std::function<void(int number)> &work);
 
