@@ -4,7 +4,7 @@
 //   hello                   takes 32 bytes on each connection, answers 32 and closes
 //   sink BLOCK              takes one connection to its end and prints "DONE bytes seconds cpu_seconds"
 //   source PORT BLOCK MS    calls 127.0.0.1:PORT, writes for MS milliseconds and prints "CPU cpu_seconds"
-//   rows d|e|f|g DIR        measures the runtime: log, saving, small operations, growth
+//   rows d|e|f|g DIR        measures the runtime: log, saving (leaves DIR/target), small operations, growth
 //
 // Servers print "PORT n" when they listen. CHANNELBENCH_QUIET=1 switches log category 7 off.
 #include "bench/channelbench/hostside.h"
@@ -20,6 +20,7 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
 #include <QSocketNotifier>
 
 #include <atomic>
@@ -123,8 +124,8 @@ int rows(const std::string &area)
     const QString directory = QFile::decodeName(Installation::directory().c_str());
     if (area == "d")
         Rows::log();
-    else if (area == "e")
-        Rows::saving(directory);
+    else if (area == "e") // not in the fresh installation, where no disk block has ever been used
+        Rows::saving(QFileInfo(directory).path());
     else if (area == "f")
         Rows::small();
     else
