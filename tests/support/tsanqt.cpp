@@ -20,8 +20,8 @@ void __tsan_mutex_post_unlock(void *address, unsigned flags);
 
 extern "C" Q_DECL_EXPORT const char *__tsan_default_options()
 {
-    // What Qt does inside, it does under locks that we do not see. And the size that the sanitizer guesses for
-    // a library's thread-local block is terabytes at times, which it then cannot allocate.
+    // What Qt does inside, it does under locks that we do not see. And the size that the sanitizer guesses
+    // for a library's thread-local block is terabytes at times, which it then cannot allocate.
     return "ignore_noninstrumented_modules=1:intercept_tls_get_addr=0";
 }
 
