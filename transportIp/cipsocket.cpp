@@ -1,5 +1,6 @@
 #include "transportIp/cipsocket.h"
 
+#include "common/terminationguard.h"
 #include "transportIp/cipsettings.h"
 
 #include <algorithm>
@@ -111,6 +112,7 @@ qint64 CIpSocket::receiveNow(char *data, qint64 maxSize)
 {
     if (state() != ConnectedState)
         return 0;
+    const CTerminationGuard guard;
     const ssize_t received = ::recv(int(socketDescriptor()), data, size_t(maxSize), MSG_DONTWAIT);
     isUntouched = received == 0 || (received < 0 && errno != EAGAIN);
     mayHoldMore = received == maxSize;
