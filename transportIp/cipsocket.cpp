@@ -91,6 +91,7 @@ qint64 CIpSocket::writeData(const char *data, qint64 size)
 /// @return how much the system has taken; an error shows when the queue is flushed
 qint64 CIpSocket::sendNow(const char *data, qint64 size)
 {
+    const CTerminationGuard guard;
     const ssize_t sent = ::send(int(socketDescriptor()), data, size_t(size), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent <= 0)
         return 0;
