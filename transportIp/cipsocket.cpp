@@ -53,8 +53,9 @@ QByteArray CIpSocket::takeArrived(int maxSize)
     }
     if (!mayHoldMore || maxSize <= 0)
         return {};
-    QByteArray bytes(maxSize, Qt::Uninitialized);
-    bytes.resize(int(receiveNow(bytes.data(), maxSize)));
+    // A reader may name any number: it is no reason to ask for gigabytes of memory.
+    QByteArray bytes(int(std::min<qint64>(maxSize, mebibyte)), Qt::Uninitialized);
+    bytes.resize(int(receiveNow(bytes.data(), bytes.size())));
     return bytes;
 }
 
