@@ -1,5 +1,5 @@
 // Any bytes as the stream of a connection: the first one says in which pieces they arrive.
-#include "host/messageframe.h"
+#include "host/conversation/messageframe.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "host/cinterruption.h"
 
-#include "host/exitcodes.h"
+#include "host/commands/exitcodes.h"
 
 #include <QSocketNotifier>
 

@@ -2,8 +2,8 @@
 
 #include "common/global.h"
 #include "common/logger.h"
-#include "host/cconsole.h"
-#include "host/cmessageprotocolfactory.h"
+#include "host/console/cconsole.h"
+#include "host/conversation/cmessageprotocolfactory.h"
 
 #include <QFile>
 
@@ -21,9 +21,8 @@ QByteArray currentChannelSettings()
 
 } // namespace
 
-CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor,
-                       const CMessageProtocol::Surroundings &around)
-    : console(shownOn), monitor(onMonitor), surroundings(around)
+CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMessageProtocol::Context &around)
+    : console(shownOn), monitor(onMonitor), context(around)
 {
     settled.setSingleShot(true);
     settled.setInterval(settleMs);
@@ -70,8 +69,8 @@ void CMessenger::open()
         channel.server.reset(plugin->create());
         CChannelServer *server = channel.server.get();
         server->monitor = &monitor;
-        server->journal = surroundings.journal;
-        server->protocolFactory = new CMessageProtocolFactory(surroundings); // the server's from now on
+        server->journal = context.journal;
+        server->protocolFactory = new CMessageProtocolFactory(context); // the server's from now on
         server->monitorHandle =
             monitor.addConnection(plugin->type(), plugin->name(), QStringLiteral("Запуск"));
 

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "host/cchannellibrary.h"
-#include "host/cmessageprotocol.h"
+#include "host/conversation/cmessageprotocol.h"
 #include "interfaces/cchannelserver.h"
 
 #include <QFileSystemWatcher>
@@ -25,7 +25,7 @@ class CMessenger : public QObject
 
 public:
     /// @param shownOn, @param onMonitor outlive the messenger, as does what @a around points to
-    CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMessageProtocol::Surroundings &around);
+    CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMessageProtocol::Context &around);
 
     /// Has to have been closed, if it was opened.
     ~CMessenger() override;
@@ -64,7 +64,7 @@ private:
 
     CConsole &console;
     CChannelMonitor &monitor;
-    const CMessageProtocol::Surroundings surroundings;
+    const CMessageProtocol::Context context;
     std::vector<Channel> channels;
     int runningServers = 0;
     bool isClosing = false;

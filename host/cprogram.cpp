@@ -2,8 +2,8 @@
 
 #include "common/global.h"
 #include "common/logger.h"
-#include "host/commandline.h"
-#include "host/exitcodes.h"
+#include "host/commands/commandline.h"
+#include "host/commands/exitcodes.h"
 
 #include <QSysInfo>
 

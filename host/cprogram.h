@@ -2,13 +2,13 @@
 // order and taken down in the reverse order.
 #pragma once
 
-#include "host/cconsole.h"
-#include "host/cconsolejournal.h"
-#include "host/cconsolemonitor.h"
 #include "host/cinterruption.h"
-#include "host/cmessagestore.h"
 #include "host/cmessenger.h"
-#include "host/cunnamedcallers.h"
+#include "host/console/cconsole.h"
+#include "host/console/cconsolejournal.h"
+#include "host/console/cconsolemonitor.h"
+#include "host/conversation/cmessagestore.h"
+#include "host/conversation/cunnamedcallers.h"
 
 struct CommandLine;
 

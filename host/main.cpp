@@ -3,11 +3,11 @@
 #include "common/global.h"
 #include "common/logger.h"
 #include "host/cinterruption.h"
-#include "host/commandhelp.h"
-#include "host/commandline.h"
-#include "host/commands.h"
-#include "host/exitcodes.h"
-#include "host/foreigntext.h"
+#include "host/commands/commandhelp.h"
+#include "host/commands/commandline.h"
+#include "host/commands/commands.h"
+#include "host/commands/exitcodes.h"
+#include "host/console/untrustedtext.h"
 
 #include <QCoreApplication>
 #include <QTextCodec>

@@ -24,29 +24,29 @@ char payloadByte(int offset)
 
 std::atomic<int> CCheckProtocol::lastNumber{0};
 
-CCheckProtocol::CCheckProtocol(CChannel *ownedChannel, CWitness &seenBy)
-    : CAbstractProtocol(ownedChannel), witness(seenBy), conduct(seenBy.conduct())
+CCheckProtocol::CCheckProtocol(CChannel *ownedChannel, CRecorder &seenBy)
+    : CAbstractProtocol(ownedChannel), recorder(seenBy), behaviour(seenBy.behaviour())
 {
     connect(&clock, &QTimer::timeout, this, &CCheckProtocol::work);
-    witness.enter(number, this);
-    witness.note(What::Create, number);
+    recorder.enter(number, this);
+    recorder.note(What::Create, number);
 }
 
 CCheckProtocol::~CCheckProtocol()
 {
-    witness.leave(number);
-    witness.note(What::Read, number, QString(), readBytes);
-    witness.note(What::Written, number, QString(), writtenBytes);
-    witness.note(What::Gone, number, remoteAbonentName, wasUseful);
+    recorder.leave(number);
+    recorder.note(What::Read, number, QString(), readBytes);
+    recorder.note(What::Written, number, QString(), writtenBytes);
+    recorder.note(What::Gone, number, remoteAbonentName, wasUseful);
 }
 
 void CCheckProtocol::start()
 {
     CAbstractProtocol::start();
     isCaller = !remoteAbonentName.isEmpty();
-    witness.addPresets({remoteAbonentName, remoteAbonentFilteredName, label, channel->kind});
-    witness.note(What::Start, number, remoteAbonentName);
-    if (conduct.finishesInStart)
+    recorder.addPresets({remoteAbonentName, remoteAbonentFilteredName, label, channel->kind});
+    recorder.note(What::Start, number, remoteAbonentName);
+    if (behaviour.finishesInStart)
         return end();
     if (isCaller)
         outbox = QStringLiteral("%1|Звонящий %2\n").arg(remoteAbonentName).arg(number).toUtf8();
@@ -55,7 +55,7 @@ void CCheckProtocol::start()
 
 void CCheckProtocol::stop()
 {
-    if (conduct.finishesInStop) {
+    if (behaviour.finishesInStop) {
         if (!isEnded.exchange(true))
             Q_EMIT finished();
         return;
@@ -68,7 +68,7 @@ void CCheckProtocol::work()
     if (isEnded)
         return;
     const bool wasConnected = channel->isConnected(); // before reading: the last bytes come first
-    if (isCaller || !isGreeted || !conduct.isDeaf)
+    if (isCaller || !isGreeted || !behaviour.isDeaf)
         receive();
     transmit();
     if (!wasConnected)
@@ -84,9 +84,9 @@ void CCheckProtocol::receive()
         watch.start();
         const QByteArray bytes = channel->read(asked);
         if (watch.elapsed() > readLimitMs)
-            witness.complain("read", QStringLiteral("read() не возвращался %1 мс").arg(watch.elapsed()));
+            recorder.complain("read", QStringLiteral("read() не возвращался %1 мс").arg(watch.elapsed()));
         if (bytes.size() > asked) {
-            witness.complain("read", QStringLiteral("read(%1) вернул %2 байт").arg(asked).arg(bytes.size()));
+            recorder.complain("read", QStringLiteral("read(%1) вернул %2 байт").arg(asked).arg(bytes.size()));
         }
         if (bytes.isEmpty())
             return;
@@ -109,7 +109,7 @@ void CCheckProtocol::takeGreeting()
     const QString names = QString::fromUtf8(received.left(lineEnd));
     remoteAbonentName = names.section(QLatin1Char('|'), isCaller ? 0 : 1, isCaller ? 0 : 1);
     remoteAbonentFilteredName = Global::filterName(remoteAbonentName);
-    witness.note(What::Named, number, remoteAbonentName);
+    recorder.note(What::Named, number, remoteAbonentName);
     Q_EMIT remoteAbonentNameChanged(remoteAbonentName);
     if (!isCaller)
         outbox += received.left(lineEnd + 1);
@@ -128,28 +128,28 @@ void CCheckProtocol::takePayload(const QByteArray &bytes)
     for (int i = 0; i < bytes.size(); ++i) {
         if (bytes[i] == payloadByte(payloadBack + i))
             continue;
-        witness.complain("data", QStringLiteral("Байт %1 из %2 пришел назад другим")
-                                     .arg(payloadBack + i)
-                                     .arg(conduct.payloadBytes));
+        recorder.complain("data", QStringLiteral("Байт %1 из %2 пришел назад другим")
+                                      .arg(payloadBack + i)
+                                      .arg(behaviour.payloadBytes));
         break;
     }
     payloadBack += bytes.size();
-    if (payloadBack >= conduct.payloadBytes && !wasUseful) {
+    if (payloadBack >= behaviour.payloadBytes && !wasUseful) {
         wasUseful = true;
-        witness.note(What::Exchanged, number, remoteAbonentName);
+        recorder.note(What::Exchanged, number, remoteAbonentName);
     }
 }
 
 void CCheckProtocol::transmit()
 {
-    if (isCaller && isGreeted && conduct.floods) {
+    if (isCaller && isGreeted && behaviour.floods) {
         if (writtenBytes < mostFloodBytes)
             write(QByteArray(floodPieceBytes, 'x'));
         return;
     }
-    if (isCaller && isGreeted && !isPayloadQueued && witness.mayExchange) {
+    if (isCaller && isGreeted && !isPayloadQueued && recorder.mayExchange) {
         isPayloadQueued = true;
-        outbox.resize(conduct.payloadBytes);
+        outbox.resize(behaviour.payloadBytes);
         for (int i = 0; i < outbox.size(); ++i)
             outbox[i] = payloadByte(i);
     }
@@ -168,9 +168,9 @@ void CCheckProtocol::write(const QByteArray &piece)
     watch.start();
     channel->write(piece);
     writtenBytes += piece.size();
-    int longest = witness.longestWriteMs;
+    int longest = recorder.longestWriteMs;
     while (int(watch.elapsed()) > longest &&
-           !witness.longestWriteMs.compare_exchange_weak(longest, int(watch.elapsed())))
+           !recorder.longestWriteMs.compare_exchange_weak(longest, int(watch.elapsed())))
         ;
 }
 
@@ -185,9 +185,9 @@ void CCheckProtocol::end()
 
 CAbstractProtocol *CCheckProtocolFactory::createProtocol(CChannel *channel)
 {
-    if (witness.conduct().refuses) {
-        witness.note(What::Create, -1);
+    if (recorder.behaviour().refuses) {
+        recorder.note(What::Create, -1);
         return nullptr;
     }
-    return new CCheckProtocol(channel, witness);
+    return new CCheckProtocol(channel, recorder);
 }

@@ -4,7 +4,7 @@
 //   "called|caller\n" payload      <->      "called|caller\n" payload
 #pragma once
 
-#include "host/check/cwitness.h"
+#include "host/check/crecorder.h"
 #include "interfaces/cabstractprotocol.h"
 #include "interfaces/cprotocolfactory.h"
 
@@ -15,7 +15,7 @@
 class CCheckProtocol final : public CAbstractProtocol
 {
 public:
-    CCheckProtocol(CChannel *ownedChannel, CWitness &seenBy);
+    CCheckProtocol(CChannel *ownedChannel, CRecorder &seenBy);
     ~CCheckProtocol() override;
 
     void start() override;
@@ -32,8 +32,8 @@ private:
 
     static std::atomic<int> lastNumber;
 
-    CWitness &witness;
-    const Conduct conduct;
+    CRecorder &recorder;
+    const Behaviour behaviour;
     const int number = ++lastNumber;
     QTimer clock; // a channel of any kind can be polled
     bool isCaller = false;
@@ -51,10 +51,10 @@ private:
 class CCheckProtocolFactory final : public CProtocolFactory
 {
 public:
-    explicit CCheckProtocolFactory(CWitness &seenBy) : witness(seenBy) {}
-    ~CCheckProtocolFactory() override { witness.note(What::FactoryGone); }
+    explicit CCheckProtocolFactory(CRecorder &seenBy) : recorder(seenBy) {}
+    ~CCheckProtocolFactory() override { recorder.note(What::FactoryGone); }
     CAbstractProtocol *createProtocol(CChannel *channel) override;
 
 private:
-    CWitness &witness;
+    CRecorder &recorder;
 };

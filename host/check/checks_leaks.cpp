@@ -1,6 +1,6 @@
 // Checks that nothing is left of a server: log slots, threads, descriptors, memory.
+#include "host/check/cfixture.h"
 #include "host/check/checks.h"
-#include "host/check/cstage.h"
 
 #include "common/logger.h"
 
@@ -41,7 +41,7 @@ qint64 memory()
 }
 
 /// Whole lives of servers must not make a number grow by more than is allowed.
-QString mustNotGrow(CStage &stage, qint64 (*measure)(), qint64 allowed, const QString &what)
+QString mustNotGrow(CFixture &fixture, qint64 (*measure)(), qint64 allowed, const QString &what)
 {
     constexpr int warmUps = 4;
     constexpr int rounds = 8;
@@ -50,12 +50,12 @@ QString mustNotGrow(CStage &stage, qint64 (*measure)(), qint64 allowed, const QS
     for (int i = 0; i < warmUps + rounds; ++i) {
         if (i == warmUps)
             before = measure();
-        const QString error = Checks::wholeConversation(stage, 2000);
+        const QString error = Checks::wholeConversation(fixture, 2000);
         if (!error.isNull())
             return error;
-        stage.witness.clear();
+        fixture.recorder.clear();
     }
-    if (stage.wait([&] { return measure() <= before + allowed; }, patienceMs))
+    if (fixture.wait([&] { return measure() <= before + allowed; }, patienceMs))
         return QString();
     return QStringLiteral("За %1 запусков и остановок осталось лишнего: %2 (%3)")
         .arg(QString::number(rounds), QString::number(measure() - before), what);
@@ -63,9 +63,9 @@ QString mustNotGrow(CStage &stage, qint64 (*measure)(), qint64 allowed, const QS
 
 } // namespace
 
-QString Checks::noSlotLeft(CStage &stage)
+QString Checks::noSlotLeft(CFixture &fixture)
 {
-    const QString error = wholeConversation(stage, 2000);
+    const QString error = wholeConversation(fixture, 2000);
     if (!error.isNull())
         return error;
     DebugData *const data = LoggerData::debugData();
@@ -77,22 +77,22 @@ QString Checks::noSlotLeft(CStage &stage)
     return QString();
 }
 
-QString Checks::noThreadLeft(CStage &stage)
+QString Checks::noThreadLeft(CFixture &fixture)
 {
-    return mustNotGrow(stage, threads, 0, QStringLiteral("потоки"));
+    return mustNotGrow(fixture, threads, 0, QStringLiteral("потоки"));
 }
 
-QString Checks::noDescriptorLeft(CStage &stage)
+QString Checks::noDescriptorLeft(CFixture &fixture)
 {
-    return mustNotGrow(stage, descriptors, 0, QStringLiteral("дескрипторы"));
+    return mustNotGrow(fixture, descriptors, 0, QStringLiteral("дескрипторы"));
 }
 
-QString Checks::noMemoryLeft(CStage &stage)
+QString Checks::noMemoryLeft(CFixture &fixture)
 {
     constexpr qint64 allowedBytes = 32 * 1024; // what the allocator keeps for threads varies
     if (MEMORY_IS_SANITIZED) {
-        stage.skipReason = QStringLiteral("программа собрана со своим распределителем памяти");
+        fixture.skipReason = QStringLiteral("программа собрана со своим распределителем памяти");
         return QString();
     }
-    return mustNotGrow(stage, memory, allowedBytes, QStringLiteral("байты"));
+    return mustNotGrow(fixture, memory, allowedBytes, QStringLiteral("байты"));
 }

@@ -1,6 +1,6 @@
 // Checks of the library and its plug-in object; no server runs here.
+#include "host/check/cfixture.h"
 #include "host/check/checks.h"
-#include "host/check/cstage.h"
 
 #include <QMetaMethod>
 #include <QThread>
@@ -71,9 +71,9 @@ QString usePlugin(const EntryPoints &entries, int type, const QString &name)
 
 } // namespace
 
-QString Checks::entryPoints(CStage &stage)
+QString Checks::entryPoints(CFixture &fixture)
 {
-    QLibrary file(stage.arguments.channel);
+    QLibrary file(fixture.arguments.channel);
     file.setLoadHints(QLibrary::ResolveAllSymbolsHint | QLibrary::PreventUnloadHint);
     if (!file.load())
         return QStringLiteral("Библиотека не загружается. %1").arg(file.errorString());
@@ -86,20 +86,20 @@ QString Checks::entryPoints(CStage &stage)
                              : QStringLiteral("Нет функций: %1").arg(missing.join(QLatin1String(", ")));
 }
 
-QString Checks::apiVersion(CStage &stage)
+QString Checks::apiVersion(CFixture &fixture)
 {
     // The program's own gate, so that its refusals are what is checked.
-    const QString error = stage.load();
+    const QString error = fixture.load();
     if (!error.isNull())
         return error;
-    const int again = ::entryPoints(stage.arguments.channel).apiVersion();
+    const int again = ::entryPoints(fixture.arguments.channel).apiVersion();
     return again == channelApiVersion ? QString()
                                       : QStringLiteral("Второй вызов apiVersion() дал %1").arg(again);
 }
 
-QString Checks::pluginObject(CStage &stage)
+QString Checks::pluginObject(CFixture &fixture)
 {
-    const EntryPoints entries = ::entryPoints(stage.arguments.channel);
+    const EntryPoints entries = ::entryPoints(fixture.arguments.channel);
     const PluginPointer one = makePlugin(entries);
     const PluginPointer other = makePlugin(entries);
     if (!one || !other || one == other)
@@ -108,16 +108,16 @@ QString Checks::pluginObject(CStage &stage)
         return QStringLiteral("Объекты одного модуля отвечают на type() и name() по-разному");
     if (one->name().isEmpty())
         return QStringLiteral("Имя канала пустое");
-    stage.step(QStringLiteral("deleteInstance() с нулевым указателем"));
+    fixture.step(QStringLiteral("deleteInstance() с нулевым указателем"));
     entries.deleteInstance(nullptr);
     return QString();
 }
 
-QString Checks::pluginThreads(CStage &stage)
+QString Checks::pluginThreads(CFixture &fixture)
 {
-    const EntryPoints entries = ::entryPoints(stage.arguments.channel);
-    const int type = stage.library.plugin()->type();
-    const QString name = stage.library.plugin()->name();
+    const EntryPoints entries = ::entryPoints(fixture.arguments.channel);
+    const int type = fixture.library.plugin()->type();
+    const QString name = fixture.library.plugin()->name();
     constexpr int count = 4;
     QString errors[count];
     std::vector<std::thread> threads;
@@ -132,10 +132,10 @@ QString Checks::pluginThreads(CStage &stage)
     return QString();
 }
 
-QString Checks::callDelay(CStage &stage)
+QString Checks::callDelay(CFixture &fixture)
 {
     constexpr int mostSteps = 1000;
-    const CChannelPlugin *plugin = stage.library.plugin();
+    const CChannelPlugin *plugin = fixture.library.plugin();
     int delay = 10;
     const auto walk = [&](void (CChannelPlugin::*step)(int *) const, int direction) {
         for (int i = 0; i < mostSteps; ++i) {
@@ -163,9 +163,9 @@ QString Checks::callDelay(CStage &stage)
     return error;
 }
 
-QString Checks::metaObject(CStage &stage)
+QString Checks::metaObject(CFixture &fixture)
 {
-    const std::unique_ptr<CChannelServer> server(stage.library.plugin()->create());
+    const std::unique_ptr<CChannelServer> server(fixture.library.plugin()->create());
     // A slot that the channel's class declares anew stands once more in that class; hosts count in the base.
     const QMetaObject *base = server->metaObject();
     while (base && base->superClass() != &QObject::staticMetaObject)
@@ -182,9 +182,9 @@ QString Checks::metaObject(CStage &stage)
     return QString();
 }
 
-QString Checks::freshServer(CStage &stage)
+QString Checks::freshServer(CFixture &fixture)
 {
-    const EntryPoints entries = ::entryPoints(stage.arguments.channel);
+    const EntryPoints entries = ::entryPoints(fixture.arguments.channel);
     PluginPointer plugin = makePlugin(entries);
     const std::unique_ptr<CChannelServer> one(plugin->create());
     const std::unique_ptr<CChannelServer> other(plugin->create());
@@ -193,7 +193,7 @@ QString Checks::freshServer(CStage &stage)
     const QString error = compareMembers(*one);
     if (!error.isNull())
         return error;
-    stage.step(QStringLiteral("сервер без объекта канала"));
+    fixture.step(QStringLiteral("сервер без объекта канала"));
     plugin.reset();
     one->isHardwareOn();
     return QString();

@@ -1,6 +1,6 @@
 // A random life of a host. What is done depends on the seed alone, so a run can be repeated.
+#include "host/check/cfixture.h"
 #include "host/check/checks.h"
-#include "host/check/cstage.h"
 #include "host/check/rules.h"
 
 #include <random>
@@ -13,12 +13,12 @@ constexpr int mostCalls = 12; // between two stops
 class RandomHost
 {
 public:
-    explicit RandomHost(CStage &theStage) : stage(theStage), random(theStage.arguments.seed) {}
+    explicit RandomHost(CFixture &theStage) : fixture(theStage), random(theStage.arguments.seed) {}
 
     /// One operation. @return null, else what is wrong
     QString act()
     {
-        CChannelServer &server = *stage.server;
+        CChannelServer &server = *fixture.server;
         switch (draw(10)) {
         case 0:
         case 1:
@@ -41,7 +41,7 @@ public:
             server.connectToAbonent(QStringLiteral("Негодный"), QByteArray(1 + draw(20), '\xfe'));
             break;
         case 8:
-            stage.pause(1 + draw(20));
+            fixture.pause(1 + draw(20));
             break;
         case 9:
             return draw(3) == 0 ? restart() : QString();
@@ -51,51 +51,52 @@ public:
 
 private:
     int draw(int count) { return int(random() % unsigned(count)); }
-    QString someName() { return CStage::calledName(1 + draw(mostCalls)); }
+    QString someName() { return CFixture::calledName(1 + draw(mostCalls)); }
 
     void place()
     {
-        Conduct conduct;
-        conduct.finishesInStart = draw(8) == 0;
-        conduct.finishesInStop = draw(2) == 0;
-        conduct.payloadBytes = draw(3) == 0 ? 0 : draw(50000);
+        Behaviour behaviour;
+        behaviour.finishesInStart = draw(8) == 0;
+        behaviour.finishesInStop = draw(2) == 0;
+        behaviour.payloadBytes = draw(3) == 0 ? 0 : draw(50000);
         if (calls == mostCalls)
             return;
-        stage.witness.setConduct(conduct);
-        stage.call(++calls);
+        fixture.recorder.setConduct(behaviour);
+        fixture.call(++calls);
     }
 
     QString restart()
     {
         calls = 0;
-        const QString error = stage.stop();
+        const QString error = fixture.stop();
         if (error.isNull())
-            stage.start();
+            fixture.start();
         return error;
     }
 
-    CStage &stage;
+    CFixture &fixture;
     std::mt19937 random;
     int calls = 0;
 };
 
 } // namespace
 
-QString Checks::randomRun(CStage &stage)
+QString Checks::randomRun(CFixture &fixture)
 {
-    QString error = stage.open();
+    QString error = fixture.open();
     if (!error.isNull())
         return error;
-    stage.start();
-    RandomHost host(stage);
+    fixture.start();
+    RandomHost host(fixture);
     for (int i = 1; i <= operations && error.isNull(); ++i) {
-        stage.step(QStringLiteral("действие %1 из %2").arg(i).arg(operations));
+        fixture.step(QStringLiteral("действие %1 из %2").arg(i).arg(operations));
         error = host.act();
     }
     if (error.isNull())
-        error = stage.stopAndClose();
+        error = fixture.stopAndClose();
     if (error.isNull())
-        error = Rules::always(stage.witness);
-    return error.isNull() ? error
-                          : QStringLiteral("Зерно %1: %2").arg(QString::number(stage.arguments.seed), error);
+        error = Rules::always(fixture.recorder);
+    return error.isNull()
+               ? error
+               : QStringLiteral("Зерно %1: %2").arg(QString::number(fixture.arguments.seed), error);
 }

@@ -1,6 +1,6 @@
 // Checks of a server at work: life, calls, the slots.
+#include "host/check/cfixture.h"
 #include "host/check/checks.h"
-#include "host/check/cstage.h"
 #include "host/check/rules.h"
 
 #include <algorithm>
@@ -19,56 +19,56 @@ QString nobody()
 }
 
 /// Calls that are connected and hold their payload back, so that it can be seen later who still works.
-QString connectQuietly(CStage &stage, int calls)
+QString connectQuietly(CFixture &fixture, int calls)
 {
-    Conduct conduct;
-    conduct.payloadBytes = smallPayload;
-    stage.witness.setConduct(conduct);
-    stage.witness.mayExchange = false;
-    QString error = stage.open();
+    Behaviour behaviour;
+    behaviour.payloadBytes = smallPayload;
+    fixture.recorder.setConduct(behaviour);
+    fixture.recorder.mayExchange = false;
+    QString error = fixture.open();
     if (!error.isNull())
         return error;
-    stage.start();
+    fixture.start();
     for (int number = 1; number <= calls && error.isNull(); ++number) {
-        stage.call(number);
-        error = stage.waitConnected(number);
+        fixture.call(number);
+        error = fixture.waitConnected(number);
     }
     return error;
 }
 
 /// The connection of a call has to be as good as new.
-QString exchangeAndClose(CStage &stage, int number)
+QString exchangeAndClose(CFixture &fixture, int number)
 {
-    stage.witness.mayExchange = true;
-    const QString error = stage.waitExchanged(number);
-    return error.isNull() ? stage.stopAndClose() : error;
+    fixture.recorder.mayExchange = true;
+    const QString error = fixture.waitExchanged(number);
+    return error.isNull() ? fixture.stopAndClose() : error;
 }
 
 /// Ends the first of two calls, by identifier or by name; the second has to live on.
-QString disconnectFirst(CStage &stage, const QString &name, bool byName)
+QString disconnectFirst(CFixture &fixture, const QString &name, bool byName)
 {
-    const QString error = connectQuietly(stage, 2);
+    const QString error = connectQuietly(fixture, 2);
     if (!error.isNull())
         return error;
-    const int id = stage.connectionOf(1);
-    stage.step(QStringLiteral("disconnectFromAbonent('%1', %2)").arg(name).arg(byName ? -1 : id));
-    stage.server->disconnectFromAbonent(name, byName ? -1 : id);
-    if (!stage.wait([&] { return stage.witness.count(What::Disconnected, stage.calledName(1)) > 0; }))
+    const int id = fixture.connectionOf(1);
+    fixture.step(QStringLiteral("disconnectFromAbonent('%1', %2)").arg(name).arg(byName ? -1 : id));
+    fixture.server->disconnectFromAbonent(name, byName ? -1 : id);
+    if (!fixture.wait([&] { return fixture.recorder.count(What::Disconnected, fixture.calledName(1)) > 0; }))
         return QStringLiteral("Соединение %1 не разорвано: нет сигнала disconnected").arg(id);
-    for (const Event &event : stage.witness.events()) {
-        if (event.what == What::Disconnected && event.text == stage.calledName(1) && event.number != id)
+    for (const Event &event : fixture.recorder.events()) {
+        if (event.what == What::Disconnected && event.text == fixture.calledName(1) && event.number != id)
             return QStringLiteral("Сигнал disconnected назвал соединение %1 вместо %2")
                 .arg(event.number)
                 .arg(id);
     }
-    return exchangeAndClose(stage, 2);
+    return exchangeAndClose(fixture, 2);
 }
 
 /// The smallest identifier reported since the last clear().
-int leastConnection(const CStage &stage)
+int leastConnection(const CFixture &fixture)
 {
     int least = noConnection;
-    for (const Event &event : stage.witness.events()) {
+    for (const Event &event : fixture.recorder.events()) {
         if (event.what == What::Connected)
             least = std::min(least, event.number);
     }
@@ -77,189 +77,189 @@ int leastConnection(const CStage &stage)
 
 } // namespace
 
-QString Checks::converse(CStage &stage, int payloadBytes)
+QString Checks::converse(CFixture &fixture, int payloadBytes)
 {
-    Conduct conduct = stage.witness.conduct();
-    conduct.payloadBytes = payloadBytes;
-    stage.witness.setConduct(conduct);
-    QString error = stage.open();
+    Behaviour behaviour = fixture.recorder.behaviour();
+    behaviour.payloadBytes = payloadBytes;
+    fixture.recorder.setConduct(behaviour);
+    QString error = fixture.open();
     if (!error.isNull())
         return error;
-    stage.start();
-    stage.call(1);
-    error = stage.waitConnected(1);
+    fixture.start();
+    fixture.call(1);
+    error = fixture.waitConnected(1);
     if (error.isNull() && payloadBytes > 0)
-        error = stage.waitExchanged(1);
+        error = fixture.waitExchanged(1);
     return error;
 }
 
-QString Checks::wholeConversation(CStage &stage, int payloadBytes)
+QString Checks::wholeConversation(CFixture &fixture, int payloadBytes)
 {
-    const QString error = converse(stage, payloadBytes);
-    return error.isNull() ? stage.stopAndClose() : error;
+    const QString error = converse(fixture, payloadBytes);
+    return error.isNull() ? fixture.stopAndClose() : error;
 }
 
-QString Checks::startStop(CStage &stage)
+QString Checks::startStop(CFixture &fixture)
 {
     constexpr int secondFinishedMs = 100;
-    QString error = stage.open();
+    QString error = fixture.open();
     if (!error.isNull())
         return error;
-    stage.start();
-    stage.pause(20);
-    error = stage.stop();
+    fixture.start();
+    fixture.pause(20);
+    error = fixture.stop();
     if (!error.isNull())
         return error;
-    stage.pause(secondFinishedMs);
-    stage.close();
-    const int count = stage.witness.count(What::Finished);
+    fixture.pause(secondFinishedMs);
+    fixture.close();
+    const int count = fixture.recorder.count(What::Finished);
     return count == 1 ? QString()
                       : QStringLiteral("На один stop() пришло сигналов finished(): %1").arg(count);
 }
 
-QString Checks::queries(CStage &stage)
+QString Checks::queries(CFixture &fixture)
 {
-    const QString error = stage.open();
+    const QString error = fixture.open();
     if (!error.isNull())
         return error;
-    stage.start();
-    stage.step(QStringLiteral("isHardwareOn()"));
-    const bool isHardwareOn = stage.server->isHardwareOn();
-    stage.step(QStringLiteral("canCheckOnline()"));
-    stage.server->canCheckOnline();
-    stage.step(QStringLiteral("hasFreeChannel()"));
-    if (!stage.server->hasFreeChannel() && isHardwareOn)
+    fixture.start();
+    fixture.step(QStringLiteral("isHardwareOn()"));
+    const bool isHardwareOn = fixture.server->isHardwareOn();
+    fixture.step(QStringLiteral("canCheckOnline()"));
+    fixture.server->canCheckOnline();
+    fixture.step(QStringLiteral("hasFreeChannel()"));
+    if (!fixture.server->hasFreeChannel() && isHardwareOn)
         return QStringLiteral("Сервер без единого соединения отвечает, что свободного канала нет");
-    return stage.stopAndClose();
+    return fixture.stopAndClose();
 }
 
-QString Checks::callConnects(CStage &stage)
+QString Checks::callConnects(CFixture &fixture)
 {
-    const QString error = converse(stage, 0);
-    if (!error.isNull() && stage.server && !stage.server->isHardwareOn()) {
-        stage.skipReason = QStringLiteral("оборудование канала не подключено");
+    const QString error = converse(fixture, 0);
+    if (!error.isNull() && fixture.server && !fixture.server->isHardwareOn()) {
+        fixture.skipReason = QStringLiteral("оборудование канала не подключено");
         return QString();
     }
     if (!error.isNull())
         return error;
-    if (stage.connectionOf(1) < 1)
-        return QStringLiteral("Номер соединения %1 меньше 1").arg(stage.connectionOf(1));
-    if (stage.witness.count(What::NotConnected) > 0)
+    if (fixture.connectionOf(1) < 1)
+        return QStringLiteral("Номер соединения %1 меньше 1").arg(fixture.connectionOf(1));
+    if (fixture.recorder.count(What::NotConnected) > 0)
         return QStringLiteral("Для удавшегося вызова пришел и сигнал notConnected");
-    return stage.stopAndClose();
+    return fixture.stopAndClose();
 }
 
-QString Checks::dataIntact(CStage &stage)
+QString Checks::dataIntact(CFixture &fixture)
 {
-    const QString error = wholeConversation(stage, bigPayload);
-    return error.isNull() ? stage.witness.complaint("data") : error;
+    const QString error = wholeConversation(fixture, bigPayload);
+    return error.isNull() ? fixture.recorder.complaint("data") : error;
 }
 
-QString Checks::restart(CStage &stage)
+QString Checks::restart(CFixture &fixture)
 {
-    QString error = converse(stage, 0);
+    QString error = converse(fixture, 0);
     for (int number = 2; error.isNull(); ++number) {
-        if (leastConnection(stage) != 1)
+        if (leastConnection(fixture) != 1)
             return QStringLiteral("После запуска соединения считаются с %1, а не с 1")
-                .arg(leastConnection(stage));
+                .arg(leastConnection(fixture));
         if (number == 3)
-            return stage.stopAndClose();
-        error = stage.stop();
+            return fixture.stopAndClose();
+        error = fixture.stop();
         if (!error.isNull())
             break;
-        stage.witness.clear();
-        stage.start();
-        stage.call(number);
-        error = stage.waitConnected(number);
+        fixture.recorder.clear();
+        fixture.start();
+        fixture.call(number);
+        error = fixture.waitConnected(number);
     }
     return error;
 }
 
-QString Checks::manyCalls(CStage &stage)
+QString Checks::manyCalls(CFixture &fixture)
 {
     constexpr int calls = 5;
-    QString error = stage.open();
+    QString error = fixture.open();
     if (!error.isNull())
         return error;
-    stage.start();
+    fixture.start();
     for (int number = 1; number <= calls; ++number)
-        stage.call(number);
+        fixture.call(number);
     for (int number = 1; number <= calls && error.isNull(); ++number)
-        error = stage.waitConnected(number);
+        error = fixture.waitConnected(number);
     if (!error.isNull())
         return error;
     std::set<int> ids;
-    for (const Event &event : stage.witness.events()) {
+    for (const Event &event : fixture.recorder.events()) {
         if (event.what == What::Connected && !ids.insert(event.number).second)
             return QStringLiteral("Два соединения сразу имеют номер %1").arg(event.number);
     }
-    error = stage.stopAndClose();
-    return error.isNull() ? Rules::everyEndReported(stage.witness) : error;
+    error = fixture.stopAndClose();
+    return error.isNull() ? Rules::everyEndReported(fixture.recorder) : error;
 }
 
-QString Checks::disconnectById(CStage &stage)
+QString Checks::disconnectById(CFixture &fixture)
 {
-    return disconnectFirst(stage, stage.calledName(1), false);
+    return disconnectFirst(fixture, fixture.calledName(1), false);
 }
 
-QString Checks::disconnectByName(CStage &stage)
+QString Checks::disconnectByName(CFixture &fixture)
 {
     // Names are the same when their letters and digits are, whatever the case.
-    return disconnectFirst(stage, stage.calledName(1).toUpper().replace(QLatin1Char(' '), QLatin1Char('-')),
-                           true);
+    return disconnectFirst(fixture,
+                           fixture.calledName(1).toUpper().replace(QLatin1Char(' '), QLatin1Char('-')), true);
 }
 
-QString Checks::unknownConnection(CStage &stage)
+QString Checks::unknownConnection(CFixture &fixture)
 {
-    const QString error = connectQuietly(stage, 1);
+    const QString error = connectQuietly(fixture, 1);
     if (!error.isNull())
         return error;
-    stage.step(QStringLiteral("неизвестные имя и номер соединения"));
-    stage.server->disconnectFromAbonent(nobody(), noConnection);
-    stage.server->disconnectFromAbonent(nobody(), -1);
-    stage.server->keepAliveConnection(noConnection);
-    return exchangeAndClose(stage, 1);
+    fixture.step(QStringLiteral("неизвестные имя и номер соединения"));
+    fixture.server->disconnectFromAbonent(nobody(), noConnection);
+    fixture.server->disconnectFromAbonent(nobody(), -1);
+    fixture.server->keepAliveConnection(noConnection);
+    return exchangeAndClose(fixture, 1);
 }
 
-QString Checks::settingsChange(CStage &stage)
+QString Checks::settingsChange(CFixture &fixture)
 {
-    const QString error = connectQuietly(stage, 1);
+    const QString error = connectQuietly(fixture, 1);
     if (!error.isNull())
         return error;
-    stage.step(QStringLiteral("settingsWasChanged()"));
-    stage.server->settingsWasChanged();
-    return exchangeAndClose(stage, 1);
+    fixture.step(QStringLiteral("settingsWasChanged()"));
+    fixture.server->settingsWasChanged();
+    return exchangeAndClose(fixture, 1);
 }
 
-QString Checks::keepAlive(CStage &stage)
+QString Checks::keepAlive(CFixture &fixture)
 {
-    const QString error = connectQuietly(stage, 2);
+    const QString error = connectQuietly(fixture, 2);
     if (!error.isNull())
         return error;
-    const int id = stage.connectionOf(1);
-    stage.step(QStringLiteral("keepAliveConnection(%1)").arg(id));
-    stage.server->keepAliveConnection(id);
-    stage.wait([&] { return !stage.witness.keptAlive().empty(); });
-    stage.pause(30);
-    const std::vector<int> kept = stage.witness.keptAlive();
+    const int id = fixture.connectionOf(1);
+    fixture.step(QStringLiteral("keepAliveConnection(%1)").arg(id));
+    fixture.server->keepAliveConnection(id);
+    fixture.wait([&] { return !fixture.recorder.keptAlive().empty(); });
+    fixture.pause(30);
+    const std::vector<int> kept = fixture.recorder.keptAlive();
     if (kept.size() != 1)
         return QStringLiteral("keepAliveRequested установлен у %1 соединений вместо одного").arg(kept.size());
-    for (const Event &event : stage.witness.events()) {
-        if (event.what == What::Start && event.number == kept.front() && event.text != stage.calledName(1))
+    for (const Event &event : fixture.recorder.events()) {
+        if (event.what == What::Start && event.number == kept.front() && event.text != fixture.calledName(1))
             return QStringLiteral("keepAliveRequested установлен не у соединения %1").arg(id);
     }
-    return exchangeAndClose(stage, 2);
+    return exchangeAndClose(fixture, 2);
 }
 
-QString Checks::queuedCalls(CStage &stage)
+QString Checks::queuedCalls(CFixture &fixture)
 {
     constexpr int threadCount = 4;
     constexpr int rounds = 50;
-    const QString error = connectQuietly(stage, 1);
+    const QString error = connectQuietly(fixture, 1);
     if (!error.isNull())
         return error;
-    stage.step(QStringLiteral("слоты из %1 потоков через очередь событий").arg(threadCount));
-    QObject *const server = stage.server.get();
+    fixture.step(QStringLiteral("слоты из %1 потоков через очередь событий").arg(threadCount));
+    QObject *const server = fixture.server.get();
     std::atomic<int> refused{0};
     std::vector<std::thread> threads;
     threads.reserve(threadCount);
@@ -279,5 +279,5 @@ QString Checks::queuedCalls(CStage &stage)
         thread.join();
     if (refused > 0)
         return QStringLiteral("Слоты не вызываются по именам, отказов: %1").arg(refused);
-    return exchangeAndClose(stage, 1);
+    return exchangeAndClose(fixture, 1);
 }

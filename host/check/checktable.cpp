@@ -1,7 +1,7 @@
 #include "host/check/checktable.h"
 
+#include "host/check/cfixture.h"
 #include "host/check/checks.h"
-#include "host/check/cstage.h"
 #include "host/check/rules.h"
 
 #include <algorithm>
@@ -13,16 +13,16 @@ namespace {
 constexpr int payloadBytes = 2000;
 
 /// A check that is one rule, applied to a whole conversation.
-template <QString (*rule)(const CWitness &)>
-QString judge(CStage &stage)
+template <QString (*rule)(const CRecorder &)>
+QString judge(CFixture &fixture)
 {
-    const QString error = Checks::wholeConversation(stage, payloadBytes);
-    return error.isNull() ? rule(stage.witness) : error;
+    const QString error = Checks::wholeConversation(fixture, payloadBytes);
+    return error.isNull() ? rule(fixture.recorder) : error;
 }
 
-QString readComplaint(const CWitness &witness)
+QString readComplaint(const CRecorder &recorder)
 {
-    return witness.complaint("read");
+    return recorder.complaint("read");
 }
 
 constexpr char call[] = "call-connects"; // without a call most checks have nothing to look at
@@ -51,7 +51,7 @@ const std::vector<Check> &checkTable()
         {"fresh-server", "plugin-object", "create() дает чистый сервер, не зависящий от объекта канала", false, Checks::freshServer},
         {"start-stop", "meta-object", "на stop() вовремя приходит ровно один finished()", false, Checks::startStop},
         {"stop-returns-first", "start-stop", "finished() приходит из цикла событий, а не изнутри stop()", false,
-            [](CStage &stage) { const QString error = Checks::startStop(stage); return error.isNull() ? Rules::stopReturnsFirst(stage.witness) : error; }},
+            [](CFixture &fixture) { const QString error = Checks::startStop(fixture); return error.isNull() ? Rules::stopReturnsFirst(fixture.recorder) : error; }},
         {"queries", "start-stop", "hasFreeChannel(), isHardwareOn(), canCheckOnline() отвечают сразу", false, Checks::queries},
         {"call-connects", "start-stop", "вызов приводит к connected с именем и номером соединения", true, Checks::callConnects},
         {"data-intact", call, "байты доходят все, по порядку и без изменений", true, Checks::dataIntact},
@@ -92,7 +92,7 @@ const std::vector<Check> &checkTable()
 }
 // clang-format on
 
-int runCheckHere(CStage &stage, const QString &name)
+int runCheckHere(CFixture &fixture, const QString &name)
 {
     const std::vector<Check> &table = checkTable();
     const auto check = std::find_if(table.begin(), table.end(),
@@ -100,13 +100,13 @@ int runCheckHere(CStage &stage, const QString &name)
     if (check == table.end())
         return 1;
     const bool loadsItself = check->run == Checks::entryPoints || check->run == Checks::apiVersion;
-    QString error = loadsItself ? QString() : stage.load();
-    if (error.isNull() && check->placesCalls && !stage.whyNoCalls().isNull())
-        return answer("skip", stage.whyNoCalls());
+    QString error = loadsItself ? QString() : fixture.load();
+    if (error.isNull() && check->placesCalls && !fixture.whyNoCalls().isNull())
+        return answer("skip", fixture.whyNoCalls());
     if (error.isNull())
-        error = check->run(stage);
-    if (error.isNull() && !stage.skipReason.isNull())
-        return answer("skip", stage.skipReason);
+        error = check->run(fixture);
+    if (error.isNull() && !fixture.skipReason.isNull())
+        return answer("skip", fixture.skipReason);
     if (error.isNull())
         return answer("pass", QString());
     answer("fail", error);

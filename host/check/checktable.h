@@ -3,7 +3,7 @@
 
 #include <vector>
 
-class CStage;
+class CFixture;
 class QString;
 
 /// Stands for all the others: none of them may have failed.
@@ -15,11 +15,11 @@ struct Check
     const char *needs; // the check without which this one has no sense; null: none
     const char *title; // what holds when it passes, in Russian
     bool placesCalls;
-    QString (*run)(CStage &stage); // null when it has passed, else what is wrong
+    QString (*run)(CFixture &fixture); // null when it has passed, else what is wrong
 };
 
 const std::vector<Check> &checkTable();
 
 /// Runs one check in this process and prints its result for the parent.
 /// @return the process's exit code
-int runCheckHere(CStage &stage, const QString &name);
+int runCheckHere(CFixture &fixture, const QString &name);

@@ -1,7 +1,7 @@
 #include "host/check/rules.h"
 
 #include "common/namefilter.h"
-#include "host/check/cwitness.h"
+#include "host/check/crecorder.h"
 #include "interfaces/cjournal.h"
 
 #include <QStringList>
@@ -19,10 +19,10 @@ bool isProtocols(const Event &event)
 }
 
 /// The names in all events of a sort that have one, sorted.
-QStringList namesIn(const CWitness &witness, What what)
+QStringList namesIn(const CRecorder &recorder, What what)
 {
     QStringList names;
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         if (event.what == what && !event.text.isEmpty())
             names << event.text;
     }
@@ -32,36 +32,36 @@ QStringList namesIn(const CWitness &witness, What what)
 
 } // namespace
 
-QString Rules::presets(const CWitness &witness)
+QString Rules::presets(const CRecorder &recorder)
 {
     QStringList labels;
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         if (event.what == What::AddConnection)
             labels << event.text;
     }
-    for (const Presets &each : witness.presets()) {
+    for (const Presets &each : recorder.presets()) {
         if (each.label.isEmpty() || !labels.contains(each.label))
             return QStringLiteral("До start() протоколу не дана метка соединения из монитора: '%1'")
                 .arg(each.label);
         if (each.filteredName != Global::filterName(each.name))
             return QStringLiteral("remoteAbonentFilteredName '%1' не соответствует имени '%2'")
                 .arg(each.filteredName, each.name);
-        if (each.kind != witness.kind)
+        if (each.kind != recorder.kind)
             return QStringLiteral("Вид канала CChannel::kind равен %1, а type() модуля - %2")
                 .arg(each.kind)
-                .arg(witness.kind);
+                .arg(recorder.kind);
     }
     return QString();
 }
 
-QString Rules::signalThreads(const CWitness &witness)
+QString Rules::signalThreads(const CRecorder &recorder)
 {
     std::set<int> connectionThreads;
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         if (event.what == What::Create)
             connectionThreads.insert(event.thread);
         else if ((event.what == What::Connected || event.what == What::Finished) &&
-                 event.thread != witness.serverThread)
+                 event.thread != recorder.serverThread)
             return QStringLiteral("%1 пришел не из потока сервера")
                 .arg(event.what == What::Finished ? QStringLiteral("finished") : QStringLiteral("connected"));
         else if (event.what == What::Disconnected && connectionThreads.count(event.thread) == 0)
@@ -70,10 +70,10 @@ QString Rules::signalThreads(const CWitness &witness)
     return QString();
 }
 
-QString Rules::protocolThread(const CWitness &witness)
+QString Rules::protocolThread(const CRecorder &recorder)
 {
     std::map<int, int> threads; // of the protocols, by number
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         if (!isProtocols(event))
             continue;
         const int born = threads.emplace(event.number, event.thread).first->second;
@@ -84,24 +84,24 @@ QString Rules::protocolThread(const CWitness &witness)
     return QString();
 }
 
-QString Rules::everyEndReported(const CWitness &witness)
+QString Rules::everyEndReported(const CRecorder &recorder)
 {
-    const QStringList ended = namesIn(witness, What::Gone);
-    const QStringList reported = namesIn(witness, What::Disconnected);
+    const QStringList ended = namesIn(recorder, What::Gone);
+    const QStringList reported = namesIn(recorder, What::Disconnected);
     if (ended == reported)
         return QString();
     return QStringLiteral("Закончились соединения: %1; сигналы disconnected: %2")
         .arg(ended.join(QLatin1String(", ")), reported.join(QLatin1String(", ")));
 }
 
-QString Rules::usefulFlag(const CWitness &witness)
+QString Rules::usefulFlag(const CRecorder &recorder)
 {
     std::multimap<QString, qint64> flags; // of the protocols, by name
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         if (event.what == What::Gone)
             flags.emplace(event.text, event.value);
     }
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         const auto [first, last] = flags.equal_range(event.text);
         const bool isRight = first == last || std::any_of(first, last, [&](const auto &each) {
                                  return each.second == event.value;
@@ -114,21 +114,21 @@ QString Rules::usefulFlag(const CWitness &witness)
     return QString();
 }
 
-QString Rules::monitorEntries(const CWitness &witness)
+QString Rules::monitorEntries(const CRecorder &recorder)
 {
-    std::map<int, bool> entries{{CWitness::ownHandle, true}}; // whether the entry is there
-    for (const Event &event : witness.events()) {
+    std::map<int, bool> entries{{CRecorder::ownHandle, true}}; // whether the entry is there
+    for (const Event &event : recorder.events()) {
         const auto entry = entries.find(event.number);
         switch (event.what) {
         case What::AddConnection:
-            if (event.value != witness.kind)
+            if (event.value != recorder.kind)
                 return QStringLiteral("addConnection() с видом канала %1").arg(event.value);
             if (event.text.isEmpty())
                 return QStringLiteral("addConnection() без метки");
             entries[event.number] = true;
             break;
         case What::RemoveConnection:
-            if (entry == entries.end() || !entry->second || event.number == CWitness::ownHandle)
+            if (entry == entries.end() || !entry->second || event.number == CRecorder::ownHandle)
                 return QStringLiteral("removeConnection() для строки, которой нет");
             entry->second = false;
             break;
@@ -145,19 +145,19 @@ QString Rules::monitorEntries(const CWitness &witness)
             break;
         }
     }
-    entries.erase(CWitness::ownHandle);
+    entries.erase(CRecorder::ownHandle);
     const auto left =
         std::count_if(entries.begin(), entries.end(), [](const auto &each) { return each.second; });
     return left == 0 ? QString() : QStringLiteral("После остановки в мониторе осталось строк: %1").arg(left);
 }
 
-QString Rules::monitorBytes(const CWitness &witness)
+QString Rules::monitorBytes(const CRecorder &recorder)
 {
     qint64 read = 0;
     qint64 written = 0;
     qint64 received = 0;
     qint64 sent = 0;
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         qint64 *const sum = event.what == What::Read       ? &read
                             : event.what == What::Written  ? &written
                             : event.what == What::Received ? &received
@@ -175,9 +175,9 @@ QString Rules::monitorBytes(const CWitness &witness)
         .arg(sent);
 }
 
-QString Rules::journalRecords(const CWitness &witness)
+QString Rules::journalRecords(const CRecorder &recorder)
 {
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         if (event.what != What::Record)
             continue;
         if (event.number != JournalEvent && event.number != JournalError)
@@ -188,12 +188,12 @@ QString Rules::journalRecords(const CWitness &witness)
     return QString();
 }
 
-QString Rules::ownership(const CWitness &witness)
+QString Rules::ownership(const CRecorder &recorder)
 {
     std::map<int, int> alive;
     int factories = 1;
     bool isServerGone = false;
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         if (event.what == What::Create && event.number > 0)
             ++alive[event.number];
         else if (event.what == What::Gone)
@@ -212,10 +212,10 @@ QString Rules::ownership(const CWitness &witness)
                                           : QString();
 }
 
-QString Rules::stopReturnsFirst(const CWitness &witness)
+QString Rules::stopReturnsFirst(const CRecorder &recorder)
 {
     bool isInStop = false;
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         isInStop = event.what == What::StopAsked || (isInStop && event.what != What::StopReturned);
         if (isInStop && event.what == What::Finished)
             return QStringLiteral("finished() пришел раньше, чем вернулся stop()");
@@ -223,10 +223,10 @@ QString Rules::stopReturnsFirst(const CWitness &witness)
     return QString();
 }
 
-QString Rules::quietAfterFinish(const CWitness &witness)
+QString Rules::quietAfterFinish(const CRecorder &recorder)
 {
     bool isFinished = false;
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         switch (event.what) {
         case What::Started:
             isFinished = false;
@@ -249,16 +249,16 @@ QString Rules::quietAfterFinish(const CWitness &witness)
     return QString();
 }
 
-QString Rules::always(const CWitness &witness)
+QString Rules::always(const CRecorder &recorder)
 {
     for (const auto rule : {everyEndReported, usefulFlag, signalThreads, protocolThread, monitorEntries,
                             monitorBytes, journalRecords, ownership, stopReturnsFirst}) {
-        const QString error = rule(witness);
+        const QString error = rule(recorder);
         if (!error.isNull())
             return error;
     }
     for (const char *sort : {"data", "read"}) {
-        const QString error = witness.complaint(sort);
+        const QString error = recorder.complaint(sort);
         if (!error.isNull())
             return error;
     }

@@ -2,24 +2,24 @@
 // Each rule is a pure look at the list; null means that it is kept, else the text says what is wrong.
 #pragma once
 
-class CWitness;
+class CRecorder;
 class QString;
 
 namespace Rules {
 
-QString presets(const CWitness &witness);
-QString signalThreads(const CWitness &witness);
-QString protocolThread(const CWitness &witness);
-QString everyEndReported(const CWitness &witness);
-QString usefulFlag(const CWitness &witness);
-QString monitorEntries(const CWitness &witness);
-QString monitorBytes(const CWitness &witness);
-QString journalRecords(const CWitness &witness);
-QString ownership(const CWitness &witness);
-QString stopReturnsFirst(const CWitness &witness);
-QString quietAfterFinish(const CWitness &witness);
+QString presets(const CRecorder &recorder);
+QString signalThreads(const CRecorder &recorder);
+QString protocolThread(const CRecorder &recorder);
+QString everyEndReported(const CRecorder &recorder);
+QString usefulFlag(const CRecorder &recorder);
+QString monitorEntries(const CRecorder &recorder);
+QString monitorBytes(const CRecorder &recorder);
+QString journalRecords(const CRecorder &recorder);
+QString ownership(const CRecorder &recorder);
+QString stopReturnsFirst(const CRecorder &recorder);
+QString quietAfterFinish(const CRecorder &recorder);
 
 /// All rules that hold whatever the host does in between.
-QString always(const CWitness &witness);
+QString always(const CRecorder &recorder);
 
 } // namespace Rules

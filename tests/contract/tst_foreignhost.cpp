@@ -41,7 +41,7 @@ ChannelIpSettings gIpSettings = {false, -1, -2, -3};
 
 namespace {
 
-class Witness : public CChannelMonitor, public CJournal
+class Recorder : public CChannelMonitor, public CJournal
 {
 public:
     int addConnection(int kind, const QString &label, const QString &) override
@@ -196,14 +196,14 @@ private slots:
         QVERIFY(TestInstallation::write(TestInstallation::path() + "/settings/channelIp.conf"_s,
                                         streamed(2, true, 1, port, 64)));
 
-        Witness witness;
+        Recorder recorder;
         const std::unique_ptr<CChannelPlugin, void (*)(CChannelPlugin *)> plugin(
             entry<CChannelPlugin *(*)()>("instance")(), entry<void (*)(CChannelPlugin *)>("deleteInstance"));
         std::unique_ptr<CChannelServer> server(plugin->create());
         server->monitorHandle = 7;
         server->protocolFactory = new Factory;
-        server->monitor = &witness;
-        server->journal = &witness;
+        server->monitor = &recorder;
+        server->journal = &recorder;
         QSignalSpy byText(server.get(), SIGNAL(connected(QString, int)));
         connect(server.get(), SIGNAL(disconnected(QString, int, bool)), SIGNAL(hasEnded(QString, int, bool)));
         connect(server.get(), SIGNAL(notConnected(QString)), SIGNAL(isRefused(QString)));
@@ -245,7 +245,7 @@ private slots:
 
         for (const char *call : {"state 7", "add 1 IP-канал 1", "sent 41", "received 41", "state 41",
                                  "remove 41", "record 0 IP-канал: Запуск", "record 0 IP-канал: Остановка"})
-            QVERIFY2(witness.calls.contains(QString::fromUtf8(call)), call);
+            QVERIFY2(recorder.calls.contains(QString::fromUtf8(call)), call);
         // Logging state is shared, everything else is each module's own.
         const auto mine =
             std::find_if(logging.tabulations.cbegin(), logging.tabulations.cend(),

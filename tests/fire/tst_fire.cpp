@@ -3,9 +3,9 @@
 // test in a process of its own: the built plug-in in a small host (firehost), or `abonent`.
 //
 // The figures are printed. IPCHANNEL_LONG=1 runs the long forms, IPCHANNEL_SEED=n repeats a random run.
-#include "host/cconsole.h"
-#include "host/cconsolemonitor.h"
-#include "host/cmessageprotocol.h"
+#include "host/console/cconsole.h"
+#include "host/console/cconsolemonitor.h"
+#include "host/conversation/cmessageprotocol.h"
 #include "tests/fire/childprocess.h"
 #include "tests/fire/eventloop.h"
 #include "tests/fire/firehost.h"

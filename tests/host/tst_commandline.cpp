@@ -1,7 +1,7 @@
 // Command lines, and the texts and names that come from strangers.
-#include "host/commandline.h"
-#include "host/cunnamedcallers.h"
-#include "host/foreigntext.h"
+#include "host/commands/commandline.h"
+#include "host/console/untrustedtext.h"
+#include "host/conversation/cunnamedcallers.h"
 #include "tests/support/testinstallation.h"
 
 #include <QtTest>

@@ -1,6 +1,6 @@
 // The program itself: two installations, two processes, a network of one machine. And strangers, who
 // speak to it over a bare socket.
-#include "host/messageframe.h"
+#include "host/conversation/messageframe.h"
 #include "tests/support/testinstallation.h"
 
 #include <QCryptographicHash>

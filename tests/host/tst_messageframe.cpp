@@ -1,5 +1,5 @@
 // Frames against bytes drawn by hand: whole, in pieces, cut, and damaged.
-#include "host/messageframe.h"
+#include "host/conversation/messageframe.h"
 #include "tests/support/testinstallation.h"
 
 #include <QtTest>

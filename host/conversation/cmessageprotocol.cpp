@@ -1,9 +1,9 @@
-#include "host/cmessageprotocol.h"
+#include "host/conversation/cmessageprotocol.h"
 
 #include "common/global.h"
 #include "common/terminationguard.h"
-#include "host/cconsolemonitor.h"
-#include "host/cdelivery.h"
+#include "host/console/cconsolemonitor.h"
+#include "host/delivery/cdelivery.h"
 #include "interfaces/cjournal.h"
 
 #include <QAbstractEventDispatcher>
@@ -25,8 +25,8 @@ constexpr int leastRoom = 512;         // smaller pieces are not worth sending
 
 } // namespace
 
-CMessageProtocol::CMessageProtocol(CChannel *ownedChannel, const Surroundings &around)
-    : CAbstractProtocol(ownedChannel), surroundings(around), receiver(around.store)
+CMessageProtocol::CMessageProtocol(CChannel *ownedChannel, const Context &around)
+    : CAbstractProtocol(ownedChannel), context(around), receiver(around.store)
 {
     deadline.setSingleShot(true);
     connect(&deadline, &QTimer::timeout, this, &CMessageProtocol::lookAtClock);
@@ -34,7 +34,7 @@ CMessageProtocol::CMessageProtocol(CChannel *ownedChannel, const Surroundings &a
 
 CMessageProtocol::~CMessageProtocol()
 {
-    surroundings.unnamed->remove(this);
+    context.unnamed->remove(this);
 }
 
 void CMessageProtocol::start()
@@ -44,9 +44,9 @@ void CMessageProtocol::start()
     sinceExchange.start();
     deadline.start(isPlaced ? placedGreetingMs : answeredGreetingMs);
     if (isPlaced)
-        outbox = GreetingFrame{GreetingFrame::currentVersion, surroundings.ownName}.toBytes();
+        outbox = GreetingFrame{GreetingFrame::currentVersion, context.ownName}.toBytes();
     else
-        surroundings.unnamed->add(this, surroundings.monitor->originOf(label));
+        context.unnamed->add(this, context.monitor->originOf(label));
 
     connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
             &CMessageProtocol::work);
@@ -174,16 +174,16 @@ void CMessageProtocol::takeGreeting(const std::optional<GreetingFrame> &greeting
     remoteAbonentFilteredName = filteredName;
     if (isSomebodyElse) {
         const QString text = QStringLiteral("Ответил другой абонент: '%1'").arg(greeting->name);
-        if (surroundings.delivery)
-            surroundings.delivery->fail(CDelivery::SomebodyElse, text);
+        if (context.delivery)
+            context.delivery->fail(CDelivery::SomebodyElse, text);
         return sayGoodbye(QStringLiteral("Вызван другой абонент"));
     }
-    surroundings.unnamed->remove(this);
+    context.unnamed->remove(this);
     deadline.start(clockMs);
     if (!isPlaced)
-        outbox += GreetingFrame{GreetingFrame::currentVersion, surroundings.ownName}.toBytes();
-    else if (surroundings.delivery)
-        sender = std::make_unique<CItemSender>(*surroundings.delivery);
+        outbox += GreetingFrame{GreetingFrame::currentVersion, context.ownName}.toBytes();
+    else if (context.delivery)
+        sender = std::make_unique<CItemSender>(*context.delivery);
     emit remoteAbonentNameChanged(remoteAbonentName);
 }
 
@@ -195,7 +195,7 @@ void CMessageProtocol::takeAnswer(const AnswerFrame &answer)
         return breakOff(fault);
     if (!event.isNull()) {
         wasUseful = true;
-        surroundings.journal->addRecord(JournalEvent, label, event);
+        context.journal->addRecord(JournalEvent, label, event);
     }
 }
 
@@ -204,9 +204,9 @@ void CMessageProtocol::react(const CItemReceiver::Reaction &reaction)
     outbox += reaction.reply;
     wasUseful |= reaction.stored;
     if (!reaction.event.isNull())
-        surroundings.journal->addRecord(JournalEvent, label, reaction.event);
+        context.journal->addRecord(JournalEvent, label, reaction.event);
     if (!reaction.error.isNull())
-        surroundings.journal->addRecord(JournalError, label, reaction.error);
+        context.journal->addRecord(JournalError, label, reaction.error);
     if (!reaction.fault.isNull())
         breakOff(reaction.fault);
 }
@@ -266,7 +266,7 @@ void CMessageProtocol::lookAtClock()
 /// Ends a connection that is of no use. The other side hears nothing but the end.
 void CMessageProtocol::breakOff(const QString &how)
 {
-    surroundings.journal->addRecord(JournalError, label, QStringLiteral("Соединение разорвано: %1").arg(how));
+    context.journal->addRecord(JournalError, label, QStringLiteral("Соединение разорвано: %1").arg(how));
     channel->disconnectFromAbonent();
     end(how);
 }
@@ -284,8 +284,8 @@ void CMessageProtocol::end(const QString &trouble)
 {
     isEnded = true;
     deadline.stop();
-    surroundings.unnamed->remove(this);
-    if (isPlaced && surroundings.delivery)
-        surroundings.delivery->setDown(trouble);
+    context.unnamed->remove(this);
+    if (isPlaced && context.delivery)
+        context.delivery->setDown(trouble);
     emit finished();
 }

@@ -5,9 +5,9 @@
 // Knows neither channel nor clock. Lives in the connection thread.
 #pragma once
 
-#include "host/cdelivery.h"
-#include "host/csha256.h"
-#include "host/messageframe.h"
+#include "host/conversation/csha256.h"
+#include "host/conversation/messageframe.h"
+#include "host/delivery/cdelivery.h"
 
 class CItemSender
 {

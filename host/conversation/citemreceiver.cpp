@@ -1,7 +1,7 @@
-#include "host/citemreceiver.h"
+#include "host/conversation/citemreceiver.h"
 
 #include "common/global.h"
-#include "host/foreigntext.h"
+#include "host/console/untrustedtext.h"
 
 namespace {
 

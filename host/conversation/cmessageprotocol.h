@@ -7,10 +7,10 @@
 // same class answers calls and places them; a placed call works off a delivery.
 #pragma once
 
-#include "host/citemreceiver.h"
-#include "host/citemsender.h"
-#include "host/cunnamedcallers.h"
-#include "host/messageframe.h"
+#include "host/conversation/citemreceiver.h"
+#include "host/conversation/citemsender.h"
+#include "host/conversation/cunnamedcallers.h"
+#include "host/conversation/messageframe.h"
 #include "interfaces/cabstractprotocol.h"
 
 #include <QElapsedTimer>
@@ -30,7 +30,7 @@ class CMessageProtocol : public CAbstractProtocol, private CUnnamedCaller
 
 public:
     /// What all conversations of the program share. Everything pointed to outlives them.
-    struct Surroundings
+    struct Context
     {
         QString ownName;
         CMessageStore *store = nullptr;
@@ -40,7 +40,7 @@ public:
         CDelivery *delivery = nullptr; // for placed calls; may be null
     };
 
-    CMessageProtocol(CChannel *ownedChannel, const Surroundings &around);
+    CMessageProtocol(CChannel *ownedChannel, const Context &around);
     ~CMessageProtocol() override;
 
     void start() override;
@@ -73,7 +73,7 @@ private:
         GiveWay,
     };
 
-    const Surroundings surroundings;
+    const Context context;
     std::atomic<int> request{NoRequest}; // any thread
 
     // The connection thread's own.

@@ -1,4 +1,4 @@
-#include "host/check/cstage.h"
+#include "host/check/cfixture.h"
 
 #include "common/global.h"
 #include "common/logger.h"
@@ -57,26 +57,26 @@ EntryPoints entryPoints(const QString &fileName)
             reinterpret_cast<DeleteInstanceFunction>(library.resolve(deleteInstanceSymbol))};
 }
 
-CStage::CStage(const CheckArguments &given) : arguments(given) {}
+CFixture::CFixture(const CheckArguments &given) : arguments(given) {}
 
-CStage::~CStage()
+CFixture::~CFixture()
 {
     if (closedPort >= 0)
         ::close(closedPort);
     server.release(); // NOLINT: what a failed check leaves running is still used by its threads
 }
 
-QString CStage::load()
+QString CFixture::load()
 {
     step(QStringLiteral("загрузка модуля"));
     const QString error = library.load(arguments.channel);
     if (!error.isNull())
         return error;
-    witness.kind = library.plugin()->type();
+    recorder.kind = library.plugin()->type();
     ownRecord = arguments.abonentData;
     silentRecord = arguments.silentAbonent;
     hasSilentRecord = arguments.hasSilentAbonent;
-    if (witness.kind == ipKind && !arguments.hasAbonentData)
+    if (recorder.kind == ipKind && !arguments.hasAbonentData)
         noCalls = prepareIp();
     else if (!arguments.hasAbonentData)
         noCalls = QStringLiteral("неизвестно, как вызвать абонента: нужны --abonent-data или --abonent-file");
@@ -85,7 +85,7 @@ QString CStage::load()
 
 /// The kind that this program knows: a free port in channelIp.conf, a record that leads to it.
 /// @return null on success, else why there can be no calls
-QString CStage::prepareIp()
+QString CFixture::prepareIp()
 {
     ChannelIpSettings settings;
     int freePort = 0;
@@ -111,19 +111,19 @@ QString CStage::prepareIp()
     return QString();
 }
 
-QString CStage::open()
+QString CFixture::open()
 {
     step(QStringLiteral("создание сервера"));
     server.reset(library.plugin()->create());
     if (!server)
         return QStringLiteral("create() вернул нулевой указатель");
-    server->monitorHandle = CWitness::ownHandle;
-    server->monitor = &witness;
-    server->journal = &witness;
-    server->protocolFactory = new CCheckProtocolFactory(witness);
+    server->monitorHandle = CRecorder::ownHandle;
+    server->monitor = &recorder;
+    server->journal = &recorder;
+    server->protocolFactory = new CCheckProtocolFactory(recorder);
 
     // Without a receiver, so that they are heard in the thread that emits them.
-    CWitness *const seen = &witness;
+    CRecorder *const seen = &recorder;
     QObject::connect(server.get(), &CChannelServer::connected,
                      [seen](const QString &name, int id) { seen->note(What::Connected, id, name); });
     QObject::connect(server.get(), &CChannelServer::notConnected,
@@ -136,33 +136,33 @@ QString CStage::open()
     return QString();
 }
 
-void CStage::start()
+void CFixture::start()
 {
     step(QStringLiteral("start()"));
-    witness.note(What::Started);
+    recorder.note(What::Started);
     server->start();
 }
 
-QString CStage::stop()
+QString CFixture::stop()
 {
     step(QStringLiteral("stop()"));
-    const int finishedBefore = witness.count(What::Finished);
-    witness.note(What::StopAsked);
+    const int finishedBefore = recorder.count(What::Finished);
+    recorder.note(What::StopAsked);
     server->stop();
-    witness.note(What::StopReturned);
-    if (!wait([&] { return witness.count(What::Finished) > finishedBefore; }))
+    recorder.note(What::StopReturned);
+    if (!wait([&] { return recorder.count(What::Finished) > finishedBefore; }))
         return QStringLiteral("После stop() за %1 мс не пришел сигнал finished()").arg(arguments.limitMs);
     return QString();
 }
 
-void CStage::close()
+void CFixture::close()
 {
     step(QStringLiteral("удаление сервера"));
-    witness.note(What::ServerGone);
+    recorder.note(What::ServerGone);
     server.reset();
 }
 
-QString CStage::stopAndClose()
+QString CFixture::stopAndClose()
 {
     constexpr int afterwardsMs = 30; // whatever a channel does too late
     const QString error = stop();
@@ -173,23 +173,23 @@ QString CStage::stopAndClose()
     return QString();
 }
 
-QString CStage::calledName(int number)
+QString CFixture::calledName(int number)
 {
     return QStringLiteral("Вызываемый %1").arg(number);
 }
 
-void CStage::call(int number)
+void CFixture::call(int number)
 {
     step(QStringLiteral("вызов %1").arg(number));
     server->connectToAbonent(calledName(number), ownRecord);
 }
 
-QString CStage::waitConnected(int number)
+QString CFixture::waitConnected(int number)
 {
     const QString name = calledName(number);
     const bool isConnected = wait([&] {
-        return witness.count(What::Connected, name) > 0 &&
-               witness.count(What::Connected) >= witness.count(What::Named);
+        return recorder.count(What::Connected, name) > 0 &&
+               recorder.count(What::Connected) >= recorder.count(What::Named);
     });
     if (isConnected)
         return QString();
@@ -197,32 +197,32 @@ QString CStage::waitConnected(int number)
                           "notConnected: %4, протоколов создано: %5, имен узнано: %6)")
         .arg(name)
         .arg(arguments.limitMs)
-        .arg(witness.count(What::Connected))
-        .arg(witness.count(What::NotConnected))
-        .arg(witness.count(What::Create))
-        .arg(witness.count(What::Named));
+        .arg(recorder.count(What::Connected))
+        .arg(recorder.count(What::NotConnected))
+        .arg(recorder.count(What::Create))
+        .arg(recorder.count(What::Named));
 }
 
-QString CStage::waitExchanged(int number)
+QString CFixture::waitExchanged(int number)
 {
-    if (wait([&] { return witness.count(What::Exchanged, calledName(number)) > 0; }))
+    if (wait([&] { return recorder.count(What::Exchanged, calledName(number)) > 0; }))
         return QString();
     return QStringLiteral("Данные вызова %1 за %2 мс не вернулись целиком")
         .arg(number)
         .arg(arguments.limitMs);
 }
 
-int CStage::connectionOf(int number) const
+int CFixture::connectionOf(int number) const
 {
     int id = 0;
-    for (const Event &event : witness.events()) {
+    for (const Event &event : recorder.events()) {
         if (event.what == What::Connected && event.text == calledName(number))
             id = event.number;
     }
     return id;
 }
 
-bool CStage::wait(const std::function<bool()> &condition, int limitMs)
+bool CFixture::wait(const std::function<bool()> &condition, int limitMs)
 {
     QEventLoop loop;
     QTimer poll;
@@ -239,12 +239,12 @@ bool CStage::wait(const std::function<bool()> &condition, int limitMs)
     return condition();
 }
 
-void CStage::pause(int ms)
+void CFixture::pause(int ms)
 {
     wait([] { return false; }, ms);
 }
 
-void CStage::step(const QString &text)
+void CFixture::step(const QString &text)
 {
     std::fputs(QStringLiteral("@step %1\n").arg(text).toUtf8().constData(), stdout);
     std::fflush(stdout);

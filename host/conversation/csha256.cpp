@@ -1,4 +1,4 @@
-#include "host/csha256.h"
+#include "host/conversation/csha256.h"
 
 #include <openssl/evp.h>
 

@@ -1,6 +1,6 @@
-#include "host/cconsolejournal.h"
+#include "host/console/cconsolejournal.h"
 
-#include "host/cconsole.h"
+#include "host/console/cconsole.h"
 
 void CConsoleJournal::addRecord(int kind, const QString &source, const QString &text)
 {

@@ -1,9 +1,9 @@
 // `abonent listen`.
-#include "host/commands.h"
+#include "host/commands/commands.h"
 
-#include "host/commandline.h"
+#include "host/commands/commandline.h"
+#include "host/commands/exitcodes.h"
 #include "host/cprogram.h"
-#include "host/exitcodes.h"
 
 #include <QCoreApplication>
 

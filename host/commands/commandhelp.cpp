@@ -1,4 +1,4 @@
-#include "host/commandhelp.h"
+#include "host/commands/commandhelp.h"
 
 #include <QString>
 

@@ -1,11 +1,11 @@
 // `abonent send`.
-#include "host/commands.h"
+#include "host/commands/commands.h"
 
-#include "host/cdelivery.h"
-#include "host/cdeliverycall.h"
-#include "host/commandline.h"
+#include "host/commands/commandline.h"
+#include "host/commands/exitcodes.h"
 #include "host/cprogram.h"
-#include "host/exitcodes.h"
+#include "host/delivery/cdelivery.h"
+#include "host/delivery/cdeliverycall.h"
 
 #include <QCoreApplication>
 

@@ -1,4 +1,4 @@
-#include "host/cdelivery.h"
+#include "host/delivery/cdelivery.h"
 
 #include <QFileInfo>
 

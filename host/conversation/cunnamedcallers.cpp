@@ -1,4 +1,4 @@
-#include "host/cunnamedcallers.h"
+#include "host/conversation/cunnamedcallers.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-// Foreign text where people or the file system will meet it: names and files come from the network.
+// Untrusted text where people or the file system will meet it: names and files come from the network.
 #pragma once
 
 #include <QString>

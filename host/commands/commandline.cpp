@@ -1,4 +1,4 @@
-#include "host/commandline.h"
+#include "host/commands/commandline.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "host/cmessagestore.h"
+#include "host/conversation/cmessagestore.h"
 
 #include "common/csettings.h"
 #include "common/global.h"
-#include "host/foreigntext.h"
+#include "host/console/untrustedtext.h"
 
 #include <QFile>
 

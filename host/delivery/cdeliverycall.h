@@ -1,8 +1,8 @@
 // Gets one delivery to an abonent: calls, watches, calls again, and says how it ended.
 #pragma once
 
-#include "host/cdelivery.h"
-#include "host/commandline.h"
+#include "host/commands/commandline.h"
+#include "host/delivery/cdelivery.h"
 
 #include <QElapsedTimer>
 #include <QObject>

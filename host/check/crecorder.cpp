@@ -1,4 +1,4 @@
-#include "host/check/cwitness.h"
+#include "host/check/crecorder.h"
 
 #include "interfaces/cabstractprotocol.h"
 
@@ -19,21 +19,21 @@ int systemThread()
 
 } // namespace
 
-CWitness::CWitness() : serverThread(systemThread()) {}
+CRecorder::CRecorder() : serverThread(systemThread()) {}
 
-void CWitness::note(What what, int number, const QString &text, qint64 value)
+void CRecorder::note(What what, int number, const QString &text, qint64 value)
 {
     const QMutexLocker locker(&mutex);
     list.push_back({what, number, text, value, systemThread()});
 }
 
-void CWitness::complain(const char *sort, const QString &text)
+void CRecorder::complain(const char *sort, const QString &text)
 {
     const QMutexLocker locker(&mutex);
     complaints.emplace_back(sort, text);
 }
 
-QString CWitness::complaint(const char *sort) const
+QString CRecorder::complaint(const char *sort) const
 {
     const QMutexLocker locker(&mutex);
     const auto it = std::find_if(complaints.begin(), complaints.end(),
@@ -41,13 +41,13 @@ QString CWitness::complaint(const char *sort) const
     return it == complaints.end() ? QString() : it->second;
 }
 
-std::vector<Event> CWitness::events() const
+std::vector<Event> CRecorder::events() const
 {
     const QMutexLocker locker(&mutex);
     return list;
 }
 
-int CWitness::count(What what, const QString &text) const
+int CRecorder::count(What what, const QString &text) const
 {
     const QMutexLocker locker(&mutex);
     return int(std::count_if(list.begin(), list.end(), [&](const Event &event) {
@@ -55,37 +55,37 @@ int CWitness::count(What what, const QString &text) const
     }));
 }
 
-void CWitness::addPresets(const Presets &seen)
+void CRecorder::addPresets(const Presets &seen)
 {
     const QMutexLocker locker(&mutex);
     found.push_back(seen);
 }
 
-std::vector<Presets> CWitness::presets() const
+std::vector<Presets> CRecorder::presets() const
 {
     const QMutexLocker locker(&mutex);
     return found;
 }
 
-void CWitness::setConduct(const Conduct &conduct)
+void CRecorder::setConduct(const Behaviour &behaviour)
 {
     const QMutexLocker locker(&mutex);
-    current = conduct;
+    current = behaviour;
 }
 
-Conduct CWitness::conduct() const
+Behaviour CRecorder::behaviour() const
 {
     const QMutexLocker locker(&mutex);
     return current;
 }
 
-void CWitness::enter(int number, CAbstractProtocol *protocol)
+void CRecorder::enter(int number, CAbstractProtocol *protocol)
 {
     const QMutexLocker locker(&mutex);
     alive.emplace_back(number, protocol);
 }
 
-void CWitness::leave(int number)
+void CRecorder::leave(int number)
 {
     const QMutexLocker locker(&mutex);
     alive.erase(std::remove_if(alive.begin(), alive.end(),
@@ -93,7 +93,7 @@ void CWitness::leave(int number)
                 alive.end());
 }
 
-std::vector<int> CWitness::keptAlive() const
+std::vector<int> CRecorder::keptAlive() const
 {
     const QMutexLocker locker(&mutex);
     std::vector<int> numbers;
@@ -104,7 +104,7 @@ std::vector<int> CWitness::keptAlive() const
     return numbers;
 }
 
-void CWitness::clear()
+void CRecorder::clear()
 {
     const QMutexLocker locker(&mutex);
     list.clear();
@@ -112,7 +112,7 @@ void CWitness::clear()
     found.clear();
 }
 
-int CWitness::addConnection(int kindOfChannel, const QString &label, const QString &text)
+int CRecorder::addConnection(int kindOfChannel, const QString &label, const QString &text)
 {
     Q_UNUSED(text)
     tryLogMutex("addConnection()");
@@ -121,31 +121,31 @@ int CWitness::addConnection(int kindOfChannel, const QString &label, const QStri
     return lastHandle;
 }
 
-void CWitness::removeConnection(int handle)
+void CRecorder::removeConnection(int handle)
 {
     tryLogMutex("removeConnection()");
     note(What::RemoveConnection, handle);
 }
 
-void CWitness::setState(int handle, const QString &text)
+void CRecorder::setState(int handle, const QString &text)
 {
     tryLogMutex("setState()");
     note(What::SetState, handle, text);
 }
 
-void CWitness::addReceived(int handle, int bytes)
+void CRecorder::addReceived(int handle, int bytes)
 {
     tryLogMutex("addReceived()");
     note(What::Received, handle, QString(), bytes);
 }
 
-void CWitness::addSent(int handle, int bytes)
+void CRecorder::addSent(int handle, int bytes)
 {
     tryLogMutex("addSent()");
     note(What::Sent, handle, QString(), bytes);
 }
 
-void CWitness::addRecord(int recordKind, const QString &source, const QString &text)
+void CRecorder::addRecord(int recordKind, const QString &source, const QString &text)
 {
     Q_UNUSED(text)
     tryLogMutex("addRecord()");
@@ -153,7 +153,7 @@ void CWitness::addRecord(int recordKind, const QString &source, const QString &t
 }
 
 /// A host writes its log in these calls; a channel that holds the log's mutex stops it for good.
-void CWitness::tryLogMutex(const char *who)
+void CRecorder::tryLogMutex(const char *who)
 {
     QMutex *tried = logMutex;
     if (!tried)

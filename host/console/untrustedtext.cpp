@@ -1,4 +1,4 @@
-#include "host/foreigntext.h"
+#include "host/console/untrustedtext.h"
 
 #include "common/global.h"
 

@@ -1,7 +1,7 @@
-#include "host/cconsolemonitor.h"
+#include "host/console/cconsolemonitor.h"
 
 #include "common/global.h"
-#include "host/cconsole.h"
+#include "host/console/cconsole.h"
 
 #include <QTimer>
 

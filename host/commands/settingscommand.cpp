@@ -1,11 +1,11 @@
 // `abonent settings`: what the binary record of the IP channel and settings.ini hold.
-#include "host/commands.h"
+#include "host/commands/commands.h"
 
 #include "common/csettings.h"
 #include "common/global.h"
-#include "host/commandline.h"
-#include "host/exitcodes.h"
-#include "host/foreigntext.h"
+#include "host/commands/commandline.h"
+#include "host/commands/exitcodes.h"
+#include "host/console/untrustedtext.h"
 #include "transportIp/ipsettings.h"
 
 #include <QFile>

@@ -1,12 +1,12 @@
 // The command `check`: the host played against a channel of any kind.
 #include "host/check/ccheckrun.h"
+#include "host/check/cfixture.h"
 #include "host/check/checktable.h"
-#include "host/check/cstage.h"
 #include "host/cinterruption.h"
-#include "host/commandline.h"
-#include "host/commands.h"
-#include "host/exitcodes.h"
-#include "host/foreigntext.h"
+#include "host/commands/commandline.h"
+#include "host/commands/commands.h"
+#include "host/commands/exitcodes.h"
+#include "host/console/untrustedtext.h"
 
 #include <QFileInfo>
 #include <QJsonArray>
@@ -153,8 +153,8 @@ int runCheck(const CommandLine &line)
         return list();
     if (!arguments.child.isNull()) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL); // nobody would be left to end a check that hangs
-        CStage stage(arguments);
-        return runCheckHere(stage, arguments.child);
+        CFixture fixture(arguments);
+        return runCheckHere(fixture, arguments.child);
     }
     const QString unknown = unknownCheck(arguments.only);
     if (!unknown.isNull())

@@ -3,7 +3,7 @@
 
 #include "host/cchannellibrary.h"
 #include "host/check/checkarguments.h"
-#include "host/check/cwitness.h"
+#include "host/check/crecorder.h"
 #include "interfaces/cchannelserver.h"
 
 #include <functional>
@@ -19,14 +19,14 @@ struct EntryPoints
 };
 
 /// Lives in the main thread, which is the server thread of its servers.
-class CStage
+class CFixture
 {
 public:
-    explicit CStage(const CheckArguments &given);
-    ~CStage();
+    explicit CFixture(const CheckArguments &given);
+    ~CFixture();
 
-    CStage(const CStage &) = delete;
-    CStage &operator=(const CStage &) = delete;
+    CFixture(const CFixture &) = delete;
+    CFixture &operator=(const CFixture &) = delete;
 
     // Where an operation returns a text: null on success, else what the channel has done wrong.
 
@@ -60,7 +60,7 @@ public:
     static void step(const QString &text);
 
     const CheckArguments arguments;
-    CWitness witness;
+    CRecorder recorder;
     CChannelLibrary library;
     std::unique_ptr<CChannelServer> server;
     QByteArray ownRecord;    // leads back to this server

@@ -1,4 +1,4 @@
-#include "host/citemsender.h"
+#include "host/conversation/citemsender.h"
 
 #include "common/global.h"
 

@@ -1,4 +1,4 @@
-#include "host/messageframe.h"
+#include "host/conversation/messageframe.h"
 
 #include <QtEndian>
 

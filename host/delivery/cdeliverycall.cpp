@@ -1,10 +1,10 @@
-#include "host/cdeliverycall.h"
+#include "host/delivery/cdeliverycall.h"
 
 #include "common/csettings.h"
 #include "common/global.h"
-#include "host/cconsole.h"
 #include "host/cmessenger.h"
-#include "host/exitcodes.h"
+#include "host/commands/exitcodes.h"
+#include "host/console/cconsole.h"
 #include "transportIp/ipsettings.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // What a channel did to its host: every call and every signal, in order, with the thread it came from.
 //
-// The witness is the monitor and the journal of the channel under check; the check's protocols and
-// the stage add what they see. The rules (rules.h) judge the list afterwards.
+// The recorder is the monitor and the journal of the channel under check; the check's protocols and
+// the fixture add what they see. The rules (rules.h) judge the list afterwards.
 #pragma once
 
 #include "interfaces/cchannelmonitor.h"
@@ -16,7 +16,7 @@
 class CAbstractProtocol;
 
 /// How the check's protocols behave.
-struct Conduct
+struct Behaviour
 {
     bool refuses = false; // the factory makes no protocol
     bool finishesInStart = false;
@@ -69,7 +69,7 @@ struct Presets
 };
 
 /// [any thread] throughout; locks only itself.
-class CWitness final : public CChannelMonitor, public CJournal
+class CRecorder final : public CChannelMonitor, public CJournal
 {
 public:
     static constexpr int ownHandle = 7; // the channel's own entry in the monitor
@@ -88,8 +88,8 @@ public:
     void addPresets(const Presets &seen);
     std::vector<Presets> presets() const;
 
-    void setConduct(const Conduct &conduct);
-    Conduct conduct() const;
+    void setConduct(const Behaviour &behaviour);
+    Behaviour behaviour() const;
 
     /// The protocols alive, so that keepAliveRequested can be seen.
     void enter(int number, CAbstractProtocol *protocol);
@@ -112,7 +112,7 @@ public:
     int kind = 0;                            // the plug-in's; set before anything runs
     const int serverThread;
 
-    CWitness();
+    CRecorder();
 
 private:
     void tryLogMutex(const char *who);
@@ -122,6 +122,6 @@ private:
     std::vector<std::pair<const char *, QString>> complaints;
     std::vector<Presets> found;
     std::vector<std::pair<int, CAbstractProtocol *>> alive;
-    Conduct current;
+    Behaviour current;
     int lastHandle = 1000;
 };

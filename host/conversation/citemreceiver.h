@@ -3,9 +3,9 @@
 // Knows neither channel nor clock. Lives in the connection thread.
 #pragma once
 
-#include "host/cmessagestore.h"
-#include "host/csha256.h"
-#include "host/messageframe.h"
+#include "host/conversation/cmessagestore.h"
+#include "host/conversation/csha256.h"
+#include "host/conversation/messageframe.h"
 
 class CItemReceiver
 {

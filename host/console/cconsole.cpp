@@ -1,7 +1,7 @@
-#include "host/cconsole.h"
+#include "host/console/cconsole.h"
 
 #include "common/global.h"
-#include "host/foreigntext.h"
+#include "host/console/untrustedtext.h"
 
 #include <chrono>
 #include <condition_variable>
