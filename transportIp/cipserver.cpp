@@ -8,8 +8,8 @@
 #include "common/trustedfile.h"
 #include "transportIp/cipsettings.h"
 #include "transportIp/ipchannelkind.h"
+#include "transportIp/threadcheck.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -17,7 +17,7 @@
 namespace {
 
 constexpr int listenRetryMs = 30000;
-constexpr int acceptReportMs = 1000;
+constexpr int refusalReportMs = 1000;
 
 void log(const QString &text)
 {
@@ -26,24 +26,21 @@ void log(const QString &text)
 
 } // namespace
 
-CIpServer::CIpServer() : listenRetry(this), firstFree(std::make_shared<std::atomic<int>>(0))
+CIpServer::CIpServer()
+    : listenRetry(this), refusalPause(this), firstFree(std::make_shared<std::atomic<int>>(0))
 {
     TRACE_FUNCTION;
     qRegisterMetaType<QAbstractSocket::SocketError>();
     listenRetry.setSingleShot(true);
     listenRetry.setInterval(listenRetryMs);
     connect(&listenRetry, &QTimer::timeout, this, &CIpServer::tryListen);
-    acceptReportPause.setSingleShot(true);
-    acceptReportPause.setInterval(acceptReportMs);
-    connect(&acceptReportPause, &QTimer::timeout, this, [this] {
-        if (const auto report = std::exchange(heldReport, nullptr))
-            report();
-    });
+    refusalPause.setSingleShot(true);
+    refusalPause.setInterval(refusalReportMs);
+    connect(&refusalPause, &QTimer::timeout, this, &CIpServer::reportLastRefusal);
 }
 
 CIpServer::~CIpServer()
 {
-    TRACE_FUNCTION;
     const QList<CIpThread *> running = runningWorkers();
     for (CIpThread *worker : running) // a host that skipped the stop: at least no worker finds us gone
         worker->leaveBehind();
@@ -58,28 +55,31 @@ QString CIpServer::name()
 bool CIpServer::hasFreeChannel() const
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     return CurrentIpSettings::all().maxConnections > runningWorkers().size();
 }
 
 bool CIpServer::isHardwareOn() const
 {
+    ASSERT_IN_THREAD(thread());
     return true;
 }
 
 bool CIpServer::canCheckOnline() const
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     return CurrentIpSettings::all().canCheckOnline;
 }
 
 void CIpServer::start()
 {
     TRACE_FUNCTION;
-    Q_ASSERT_X(QThread::currentThread() == thread(), "CIpServer::start", "server thread only");
+    ASSERT_IN_THREAD(thread());
     journal->addRecord(JournalEvent, name(), QStringLiteral("Запуск"));
     loadSettings();
     if (!tcpServer) {
-        tcpServer = new CTcpServer;
+        tcpServer = new CTcpServer(this);
         connect(tcpServer, &QTcpServer::newConnection, this, &CIpServer::inputConnection);
         connect(tcpServer, &QTcpServer::acceptError, this, &CIpServer::serverAcceptError,
                 Qt::DirectConnection);
@@ -90,6 +90,7 @@ void CIpServer::start()
 void CIpServer::stop()
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     listenRetry.stop();
     journal->addRecord(JournalEvent, name(), QStringLiteral("Остановка"));
     QMetaObject::invokeMethod(this, &CIpServer::internalStop, Qt::QueuedConnection);
@@ -98,6 +99,7 @@ void CIpServer::stop()
 void CIpServer::settingsWasChanged()
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     const int formerPort = CurrentIpSettings::all().port;
     loadSettings();
     if (!tcpServer || !tcpServer->isListening() || CurrentIpSettings::all().port == formerPort)
@@ -111,6 +113,7 @@ void CIpServer::settingsWasChanged()
 void CIpServer::tryListen()
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     const int port = CurrentIpSettings::all().port;
     const QString portText = QString::number(port);
     if (tcpServer->listenOn(quint16(port))) {
@@ -156,18 +159,30 @@ void CIpServer::loadSettings()
 void CIpServer::serverAcceptError(QAbstractSocket::SocketError error)
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     reportAcceptError(error, tcpServer->acceptErrorString());
 }
 
-/// Says that a connection could not be taken, once a second at most.
 void CIpServer::reportAcceptError(QAbstractSocket::SocketError error, const QString &text)
 {
-    if (acceptReportPause.isActive()) {
-        heldReport = [this, error, text] { reportAcceptError(error, text); };
-        return;
-    }
-    acceptReportPause.start();
     log(QStringLiteral("Ошибка приема входящего соединения: %1. %2").arg(QString::number(error), text));
     journal->addRecord(JournalEvent, name(),
                        QStringLiteral("Ошибка приема входящего соединения: %1").arg(text));
+}
+
+/// Says that we refused a connection for want of something, a flood of them once a second.
+void CIpServer::reportRefusal(int systemErrorCode)
+{
+    lastRefusal = systemErrorCode;
+    if (!refusalPause.isActive())
+        reportLastRefusal();
+}
+
+void CIpServer::reportLastRefusal()
+{
+    if (lastRefusal == 0)
+        return;
+    refusalPause.start();
+    const int error = std::exchange(lastRefusal, 0);
+    reportAcceptError(QAbstractSocket::SocketResourceError, QString::fromLocal8Bit(std::strerror(error)));
 }

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "interfaces/cchannelserver.h"
+#include "transportIp/cipchannel.h"
 #include "transportIp/cipthread.h"
 #include "transportIp/ctcpserver.h"
 
@@ -16,10 +17,10 @@
 #include <QTimer>
 
 #include <atomic>
-#include <functional>
 #include <memory>
 
 /// The IP implementation of a channel server. Everything but its signals is [server thread].
+/// It may be moved to another thread while it does not run: all it has then moves along.
 class CIpServer : public CChannelServer
 {
     Q_OBJECT
@@ -55,18 +56,20 @@ private Q_SLOTS:
 private:
     void loadSettings();
     void reportAcceptError(QAbstractSocket::SocketError error, const QString &text);
+    void reportRefusal(int systemErrorCode);
+    void reportLastRefusal();
     CIpThread *takeWorker();
-    void waitForWorkers(class CStopRequests &requests) const;
-    void terminateStragglers(const QList<CIpThread *> &stillAsked);
-    void releaseWorkers(const QList<CIpThread *> &stillAsked);
+    void waitForWorkers() const;
+    void terminateStragglers();
+    void releaseWorkers();
     QList<CIpThread *> runningWorkers() const;
 
-    CTcpServer *tcpServer = nullptr; // owned; made by the first start, kept across stops
+    CTcpServer *tcpServer = nullptr; // made by the first start, kept across stops
     QList<CIpThread *> threads;      // owned; all workers since the last stop, running or not
 
     QTimer listenRetry;
-    QTimer acceptReportPause;         // runs for a second after an accept error was reported
-    std::function<void()> heldReport; // the last one that came meanwhile; said when the second is over
+    QTimer refusalPause; // runs for a second after a refusal was reported
+    int lastRefusal = 0; // errno of the last one since then, 0 if there was none
 
     // No worker before this index is free. The workers' threads lower it, also after a stop, when a
     // worker left behind ends at last: so it is shared.

@@ -7,7 +7,7 @@
 #include "common/logwriter.h"
 #include "common/namefilter.h"
 #include "transportIp/cconnectiondispatcher.h"
-#include "transportIp/cstoprequests.h"
+#include "transportIp/threadcheck.h"
 
 #include <QDebug>
 #include <QElapsedTimer>
@@ -25,6 +25,7 @@ namespace {
 constexpr int startPollMs = 20;
 constexpr int stopPollMs = 10;
 constexpr int terminationMs = 200; // a terminated thread ends within a millisecond, if it ends at all
+constexpr int logWaitMs = 10;
 
 void log(const QString &text, DebugLevel level = DebugAlways)
 {
@@ -64,6 +65,16 @@ QString systemError(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
+/// @return whether a record can be written without waiting for those who fight for the log
+bool isLogFree()
+{
+    QMutex &mutex = boundDebugData()->mutex;
+    if (!mutex.tryLock(logWaitMs))
+        return false;
+    mutex.unlock();
+    return true;
+}
+
 void lower(std::atomic<int> &number, int value)
 {
     int current = number;
@@ -98,14 +109,15 @@ CIpThread *CIpServer::takeWorker()
 void CIpServer::inputConnection()
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     QList<qintptr> descriptors;
     descriptors.swap(tcpServer->pendingDescriptors);
     for (const qintptr descriptor : qAsConst(descriptors)) {
         if (!leavesReserve(descriptor)) {
             ::close(int(descriptor));
-            reportAcceptError(QAbstractSocket::SocketResourceError, systemError(EMFILE));
+            reportRefusal(EMFILE);
         } else if (!takeWorker()->answer(descriptor)) {
-            reportAcceptError(QAbstractSocket::SocketResourceError, systemError(errno));
+            reportRefusal(errno);
         }
     }
 }
@@ -113,8 +125,7 @@ void CIpServer::inputConnection()
 void CIpServer::connectToAbonent(const QString &abonentName, const QByteArray &abonentsData)
 {
     TRACE_FUNCTION;
-    static const int startTimeout = CSettings().detailsTransportIpThreadStartTimeout(); // ms
-
+    ASSERT_IN_THREAD(thread());
     AbonentIpSettings settings;
     const QString error = settings.fromByteArray(abonentsData);
     if (!error.isEmpty()) {
@@ -131,6 +142,7 @@ void CIpServer::connectToAbonent(const QString &abonentName, const QByteArray &a
         return;
     }
 
+    static const int startTimeout = CSettings().detailsTransportIpThreadStartTimeout(); // ms
     CIpThread *worker = takeWorker();
     worker->call(abonentName, settings);
     QElapsedTimer clock;
@@ -148,6 +160,7 @@ void CIpServer::connectToAbonent(const QString &abonentName, const QByteArray &a
 void CIpServer::disconnectFromAbonent(const QString &abonentName, int connectionId)
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     const QString filteredName = Global::filterName(abonentName);
     for (CIpThread *worker : qAsConst(threads)) {
         const QString workersName = worker->currentAbonentName();
@@ -167,6 +180,7 @@ void CIpServer::disconnectFromAbonent(const QString &abonentName, int connection
 void CIpServer::keepAliveConnection(int connectionId)
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     const auto worker = std::find_if(threads.cbegin(), threads.cend(), [connectionId](const CIpThread *each) {
         return each->id() == connectionId;
     });
@@ -181,26 +195,28 @@ void CIpServer::keepAliveConnection(int connectionId)
 void CIpServer::internalStop()
 {
     TRACE_FUNCTION;
+    ASSERT_IN_THREAD(thread());
     monitor->setState(monitorHandle, QStringLiteral("Выключение"));
-    acceptReportPause.stop();
-    heldReport = nullptr;
     if (tcpServer)
         tcpServer->pause();
+    reportLastRefusal();
+    refusalPause.stop();
 
-    CStopRequests requests(runningWorkers());
-    waitForWorkers(requests);
-    const QList<CIpThread *> stillAsked = requests.finish();
-    terminateStragglers(stillAsked);
+    const QList<CIpThread *> running = runningWorkers();
+    for (CIpThread *worker : running)
+        worker->stop();
+    waitForWorkers();
+    terminateStragglers();
 
     if (tcpServer)
         tcpServer->closeListener();
-    releaseWorkers(stillAsked);
+    releaseWorkers();
     monitor->setState(monitorHandle, QStringLiteral("Выключен"));
     Q_EMIT finished();
 }
 
 /// Waits until no worker runs, for as long as the settings allow.
-void CIpServer::waitForWorkers(CStopRequests &requests) const
+void CIpServer::waitForWorkers() const
 {
     static const int stopTimeout =
         int(0.9F * float(CSettings().detailsTransportServerThreadStopTimeout())); // ms
@@ -209,41 +225,49 @@ void CIpServer::waitForWorkers(CStopRequests &requests) const
     clock.start();
     while (clock.elapsed() < stopTimeout) {
         QThread::msleep(stopPollMs);
-        if (runningWorkers().isEmpty())
+        const QList<CIpThread *> running = runningWorkers();
+        if (running.isEmpty())
             return;
-        requests.keepGoing();
+        for (CIpThread *worker : running)
+            worker->passStopOn(); // the event loop, which does it otherwise, stands still
     }
 }
 
 /// Ends by force what did not end by itself, and gives it a moment.
-void CIpServer::terminateStragglers(const QList<CIpThread *> &stillAsked)
+void CIpServer::terminateStragglers()
 {
     const QList<CIpThread *> stragglers = runningWorkers();
     if (stragglers.isEmpty())
         return;
-    QElapsedTimer clock;
-    clock.start();
+    const auto announce = [] {
+        log(QStringLiteral("Некоторые потоки не остановились во время и будет убиты"));
+    };
+    const bool isAnnounced = isLogFree();
+    if (isAnnounced)
+        announce();
     for (CIpThread *worker : stragglers)
         worker->terminate();
+    QElapsedTimer clock;
+    clock.start();
     do
         QThread::msleep(stopPollMs);
     while (!runningWorkers().isEmpty() && !clock.hasExpired(terminationMs));
-    // Only now: stragglers may have been fighting for the log.
-    log(QStringLiteral("Некоторые потоки не остановились во время и будет убиты"));
+    if (!isAnnounced)
+        announce();
     for (CIpThread *worker : stragglers) {
-        if (worker->isFree() && !stillAsked.contains(worker))
+        if (worker->isFree())
             worker->cleanUpAfterTermination();
     }
 }
 
-/// Destroys the workers that have ended. One that cannot be ended, or whose protocol is still being
-/// asked to stop, is cut off and left behind for as long as the process lives.
-void CIpServer::releaseWorkers(const QList<CIpThread *> &stillAsked)
+/// Destroys the workers that have ended. One that cannot be ended is cut off and left behind for as long
+/// as the process lives.
+void CIpServer::releaseWorkers()
 {
     QStringList leftBehind;
     for (CIpThread *worker : qAsConst(threads)) {
-        if (worker->isFree() && !stillAsked.contains(worker)) {
-            deleteThreadTabLevel(worker);
+        deleteThreadTabLevel(worker);
+        if (worker->isFree()) {
             delete worker;
             continue;
         }

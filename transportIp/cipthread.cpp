@@ -1,16 +1,18 @@
 #include "transportIp/cipthread.h"
 
 #include "common/csettings.h"
+#include "common/debugdata.h"
 #include "common/functiontrace.h"
 #include "common/logwriter.h"
 #include "common/namefilter.h"
 #include "common/terminationguard.h"
 #include "interfaces/cabstractprotocol.h"
-#include "interfaces/cjournal.h"
+#include "interfaces/cchannelserver.h"
 #include "transportIp/cconnectiondispatcher.h"
 #include "transportIp/cipchannel.h"
 #include "transportIp/cipsocket.h"
 #include "transportIp/ipchannelkind.h"
+#include "transportIp/threadcheck.h"
 
 #include <QElapsedTimer>
 #include <QEventLoop>
@@ -21,14 +23,12 @@
 #include <utility>
 
 #include <pthread.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int connectEventsMs = 20;
 constexpr int connectPollMs = 10;
-constexpr int lockWaitMs = 50;   // a protocol's start() or destructor may hold the lock for long
 constexpr int reportWaitMs = 50; // a report of a worker left behind may hang in the host
 constexpr uint stackBytes = 1024 * 1024;
 
@@ -71,7 +71,8 @@ QString withoutMappedPrefix(QString address)
 } // namespace
 
 CIpThread::CIpThread(CChannelServer *reportedServer, int id)
-    : connectionId(id), report(reportedServer), label(ipConnectionLabel(id))
+    : server(reportedServer), connectionId(id), label(ipConnectionLabel(id)),
+      report(reportedServer, hostAccess), control(this)
 {
     setStackSize(stackBytes);
 }
@@ -83,6 +84,7 @@ CIpThread::~CIpThread()
 
 bool CIpThread::answer(qintptr descriptor)
 {
+    ASSERT_IN_THREAD(thread());
     mode = AnswerCall;
     socketDescriptor = descriptor;
     if (launch())
@@ -95,17 +97,16 @@ bool CIpThread::answer(qintptr descriptor)
 
 bool CIpThread::call(const QString &name, const AbonentIpSettings &settings)
 {
+    ASSERT_IN_THREAD(thread());
     mode = PlaceCall;
     abonentSettings = settings;
-    {
-        const QMutexLocker locker(&nameMutex);
-        abonentName = name;
-    }
+    names.setCurrent(name);
     return launch();
 }
 
 bool CIpThread::isFree()
 {
+    ASSERT_IN_THREAD(thread());
     // A thread that is just ending still has its dispatcher; a moment later it has not.
     constexpr unsigned long endingMs = 20;
     return !isRunning() && wait(endingMs);
@@ -113,12 +114,8 @@ bool CIpThread::isFree()
 
 bool CIpThread::launch()
 {
-    // Cleared here and not in run(): a stop may come before the thread gets that far.
-    stopRequested = false;
-    {
-        const QMutexLocker locker(&nameMutex);
-        ++connectionNumber;
-    }
+    control.beginNext();
+    names.beginNext();
     if (!eventDispatcher())
         setEventDispatcher(new CConnectionDispatcher);
     start(QThread::InheritPriority);
@@ -132,33 +129,19 @@ void CIpThread::stop()
 {
     const CTerminationGuard guard;
     TRACE_FUNCTION;
-    stopRequested = true;
-    // Who holds the lock for long is run(), inside the protocol's start(): it looks at the flag after
-    // that. In the protocol's destructor there is nobody left to stop.
-    if (!mutex.tryLock(lockWaitMs))
-        return;
-    if (protocol) {
-        stopPassedOn = true;
-        protocol->stop();
-    }
-    mutex.unlock();
+    control.stop();
+}
+
+void CIpThread::passStopOn()
+{
+    control.passStopOn();
 }
 
 void CIpThread::keepAlive()
 {
     const CTerminationGuard guard;
     TRACE_FUNCTION;
-    if (!mutex.tryLock(lockWaitMs))
-        return;
-    if (protocol)
-        __atomic_store_n(&protocol->keepAliveRequested, true, __ATOMIC_SEQ_CST);
-    mutex.unlock();
-}
-
-QString CIpThread::currentAbonentName() const
-{
-    const QMutexLocker locker(&nameMutex);
-    return abonentName;
+    control.keepAlive();
 }
 
 void CIpThread::run()
@@ -184,14 +167,11 @@ void CIpThread::adoptDescriptor()
 {
     socket = new CIpSocket;
     socket->setSocketDescriptor(socketDescriptor, QAbstractSocket::ConnectedState, QIODevice::ReadWrite);
-    rememberTransport();
+    transport.remember(int(socket->socketDescriptor()));
 
     abonentSettings.address = withoutMappedPrefix(socket->peerAddress().toString());
     abonentSettings.port = socket->peerPort();
-    {
-        const QMutexLocker locker(&nameMutex);
-        abonentName.clear();
-    }
+    names.setCurrent(QString());
     if (isDebugOn(logLevel)) // every connection comes by
         log(QStringLiteral("Входящее соединение от %1:%2 (handle: %3, connectionId: %4)")
                 .arg(abonentSettings.address, QString::number(abonentSettings.port),
@@ -205,7 +185,7 @@ void CIpThread::adoptDescriptor()
 /// @return whether the call is connected; a failure has been reported
 bool CIpThread::placeCall()
 {
-    calledName = currentAbonentName();
+    calledName = names.current();
     const QString port = QString::number(abonentSettings.port);
     log(QStringLiteral("Вызываем абонента '%1' %2:%3 (connectionId: %4)")
             .arg(calledName, abonentSettings.address, port, QString::number(connectionId)));
@@ -217,7 +197,7 @@ bool CIpThread::placeCall()
 
     socket = new CIpSocket;
     if (!waitForConnection()) {
-        if (stopRequested)
+        if (control.isStopRequested())
             reportCancelledCall(callingText);
         else
             reportFailedCall();
@@ -225,7 +205,7 @@ bool CIpThread::placeCall()
         return false;
     }
     socket->tune();
-    rememberTransport();
+    transport.remember(int(socket->socketDescriptor()));
 
     const QString text = QStringLiteral("Установлено соединение с %1:%2").arg(abonentSettings.address, port);
     log(text);
@@ -249,12 +229,12 @@ bool CIpThread::waitForConnection()
     QElapsedTimer clock;
     clock.start();
     QEventLoop loop;
-    while (clock.elapsed() < connectTimeout && !stopRequested && isConnecting()) {
+    while (clock.elapsed() < connectTimeout && !control.isStopRequested() && isConnecting()) {
         loop.processEvents(QEventLoop::AllEvents, connectEventsMs);
         if (isConnecting())
             msleep(connectPollMs);
     }
-    return !stopRequested && socket->state() == QAbstractSocket::ConnectedState;
+    return !control.isStopRequested() && socket->state() == QAbstractSocket::ConnectedState;
 }
 
 void CIpThread::reportCancelledCall(const QString &callingText)
@@ -281,42 +261,46 @@ bool CIpThread::startProtocol()
 {
     auto madeChannel = std::make_unique<CIpChannel>(socket, monitorHandle, &report);
 
-    const QMutexLocker locker(&mutex);
-    stopPassedOn = false;
-    protocol = report.createProtocol(madeChannel.get());
+    control.beginSetUp();
+    protocol = createProtocol(madeChannel.get());
     if (!protocol) {
-        forgetTransport();
+        control.endSetUp(nullptr);
+        transport.forget();
         return false;
     }
     channel = madeChannel.release(); // the protocol's
-
-    connect(protocol, &CAbstractProtocol::finished, this, &QThread::quit, Qt::DirectConnection);
-    // The name reaches the server's thread queued; by then this worker may serve another connection.
-    connect(
-        protocol, &CAbstractProtocol::remoteAbonentNameChanged, this,
-        [this, handle = monitorHandle](const QString &name) {
-            const CTerminationGuard guard;
-            {
-                const QMutexLocker nameLocker(&nameMutex);
-                announcements.enqueue({connectionNumber, handle});
-            }
-            // By name: Qt hands the argument over, out of the thread sanitizer's sight, which does not
-            // know the lock of Qt's event queue.
-            QMetaObject::invokeMethod(this, "remoteAbonentNameChanged", Q_ARG(QString, name));
-        },
-        Qt::DirectConnection);
-    connect(socket, &QAbstractSocket::errorOccurred, this, &CIpThread::socketError, Qt::DirectConnection);
+    connectProtocol();
     if (mode == PlaceCall) {
         protocol->remoteAbonentName = calledName;
         protocol->remoteAbonentFilteredName = Global::filterName(calledName);
     }
     protocol->label = label;
     protocol->start();
-    if (stopRequested && !stopPassedOn) {
-        stopPassedOn = true;
-        protocol->stop();
-    }
+    if (control.endSetUp(protocol)) // a stop came meanwhile: from the server's thread, hence through it
+        QMetaObject::invokeMethod(this, &CIpThread::passStopOn, Qt::QueuedConnection);
     return true;
+}
+
+CAbstractProtocol *CIpThread::createProtocol(CChannel *channelForIt)
+{
+    const CHostAccess::Use host(hostAccess);
+    return host ? server->protocolFactory->createProtocol(channelForIt) : nullptr;
+}
+
+void CIpThread::connectProtocol()
+{
+    connect(protocol, &CAbstractProtocol::finished, this, &QThread::quit, Qt::DirectConnection);
+    connect(
+        protocol, &CAbstractProtocol::remoteAbonentNameChanged, this,
+        [this, handle = monitorHandle](const QString &name) {
+            const CTerminationGuard guard;
+            names.announce(handle);
+            // By name: Qt hands the argument over, out of the thread sanitizer's sight, which does not
+            // know the lock of Qt's event queue.
+            QMetaObject::invokeMethod(this, "remoteAbonentNameChanged", Q_ARG(QString, name));
+        },
+        Qt::DirectConnection);
+    connect(socket, &QAbstractSocket::errorOccurred, this, &CIpThread::socketError, Qt::DirectConnection);
 }
 
 void CIpThread::reportRefusedProtocol()
@@ -358,8 +342,8 @@ void CIpThread::reportFarewell()
 
 void CIpThread::deleteProtocol()
 {
-    forgetTransport();
-    const QMutexLocker locker(&mutex);
+    transport.forget();
+    control.release();
     channel = nullptr;
     delete protocol;
     protocol = nullptr;
@@ -367,11 +351,12 @@ void CIpThread::deleteProtocol()
 
 void CIpThread::cleanUpAfterTermination()
 {
+    ASSERT_IN_THREAD(thread());
     if (!channel)
         return;
     // The protocol itself is left alone: its destructor is the host's code, and the thread may have
     // died inside one of the host's locks.
-    forgetTransport();
+    transport.forget();
     std::exchange(channel, nullptr)->dropSocket();
     keepForEver(protocol);
     report.removeConnection(monitorHandle);
@@ -379,12 +364,13 @@ void CIpThread::cleanUpAfterTermination()
 
 void CIpThread::leaveBehind()
 {
-    {
-        const QMutexLocker locker(&transportMutex);
-        if (transportFd >= 0)
-            ::shutdown(transportFd, SHUT_RDWR);
-    }
-    report.cut(reportWaitMs);
+    ASSERT_IN_THREAD(thread());
+    transport.shutDown();
+    control.dropWaitingStop();
+    hostAccess.revoke(reportWaitMs);
+    // Whatever it logs until it ends by itself after all.
+    connect(
+        this, &QThread::finished, this, [this] { deleteThreadTabLevel(this); }, Qt::DirectConnection);
     keepForEver(this);
 }
 
@@ -399,14 +385,7 @@ void CIpThread::socketError(QAbstractSocket::SocketError error)
 void CIpThread::remoteAbonentNameChanged(const QString &name)
 {
     TRACE_FUNCTION;
-    int handle = 0;
-    {
-        const QMutexLocker locker(&nameMutex);
-        const Announcement announcement = announcements.dequeue();
-        handle = announcement.monitorHandle;
-        if (announcement.connectionNumber == connectionNumber)
-            abonentName = name;
-    }
+    const int handle = names.takeAnnounced(name);
     report.connected(name, connectionId);
     const QString text = QStringLiteral("Установлено соединение с '%1'").arg(name);
     report.setState(handle, text);
@@ -416,16 +395,4 @@ void CIpThread::remoteAbonentNameChanged(const QString &name)
 void CIpThread::journalEvent(const QString &text)
 {
     report.addRecord(JournalEvent, label, text);
-}
-
-void CIpThread::rememberTransport()
-{
-    const QMutexLocker locker(&transportMutex);
-    transportFd = int(socket->socketDescriptor());
-}
-
-void CIpThread::forgetTransport()
-{
-    const QMutexLocker locker(&transportMutex);
-    transportFd = -1;
 }

@@ -8,17 +8,18 @@
 // only by the contract.
 #pragma once
 
+#include "transportIp/cconnectionnames.h"
 #include "transportIp/cconnectionreport.h"
+#include "transportIp/chostaccess.h"
+#include "transportIp/cprotocolcontrol.h"
+#include "transportIp/ctransportdescriptor.h"
 #include "transportIp/ipsettings.h"
 
 #include <QAbstractSocket>
-#include <QMutex>
-#include <QQueue>
 #include <QThread>
 
-#include <atomic>
-
 class CAbstractProtocol;
+class CChannel;
 class CChannelServer;
 class CIpChannel;
 class CIpSocket;
@@ -48,16 +49,20 @@ public:
     /// @return whether it can take the next connection [server thread]
     bool isFree();
 
-    /// Asks the connection to end: its protocol is told, or will be as soon as it exists.
+    /// Asks the connection to end: its protocol is told, or will be when its start() is over.
     ///
-    /// [any thread] Locks the worker's mutex and calls the protocol's stop() under it.
+    /// [any thread] Calls the protocol's stop() where it can, and as long as that takes.
     void stop();
 
-    /// Sets the protocol's keep-alive flag, if there is a protocol. [any thread], locks as stop()
+    /// Stops the protocol now if a stop() came during its start(), and that is over. [server thread]
+    void passStopOn();
+
+    /// Sets the protocol's keep-alive flag if there is a protocol, or when its start() is over.
+    /// [any thread]
     void keepAlive();
 
     /// @return the remote abonent's name as this side knows it [any thread]
-    QString currentAbonentName() const;
+    QString currentAbonentName() const { return names.current(); }
 
     int id() const { return connectionId; }
 
@@ -83,13 +88,6 @@ private:
         PlaceCall = 1,
     };
 
-    /// A name on its way from the protocol to the server's thread, with the connection it belongs to.
-    struct Announcement
-    {
-        int connectionNumber;
-        int monitorHandle;
-    };
-
     bool launch();
     void adoptDescriptor();
     bool placeCall();
@@ -97,44 +95,36 @@ private:
     void reportCancelledCall(const QString &callingText);
     void reportFailedCall();
     bool startProtocol();
+    CAbstractProtocol *createProtocol(CChannel *channelForIt);
+    void connectProtocol();
     void reportRefusedProtocol();
     void converse();
     void reportFarewell();
     void deleteProtocol();
 
     void journalEvent(const QString &text);
-    void rememberTransport();
-    void forgetTransport();
 
     // Set by the server's thread before each start, then the connection thread's own.
     int mode = AnswerCall;
     AbonentIpSettings abonentSettings;
-
-    QString abonentName; // either thread, guarded by nameMutex
-
-    // Set by the server's thread.
     qintptr socketDescriptor = 0;
-    int connectionId;
 
-    CConnectionReport report; // the way to the server
-
-    // The connection thread's own.
-    CIpSocket *socket = nullptr;            // the channel owns it as soon as there is one
-    CAbstractProtocol *protocol = nullptr;  // null while no protocol runs; guarded by mutex
-    std::atomic<bool> stopRequested{false}; // any thread; cleared before each start
-    int monitorHandle = 0;
-    mutable QMutex mutex; // guards the protocol between this thread and those that stop it
-
-    QString calledName;  // the connection thread's own: the protocol may announce another name meanwhile
+    // Never change.
+    CChannelServer *const server;
+    const int connectionId;
     const QString label; // the source of this worker's monitor and journal entries
 
-    CIpChannel *channel = nullptr; // the protocol owns it; guarded by mutex, as is the next
-    bool stopPassedOn = false;     // the protocol has been told of the stop
+    // The connection thread's own, and the server's after that thread has ended.
+    CIpSocket *socket = nullptr;           // the channel owns it as soon as there is one
+    CAbstractProtocol *protocol = nullptr; // null while no protocol runs
+    CIpChannel *channel = nullptr;         // the protocol owns it
+    int monitorHandle = 0;
+    QString calledName; // the protocol may announce another name meanwhile
 
-    mutable QMutex nameMutex;           // guards abonentName and the next two; held for moments only
-    QQueue<Announcement> announcements; // in the order of the queued slots
-    int connectionNumber = 0;           // counts this worker's connections
-
-    QMutex transportMutex; // guards the next; held for moments only
-    int transportFd = -1;  // the socket's descriptor while there is one
+    // Either thread's; each guards itself.
+    CHostAccess hostAccess;
+    CConnectionReport report;
+    CConnectionNames names;
+    CProtocolControl control;
+    CTransportDescriptor transport;
 };

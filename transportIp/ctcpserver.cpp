@@ -1,5 +1,7 @@
 #include "transportIp/ctcpserver.h"
 
+#include "transportIp/threadcheck.h"
+
 #include <QHostAddress>
 
 #include <algorithm>
@@ -17,7 +19,7 @@ namespace {
 
 constexpr int listenQueueLength = 4096; // the kernel cuts it to net.core.somaxconn
 constexpr int acceptsPerTurn = 64;      // then the server's other events get their turn
-constexpr int acceptRetryMs = 200;
+constexpr int acceptRestMs = 500;       // each error is reported: this bounds the flood of them
 constexpr rlim_t descriptorsAtOnce = 1024;
 
 bool isPassing(int error)
@@ -55,10 +57,11 @@ void makeRoomForDescriptors(int descriptor)
 
 } // namespace
 
-CTcpServer::CTcpServer()
+CTcpServer::CTcpServer(QObject *parent) : QTcpServer(parent), rest(this)
 {
-    retry.setSingleShot(true);
-    connect(&retry, &QTimer::timeout, this, &CTcpServer::resume);
+    rest.setSingleShot(true);
+    rest.setInterval(acceptRestMs);
+    connect(&rest, &QTimer::timeout, this, &CTcpServer::resume);
 }
 
 CTcpServer::~CTcpServer()
@@ -69,6 +72,7 @@ CTcpServer::~CTcpServer()
 
 bool CTcpServer::listenOn(quint16 port)
 {
+    ASSERT_IN_THREAD(thread());
     if (!listen(QHostAddress::AnyIPv4, port))
         return false;
     pauseAccepting(); // Qt's loop
@@ -76,27 +80,30 @@ bool CTcpServer::listenOn(quint16 port)
     const int on = 1; // accepted sockets inherit it: protocols answer, nothing here sends in crumbs
     ::setsockopt(int(socketDescriptor()), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     makeRoomForDescriptors(int(socketDescriptor()));
-    readable = std::make_unique<QSocketNotifier>(socketDescriptor(), QSocketNotifier::Read);
+    readable = std::make_unique<QSocketNotifier>(socketDescriptor(), QSocketNotifier::Read, this);
     connect(readable.get(), &QSocketNotifier::activated, this, &CTcpServer::acceptConnections);
     return true;
 }
 
 void CTcpServer::closeListener()
 {
-    retry.stop();
+    ASSERT_IN_THREAD(thread());
+    rest.stop();
     readable.reset();
     close();
 }
 
 void CTcpServer::pause()
 {
-    retry.stop();
+    ASSERT_IN_THREAD(thread());
+    rest.stop();
     if (readable)
         readable->setEnabled(false);
 }
 
 void CTcpServer::resume()
 {
+    ASSERT_IN_THREAD(thread());
     if (readable)
         readable->setEnabled(true);
 }
@@ -109,6 +116,7 @@ void CTcpServer::incomingConnection(qintptr socketDescriptor)
 
 void CTcpServer::acceptConnections()
 {
+    ASSERT_IN_THREAD(thread());
     for (int i = 0; i < acceptsPerTurn && isListening(); ++i) {
         const int descriptor = ::accept4(int(socketDescriptor()), nullptr, nullptr, SOCK_CLOEXEC);
         if (descriptor >= 0) {
@@ -122,7 +130,7 @@ void CTcpServer::acceptConnections()
             return;
 
         readable->setEnabled(false); // it stays readable: rest instead of spinning
-        retry.start(acceptRetryMs);
+        rest.start();
         acceptErrorText = QString::fromLocal8Bit(std::strerror(error));
         Q_EMIT acceptError(QAbstractSocket::SocketResourceError);
         return;

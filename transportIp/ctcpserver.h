@@ -18,7 +18,7 @@ class CTcpServer : public QTcpServer
     Q_OBJECT
 
 public:
-    CTcpServer();
+    explicit CTcpServer(QObject *parent);
 
     /// Closes what was accepted and never taken.
     ~CTcpServer() override;
@@ -48,6 +48,6 @@ private:
     void acceptConnections();
 
     std::unique_ptr<QSocketNotifier> readable; // exists while listening
-    QTimer retry;                              // runs while accepting rests after an error
+    QTimer rest;                               // runs while accepting rests after an error
     QString acceptErrorText;
 };

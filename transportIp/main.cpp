@@ -1,7 +1,6 @@
 #include "transportIp/main.h"
 
 #include "common/debugdata.h"
-#include "transportIp/cipplugin.h"
 
 int apiVersion()
 {

@@ -1,8 +1,10 @@
-// The four functions by which a host enters the library; interfaces/pluginentry.h tells their order.
+// The door of the library: the four functions by which a host enters it, whose order is told by
+// interfaces/pluginentry.h, and CIpPlugin, which they hand out.
 #pragma once
 
 #include "common/exports.h"
 #include "interfaces/pluginentry.h"
+#include "transportIp/cipplugin.h"
 
 extern "C" {
 

@@ -185,6 +185,9 @@ private slots:
                  "disconnectFromAbonent(QString,int) abonentName connectionId|"
                  "keepAliveConnection(int) connectionId|tryListen() |inputConnection() |internalStop() |"
                  "serverAcceptError(QAbstractSocket::SocketError) error"_s);
+        server->connectToAbonent("Nobody"_s, {}); // the record is judged before a setting of the call is read
+        QVERIFY(!TestInstallation::read(TestInstallation::path() + "/settings/settings.ini"_s)
+                     .contains("transportIpThreadStartTimeout"));
         server->protocolFactory = new Factory;
         server.reset();
         QCOMPARE(factoriesDeleted, 1);

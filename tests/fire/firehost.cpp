@@ -41,12 +41,18 @@ struct Counter : CChannelMonitor, CJournal
     std::atomic<int> handles{0}, shown{0}, acceptErrors{0}, protocols{0};
     std::atomic<int> signalled{0}; // of the server, but for finished()
     std::atomic<int> slowestWriteMs{0};
+    std::atomic<bool> isKillingAnnounced{false};
+    std::atomic<int> killedUnannounced{0};
 };
 
 Counter &counter = *new Counter; // stragglers may outlive everything
 
 void sleepForEver()
 {
+    struct AtTheEnd
+    {
+        ~AtTheEnd() { counter.killedUnannounced += !counter.isKillingAnnounced; }
+    } const atTheEnd;
     for (;;)
         QThread::sleep(1);
 }
@@ -113,8 +119,6 @@ void prepare(ScriptedProtocol *protocol, const QByteArray &script)
     const auto block = [](ScriptedProtocol *) { lockTwice(); };
     if (script == "blockingStart")
         protocol->onStart = block;
-    if (script == "blockingStop")
-        protocol->onStop = block;
     if (script == "blockingDelete")
         protocol->onDelete = block;
 }
@@ -236,6 +240,7 @@ private:
             {"made", factory->made},
             {"acceptErrors", counter.acceptErrors},
             {"signalled", counter.signalled},
+            {"killedUnannounced", counter.killedUnannounced},
             {"slowestWrite", counter.slowestWriteMs},
             {"cpu", qint64(::clock()) * 1000 / CLOCKS_PER_SEC}};
         QByteArray text;
@@ -256,6 +261,8 @@ int runFireHost(int &argc, char **argv, const char *plugin)
 {
     const QCoreApplication application(argc, argv);
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
+        if (text.contains(QStringLiteral("будет убиты")))
+            counter.isKillingAnnounced = true;
         if (type == QtFatalMsg) // not the log's echo, nor what Qt says of each want
             std::fprintf(stderr, "%s\n", text.toUtf8().constData());
     });

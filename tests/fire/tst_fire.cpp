@@ -248,7 +248,6 @@ private:
         const int ms = isLong ? 5000 : 1500;
         begin({}, 0, isWarm);
         tell("log open");
-        const int linesBefore = log().count('\n');
         Figures before = server->stats();
         tell("limit descriptors " + QByteArray::number(spare));
         LoadPlan plan = silent(20);
@@ -257,14 +256,14 @@ private:
         auto load = std::make_unique<Load>(plan);
         runLoop(ms);
         load.reset();
-        const int lines = log().count('\n') - linesBefore;
+        const int lines = log().count("Ошибка приема");
         tell("limit none");
         QVERIFY(serves(1000));
         Figures after = server->stats();
         const double share = (after["cpu"] - before["cpu"]) / ms;
         std::printf("famine: %.1f %% of a core, %d log lines\n", share * 100, lines);
         QVERIFY(share <= 0.1 || isSanitized);
-        QVERIFY(after["acceptErrors"] > before["acceptErrors"] && lines <= 10);
+        QVERIFY(after["acceptErrors"] > before["acceptErrors"] && lines <= 12); // about two a second
     }
 
     void straggle(const QByteArray &script)
@@ -277,16 +276,18 @@ private:
         tell("script " + script);
         Load load(talkers(count, 16, 0));
         QVERIFY(runLoop(60000, [&] { return server->stats()["made"] == wanted; }));
-        if (script != "blockingStop") // which holds up who calls it
-            tell("disconnect nobody 3");
+        tell("disconnect nobody 3");
         tell("script echo");
         QVERIFY(serves(5000)); // others are not held up
         const int ms = stop();
         std::printf("stragglers: %d %s, finished after %d ms\n", count, script.constData(), ms);
-        QVERIFY(ms >= waitMs && (ms <= waitMs + 500 || isSanitized));
+        QVERIFY(ms >= waitMs && ms <= waitMs + 3000); // some tenths of a second on a quiet machine
         QVERIFY(script == "blockingDelete" || runLoop(1000, [&] { return load.dropped == count; }));
         QVERIFY(script != "sleeping" || server->stats()["threads"] < count ||
                 isSanitized); // those can be ended
+        Figures after = server->stats();
+        QVERIFY(after["killedUnannounced"] == 0);
+        QVERIFY(script == "logging" || after["slots"] <= 1); // of the server's thread
         tell("log still-usable");
         QVERIFY(log().contains("still-usable\n"));
         tell("start");
@@ -467,7 +468,7 @@ private Q_SLOTS:
         std::printf("churn: %d in %.1f s, memory %+.0f KiB\n", calls, seconds, grown);
         QVERIFY(grown <= 2048 || isSanitized);
         QVERIFY(stop() >= 0);
-        QVERIFY(server->stats()["slots"] <= 2); // the server's thread, and who asks for stops
+        QVERIFY(server->stats()["slots"] <= 1); // of the server's thread
     }
 
     void stops()
@@ -514,7 +515,7 @@ private Q_SLOTS:
     void stragglers()
     {
         for (const char *script :
-             {"sleeping", "spinning", "locked", "logging", "blockingStart", "blockingStop", "blockingDelete"})
+             {"sleeping", "spinning", "locked", "logging", "blockingStart", "blockingDelete"})
             straggle(script);
     }
 

@@ -3,14 +3,24 @@
 #include "tests/support/messagecatcher.h"
 
 #include "common/directorylayout.h"
+#include "common/functiontrace.h"
 #include "transportIp/cipserver.h"
 #include "transportIp/cipsettings.h"
+#include "transportIp/main.h"
 
 #include <QElapsedTimer>
+#include <QScopeGuard>
+#include <QSemaphore>
 #include <QTcpServer>
 #include <QTest>
 
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+// What those who include one of the two find there.
+static_assert(std::is_base_of_v<CChannel, CIpChannel> && std::is_base_of_v<QThread, CIpThread> &&
+              std::is_base_of_v<QTcpServer, CTcpServer> && std::is_base_of_v<CChannelPlugin, CIpPlugin>);
 
 namespace {
 
@@ -54,8 +64,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         TestInstallation::clean();
-        QVERIFY(TestInstallation::writeSettings("[Details]\ntransportServerThreadStopTimeout="
-                                                "1000\ntransportIpConnectTimeout=700\nmaxWritingTime=300\n"));
+        QVERIFY(TestInstallation::writeSettings(
+            "[Details]\ntransportIpConnectTimeout=700\nmaxWritingTime=300\n"));
     }
 
     void init()
@@ -74,6 +84,7 @@ private Q_SLOTS:
         QVERIFY(host->stopServer());
         QCOMPARE(host->take("monitor 0"_s).last(), "monitor 0: Выключен"_s);
         server.reset();
+        QVERIFY(_CFunctionDebug::stack().filter("~CIpServer"_s).isEmpty());
         host.reset();
     }
 
@@ -120,16 +131,18 @@ private Q_SLOTS:
         QCOMPARE(host->take("monitor 0"_s).last(), "monitor 0: "_s + text);
         QVERIFY(host->heard("journal 2 IP-канал: "_s + text));
 
-        const auto *retry = server->findChild<QTimer *>();
-        QVERIFY(retry->isActive() && retry->interval() == 30000);
+        const auto timers = server->findChildren<QTimer *>();
+        const auto retry = std::find_if(timers.cbegin(), timers.cend(),
+                                        [](const QTimer *timer) { return timer->interval() == 30000; });
+        QVERIFY(retry != timers.cend() && (*retry)->isActive());
         QVERIFY(host->stopServer());
-        QVERIFY(!retry->isActive());
+        QVERIFY(!(*retry)->isActive());
         server->start();
-        QVERIFY(retry->isActive());
+        QVERIFY((*retry)->isActive());
         occupant.close();
         QVERIFY(QMetaObject::invokeMethod(server.get(), "tryListen")); // what the timer does
         QCOMPARE(host->take("monitor 0"_s).last(), "monitor 0: Работает"_s);
-        QVERIFY(!retry->isActive());
+        QVERIFY(!(*retry)->isActive());
     }
 
     void numbersAndReusesWorkers()
@@ -242,6 +255,126 @@ private Q_SLOTS:
             "journal 0 Вызов отменен: Вызываем абонента 'cancelled' (127.0.0.1:%1)"_s.arg(
                 silent.serverPort());
         QVERIFY(QTest::qWaitFor([&] { return host->heard(cancelled); }));
+    }
+
+    /// A stop and a keep-alive that come at any stage of a connection: each reaches the protocol once.
+    void requests_data()
+    {
+        QTest::addColumn<QString>("stage");
+        QTest::addColumn<bool>("isServerStop");
+        for (const char *stage : {"adopting", "createProtocol", "start", "work"}) {
+            QTest::addRow("disconnect, %s", stage) << QString::fromLatin1(stage) << false;
+            QTest::addRow("stop, %s", stage) << QString::fromLatin1(stage) << true;
+        }
+    }
+
+    void requests()
+    {
+        QFETCH(QString, stage);
+        QFETCH(bool, isServerStop);
+        QSemaphore reached, mayGoOn;
+        std::atomic<int> stops{0};
+        std::atomic<bool> isKeptAlive{false}, hasFinished{false};
+        std::atomic<QThread *> starter{nullptr}, stopper{nullptr};
+        const auto reach = [&](const QString &here) {
+            if (here != stage)
+                return;
+            reached.release();
+            while (!mayGoOn.tryAcquire(1, 10)) {
+                if (host->heard("monitor 0: Выключение"_s))
+                    return QThread::msleep(100); // the stop is asking by now
+            }
+        };
+        host->factory->script = [&](ScriptedProtocol *protocol) {
+            protocol->onStart = [&](ScriptedProtocol *) {
+                starter = QThread::currentThread();
+                reach("start"_s);
+            };
+            protocol->onStop = [&](ScriptedProtocol *p) {
+                ++stops;
+                stopper = QThread::currentThread();
+                QTimer::singleShot(50, p, [&, p] {
+                    hasFinished = true;
+                    Q_EMIT p->finished();
+                });
+            };
+            protocol->onDelete = [&](ScriptedProtocol *p) { isKeptAlive = p->keepAliveRequested; };
+            reach("createProtocol"_s);
+        };
+        const MessageCatcher messages([&](const QString &text) {
+            if (text.contains("Входящее соединение"_s))
+                reach("adopting"_s);
+        });
+        const auto client = connectedClient();
+        QVERIFY(
+            QTest::qWaitFor([&] { return stage == "work"_s ? starter != nullptr : reached.available(); }));
+
+        server->keepAliveConnection(1);
+        if (isServerStop)
+            QVERIFY(host->stopServer());
+        else
+            server->disconnectFromAbonent(QString(), 1);
+        mayGoOn.release();
+        QVERIFY(QTest::qWaitFor([&] { return hasFinished && host->shown == 0; }));
+        QVERIFY(host->stopServer()); // joins the thread
+        QCOMPARE(stops, 1);
+        const bool isEarly = stage == "adopting"_s; // no protocol to be told; then it is told when it starts
+        QCOMPARE(stopper.load(), isEarly ? starter.load() : QThread::currentThread());
+        QCOMPARE(isKeptAlive, !isEarly);
+    }
+
+    /// Every accept error is told, of our own refusals the first and the last; also by a server that was
+    /// moved to another thread, and back again.
+    void reportsWhatItCannotTake()
+    {
+        const QString told = "journal 0 IP-канал: Ошибка приема входящего соединения: "_s;
+        const QString refused = told + "Too many open files"_s;
+        QThread home;
+        home.start();
+        auto moved = std::make_unique<CIpServer>();
+        FakeHost movedHost(moved.get());
+        const auto inHome = [&](auto &&act) {
+            QMetaObject::invokeMethod(moved.get(), act, Qt::BlockingQueuedConnection);
+        };
+        rlimit limit = {};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        const auto restore = qScopeGuard([&, limit] {
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+            home.quit();
+            home.wait();
+            moved.reset();
+        });
+        configure({true, 3, port = freePort(), 128});
+        moved->moveToThread(&home);
+        inHome([&] {
+            moved->start();
+            for (int i = 0; i < 3; ++i)
+                Q_EMIT moved->findChild<QTcpServer *>()->acceptError(QAbstractSocket::SocketResourceError);
+        });
+        QCOMPARE(movedHost.take(told).size(), 3);
+        QCOMPARE(TestInstallation::log().count("Ошибка приема входящего соединения: 4. "), 3);
+
+        constexpr int reserve = 8; // what we leave to the rest of the process
+        const int next = ::dup(0);
+        ::close(next);
+        limit.rlim_cur = rlim_t(next + 1 + reserve);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        const auto refuse = [&] { return connectedClient()->waitForDisconnected(5000); };
+        QVERIFY(refuse() && movedHost.waitFor(refused));
+        QCOMPARE(movedHost.take(told), QStringList(refused));
+        QVERIFY(refuse() && movedHost.waitFor(refused)); // when a second has passed
+        QCOMPARE(movedHost.take(told), QStringList(refused));
+        QVERIFY(refuse());
+        inHome([&] { moved->stop(); });
+        QVERIFY(movedHost.waitFor("monitor 0: Выключен"_s));
+        QCOMPARE(movedHost.take(told), QStringList(refused));
+
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        inHome([&, here = QThread::currentThread()] { moved->moveToThread(here); });
+        moved->start();
+        QVERIFY(echoes(connectedClient().get(), "moved back"));
+        QVERIFY(movedHost.stopServer());
     }
 
     void endsAConnectionThatIsDeadFromTheStart()
