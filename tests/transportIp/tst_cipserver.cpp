@@ -14,6 +14,8 @@
 #include <QTcpServer>
 #include <QTest>
 
+#include <future>
+
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -334,7 +336,12 @@ private Q_SLOTS:
         auto moved = std::make_unique<CIpServer>();
         FakeHost movedHost(moved.get());
         const auto inHome = [&](auto &&act) {
-            QMetaObject::invokeMethod(moved.get(), act, Qt::BlockingQueuedConnection);
+            std::promise<void> done; // the thread sanitizer does not know how Qt waits
+            QMetaObject::invokeMethod(moved.get(), [&] {
+                act();
+                done.set_value();
+            });
+            done.get_future().wait();
         };
         rlimit limit = {};
         ::getrlimit(RLIMIT_NOFILE, &limit);
