@@ -18,7 +18,7 @@ class CTcpServer : public QTcpServer
     Q_OBJECT
 
 public:
-    explicit CTcpServer(QObject *parent);
+    explicit CTcpServer(QObject *parent = nullptr);
 
     /// Closes what was accepted and never taken.
     ~CTcpServer() override;
