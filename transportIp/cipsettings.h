@@ -17,7 +17,7 @@ ChannelIpSettings all();
 /// @return KiB [any thread]
 int blockSizeKb();
 
-/// Makes @a settings the ones in force, field by field. [server thread]
+/// Makes @a settings the ones in force, field by field. [any thread]
 void publish(const ChannelIpSettings &settings);
 
 } // namespace CurrentIpSettings
