@@ -17,7 +17,7 @@ void setKeepAlive(CAbstractProtocol *protocol)
 void CProtocolControl::beginNext()
 {
     ASSERT_IN_THREAD(worker->thread());
-    const QMutexLocker locker(&mutex);
+    const std::lock_guard lock(mutex);
     stopRequested = false;
     stage = Absent;
     stopCameEarly = stopWaits = keepAliveWaits = false;
@@ -25,7 +25,7 @@ void CProtocolControl::beginNext()
 
 void CProtocolControl::stop()
 {
-    QMutexLocker locker(&mutex);
+    std::unique_lock lock(mutex);
     stopRequested = true;
     switch (stage) {
     case Absent:
@@ -36,11 +36,11 @@ void CProtocolControl::stop()
         break;
     case Working:
         ++stopsUnderWay;
-        locker.unlock();
+        lock.unlock();
         protocol->stop();
-        locker.relock();
+        lock.lock();
         if (--stopsUnderWay == 0)
-            noStopUnderWay.wakeAll();
+            noStopUnderWay.notify_all();
         break;
     case Gone:
         break;
@@ -51,7 +51,7 @@ void CProtocolControl::passStopOn()
 {
     ASSERT_IN_THREAD(worker->thread());
     {
-        const QMutexLocker locker(&mutex);
+        const std::lock_guard lock(mutex);
         if (stage != Working || !std::exchange(stopWaits, false))
             return;
     }
@@ -61,13 +61,13 @@ void CProtocolControl::passStopOn()
 void CProtocolControl::dropWaitingStop()
 {
     ASSERT_IN_THREAD(worker->thread());
-    const QMutexLocker locker(&mutex);
+    const std::lock_guard lock(mutex);
     stopCameEarly = stopWaits = false;
 }
 
 void CProtocolControl::keepAlive()
 {
-    const QMutexLocker locker(&mutex);
+    const std::lock_guard lock(mutex);
     if (stage == SettingUp)
         keepAliveWaits = true;
     else if (stage == Working)
@@ -77,14 +77,14 @@ void CProtocolControl::keepAlive()
 void CProtocolControl::beginSetUp()
 {
     ASSERT_IN_THREAD(worker);
-    const QMutexLocker locker(&mutex);
+    const std::lock_guard lock(mutex);
     stage = SettingUp;
 }
 
 bool CProtocolControl::endSetUp(CAbstractProtocol *startedProtocol)
 {
     ASSERT_IN_THREAD(worker);
-    QMutexLocker locker(&mutex);
+    std::unique_lock lock(mutex);
     protocol = startedProtocol;
     stage = protocol ? Working : Gone;
     if (!protocol)
@@ -93,7 +93,7 @@ bool CProtocolControl::endSetUp(CAbstractProtocol *startedProtocol)
         setKeepAlive(protocol);
     const bool isPassedOn = stopWaits;
     if (stopCameEarly) {
-        locker.unlock();
+        lock.unlock();
         protocol->stop();
     }
     return isPassedOn;
@@ -102,9 +102,8 @@ bool CProtocolControl::endSetUp(CAbstractProtocol *startedProtocol)
 void CProtocolControl::release()
 {
     ASSERT_IN_THREAD(worker);
-    QMutexLocker locker(&mutex);
+    std::unique_lock lock(mutex);
     stage = Gone;
-    while (stopsUnderWay > 0)
-        noStopUnderWay.wait(&mutex);
+    noStopUnderWay.wait(lock, [this] { return stopsUnderWay == 0; });
     protocol = nullptr;
 }

@@ -10,10 +10,9 @@
 // nor does stop(), but the protocol is not deleted before it returns.
 #pragma once
 
-#include <QMutex>
-#include <QWaitCondition>
-
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 
 class CAbstractProtocol;
 class QThread;
@@ -68,12 +67,12 @@ private:
     const QThread *worker;
     std::atomic<bool> stopRequested{false};
 
-    QMutex mutex; // guards the rest; held for moments
+    std::mutex mutex; // guards the rest; held for moments
     Stage stage = Absent;
     CAbstractProtocol *protocol = nullptr; // while it works
     bool stopCameEarly = false;            // before the set-up
     bool stopWaits = false;                // for the end of the set-up
     bool keepAliveWaits = false;
     int stopsUnderWay = 0;
-    QWaitCondition noStopUnderWay;
+    std::condition_variable noStopUnderWay;
 };
