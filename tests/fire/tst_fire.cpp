@@ -261,7 +261,8 @@ private:
         QVERIFY(serves(1000));
         Figures after = server->stats();
         const double share = (after["cpu"] - before["cpu"]) / ms;
-        std::printf("famine: %.1f %% of a core, %d log lines, %.0f reports\n", share * 100, lines, after["acceptErrors"] - before["acceptErrors"]);
+        std::printf("famine: %.1f %% of a core, %d log lines, %.0f reports\n", share * 100, lines,
+                    after["acceptErrors"] - before["acceptErrors"]);
         QVERIFY(share <= 0.1 || isSanitized);
         QVERIFY(after["acceptErrors"] > before["acceptErrors"] && lines <= 12); // about two a second
     }
