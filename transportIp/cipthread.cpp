@@ -30,7 +30,6 @@ constexpr int connectEventsMs = 20;
 constexpr int connectPollMs = 10;
 constexpr int lockWaitMs = 50;   // a protocol's start() or destructor may hold the lock for long
 constexpr int reportWaitMs = 50; // a report of a worker left behind may hang in the host
-constexpr uint stackBytes = 1024 * 1024;
 
 constexpr DebugLevel logLevel = DebugTransportConnects;
 
@@ -72,9 +71,7 @@ QString withoutMappedPrefix(QString address)
 
 CIpThread::CIpThread(CChannelServer *reportedServer, int id)
     : connectionId(id), report(reportedServer), label(ipConnectionLabel(id))
-{
-    setStackSize(stackBytes);
-}
+{}
 
 CIpThread::~CIpThread()
 {
