@@ -186,14 +186,14 @@ private Q_SLOTS:
             received = other.receive(bytes.size());
         });
         channel->write(bytes);
-        QVERIFY(channel->isConnected());
         QByteArray taken = channel->read(bytes.size());
-        QCOMPARE(taken.size(), 1024 * 1024); // what one read may give
+        const int firstSize = taken.size();
         turnUntil([&] {
             taken += channel->read(300000);
             return taken.size() >= bytes.size();
         });
         writer.join();
+        QCOMPARE(firstSize, 1024 * 1024); // what one read may give
         QVERIFY(taken == bytes && received == bytes);
     }
 
@@ -214,19 +214,18 @@ private Q_SLOTS:
         QByteArray answer;
         std::thread reader([&] {
             answer = other.receive(100);
+            other.receive(1); // the end, or the error of a reset
             other.close(false);
         });
         channel->write("the last answer");
-        if (disconnects) {
+        if (disconnects)
             channel->disconnectFromAbonent();
-            QVERIFY(!channel->isConnected());
-            QCOMPARE(channel->read(50001).size(), 50000);
-        } else {
+        else
             channel.reset();
-        }
         reader.join();
         QCOMPARE(answer, QByteArray("the last answer"));
         QCOMPARE(other.lastError, 0);
+        QVERIFY(!channel || (!channel->isConnected() && channel->read(50001).size() == 50000));
     }
 
     void takesCallersWhoseAnswersLeaveAtOnce()
