@@ -87,24 +87,24 @@ bool CConnectionDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     if (directSocket)
         directSocket->turnBegins();
     Q_EMIT awake();
-    const bool wasWoken = std::exchange(isWoken, false); // for what is handled now
+    const int wakeUpsBefore = wakeUps;
     QCoreApplication::sendPostedEvents();
 
     const bool withTimers = !flags.testFlag(QEventLoop::X11ExcludeTimers);
     const bool withNotifiers = !flags.testFlag(QEventLoop::ExcludeSocketNotifiers);
     const bool again = std::exchange(turnAgain, false);
-    bool wait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !again && !isWoken && !interrupted;
-    if (wait)
+    const bool mayWait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !again && !interrupted;
+    if (mayWait && wakeUps == wakeUpsBefore)
         Q_EMIT aboutToBlock(); // whose slots may wake the loop, too
     if (interrupted)
         return false;
 
-    const bool woken = std::exchange(isWoken, false) || wasWoken;
-    wait = wait && !woken && !turnAgain;
+    const bool woken = std::exchange(wakeUps, 0) > 0;
     int handled = woken || again ? 1 : 0;
     if (!again || woken || ++turnsWithoutLook == maxTurnsWithoutLook) {
         turnsWithoutLook = 0;
-        const qint64 timeoutNs = !wait ? 0 : withTimers ? nsToNextTimer() : -1;
+        const bool waits = mayWait && !woken && !turnAgain;
+        const qint64 timeoutNs = !waits ? 0 : withTimers ? nsToNextTimer() : -1;
         const Polled polled = look(withNotifiers, timeoutNs);
         handled += drainWakeUp(polled.front()) ? 1 : 0;
         handled += activateSockets(polled);
@@ -187,7 +187,7 @@ int CConnectionDispatcher::remainingTime(int timerId)
 void CConnectionDispatcher::wakeUp()
 {
     if (QThread::currentThread() == thread()) {
-        isWoken = true;
+        ++wakeUps;
         return;
     }
     // Posting an event holds a lock of Qt's, and write() is a point at which a thread can be ended.

@@ -100,8 +100,8 @@ private:
 
     CDirectSocket *directSocket = nullptr;
 
-    bool isWoken = false;   // by its own thread: the turn does not wait
-    bool turnAgain = false; // as isWoken, mostly without a look
+    int wakeUps = 0;        // by its own thread, up to the next look, which then does not wait
+    bool turnAgain = false; // the same, mostly without a look
     int turnsWithoutLook = 0;
 
     // A connection has two or three notifiers.

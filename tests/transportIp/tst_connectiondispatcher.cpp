@@ -404,6 +404,8 @@ void turnsTellWhetherTheyDidAnything(CRecord &record)
     record("nothing", turn());
     post(&context, [] { dispatcher()->interrupt(); });
     record("interrupted", turn());
+    record("its wake-up", turn());
+    record("nothing", turn());
     const auto overdue = timer(1, [] {});
     record("waited", turn(QEventLoop::WaitForMoreEvents));
 }
