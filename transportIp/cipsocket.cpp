@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include <malloc.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -16,6 +17,7 @@ namespace {
 
 constexpr qint64 mebibyte = 1024 * 1024;
 constexpr qint64 readAheadBytes = 64 * mebibyte;
+constexpr qint64 hoardBytes = mebibyte;          // so much free memory is not left with malloc()
 constexpr qint64 discardedBytes = 64 * mebibyte; // of what the other side sends after our farewell
 constexpr int leaveMs = 100;                     // for the other side to follow, once the queue is empty
 constexpr int scratchBytes = 65536;
@@ -48,6 +50,8 @@ CIpSocket::~CIpSocket()
 {
     if (dispatcher)
         dispatcher->release(this);
+    arrived.clear();
+    giveBack();
 }
 
 void CIpSocket::tune()
@@ -78,6 +82,7 @@ QByteArray CIpSocket::takeArrived(int maxSize)
         arrived.remove(part);
         size += part;
     }
+    giveBack();
     while (size < wished && mayHoldMore)
         size += receiveNow(bytes.data() + size, wished - size);
     bytes.resize(size);
@@ -227,9 +232,20 @@ qint64 CIpSocket::readAhead(bool isLast)
             break;
         arrived.append(scratch.constData(), received);
     }
+    hasHoard = hasHoard || arrived.size() > hoardBytes;
     if (arrived.size() > before && dispatcher)
         dispatcher->goOn();
     return arrived.size() - before;
+}
+
+/// Once all that was read ahead has been read, the system gets its memory.
+void CIpSocket::giveBack()
+{
+    if (hasHoard && arrived.size() == 0) {
+        const CTerminationGuard guard;
+        hasHoard = false;
+        ::malloc_trim(0);
+    }
 }
 
 pollfd CIpSocket::wanted() const

@@ -74,6 +74,7 @@ private:
     int receiveNow(char *data, int maxSize);
     qint64 readAhead(bool isLast);
     bool isAllRead() const;
+    void giveBack();
 
     const QPointer<CConnectionDispatcher> dispatcher; // of the thread it was made in
     CByteQueue outgoing;
@@ -81,6 +82,7 @@ private:
     qint64 sentThisTurn = 0;
     bool mayHoldMore = true; // the system: asking is worth a call; a caller's first bytes are mostly there
     bool isTold = false;     // of arrived bytes; the reader hears of more when it has looked at these
+    bool hasHoard = false;   // much has been read ahead and not given back yet
     bool isReadOut = false;  // the system, up to the end of the connection
     bool isLeaving = false;  // we end the connection, as soon as the queue is empty
     bool hasEnded = false;   // the other side did, or it broke; Qt finds it when the queue is empty
