@@ -1,5 +1,6 @@
 #include "transportIp/cconnectiondispatcher.h"
 
+#include "common/messagequeue.h"
 #include "common/terminationguard.h"
 
 #include <QCoreApplication>
@@ -14,6 +15,9 @@
 
 #include <sys/eventfd.h>
 #include <unistd.h>
+
+// Of QtCore, for those who write dispatchers: how many events wait for the current thread.
+extern uint qGlobalPostedEventsCount();
 
 namespace {
 
@@ -83,24 +87,27 @@ bool CConnectionDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     if (directSocket)
         directSocket->turnBegins();
     Q_EMIT awake();
+    const int wakeUpsBefore = wakeUps;
     QCoreApplication::sendPostedEvents();
 
     const bool withTimers = !flags.testFlag(QEventLoop::X11ExcludeTimers);
     const bool withNotifiers = !flags.testFlag(QEventLoop::ExcludeSocketNotifiers);
     const bool again = std::exchange(turnAgain, false);
-    const bool wait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !again;
-    if (wait)
-        Q_EMIT aboutToBlock();
+    const bool mayWait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !again && !interrupted;
+    if (mayWait && wakeUps == wakeUpsBefore)
+        Q_EMIT aboutToBlock(); // whose slots may wake the loop, too
     if (interrupted)
         return false;
 
-    int handled = again ? 1 : 0;
-    if (!again || ++turnsWithoutLook == maxTurnsWithoutLook) {
+    const bool woken = std::exchange(wakeUps, 0) > 0;
+    int handled = woken || again ? 1 : 0;
+    if (!again || woken || ++turnsWithoutLook == maxTurnsWithoutLook) {
         turnsWithoutLook = 0;
-        const qint64 timeoutNs = !wait ? 0 : withTimers ? nsToNextTimer() : -1;
-        if (waitForSockets(withNotifiers, timeoutNs) > 0)
-            handled += activateNotifiers();
-        handled += drainWakeUp() ? 1 : 0;
+        const bool waits = mayWait && !woken && !turnAgain;
+        const qint64 timeoutNs = !waits ? 0 : withTimers ? nsToNextTimer() : -1;
+        const Polled polled = look(withNotifiers, timeoutNs);
+        handled += drainWakeUp(polled.front()) ? 1 : 0;
+        handled += activateSockets(polled);
     }
     if (withTimers)
         handled += activateTimers();
@@ -109,7 +116,10 @@ bool CConnectionDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 
 bool CConnectionDispatcher::hasPendingEvents()
 {
-    return waitForSockets(true, 0) > 0 || nsToNextTimer() == 0;
+    if (qGlobalPostedEventsCount() > 0 || nsToNextTimer() == 0)
+        return true;
+    const Polled polled = look(true, 0);
+    return std::any_of(polled.begin(), polled.end(), [](const pollfd &one) { return one.revents != 0; });
 }
 
 void CConnectionDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
@@ -119,29 +129,37 @@ void CConnectionDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
 
 void CConnectionDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
 {
-    const auto end = std::remove(notifiers.begin(), notifiers.end(), notifier);
-    notifiers.resize(int(end - notifiers.begin()));
-    std::replace(activated.begin(), activated.end(), notifier, static_cast<QSocketNotifier *>(nullptr));
+    for (auto *list : {&notifiers, &pending})
+        list->resize(int(std::remove(list->begin(), list->end(), notifier) - list->begin()));
 }
 
 void CConnectionDispatcher::registerTimer(int timerId, int interval, Qt::TimerType timerType, QObject *object)
 {
-    timers.push_back({timerId, interval, timerType, object, now() + interval * nsPerMs, timerRound});
+    const qint64 due = std::max(now() + interval * nsPerMs, roundTime + 1);
+    arm({timerId, interval, timerType, object, due, ++timersMade});
+}
+
+void CConnectionDispatcher::arm(const Timer &timer)
+{
+    const auto isBefore = [](const Timer &a, const Timer &b) { return a.due < b.due; };
+    timers.insert(std::upper_bound(timers.begin(), timers.end(), timer, isBefore), timer);
 }
 
 bool CConnectionDispatcher::unregisterTimer(int timerId)
 {
-    const auto end = std::remove_if(timers.begin(), timers.end(),
-                                    [timerId](const Timer &timer) { return timer.id == timerId; });
-    const bool found = end != timers.end();
-    timers.erase(end, timers.end());
-    return found;
+    return removeTimers([timerId](const Timer &timer) { return timer.id == timerId; });
 }
 
 bool CConnectionDispatcher::unregisterTimers(QObject *object)
 {
-    const auto end = std::remove_if(timers.begin(), timers.end(),
-                                    [object](const Timer &timer) { return timer.object == object; });
+    return removeTimers([object](const Timer &timer) { return timer.object == object; });
+}
+
+/// @return whether there was one
+template <typename Condition>
+bool CConnectionDispatcher::removeTimers(Condition condition)
+{
+    const auto end = std::remove_if(timers.begin(), timers.end(), condition);
     const bool found = end != timers.end();
     timers.erase(end, timers.end());
     return found;
@@ -161,7 +179,7 @@ int CConnectionDispatcher::remainingTime(int timerId)
 {
     for (const Timer &timer : timers) {
         if (timer.id == timerId)
-            return int(std::max<qint64>(0, timer.due - now()) / nsPerMs);
+            return int((std::max<qint64>(0, timer.due - now()) + nsPerMs - 1) / nsPerMs);
     }
     return -1;
 }
@@ -169,7 +187,7 @@ int CConnectionDispatcher::remainingTime(int timerId)
 void CConnectionDispatcher::wakeUp()
 {
     if (QThread::currentThread() == thread()) {
-        turnAgain = true;
+        ++wakeUps;
         return;
     }
     // Posting an event holds a lock of Qt's, and write() is a point at which a thread can be ended.
@@ -202,18 +220,17 @@ bool CConnectionDispatcher::makeWakeUp()
 }
 
 /// Forgets wake-ups so far. What they announced is handled before the next wait.
-bool CConnectionDispatcher::drainWakeUp()
+bool CConnectionDispatcher::drainWakeUp(const pollfd &wakeUp)
 {
-    const bool isWritten = polled.front().revents != 0;
+    const bool isWritten = wakeUp.revents != 0;
     quint64 count = 0;
-    while (isWritten && ::read(wakeUpFd, &count, sizeof count) < 0 && errno == EINTR)
+    while (isWritten && ::read(wakeUp.fd, &count, sizeof count) < 0 && errno == EINTR)
         ;
     return wakeUpPending.exchange(false) || isWritten;
 }
 
 /// @param timeoutNs -1 to wait without a limit
-/// @return as poll(); a signal counts as nothing ready
-int CConnectionDispatcher::waitForSockets(bool withNotifiers, qint64 timeoutNs)
+CConnectionDispatcher::Polled CConnectionDispatcher::look(bool withNotifiers, qint64 timeoutNs)
 {
     if (timeoutNs != 0) {
         const bool canBeWoken = makeWakeUp();
@@ -222,66 +239,112 @@ int CConnectionDispatcher::waitForSockets(bool withNotifiers, qint64 timeoutNs)
         else if (!canBeWoken)
             timeoutNs = timeoutNs < 0 ? restNs : std::min(timeoutNs, restNs);
     }
-    polled.clear();
+    Polled polled;
     polled.push_back({wakeUpFd, POLLIN, 0});
+    polled.push_back(withNotifiers && directSocket ? directSocket->wanted() : pollfd{-1, 0, 0});
     if (withNotifiers) {
-        for (const QSocketNotifier *notifier : notifiers)
-            polled.push_back({int(notifier->socket()), pollEvents(notifier->type()).wanted, 0});
+        for (const QSocketNotifier *notifier : qAsConst(notifiers)) {
+            const int descriptor = int(notifier->socket());
+            const bool isDirect = notifier->type() == QSocketNotifier::Read && descriptor == polled[1].fd;
+            polled.push_back({isDirect ? -1 : descriptor, pollEvents(notifier->type()).wanted, 0});
+        }
     }
     const timespec timeout = {time_t(timeoutNs / nsPerSecond), long(timeoutNs % nsPerSecond)};
-    return ::ppoll(polled.data(), nfds_t(polled.size()), timeoutNs < 0 ? nullptr : &timeout, nullptr);
+    if (::ppoll(polled.data(), nfds_t(polled.size()), timeoutNs < 0 ? nullptr : &timeout, nullptr) < 0) {
+        for (pollfd &one : polled)
+            one.revents = 0; // a signal: nothing is ready
+    }
+    return polled;
 }
 
-int CConnectionDispatcher::activateNotifiers()
+/// @return how many sockets something has happened to
+int CConnectionDispatcher::activateSockets(const Polled &polled)
 {
-    activated.clear();
-    int handled = 0;
-    for (int i = 1; i < polled.size(); ++i) {
-        QSocketNotifier *notifier = notifiers[i - 1];
-        const bool hasBytesOnly = polled[i].revents == POLLIN && notifier->type() == QSocketNotifier::Read;
-        if (hasBytesOnly && directSocket && directSocket->keepsFromQt(notifier->socket()))
-            ++handled; // the next turn begins with a look
-        else if (polled[i].revents & (pollEvents(notifier->type()).activating | POLLNVAL))
-            activated.push_back(notifier);
+    // First all that was seen, then the handlers: they change the list, and may turn a loop of their own.
+    QVarLengthArray<QSocketNotifier *, 4> invalid;
+    for (int i = 2; i < polled.size(); ++i) {
+        QSocketNotifier *notifier = notifiers[i - 2];
+        if (polled[i].revents & POLLNVAL)
+            invalid.push_back(notifier);
+        else if (polled[i].revents & pollEvents(notifier->type()).activating && !pending.contains(notifier))
+            pending.push_back(notifier);
     }
+    for (QSocketNotifier *notifier : qAsConst(invalid))
+        disable(notifier);
 
+    int handled = 0;
+    if (polled[1].revents != 0 && directSocket) {
+        directSocket->happened(polled[1].revents);
+        ++handled;
+        if (directSocket->wanted().fd < 0)
+            handOver(polled[1].fd);
+    }
     QEvent event(QEvent::SockAct);
-    for (int i = 0; i < activated.size(); ++i) {
-        if (QSocketNotifier *notifier = std::exchange(activated[i], nullptr)) {
-            QCoreApplication::sendEvent(notifier, &event);
-            ++handled;
-        }
+    while (!pending.isEmpty()) {
+        QSocketNotifier *notifier = pending.front();
+        pending.erase(pending.begin());
+        QCoreApplication::sendEvent(notifier, &event);
+        ++handled;
     }
     return handled;
 }
 
+/// Has Qt read from a descriptor that has been the direct socket's.
+void CConnectionDispatcher::handOver(int descriptor)
+{
+    for (QSocketNotifier *notifier : qAsConst(notifiers)) {
+        if (notifier->socket() == descriptor && notifier->type() == QSocketNotifier::Read)
+            pending.push_back(notifier);
+    }
+}
+
+/// A notifier whose descriptor has been closed would keep the loop from ever waiting.
+void CConnectionDispatcher::disable(QSocketNotifier *notifier)
+{
+    if (!notifiers.contains(notifier))
+        return; // gone through the message about another one
+    notifier->setEnabled(false);
+    Messages::say(QtWarningMsg, QStringLiteral("QSocketNotifier: descriptor %1 is closed, notifier disabled")
+                                    .arg(notifier->socket()));
+}
+
+/// Fires what is due now, each timer once. One whose handler is running is moved on, but not fired.
 int CConnectionDispatcher::activateTimers()
 {
     if (timers.empty())
         return 0;
-    const quint64 round = ++timerRound;
     const qint64 time = now();
+    roundTime = time;
     int handled = 0;
-    for (;;) {
-        // A handler may add, remove and restart timers, so look anew each time.
-        const auto due = std::find_if(timers.begin(), timers.end(), [round, time](const Timer &timer) {
-            return timer.round < round && timer.due <= time;
-        });
-        if (due == timers.end())
-            return handled;
-        due->round = round;
-        due->due = time + due->interval * nsPerMs;
-        QTimerEvent event(due->id);
-        QCoreApplication::sendEvent(due->object, &event);
-        ++handled;
+    while (!timers.empty() && timers.front().due <= time) {
+        const Timer timer = timers.front();
+        timers.erase(timers.begin());
+        Timer next = timer;
+        next.isRunning = true;
+        // From the last due time, lest they drift. Later than this round, in which it had its turn.
+        next.due += timer.interval * nsPerMs;
+        if (next.due <= time)
+            next.due = time + std::max<qint64>(1, timer.interval * nsPerMs);
+        arm(next);
+        // Else who processes events as long as there are some would never end.
+        if (timer.interval > 0)
+            ++handled;
+        if (timer.isRunning)
+            continue;
+
+        QTimerEvent event(timer.id);
+        QCoreApplication::sendEvent(timer.object, &event);
+        const auto same = std::find_if(timers.begin(), timers.end(),
+                                       [&timer](const Timer &one) { return one.number == timer.number; });
+        if (same != timers.end())
+            same->isRunning = false;
     }
+    return handled;
 }
 
 qint64 CConnectionDispatcher::nsToNextTimer() const
 {
-    if (timers.empty())
-        return -1;
-    const auto next = std::min_element(timers.begin(), timers.end(),
-                                       [](const Timer &a, const Timer &b) { return a.due < b.due; });
-    return std::max<qint64>(0, next->due - now());
+    const auto next =
+        std::find_if(timers.begin(), timers.end(), [](const Timer &timer) { return !timer.isRunning; });
+    return next == timers.end() ? -1 : std::max<qint64>(0, next->due - now());
 }

@@ -23,9 +23,12 @@ public:
     /// Called before anybody looks.
     virtual void turnBegins() = 0;
 
-    /// Something has arrived at a descriptor. @return whether it is this socket's and the bytes are left
-    /// to be read from there; false has Qt read them, or find the end of the connection.
-    virtual bool keepsFromQt(qintptr descriptor) = 0;
+    /// @return its descriptor and what to look for there, at which Qt's read notifier is left out;
+    /// the descriptor is -1 while Qt does the reading
+    virtual pollfd wanted() const = 0;
+
+    /// Something of what was wanted, the end of the connection or an error has come.
+    virtual void happened(short events) = 0;
 };
 
 class CConnectionDispatcher : public QAbstractEventDispatcher
@@ -42,6 +45,10 @@ public:
     /// Serves one socket, not owned, until it is released or another one comes.
     void serve(CDirectSocket *socket) { directSocket = socket; }
     void release(const CDirectSocket *socket);
+
+    /// Has the loop turn once more before it waits. Other than after wakeUp() the descriptors need
+    /// not be looked at in between. [dispatcher's thread]
+    void goOn() { turnAgain = true; }
 
     bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
     bool hasPendingEvents() override;
@@ -67,15 +74,24 @@ private:
         int interval; // ms
         Qt::TimerType type;
         QObject *object;
-        qint64 due;    // ns, of the monotonic clock
-        quint64 round; // the last round it fired in
+        qint64 due;             // ns, of the monotonic clock
+        quint64 number;         // of its registration: an id may come again
+        bool isRunning = false; // its handler runs, so it rests
     };
 
+    // The wake-up first, then the direct socket, then the notifiers in their order.
+    using Polled = QVarLengthArray<pollfd, 6>;
+
     bool makeWakeUp();
-    bool drainWakeUp();
-    int waitForSockets(bool withNotifiers, qint64 timeoutNs);
-    int activateNotifiers();
+    bool drainWakeUp(const pollfd &wakeUp);
+    Polled look(bool withNotifiers, qint64 timeoutNs);
+    int activateSockets(const Polled &polled);
+    void handOver(int descriptor);
+    void disable(QSocketNotifier *notifier);
     int activateTimers();
+    void arm(const Timer &timer);
+    template <typename Condition>
+    bool removeTimers(Condition condition);
     qint64 nsToNextTimer() const; // -1 without a timer
 
     std::atomic<int> wakeUpFd{-1};
@@ -84,14 +100,15 @@ private:
 
     CDirectSocket *directSocket = nullptr;
 
-    // Woken by its own thread: the next turn does not wait, mostly it does not even look.
-    bool turnAgain = false;
+    int wakeUps = 0;        // by its own thread, up to the next look, which then does not wait
+    bool turnAgain = false; // the same, mostly without a look
     int turnsWithoutLook = 0;
 
     // A connection has two or three notifiers.
     QVarLengthArray<QSocketNotifier *, 4> notifiers;
-    QVarLengthArray<pollfd, 5> polled; // what the last wait looked at: the wake-up, then notifiers
-    QVarLengthArray<QSocketNotifier *, 4> activated; // of this round; null: unregistered meanwhile
-    std::vector<Timer> timers;
-    quint64 timerRound = 0;
+    QVarLengthArray<QSocketNotifier *, 4> pending; // still to be activated, by this loop or one nested in it
+
+    std::vector<Timer> timers; // by the time they are due; those of one time in the order they were armed
+    quint64 timersMade = 0;
+    qint64 roundTime = 0; // up to which timers have been fired; what is armed later is due later
 };

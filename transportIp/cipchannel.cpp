@@ -11,8 +11,10 @@
 #include <utility>
 
 namespace {
-constexpr int farewellMs = 100; // what a disconnect may spend on handing over the queue
-}
+constexpr int leaveMs =
+    100; // what a disconnect may spend on handing over the queue and the other side's last bytes
+constexpr int farewellMs = 250; // the same for a protocol that has ended without one
+} // namespace
 
 CIpChannel::CIpChannel(CIpSocket *connectedSocket, int handle, CChannelMonitor *byteCounter)
     : socket(connectedSocket), monitorHandle(handle), monitor(byteCounter)
@@ -23,21 +25,20 @@ CIpChannel::CIpChannel(CIpSocket *connectedSocket, int handle, CChannelMonitor *
 CIpChannel::~CIpChannel()
 {
     const CTerminationGuard guard;
+    if (socket)
+        socket->farewell(farewellMs);
     delete socket;
 }
 
 void CIpChannel::disconnectFromAbonent()
 {
-    if (!socket)
-        return;
-    socket->flush();
-    socket->waitForBytesWritten(farewellMs);
-    socket->disconnectFromHost();
+    if (socket)
+        socket->leave(leaveMs);
 }
 
 bool CIpChannel::isConnected()
 {
-    return socket && socket->state() == QAbstractSocket::ConnectedState;
+    return socket && socket->isConnected();
 }
 
 void CIpChannel::write(const QByteArray &data)
@@ -50,14 +51,12 @@ void CIpChannel::write(const QByteArray &data)
           QStringLiteral("Не удалось вовремя записать данные в сокет (%1). Соединение будет разорвано.")
               .arg(socket->errorString()),
           DebugAlways, DebugFlagNone);
-    socket->disconnectFromHost();
-    socket->close();
-    socket->abort(); // a socket that is closing keeps its queue and its descriptor
+    socket->cut(); // a socket that is closing would keep its queue and its descriptor
 }
 
 QByteArray CIpChannel::read(int maxSize)
 {
-    if (!socket || !socket->isOpen())
+    if (!socket)
         return {};
     QByteArray bytes = socket->takeArrived(maxSize);
     if (!bytes.isEmpty())

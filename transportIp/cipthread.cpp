@@ -30,7 +30,6 @@ namespace {
 constexpr int connectEventsMs = 20;
 constexpr int connectPollMs = 10;
 constexpr int reportWaitMs = 50; // a report of a worker left behind may hang in the host
-constexpr uint stackBytes = 1024 * 1024;
 
 constexpr DebugLevel logLevel = DebugTransportConnects;
 
@@ -73,9 +72,7 @@ QString withoutMappedPrefix(QString address)
 CIpThread::CIpThread(CChannelServer *reportedServer, int id)
     : server(reportedServer), connectionId(id), label(ipConnectionLabel(id)),
       report(reportedServer, hostAccess), control(this)
-{
-    setStackSize(stackBytes);
-}
+{}
 
 CIpThread::~CIpThread()
 {
