@@ -7,6 +7,7 @@
 #include "transportIp/cipsettings.h"
 #include "transportIp/cipsocket.h"
 #include "transportIp/ipchannelkind.h"
+#include "transportIp/threadcheck.h"
 
 #include <utility>
 
@@ -17,13 +18,14 @@ constexpr int farewellMs = 250; // the same for a protocol that has ended withou
 } // namespace
 
 CIpChannel::CIpChannel(CIpSocket *connectedSocket, int handle, CChannelMonitor *byteCounter)
-    : socket(connectedSocket), monitorHandle(handle), monitor(byteCounter)
+    : socket(connectedSocket), monitorHandle(handle), monitor(byteCounter), home(QThread::currentThread())
 {
     kind = ipChannelKind;
 }
 
 CIpChannel::~CIpChannel()
 {
+    ASSERT_IN_THREAD(home);
     const CTerminationGuard guard;
     if (socket)
         socket->farewell(farewellMs);
@@ -32,17 +34,20 @@ CIpChannel::~CIpChannel()
 
 void CIpChannel::disconnectFromAbonent()
 {
+    ASSERT_IN_THREAD(home);
     if (socket)
         socket->leave(leaveMs);
 }
 
 bool CIpChannel::isConnected()
 {
+    ASSERT_IN_THREAD(home);
     return socket && socket->isConnected();
 }
 
 void CIpChannel::write(const QByteArray &data)
 {
+    ASSERT_IN_THREAD(home);
     monitor->addSent(monitorHandle, data.size());
     if (data.isEmpty() || !socket || Global::writeData(*socket, data, 0))
         return;
@@ -56,6 +61,7 @@ void CIpChannel::write(const QByteArray &data)
 
 QByteArray CIpChannel::read(int maxSize)
 {
+    ASSERT_IN_THREAD(home);
     if (!socket)
         return {};
     QByteArray bytes = socket->takeArrived(maxSize);
@@ -66,6 +72,7 @@ QByteArray CIpChannel::read(int maxSize)
 
 int CIpChannel::idealBlockSize()
 {
+    ASSERT_IN_THREAD(home);
     // Any block size is taken as it is, so the product wraps around instead of overflowing.
     const quint32 queued = socket ? quint32(socket->bytesToWrite()) : 0;
     return int(quint32(CurrentIpSettings::blockSizeKb()) * 1024U - queued);
@@ -73,5 +80,6 @@ int CIpChannel::idealBlockSize()
 
 void CIpChannel::dropSocket()
 {
+    Q_ASSERT_X(home->isFinished(), Q_FUNC_INFO, "the connection's thread still runs");
     delete std::exchange(socket, nullptr);
 }

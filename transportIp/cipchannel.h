@@ -5,6 +5,7 @@
 
 class CChannelMonitor;
 class CIpSocket;
+class QThread;
 
 /// The byte channel of one connection: counts bytes, bounds the time of a write.
 ///
@@ -41,4 +42,5 @@ private:
     CIpSocket *socket; // owned; null once dropped
     int monitorHandle;
     CChannelMonitor *monitor;
+    const QThread *const home; // where it was made
 };

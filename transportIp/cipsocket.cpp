@@ -2,6 +2,7 @@
 
 #include "common/terminationguard.h"
 #include "transportIp/cipsettings.h"
+#include "transportIp/threadcheck.h"
 
 #include <QDeadlineTimer>
 
@@ -56,16 +57,19 @@ CIpSocket::~CIpSocket()
 
 void CIpSocket::tune()
 {
+    ASSERT_IN_THREAD(thread());
     setSocketOption(QAbstractSocket::LowDelayOption, 1); // protocols answer; nothing here sends in crumbs
 }
 
 bool CIpSocket::isConnected() const
 {
+    ASSERT_IN_THREAD(thread());
     return state() == ConnectedState && !hasEnded && !isLeaving;
 }
 
 QByteArray CIpSocket::takeArrived(int maxSize)
 {
+    ASSERT_IN_THREAD(thread());
     const int wished =
         int(std::min<qint64>(maxSize, mebibyte)); // any number is no reason to ask for gigabytes
     if (wished <= 0)
@@ -93,11 +97,13 @@ QByteArray CIpSocket::takeArrived(int maxSize)
 
 qint64 CIpSocket::bytesToWrite() const
 {
+    ASSERT_IN_THREAD(thread());
     return outgoing.size() + (state() == ConnectedState ? sentThisTurn : 0);
 }
 
 bool CIpSocket::waitForBytesWritten(int msecs)
 {
+    ASSERT_IN_THREAD(thread());
     const QDeadlineTimer deadline(msecs);
     const qint64 before = outgoing.size();
     while (isOpenForBytes() && outgoing.size() == before && before > 0) {
@@ -117,6 +123,7 @@ bool CIpSocket::waitForBytesWritten(int msecs)
 
 void CIpSocket::leave(int msecs)
 {
+    ASSERT_IN_THREAD(thread());
     farewell(msecs);
     isLeaving = true;
     if (outgoing.size() == 0)
@@ -125,6 +132,7 @@ void CIpSocket::leave(int msecs)
 
 void CIpSocket::farewell(int msecs)
 {
+    ASSERT_IN_THREAD(thread());
     const QDeadlineTimer deadline(msecs);
     while (waitForBytesWritten(int(deadline.remainingTime())))
         ;
@@ -146,6 +154,7 @@ void CIpSocket::farewell(int msecs)
 
 void CIpSocket::cut()
 {
+    ASSERT_IN_THREAD(thread());
     outgoing.clear();
     abort();
 }
