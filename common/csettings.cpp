@@ -61,6 +61,14 @@ bool SettingsPointer::mustWrite() const
     return writer->isDue();
 }
 
+QString SettingsPointer::store(const QHash<QString, QVariant> &values)
+{
+    if (!writable)
+        return QStringLiteral("У процесса нет права менять %1").arg(settings.fileName());
+    const CMessageHold hold;
+    return writer->store(values);
+}
+
 void SettingsPointer::refresh()
 {
     if (isUnchanged())
@@ -149,14 +157,6 @@ void CSettings::write(const QString &key, const QVariant &value)
     const CTerminationGuard guard;
     pointer->settings.setValue(key, value);
     pointer->changed = true;
-}
-
-QString CSettings::store(const QHash<QString, QVariant> &values)
-{
-    if (!pointer->writable)
-        return QStringLiteral("У процесса нет права менять %1").arg(pointer->settings.fileName());
-    const CMessageHold hold;
-    return pointer->writer->store(values);
 }
 
 bool CSettings::flag(const QString &key, bool defaultValue)

@@ -48,6 +48,10 @@ public:
     /// Whether there is something to be written now. [any thread]
     bool mustWrite() const;
 
+    /// Writes @a values and what is pending, all together or nothing. [any thread]
+    /// @return a null text when they have reached the disk, else for the user why nothing was changed
+    QString store(const QHash<QString, QVariant> &values);
+
     CSettingsImage settings;          // [any thread]
     QFileInfo fileInfo;               // of the file. This and the next: set by the thread that reads or
     QDateTime lastModified;           // writes the file; null while there is none
@@ -55,8 +59,6 @@ public:
     const bool writable;              // whether this process may write the settings
 
 private:
-    friend class CSettings;
-
     bool isUnchanged();
     void reread(const SettingsFile::Stamp &now);
     void record(const SettingsFile::Stamp &now);
@@ -92,9 +94,8 @@ public:
     /// stream
     void write(const QString &key, const QVariant &value);
 
-    /// Writes values, all together or none, and tells whether they have reached the disk.
-    /// @return a null text, or a Russian one for the user: why nothing was changed
-    QString store(const QHash<QString, QVariant> &values);
+    /// As SettingsPointer::store(): for who has to know whether a value has reached the disk.
+    QString store(const QHash<QString, QVariant> &values) { return pointer->store(values); }
 
     /// Grows whenever a value may have changed.
     quint64 generation() const { return pointer->settings.generation(); }

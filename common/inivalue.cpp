@@ -21,6 +21,12 @@ bool isLineBreak(char ch)
     return ch == '\n' || ch == '\r';
 }
 
+// All of the bytes, also behind a zero.
+QString latin1(const QByteArray &bytes)
+{
+    return QString::fromLatin1(bytes.constData(), bytes.size());
+}
+
 // Takes the text of a value apart: quotes, escapes, and the commas of a list.
 class ValueReader
 {
@@ -58,7 +64,7 @@ private:
             while (at < text.size() && !QByteArray("\\\",").contains(text.at(at)))
                 ++at;
             const QByteArray plain = text.mid(first, at - first);
-            item += isUtf8 ? QString::fromUtf8(plain) : QString::fromLatin1(plain);
+            item += isUtf8 ? QString::fromUtf8(plain) : latin1(plain);
         }
     }
 
@@ -162,8 +168,7 @@ QString itemOfObject(const QVariant &value)
     const QVariant back = unstreamed(bytes, isDateTime);
     if (back.userType() != value.userType() || (back != value && streamed(back) != bytes))
         return QString();
-    return QLatin1String(isDateTime ? "@DateTime(" : "@Variant(") + QString::fromLatin1(bytes) +
-           QLatin1Char(')');
+    return QLatin1String(isDateTime ? "@DateTime(" : "@Variant(") + latin1(bytes) + QLatin1Char(')');
 }
 
 QString itemOf(const QVariant &value)
@@ -172,7 +177,7 @@ QString itemOf(const QVariant &value)
     case QMetaType::UnknownType:
         return QStringLiteral("@Invalid()");
     case QMetaType::QByteArray:
-        return QLatin1String("@ByteArray(") + QString::fromLatin1(value.toByteArray()) + QLatin1Char(')');
+        return QLatin1String("@ByteArray(") + latin1(value.toByteArray()) + QLatin1Char(')');
     case QMetaType::QString:
     case QMetaType::Bool:
     case QMetaType::Int:
