@@ -131,18 +131,21 @@ private Q_SLOTS:
                              QRegularExpression("our own lock file"_s)); // it has gone
         lock.unlock();
 
-        QVERIFY(writeSettings(""));
         std::atomic<bool> isOver{false};
-        std::thread editor([&] {
-            while (!isOver)
-                writeSettings("");
+        std::thread editors([&] {
+            Forked::inThreads(3, [&](int) {
+                while (!isOver)
+                    writeSettings("");
+            });
         });
-        const QString text = CSettings().store({{"X/y"_s, 1}}); // comes back
+        QString text;
+        for (int again = 0; again < 20 && text.isNull(); ++again) // until the editors were quick enough
+            text = CSettings().store({{"X/y"_s, again}});
         isOver = true;
-        editor.join();
+        editors.join();
         const QString refusal =
             "Не удалось записать файл настроек %1. Resource temporarily unavailable"_s.arg(settingsPath());
-        QVERIFY2(text == refusal || text.isNull(), qPrintable(text)); // null: the editor was slow
+        QVERIFY2(text == refusal || text.isNull(), qPrintable(text));
     }
 
     void theTableIsTheDocuments()
@@ -315,14 +318,17 @@ private Q_SLOTS:
     {
         const CSettings facade;
         QVERIFY(facade.pointer == gCSettingsSettings && gCSettingsSettings != nullptr);
-        gCSettingsSettings->settings.setValue("Own/value"_s, 2);
-        gCSettingsSettings->changed = gCSettingsSettings->writable;
-        gCSettingsSettings->sync();
+        for (const int value : {1, 22}) {
+            gCSettingsSettings->settings.setValue("Own/value"_s, value);
+            gCSettingsSettings->changed = gCSettingsSettings->writable;
+            gCSettingsSettings->sync();
+            QCOMPARE(gCSettingsSettings->fileInfo.size(), QFileInfo(settingsPath()).size());
+        }
         QCOMPARE(gCSettingsSettings->settings.fileName(), settingsPath());
         QCOMPARE(gCSettingsSettings->settings.value("Own/none"_s, 3).toInt(), 3);
-        QVERIFY(!gCSettingsSettings->changed && gCSettingsSettings->fileInfo.exists());
+        QVERIFY(!gCSettingsSettings->changed);
         QCOMPARE(gCSettingsSettings->lastModified, QFileInfo(settingsPath()).lastModified());
-        QCOMPARE(settings(), QByteArray("[Own]\nvalue=2\n"));
+        QCOMPARE(settings(), QByteArray("[Own]\nvalue=22\n"));
 
         LoggerData::initDebug(nullptr);
         const QMutexLocker locker(&gDebugData->mutex);
