@@ -107,8 +107,10 @@ QString CSettingsWriter::store(const QHash<QString, QVariant> &values)
         wanted.insert(key, items);
     }
     const QMutexLocker locker(&writing);
-    if (tryToWrite(waitForOthersMs, wanted))
+    if (tryToWrite(waitForOthersMs, wanted)) {
+        complaints.clear();
         return QString();
+    }
     return QStringLiteral("Не удалось записать файл настроек %1. %2").arg(path, qt_error_string(errno));
 }
 
@@ -139,9 +141,10 @@ bool CSettingsWriter::mergeAndReplace(qint64 waitUntil, const CSettingsImage::It
     }
     int modeError = 0;
     const QByteArray text = merge.text.text();
-    if (text != old.text && !SettingsFile::replace(old, text, &modeError))
+    const bool isChanged = text != old.text;
+    if (isChanged && !SettingsFile::replace(old, text, &modeError))
         return false;
-    if (!merge.isOnlyDefaults)
+    if ((isChanged && !merge.isOnlyDefaults) || !wanted.isEmpty())
         SettingsFile::syncDirectory(old);
     image.confirm(merge);
 

@@ -51,6 +51,7 @@ QString reads(const std::function<void()> &prepare)
     QDir().mkpath(QFileInfo(settingsPath()).path());
     prepare();
     return Forked::text([] {
+        gCSettingsSettings = nullptr; // as at a start
         MessageCatcher messages;
         const int first = maxWritingTime();
         const QString said = messages.takeAll();
@@ -112,11 +113,15 @@ private Q_SLOTS:
         QLockFile lock(settingsPath() + ".lock"_s);
         QVERIFY(lock.tryLock(100));
         const QString outcome = Forked::text([] {
+            gCSettingsSettings = nullptr; // as at a start
             const MessageCatcher messages;
             CSettings().write("Details/maxWritingTime"_s, 700);
             int bad = maxWritingTime() == 700 ? 0 : 1;
             for (const SettingsKey &key : settingsKeys)
-                bad += valueOf(key) == key.defaultValue || maxWritingTime() == 700 ? 0 : 1;
+                bad +=
+                    valueOf(key) == (key.number == &CSettings::detailsMaxWritingTime ? 700 : key.defaultValue)
+                        ? 0
+                        : 1;
             const QByteArray held = settings().trimmed();
             QFile::remove(settingsPath() + ".lock"_s);
             QThread::msleep(1100); // the next try
