@@ -30,8 +30,8 @@ set(developmentDocDir ${CMAKE_INSTALL_DATAROOTDIR}/doc/ipchannel-dev)
 file(GLOB IPCHANNEL_PUBLIC_HEADERS RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/interfaces/*.h)
 foreach(room
     csettings csysteminfo debugdata devicewrite directorylayout emergencylog entrynaming environment exports
-    filepermissions functiontrace global initext logger logwriter namefilter safesaving secrecy settingsfile
-    terminationguard textformat)
+    filepermissions functiontrace global initext logger logwriter namefilter processwide safesaving secrecy
+    settingsimage settingskeys terminationguard textformat)
   list(APPEND IPCHANNEL_PUBLIC_HEADERS common/${room}.h)
 endforeach()
 list(APPEND IPCHANNEL_PUBLIC_HEADERS transportIp/ipsettings.h)

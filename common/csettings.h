@@ -7,9 +7,12 @@
 #pragma once
 
 #include "common/exports.h"
-#include "common/initext.h"
-#include "common/settingsfile.h"
+#include "common/processwide.h"
+#include "common/settingsimage.h"
+#include "common/settingskeys.h"
 
+#include <QDateTime>
+#include <QFileInfo>
 #include <QHash>
 #include <QMutex>
 #include <QString>
@@ -19,8 +22,12 @@
 #include <memory>
 
 class CFileWatch;
+class CSettingsWriter;
+namespace SettingsFile {
+struct Stamp;
+}
 
-/// The image of the settings file that all facades of this module share.
+/// The settings file of this module, shared by all its facades.
 class RUNTIME_EXPORT SettingsPointer
 {
 public:
@@ -32,66 +39,44 @@ public:
     SettingsPointer(const SettingsPointer &) = delete;
     SettingsPointer &operator=(const SettingsPointer &) = delete;
 
-    /// Reconciles the image with the file: reads it if it has changed, writes pending values.
-    /// @param mayWrite false leaves the values of others to those who have set them
-    /// [any thread]
-    void sync(bool mayWrite = true);
+    /// Reconciles the image with the file: reads it if it has changed, writes pending values. [any thread]
+    void sync();
 
-    /// The value of @a key into @a value. @return false if there is none. [any thread]
-    bool find(const QString &key, QVariant *value) const;
+    /// The reading half of it. [any thread]
+    void refresh();
 
-    /// Sets a value if this process may write the settings; it reaches the file at the next sync().
-    /// @param isDefault give way when the file turns out to have got another value meanwhile
-    /// [any thread]
-    void set(const QString &key, const QVariant &value, bool isDefault);
+    /// Whether there is something to be written now. [any thread]
+    bool mustWrite() const;
 
-    /// Whether there is something to be written now.
-    bool mustWrite() const { return changed.load(std::memory_order_relaxed) || isRetryDue(); }
+    /// Writes @a values and what is pending, all together or nothing. [any thread]
+    /// @return a null text when they have reached the disk, else for the user why nothing was changed
+    QString store(const QHash<QString, QVariant> &values);
 
-    /// Grows whenever a value may have changed.
-    quint64 generation() const { return currentGeneration.load(std::memory_order_acquire); }
+    CSettingsImage settings;          // [any thread]
+    QFileInfo fileInfo;               // of the file. This and the next: set by the thread that reads or
+    QDateTime lastModified;           // writes the file; null while there is none
+    std::atomic<bool> changed{false}; // a value was set and is not yet taken to the file
+    const bool writable;              // whether this process may write the settings
 
 private:
-    struct Pending
-    {
-        QVariant value;
-        bool isDefault; // gives way, if the file no longer holds what it did when the default was chosen:
-        bool wasThere;
-        QVariant seenValue;
-    };
-
     bool isUnchanged();
     void reread(const SettingsFile::Stamp &now);
-    void accept(const CIniText &fresh);
-    void dropOvertaken(const CIniText &fresh);
-    void makeDirectory();
-    bool isRetryDue() const;
-    void writePending();
-    void writeOnce();
-    bool tryToWrite(int lockTimeoutMs);
-    bool mergeAndReplace();
+    void record(const SettingsFile::Stamp &now);
+    void complain(const QString &text, int reason);
 
-    const QString path;
     const QByteArray encodedPath;
-    const bool writable;
     const std::unique_ptr<CFileWatch> watch;
+    const std::unique_ptr<CSettingsWriter> writer;
 
-    std::atomic<quint64> lastStamp{SettingsFile::Stamp::Absent}; // the file's state that the image shows
-    std::atomic<bool> rereadSoon{false};                         // read so early that its time proves nothing
-    std::atomic<bool> changed{false}; // a value was set and not yet taken to the file
-    std::atomic<qint64> retryAt{0};   // since a failed write, when to try again, or 0
-    std::atomic<quint64> currentGeneration{1};
+    std::atomic<quint64> lastStamp{0};   // the file's state that the image shows; at first no file
+    std::atomic<bool> rereadSoon{false}; // read so early that its time proves nothing
 
-    mutable QMutex mutex; // guards the three below; never held while another process is waited for
-    CIniText settings;
-    QHash<QString, Pending> pending; // values not yet in the file
-    quint64 warnedStamp = SettingsFile::Stamp::Unknown;
-
-    QMutex writing; // held by the thread that writes; the others leave their values to it
+    QMutex reading;    // guards the public fields of the file and the one below
+    QString complaint; // of the latest reading, or null
 };
 
 /// Null until the first CSettings; then set once and never freed. Not exported: each module has its own.
-extern std::atomic<SettingsPointer *> gCSettingsSettings;
+extern ProcessWide<SettingsPointer> gCSettingsSettings;
 
 /// The facade. [any thread] Blocks for file operations only when the file has changed or a value was
 /// written; waits at most 200 ms for another writer.
@@ -105,50 +90,55 @@ public:
     CSettings &operator=(const CSettings &) = delete;
 
     /// Sets a value, if this process may write the settings. It reaches the file when the facade ends.
-    /// @param value boolean, number or text
+    /// @param value what QSettings can store; other values are refused with a warning in the Qt message
+    /// stream
     void write(const QString &key, const QVariant &value);
 
+    /// As SettingsPointer::store(): for who has to know whether a value has reached the disk.
+    QString store(const QHash<QString, QVariant> &values) { return pointer->store(values); }
+
     /// Grows whenever a value may have changed.
-    quint64 generation() const { return pointer->generation(); }
+    quint64 generation() const { return pointer->settings.generation(); }
 
-    // clang-format off
-    bool debugAll()                       { return flag(QStringLiteral("Debug/all"), false); }
-    bool debugIpcData()                   { return flag(QStringLiteral("Debug/ipcData"), false); }
-    bool debugIpcExtra()                  { return flag(QStringLiteral("Debug/ipcExtra"), false); }
-    bool debugIpcSecurityDaemon()         { return flag(QStringLiteral("Debug/ipcSecurityDaemon"), true); }
-    bool debugIpcTransport()              { return flag(QStringLiteral("Debug/ipcTransport"), false); }
-    bool debugTransportAbonents()         { return flag(QStringLiteral("Debug/transportAbonents"), false); }
-    bool debugTransportTransit()          { return flag(QStringLiteral("Debug/transportTransit"), true); }
-    bool debugTransportConnects()         { return flag(QStringLiteral("Debug/transportConnects"), true); }
-    bool debugTransportDataLifetime()     { return flag(QStringLiteral("Debug/transportDataLifetime"), false); }
-    bool debugTransportBaseProtocol()     { return flag(QStringLiteral("Debug/transportBaseProtocol"), false); }
-    bool debugTransportProtocol()         { return flag(QStringLiteral("Debug/transportProtocol"), true); }
-    bool debugTransportProtocolAttaches() { return flag(QStringLiteral("Debug/transportProtocolAttaches"), false); }
-    bool debugTransportIpSocketError()    { return flag(QStringLiteral("Debug/transportIpSocketError"), true); }
-    bool debugTransportComPortError()     { return flag(QStringLiteral("Debug/transportComPortError"), true); }
-    bool debugTransportComAtCommands()    { return flag(QStringLiteral("Debug/transportComAtCommands"), true); }
-    bool debugTransportComPackets()       { return flag(QStringLiteral("Debug/transportComPackets"), false); }
-    bool debugTransportComData()          { return flag(QStringLiteral("Debug/transportComData"), false); }
-    bool debugTransportTasks()            { return flag(QStringLiteral("Debug/transportTasks"), true); }
-    bool debugJournals()                  { return flag(QStringLiteral("Debug/journals"), true); }
-    bool debugMessagesAutodelete()        { return flag(QStringLiteral("Debug/messagesAutodelete"), true); }
-    bool debugMessagesLock()              { return flag(QStringLiteral("Debug/messagesLock"), false); }
+#define SETTINGS_FLAG(getter, key, byDefault, meaning)                                                       \
+    bool getter()                                                                                            \
+    {                                                                                                        \
+        return flag(QStringLiteral(key), byDefault);                                                         \
+    }
+#define SETTINGS_NUMBER(getter, key, byDefault, min, max, meaning)                                           \
+    int getter()                                                                                             \
+    {                                                                                                        \
+        return number(QStringLiteral(key), byDefault, min, max);                                             \
+    }
+    SETTINGS_FLAGS(SETTINGS_FLAG)
+    SETTINGS_NUMBERS(SETTINGS_NUMBER)
+#undef SETTINGS_FLAG
+#undef SETTINGS_NUMBER
 
-    // Milliseconds, but for the last, which counts in the unit of the delay it bounds.
-    int detailsMaxWritingTime()                  { return number(QStringLiteral("Details/maxWritingTime"), 5000, 100, 10000); }
-    int detailsTransportIpConnectTimeout()       { return number(QStringLiteral("Details/transportIpConnectTimeout"), 10000, 500, 60000); }
-    int detailsTransportIpThreadStartTimeout()   { return number(QStringLiteral("Details/transportIpThreadStartTimeout"), 1000, 100, 60000); }
-    int detailsTransportServerThreadStopTimeout(){ return number(QStringLiteral("Details/transportServerThreadStopTimeout"), 10000, 100, 60000); }
-    int detailsTransportIpMaxReconnectTimeout()  { return number(QStringLiteral("Details/transportIpMaxReconnectTimeout"), 120, 10, 3600); }
-
-    // QFileDevice::Permissions as a number; the range is numeric, not a mask.
-    int dirPermissions()  { return number(QStringLiteral("Permissions/dirPermissions"), 0x7777, 0x7111, 0x7777); }
-    int filePermissions() { return number(QStringLiteral("Permissions/filePermissions"), 0x6666, 0x6000, 0x6666); }
-    // clang-format on
+    SettingsPointer *const pointer; // always gCSettingsSettings
 
 private:
     bool flag(const QString &key, bool defaultValue);
     int number(const QString &key, int defaultValue, int min, int max);
-
-    SettingsPointer *pointer; // always gCSettingsSettings
+    void setDefault(const QString &key, const QVariant &value);
 };
+
+/// A key of settings.ini.
+struct SettingsKey
+{
+    const char *name;           // "group/name"
+    bool (CSettings::*flag)();  // either this
+    int (CSettings::*number)(); // or this
+    int defaultValue;
+    int min, max;        // of a number that counts; 0 and 1 of a flag
+    const char *meaning; // Russian, UTF-8
+};
+
+#define SETTINGS_FLAG(getter, key, byDefault, meaning)                                                       \
+    {key, &CSettings::getter, nullptr, byDefault, 0, 1, meaning},
+#define SETTINGS_NUMBER(getter, key, byDefault, min, max, meaning)                                           \
+    {key, nullptr, &CSettings::getter, byDefault, min, max, meaning},
+/// All keys. The first is Debug/all, the next twenty are the switches of the log's categories 1 to 20.
+constexpr SettingsKey settingsKeys[] = {SETTINGS_FLAGS(SETTINGS_FLAG) SETTINGS_NUMBERS(SETTINGS_NUMBER)};
+#undef SETTINGS_FLAG
+#undef SETTINGS_NUMBER

@@ -5,31 +5,25 @@
 #include <QMutexLocker>
 #include <QThread>
 
-std::atomic<DebugData *> gDebugData{nullptr};
+ProcessWide<DebugData> gDebugData;
 
 void LoggerData::initDebug(DebugData *data)
 {
     const CTerminationGuard guard;
-    gDebugData.store(data != nullptr ? data : new DebugData, std::memory_order_release);
+    gDebugData = data != nullptr ? data : new DebugData;
 }
 
 DebugData *LoggerData::debugData()
 {
-    return gDebugData.load(std::memory_order_acquire);
+    return gDebugData;
 }
 
 DebugData *boundDebugData()
 {
-    DebugData *bound = LoggerData::debugData();
-    if (bound != nullptr)
+    if (DebugData *const bound = gDebugData)
         return bound;
-
     const CTerminationGuard guard;
-    auto *const made = new DebugData;
-    if (gDebugData.compare_exchange_strong(bound, made, std::memory_order_acq_rel))
-        return made;
-    delete made; // another thread was first; nobody has seen ours
-    return bound;
+    return &gDebugData.orMade([] { return std::make_unique<DebugData>(); });
 }
 
 namespace {

@@ -5,11 +5,10 @@
 #pragma once
 
 #include "common/exports.h"
+#include "common/processwide.h"
 
 #include <QList>
 #include <QMutex>
-
-#include <atomic>
 
 class QThread;
 
@@ -28,7 +27,7 @@ struct DebugData
 };
 
 /// The binding of this module. Never exported: each module has its own. Null until bound.
-extern std::atomic<DebugData *> gDebugData;
+extern ProcessWide<DebugData> gDebugData;
 
 class RUNTIME_EXPORT LoggerData
 {

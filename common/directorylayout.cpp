@@ -1,14 +1,24 @@
 #include "common/directorylayout.h"
 
-#include <QCoreApplication>
-#include <QStringBuilder>
+#include "common/processwide.h"
 
-#include <atomic>
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QStringBuilder>
 
 namespace {
 
 // A tail of a path as it is appended; all of ours are ASCII.
 using Tail = QLatin1String;
+
+// Where the kernel has it. QCoreApplication asks there too, but keeps the answer in a cache that threads
+// which come first at once destroy for each other.
+QString foundApplicationPath()
+{
+    const QString executable = QFile::symLinkTarget(QStringLiteral("/proc/self/exe"));
+    return executable.isEmpty() ? QCoreApplication::applicationDirPath() : QFileInfo(executable).path();
+}
 
 QString foundInstallPath()
 {
@@ -23,24 +33,18 @@ QString withSlash(const QString &path)
     return path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
 }
 
-// The path of the installation directory, a slash at its end. Threads that log while the process
-// exits ask for it, so it is never destroyed. Rivals for the first call find the same; the first one's stays.
-// A text is kept rather than a QDir: copies of a QDir share lazily filled fields without a lock.
-QString installBase()
+// Texts are kept rather than a QDir: copies of a QDir share lazily filled fields without a lock.
+const QString &applicationPath()
 {
-    static std::atomic<const QString *> base{nullptr};
+    static ProcessWide<const QString> path;
+    return path.orMade([] { return std::make_unique<const QString>(foundApplicationPath()); });
+}
 
-    const QString *known = base.load(std::memory_order_acquire);
-    if (known)
-        return *known;
-    if (!QCoreApplication::instance())
-        return withSlash(foundInstallPath());
-
-    const auto found = new QString(withSlash(foundInstallPath()));
-    if (base.compare_exchange_strong(known, found, std::memory_order_acq_rel))
-        return *found;
-    delete found;
-    return *known;
+// With a slash at its end.
+const QString &installBase()
+{
+    static ProcessWide<const QString> base;
+    return base.orMade([] { return std::make_unique<const QString>(withSlash(foundInstallPath())); });
 }
 
 QDir applicationSubdir(Tail tail)
@@ -67,7 +71,7 @@ namespace Global {
 
 QDir applicationDir()
 {
-    return QDir(QCoreApplication::applicationDirPath());
+    return QDir(applicationPath());
 }
 
 QDir installDir()

@@ -16,8 +16,7 @@
 //         messages/                          input/ output/ draft/ incomplete/ transit/
 //         tasks/                             toInterface toTransport
 //
-// [any thread], after the application object has been made: the executable's place comes from it.
-// Before that the paths are of no use, and nothing of them is kept.
+// [any thread], also before the application object has been made.
 #pragma once
 
 #include "common/exports.h"
@@ -27,7 +26,7 @@
 
 namespace Global {
 
-/// The directory of the running executable.
+/// The directory of the running executable, links resolved; found once per process.
 RUNTIME_EXPORT QDir applicationDir();
 
 /// The parent of the application directory; found once per process.

@@ -1,9 +1,6 @@
 #include "common/initext.h"
 
-#include <QStringList>
-
-#include <cctype>
-#include <cstring>
+#include "common/inivalue.h"
 
 namespace {
 
@@ -141,174 +138,6 @@ QByteArray encodedName(const QString &name)
     return result;
 }
 
-// Takes the text of a value apart: quotes, escapes, and the commas of a list.
-class ValueReader
-{
-public:
-    ValueReader(const QByteArray &valueText, bool utf8) : text(valueText), isUtf8(utf8) {}
-
-    QVariant read()
-    {
-        skipBlanks();
-        while (at < text.size())
-            step();
-        finishItem();
-        return items.size() > 1 ? QVariant(items) : typed(items.first());
-    }
-
-private:
-    void step()
-    {
-        const char ch = text.at(at);
-        if (ch == '\\') {
-            ++at;
-            unescape();
-        } else if (ch == '"') {
-            ++at;
-            wasQuoted = true;
-            isQuoteOpen = !isQuoteOpen;
-            if (!isQuoteOpen)
-                skipBlanks();
-        } else if (ch == ',' && !isQuoteOpen) {
-            ++at;
-            finishItem();
-            skipBlanks();
-        } else {
-            const int first = at++;
-            while (at < text.size() && !QByteArray("\\\",").contains(text.at(at)))
-                ++at;
-            const QByteArray plain = text.mid(first, at - first);
-            item += isUtf8 ? QString::fromUtf8(plain) : QString::fromLatin1(plain);
-        }
-    }
-
-    void unescape()
-    {
-        static const char codes[] = "abfnrtv\"?'\\";
-        static const char meanings[] = "\a\b\f\n\r\t\v\"?'\\";
-        if (at >= text.size())
-            return;
-        const char ch = text.at(at);
-        const char *const found = ch == '\0' ? nullptr : strchr(codes, ch);
-        if (found != nullptr) {
-            ++at;
-            item += QLatin1Char(meanings[found - codes]);
-        } else if (ch == 'x' && isDigit(at + 1, 16)) {
-            ++at;
-            appendNumbered(16);
-        } else if (isDigit(at, 8)) {
-            appendNumbered(8);
-        } else {
-            ++at; // not an escape: the character counts for nothing, nor does an escaped line break
-            if (isLineBreak(ch) && at < text.size() && isLineBreak(text.at(at)) && text.at(at) != ch)
-                ++at;
-        }
-        trimLimit = item.size();
-    }
-
-    void appendNumbered(int base)
-    {
-        uint code = 0;
-        for (; isDigit(at, base); ++at)
-            code = code * static_cast<uint>(base) + text.mid(at, 1).toUInt(nullptr, base);
-        item += QChar(static_cast<ushort>(code));
-    }
-
-    bool isDigit(int index, int base) const
-    {
-        bool isNumber = false;
-        const char ch = index < text.size() ? text.at(index) : '\0';
-        if (isalnum(static_cast<unsigned char>(ch)) != 0)
-            QByteArray(1, ch).toUInt(&isNumber, base);
-        return isNumber;
-    }
-
-    void skipBlanks()
-    {
-        while (at < text.size() && isBlank(text.at(at)))
-            ++at;
-    }
-
-    void finishItem()
-    {
-        while (!wasQuoted && item.size() > trimLimit &&
-               (item.endsWith(QLatin1Char(' ')) || item.endsWith(QLatin1Char('\t'))))
-            item.chop(1);
-        items += item;
-        item.clear();
-        wasQuoted = false;
-        trimLimit = 0;
-    }
-
-    static QVariant typed(const QString &value)
-    {
-        if (value.startsWith(QLatin1String("@@")))
-            return value.mid(1);
-        if (!value.startsWith(QLatin1Char('@')) || !value.endsWith(QLatin1Char(')')))
-            return value;
-        const int open = value.indexOf(QLatin1Char('('));
-        const QStringRef kind = value.leftRef(open + 1);
-        const QString inside = value.mid(open + 1, value.size() - open - 2);
-        if (kind == QLatin1String("@ByteArray("))
-            return inside.toLatin1();
-        if (kind == QLatin1String("@String("))
-            return inside;
-        for (const char *stored : {"@Variant(", "@DateTime(", "@Rect(", "@Size(", "@Point(", "@Invalid("}) {
-            if (kind == QLatin1String(stored))
-                return QVariant();
-        }
-        return value;
-    }
-
-    const QByteArray text;
-    const bool isUtf8;
-    int at = 0;
-    bool isQuoteOpen = false;
-    bool wasQuoted = false; // the item, which then keeps its blanks
-    int trimLimit = 0;      // blanks up to here were escaped and stay
-    QString item;
-    QStringList items;
-};
-
-QByteArray encodedText(const QString &value)
-{
-    QByteArray result;
-    bool isPlain = !value.startsWith(QLatin1Char('@'));
-    bool isDigitHidden = false; // the next hexadecimal digit would lengthen the escape before it
-    for (const QChar ch : value) {
-        const ushort code = ch.unicode();
-        const bool isHex = code < 0x80 && isxdigit(code) != 0;
-        const bool isGraphic = code > ' ' && code < 0x7f && code != '"' && code != '\\';
-        if ((isGraphic || code == ' ') && !(isHex && isDigitHidden)) {
-            isPlain = isPlain && isalnum(code) != 0;
-            result += static_cast<char>(code);
-            isDigitHidden = false;
-        } else {
-            isPlain = false;
-            isDigitHidden = true;
-            result += "\\x" + QByteArray::number(code, 16);
-        }
-    }
-    if (isPlain)
-        return result;
-    return (value.startsWith(QLatin1Char('@')) ? "\"@" : "\"") + result + '"';
-}
-
-QByteArray encodedValue(const QVariant &value)
-{
-    switch (static_cast<QMetaType::Type>(value.type())) {
-    case QMetaType::Bool:
-    case QMetaType::Int:
-    case QMetaType::UInt:
-    case QMetaType::LongLong:
-    case QMetaType::ULongLong:
-    case QMetaType::Double:
-        return value.toString().toLatin1();
-    default:
-        return encodedText(value.toString());
-    }
-}
-
 } // namespace
 
 CIniText::CIniText(const QByteArray &text) : content(text)
@@ -316,9 +145,9 @@ CIniText::CIniText(const QByteArray &text) : content(text)
     parse();
 }
 
-bool CIniText::set(const QString &key, const QVariant &value)
+bool CIniText::set(const QString &key, const QStringList &items)
 {
-    const QByteArray entryText = encodedValue(value);
+    const QByteArray entryText = IniValue::text(items);
     QList<QByteArray> candidates;
     const auto known = entries.constFind(key);
     if (known != entries.constEnd()) {
@@ -334,7 +163,7 @@ bool CIniText::set(const QString &key, const QVariant &value)
 
     for (const QByteArray &candidate : qAsConst(candidates)) {
         const CIniText changed(candidate);
-        if (changed.contains(key) && changed.value(key).toString() == value.toString()) {
+        if (changed.items(key) == items) {
             *this = changed;
             return true;
         }
@@ -381,7 +210,7 @@ void CIniText::parseEntry(const QString &group, int start, int equals, int end, 
     entry.start = equals + 1;
     entry.end = end;
     entry.isQuoteOpen = isQuoteOpen;
-    entry.value = ValueReader(content.mid(entry.start, end - entry.start), utf8MarkSize(content) > 0).read();
+    entry.items = IniValue::parsed(content.mid(entry.start, end - entry.start), utf8MarkSize(content) > 0);
     const QString key = group + decodedName(content.mid(start, nameEnd - start));
     // An entry outside every group is found under no name that looks as if it were in one.
     if (group.isEmpty() != key.contains(QLatin1Char('/')))

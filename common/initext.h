@@ -1,14 +1,14 @@
 // The text of an INI file, in which values are looked up and set while everything else stays as it is.
 //
-// Reads what QSettings reads (sections, escapes, quotes, lists, duplicates, continued lines) and gives
-// the same values for texts, numbers and booleans, but keeps comments, order, unknown groups and
-// even garbage. Pure: it knows no file.
+// Finds the entries that QSettings finds (sections, escapes, quotes, duplicates, continued lines), but keeps
+// comments, order, unknown groups and even garbage. What an entry says is a matter of IniValue. Pure: it
+// knows no file.
 #pragma once
 
 #include <QByteArray>
 #include <QHash>
 #include <QString>
-#include <QVariant>
+#include <QStringList>
 
 class CIniText
 {
@@ -21,23 +21,18 @@ public:
     /// False when a line is neither a section nor an entry.
     bool isWellFormed() const { return wellFormed; }
 
+    /// The items of the last entry of that name; none when there is no such entry.
     /// @param key "group/name", case-sensitive
-    bool contains(const QString &key) const { return entries.contains(key); }
-
-    /// The value of the last entry of that name: a text, a byte array ("@ByteArray(...)"), a list
-    /// (commas outside quotes), or an invalid variant ("@Invalid()" and stored objects, which no
-    /// key of ours can be). Null-like when there is none.
-    QVariant value(const QString &key) const { return entries.value(key).value; }
+    QStringList items(const QString &key) const { return entries.value(key).items; }
 
     /// Changes an entry in place, or adds it at the end of its group, which is made if missing.
-    /// @param value text, number or boolean
-    /// @return whether the text now gives this value; otherwise nothing is changed
-    bool set(const QString &key, const QVariant &value);
+    /// @return whether the text now gives these items; otherwise nothing is changed
+    bool set(const QString &key, const QStringList &items);
 
 private:
     struct Entry
     {
-        QVariant value;
+        QStringList items;
         int start = 0; // of the value's text, behind the equals sign
         int end = 0;   // behind its last character
         bool isQuoteOpen = false;

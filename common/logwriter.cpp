@@ -13,33 +13,16 @@ std::atomic<int> gFunctionsDebuging{-1};
 
 namespace {
 
-using Switch = bool (CSettings::*)();
+constexpr int switchCount = DebugMessagesLock + 1; // the first, of Debug/all, is no category's
 
-constexpr Switch switches[] = {
-    nullptr, // DebugAlways
-    &CSettings::debugIpcData,
-    &CSettings::debugIpcExtra,
-    &CSettings::debugIpcSecurityDaemon,
-    &CSettings::debugIpcTransport,
-    &CSettings::debugTransportAbonents,
-    &CSettings::debugTransportTransit,
-    &CSettings::debugTransportConnects,
-    &CSettings::debugTransportDataLifetime,
-    &CSettings::debugTransportBaseProtocol,
-    &CSettings::debugTransportProtocol,
-    &CSettings::debugTransportProtocolAttaches,
-    &CSettings::debugTransportIpSocketError,
-    &CSettings::debugTransportComPortError,
-    &CSettings::debugTransportComAtCommands,
-    &CSettings::debugTransportComPackets,
-    &CSettings::debugTransportComData,
-    &CSettings::debugTransportTasks,
-    &CSettings::debugJournals,
-    &CSettings::debugMessagesAutodelete,
-    &CSettings::debugMessagesLock,
-};
-constexpr int switchCount = sizeof switches / sizeof switches[0];
-static_assert(switchCount == DebugMessagesLock + 1, "one switch per category");
+constexpr bool isSwitch(int level, bool (CSettings::*flag)())
+{
+    return settingsKeys[level].flag == flag;
+}
+static_assert(isSwitch(DebugIpcData, &CSettings::debugIpcData) &&
+                  isSwitch(DebugTransportConnects, &CSettings::debugTransportConnects) &&
+                  isSwitch(DebugMessagesLock, &CSettings::debugMessagesLock),
+              "the table of keys has the switches in the order of the categories");
 
 // Each switch as it was last read: its value in bit 0, above it the generation of the settings that it
 // was read in. 0 is older than every generation.
@@ -56,7 +39,7 @@ bool isSwitchedOn(int level)
     const quint64 known = lastRead[level].load(std::memory_order_relaxed);
     if (known >> 1 == generation)
         return (known & 1) != 0;
-    const bool isOn = (settings.*switches[level])();
+    const bool isOn = (settings.*settingsKeys[level].flag)();
     lastRead[level].store(generation << 1 | (isOn ? 1 : 0), std::memory_order_relaxed);
     return isOn;
 }

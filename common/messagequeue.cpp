@@ -26,7 +26,7 @@ thread_local Kept kept = {0, nullptr, nullptr};
 
 QDebug stream(QtMsgType type)
 {
-    const QMessageLogger logger;
+    const QMessageLogger logger(nullptr, 0, nullptr); // without these it has no category either
     switch (type) {
     case QtDebugMsg:
         return logger.debug();

@@ -6,10 +6,14 @@
 #include "common/trustedfile.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QRandomGenerator>
 
+#include <ctime>
+
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -28,6 +32,20 @@ TrustedFile::Descriptor createProbe(const QDir &directory, QString *path)
             return probe;
     }
     return TrustedFile::Descriptor();
+}
+
+// A process that was killed has left its probe behind. One that is at work deletes its own within moments.
+void deleteLeftovers(const QString &directory)
+{
+    constexpr qint64 leftAfterSeconds = 60;
+    QDirIterator probes(directory, {QStringLiteral(".accessTest_*.txt")}, QDir::Files | QDir::Hidden);
+    while (probes.hasNext()) {
+        const QByteArray path = QFile::encodeName(probes.next());
+        struct stat status = {};
+        if (::lstat(path.constData(), &status) == 0 && S_ISREG(status.st_mode) &&
+            status.st_uid == ::geteuid() && ::time(nullptr) - status.st_mtime > leftAfterSeconds)
+            ::unlink(path.constData());
+    }
 }
 
 // @return 0, or the reason. A file that is gone already is deleted.
@@ -70,6 +88,8 @@ bool checkAccess(const QDir &directory)
             QtWarningMsg,
             Messages::format(QStringLiteral("Global::checkAccess: Не удалось удалить временный файл"),
                              {path, qt_error_string(reason)}));
+    else
+        deleteLeftovers(directoryPath);
     return reason == 0;
 }
 

@@ -15,7 +15,8 @@ class QDir;
 namespace Global {
 
 /// Whether the process can create @a directory (if it is missing, with its parents) and create and
-/// delete a file in it. A directory that was created stays.
+/// delete a file in it. A directory that was created stays. Removes what this user's killed processes have
+/// left of their probes.
 RUNTIME_EXPORT bool checkAccess(const QDir &directory);
 
 /// checkAccess() of the data directory of @a level.

@@ -3,6 +3,7 @@
 #include "common/trustedfile.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include <algorithm>
 #include <cerrno>
@@ -62,14 +63,19 @@ Stamp stamp(const char *path)
 {
     struct stat status = {};
     if (::stat(path, &status) == 0)
-        return {idOf(status), std::max(nanoseconds(status.st_mtim), nanoseconds(status.st_ctim))};
+        return {idOf(status), std::max(nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)),
+                nanoseconds(status.st_mtim)};
     const bool isAbsent = (errno == ENOENT || errno == ENOTDIR) && ::lstat(path, &status) != 0;
-    return {isAbsent ? Stamp::Absent : Stamp::Unreachable, 0};
+    return {isAbsent ? Stamp::Absent : Stamp::Unreachable, 0, 0};
+}
+
+bool isPassing(int reason)
+{
+    return reason == EMFILE || reason == ENFILE || reason == ENOMEM || reason == EIO;
 }
 
 bool read(const QString &path, Contents *contents)
 {
-    constexpr qint64 sizeLimit = 4 * 1024 * 1024;
     *contents = Contents();
     contents->path = path;
     const TrustedFile::Descriptor file = TrustedFile::openJudged(path, &contents->path);
@@ -109,7 +115,16 @@ bool replace(const Contents &old, const QByteArray &text, int *modeError)
         errno = reason;
         return false;
     }
-    return true; // the directory is not synced: a power loss may bring back the old text, whole
+    return true;
+}
+
+void syncDirectory(const Contents &replaced)
+{
+    const QByteArray directory = QFile::encodeName(QFileInfo(replaced.path).path());
+    const TrustedFile::Descriptor opened(TrustedFile::retried(
+        [&] { return ::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (opened.isOpen())
+        TrustedFile::retried([&] { return ::fsync(opened.get()); });
 }
 
 } // namespace SettingsFile

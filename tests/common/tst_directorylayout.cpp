@@ -59,5 +59,15 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestDirectoryLayout)
+// The places are known without an application, and so without what it finds once for all threads, unguarded.
+int main(int argc, char **argv)
+{
+    const QString first = Global::applicationDir().path();
+    const QCoreApplication application(argc, argv);
+    if (first != QCoreApplication::applicationDirPath())
+        qFatal("%s is another place", qPrintable(first));
+    TestDirectoryLayout test;
+    return QTest::qExec(&test, argc, argv);
+}
+
 #include "tst_directorylayout.moc"

@@ -7,6 +7,8 @@
 
 #include <QtTest>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using TestInstallation::path;
@@ -50,6 +52,27 @@ private Q_SLOTS:
         QCOMPARE(probe("/proc"_s), 10);
         if (Forked::canActAs(65534))
             QCOMPARE(Forked::run([&] { return probe(path() + "/data"_s); }, 65534), 10);
+    }
+
+    // Only what a process of the same user has left behind, and not what another one is at.
+    void leftoversAreRemoved()
+    {
+        const QString directory = path() + "/data/0/"_s;
+        const auto put = [&](const char *name, int age) {
+            const QByteArray file = QFile::encodeName(directory) + name;
+            const timespec times[2] = {{::time(nullptr) - age, 0}, {::time(nullptr) - age, 0}};
+            return TestInstallation::write(QFile::decodeName(file), "test") &&
+                   ::utimensat(AT_FDCWD, file.constData(), times, 0) == 0;
+        };
+        QVERIFY(put(".accessTest_1.txt", 1000) && put(".accessTest_2.txt", 0) &&
+                put("accessTest_3.txt", 1000));
+        QVERIFY(put(".accessTest_4.txt", 1000) &&
+                (::geteuid() != 0 || ::chown(QFile::encodeName(directory + ".accessTest_4.txt"_s).constData(),
+                                             65534, 65534) == 0));
+        QVERIFY(Global::checkSecrecy(0));
+        const QStringList others = {".accessTest_2.txt"_s, ".accessTest_4.txt"_s, "accessTest_3.txt"_s};
+        QCOMPARE(QDir(directory).entryList(QDir::Files | QDir::Hidden, QDir::Name),
+                 ::geteuid() == 0 ? others : QStringList({others[0], others[2]}));
     }
 
     void neighboursDoNotDisturb()

@@ -111,10 +111,10 @@ Operation store(const char *name, const QString &before)
     const auto work = [] {
         SettingsPointer settings(in("s.ini"_s));
         settings.sync();
-        settings.set("Details/maxWritingTime"_s, 700, false);
+        settings.settings.setValue("Details/maxWritingTime"_s, 700);
+        settings.changed = true;
         settings.sync();
-        QVariant value;
-        return yes(settings.find("Details/maxWritingTime"_s, &value) && value.toInt() == 700);
+        return yes(settings.settings.value("Details/maxWritingTime"_s).toInt() == 700);
     };
     const auto complaint = [=](const QString &answer) {
         const QString now = contents("s.ini"_s);
@@ -123,6 +123,19 @@ Operation store(const char *name, const QString &before)
             now == (before.isEmpty() ? numberStored : stored + QLatin1Char('\n') + numberStored);
         return ifNot(isWhole, "contents") +
                ifNot(answer == "yes"_s || !once || struck.contains("accessTest"_s), "memory");
+    };
+    return {name, before, work, complaint};
+}
+
+// All or nothing, and the answer tells.
+Operation storeAtOnce(const char *name, const QString &before)
+{
+    const auto work = [] {
+        return SettingsPointer(in("s.ini"_s)).store({{"Details/maxWritingTime"_s, 700}});
+    };
+    const auto complaint = [=](const QString &text) {
+        const QString expected = text.isNull() ? stored + QLatin1Char('\n') + numberStored : before.mid(6);
+        return ifNot(contents("s.ini"_s) == expected, "contents");
     };
     return {name, before, work, complaint};
 }
@@ -170,6 +183,7 @@ QList<Operation> operations()
          [=](const QString &answer) { return ifNot(answer == yes(open("F"_s)), "answer"); }},
         store("settings", "s.ini="_s + stored),
         store("first settings", QString()),
+        storeAtOnce("settings at once", "s.ini="_s + stored),
         logging("log"),
         logging("first log"),
         {"probe", QString(), [] { return yes(Global::checkAccess(QDir(place))); },
@@ -258,9 +272,34 @@ private Q_SLOTS:
             }
         }
         // Contents before names, names before the backup goes: so a loss of power leaves a whole version.
-        const QRegularExpression order(
-            "write F.new .*fdatasync F.new .*renameat2 F .*rename F.new .*fsync tst.*unlink F.old "_s);
-        QVERIFY2(operation.name != "save over" || order.match(calls).hasMatch(), qPrintable(calls));
+        const QMap<QByteArray, QString> orders{
+            {"save over",
+             "write F.new .*fdatasync F.new .*renameat2 F .*rename F.new .*fsync tst.*unlink F.old "_s},
+            {"settings at once", "write s.ini.new .*fdatasync s.ini.new .*rename s.ini.new .*fsync tst"_s}};
+        const QRegularExpression order(orders.value(operation.name));
+        QVERIFY2(order.match(calls).hasMatch(), qPrintable(calls));
+    }
+
+    // What could not be read is not therefore empty.
+    void aLackKeepsTheSettings()
+    {
+        const QTemporaryDir directory(quickTemplate());
+        place = directory.path();
+        for (const int lack : {EMFILE, ENFILE, ENOMEM, EIO}) {
+            plant(place, "s.ini="_s + numberStored);
+            SettingsPointer settings(in("s.ini"_s));
+            const auto value = [&] { return settings.settings.value("Details/maxWritingTime"_s).toInt(); };
+            settings.refresh();
+            QVERIFY(QFile::remove(in("s.ini"_s)));
+            plant(place, "s.ini=[Details]\nmaxWritingTime=8000\n"_s);
+            Fault::arm(1, true, lack);
+            settings.refresh();
+            QVERIFY(Fault::disarm() > 0);
+            QCOMPARE(value(), 700);
+            settings.refresh();
+            QCOMPARE(value(), 8000);
+            QVERIFY(QFile::remove(in("s.ini"_s)));
+        }
     }
 
     void cleanupTestCase()

@@ -117,7 +117,8 @@ private Q_SLOTS:
                     return 1;
             }
             const QString last = "P%1/k%2"_s.arg(number).arg(own - 1);
-            for (int again = 0; again < 200 && isOurs && !CIniText(settings()).contains(last); ++again) {
+            for (int again = 0; again < 200 && isOurs && CIniText(settings()).items(last).isEmpty();
+                 ++again) {
                 QThread::msleep(50); // what could not be written is, later
                 allAreRight();
             }

@@ -12,11 +12,14 @@ QStringList texts;
 QList<QtMsgType> types;
 std::function<void(const QString &)> react;
 
-void handler(QtMsgType type, const QMessageLogContext &, const QString &text)
+void handler(QtMsgType type, const QMessageLogContext &context, const QString &text)
 {
     {
         const QMutexLocker locker(&mutex);
         texts += text;
+        // The runtime speaks as qDebug() does in a release build. Qt itself has categories of its own.
+        if (context.category == nullptr || context.file != nullptr || context.line != 0)
+            texts.last() += QLatin1String(" IN A STRANGE CONTEXT");
         types += type;
     }
     if (react)
