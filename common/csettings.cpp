@@ -193,7 +193,7 @@ void SettingsPointer::makeDirectory()
     if (QDir(directory).exists())
         return;
     QDir().mkpath(directory);
-    const TrustedFile::Descriptor opened(
+    const CDescriptor opened(
         ::open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!opened.isOpen() || ::fchmod(opened.get(), directoryMode) != 0)
         warn(QStringLiteral("Не удалось изменить права доступа каталога с настройками"), directory, errno);

@@ -1,9 +1,9 @@
 #include "common/filepermissions.h"
 
-#include "common/csettings.h"
 #include "common/directorylayout.h"
 #include "common/logwriter.h"
-#include "common/messagequeue.h"
+#include "common/permissionbits.h"
+#include "common/settingonce.h"
 #include "common/terminationguard.h"
 #include "common/trustedfile.h"
 
@@ -18,19 +18,12 @@ namespace {
 // Without the bits of the running user, which tell its access and cannot be set.
 constexpr int settableMask = 0xF0FF;
 
-// The two constants are made inside a hold: a handler of messages may come back here.
-int directoryPermissions()
-{
-    const CMessageHold hold;
-    static const int permissions = CSettings().dirPermissions();
-    return permissions;
-}
+CSettingOnce directoryPermissions(&CSettings::dirPermissions);
+CSettingOnce filePermissions(&CSettings::filePermissions);
 
-int filePermissions()
+QString directoryPattern()
 {
-    const CMessageHold hold;
-    static const int permissions = CSettings().filePermissions();
-    return permissions;
+    return QStringLiteral("Не удалось изменить права доступа 0x%1 для каталога %2 (0x%3). %4");
 }
 
 QString hexadecimal(int value)
@@ -53,7 +46,9 @@ bool apply(int descriptor, const QString &name, int wanted, const QString &patte
 {
     QFile file(QStringLiteral("/proc/self/fd/%1").arg(descriptor));
     const auto permissions = static_cast<QFileDevice::Permissions>(wanted);
-    if (file.permissions() == permissions || file.setPermissions(permissions))
+    // A descriptor that only names its file (O_PATH) is of use by way of /proc alone.
+    if (file.permissions() == permissions || ::fchmod(descriptor, modeOf(wanted)) == 0 ||
+        file.setPermissions(permissions))
         return true;
     const QString reason = file.errorString();
     reportFailure(pattern, name, wanted, file.permissions(), reason);
@@ -62,13 +57,13 @@ bool apply(int descriptor, const QString &name, int wanted, const QString &patte
 
 void applyToDirectory(const QString &path, const QString &pattern)
 {
-    const TrustedFile::Descriptor directory = TrustedFile::openJudged(path, nullptr, O_PATH);
+    const int wanted = directoryPermissions.value();
+    const CDescriptor directory = TrustedFile::openTrustedLinks(path, nullptr, O_PATH);
     const int reason = errno;
     if (directory.isOpen())
-        apply(directory.get(), path, directoryPermissions(), pattern);
+        apply(directory.get(), path, wanted, pattern);
     else
-        reportFailure(pattern, path, directoryPermissions(), QFile::permissions(path),
-                      qt_error_string(reason));
+        reportFailure(pattern, path, wanted, QFile::permissions(path), qt_error_string(reason));
 }
 
 // From @a path up to, but not including, the installation directory.
@@ -78,13 +73,6 @@ void applyInsideInstallation(const QString &path, const QString &installation)
         QStringLiteral("Не удалось изменить права доступа 0x%1 для внутреннего каталога %2 (0x%3). %4");
     for (QString level = path; level.size() > installation.size(); level = QFileInfo(level).path())
         applyToDirectory(level, pattern);
-}
-
-// The owner's and the running user's bits mean the same mode bits, as Qt has it.
-mode_t modeOf(int permissions)
-{
-    return static_cast<mode_t>((permissions >> 6 & 0700) | (permissions >> 2 & 0700) |
-                               (permissions >> 1 & 0070) | (permissions & 0007));
 }
 
 } // namespace
@@ -107,15 +95,14 @@ bool makePath(const QDir &dir)
     if (path == installation || path.startsWith(installation + QLatin1Char('/')))
         applyInsideInstallation(path, installation);
     else
-        applyToDirectory(path,
-                         QStringLiteral("Не удалось изменить права доступа 0x%1 для каталога %2 (0x%3). %4"));
+        applyToDirectory(path, directoryPattern());
     return true;
 }
 
 bool setFilePermissions(const QString &fileName)
 {
     const CTerminationGuard guard;
-    const TrustedFile::Descriptor file = TrustedFile::openJudged(fileName, nullptr, O_PATH);
+    const CDescriptor file = TrustedFile::openTrustedLinks(fileName, nullptr, O_PATH);
     return file.isOpen() && setFilePermissions(file.get(), fileName);
 }
 
@@ -124,12 +111,13 @@ bool setFilePermissions(int descriptor, const QString &fileName)
     struct stat status = {};
     if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode))
         return false;
-    // The short way, which a descriptor that only names its file (O_PATH) does not know.
-    const mode_t mode = modeOf(filePermissions());
-    if ((status.st_mode & 0777) == mode || ::fchmod(descriptor, mode) == 0)
-        return true;
-    return apply(descriptor, fileName, filePermissions(),
+    return apply(descriptor, fileName, filePermissions.value(),
                  QStringLiteral("Не удалось изменить права доступа 0x%1 для файла %2 (0x%3). %4"));
+}
+
+bool setDirectoryPermissions(int descriptor, const QString &directory)
+{
+    return apply(descriptor, directory, directoryPermissions.value(), directoryPattern());
 }
 
 } // namespace Global

@@ -9,9 +9,10 @@
 #include "transportIp/cipsettings.h"
 #include "transportIp/ipchannelkind.h"
 
+#include <QFile>
+
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 namespace {
@@ -140,15 +141,16 @@ void CIpServer::loadSettings()
 
     const QString fileName = Global::channelIpSettingsFilePath();
     Global::recoverSaved(fileName); // logs by itself what it cannot mend
-    const TrustedFile::Descriptor file = TrustedFile::openJudged(fileName);
-    QByteArray data;
-    if (file.isOpen() && TrustedFile::readAll(file, &data)) {
-        const QString error = settings.fromByteArray(data);
-        if (!error.isEmpty())
+    if (QFile::exists(fileName)) {
+        const CDescriptor file = TrustedFile::openTrustedLinks(fileName);
+        QByteArray data;
+        const bool isRead = file.isOpen() && Io::readAll(file, &data);
+        const QString error = isRead ? settings.fromByteArray(data) : TrustedFile::readingErrorText(errno);
+        if (!isRead)
+            log(QStringLiteral("Не удалось открыть файл настроек IP канала для чтения %1. %2")
+                    .arg(fileName, error));
+        else if (!error.isEmpty())
             log(QStringLiteral("Ошибка чтения настроек IP канала. %1").arg(error));
-    } else if (errno != ENOENT) {
-        log(QStringLiteral("Не удалось открыть файл настроек IP канала для чтения %1. %2")
-                .arg(fileName, QString::fromLocal8Bit(std::strerror(errno))));
     }
     CurrentIpSettings::publish(settings);
 }

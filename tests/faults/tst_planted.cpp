@@ -79,8 +79,8 @@ QString writingTime()
 QString record()
 {
     QByteArray data;
-    const TrustedFile::Descriptor file = TrustedFile::openJudged(Global::channelIpSettingsFilePath());
-    return file.isOpen() && TrustedFile::readAll(file, &data) && data == precious ? QString() : "refused"_s;
+    const CDescriptor file = TrustedFile::openTrustedLinks(Global::channelIpSettingsFilePath());
+    return file.isOpen() && Io::readAll(file, &data) && data == precious ? QString() : "refused"_s;
 }
 
 // One name that the runtime opens, what opens it, and which objects it answers with its text: l_ink,
