@@ -11,7 +11,10 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
+
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -31,39 +34,61 @@ QString hexadecimal(int value)
     return QString::number(value, 16).rightJustified(4, QLatin1Char('0'));
 }
 
-// @param pattern text for the log: wanted rights, name, rights found, reason
-void reportFailure(const QString &pattern, const QString &name, int wanted, QFileDevice::Permissions found,
-                   const QString &reason)
+// What is open as QFile::permissions() tells it. Not by way of /proc, which a process that has changed its
+// user may not use.
+int permissionsOf(int descriptor)
 {
-    const int bits = static_cast<int>(found);
-    if ((bits & settableMask) != (wanted & settableMask))
-        debug(QStringLiteral("Global"), pattern.arg(hexadecimal(wanted), name, hexadecimal(bits), reason),
+    struct stat status = {};
+    if (::fstat(descriptor, &status) != 0)
+        return 0;
+    int user = 0;
+    for (const int right : {R_OK, W_OK, X_OK})
+        user |= ::faccessat(descriptor, "", right, AT_EMPTY_PATH) == 0 ? right : 0;
+    const int mode = static_cast<int>(status.st_mode);
+    return (mode & 0700) << 6 | user << 8 | (mode & 0070) << 1 | (mode & 0007);
+}
+
+// 0 or errno
+int setMode(int descriptor, mode_t mode)
+{
+    if (::fchmod(descriptor, mode) == 0)
+        return 0;
+    if (errno != EBADF)
+        return errno;
+    const QByteArray name = "/proc/self/fd/" + QByteArray::number(descriptor); // one that only names its file
+    return ::chmod(name.constData(), mode) == 0 ? 0 : errno;
+}
+
+// @param pattern text for the log: wanted rights, name, rights found, reason
+void reportFailure(const QString &pattern, const QString &name, int wanted, int found, int reason)
+{
+    if ((found & settableMask) != (wanted & settableMask))
+        debug(QStringLiteral("Global"),
+              pattern.arg(hexadecimal(wanted), name, hexadecimal(found), qt_error_string(reason)),
               DebugAlways, DebugFlagNone);
 }
 
 // Gives rights to what is open, whatever its name stands for by now.
 bool apply(int descriptor, const QString &name, int wanted, const QString &pattern)
 {
-    QFile file(QStringLiteral("/proc/self/fd/%1").arg(descriptor));
-    const auto permissions = static_cast<QFileDevice::Permissions>(wanted);
-    // A descriptor that only names its file (O_PATH) is of use by way of /proc alone.
-    if (file.permissions() == permissions || ::fchmod(descriptor, modeOf(wanted)) == 0 ||
-        file.setPermissions(permissions))
+    if (permissionsOf(descriptor) == wanted)
         return true;
-    const QString reason = file.errorString();
-    reportFailure(pattern, name, wanted, file.permissions(), reason);
-    return false;
+    const int reason = setMode(descriptor, modeOf(wanted));
+    if (reason != 0)
+        reportFailure(pattern, name, wanted, permissionsOf(descriptor), reason);
+    return reason == 0;
 }
 
 void applyToDirectory(const QString &path, const QString &pattern)
 {
     const int wanted = directoryPermissions.value();
-    const CDescriptor directory = TrustedFile::openTrustedLinks(path, nullptr, O_PATH);
+    const CDescriptor named = TrustedFile::openTrustedLinks(path, nullptr, O_PATH);
     const int reason = errno;
-    if (directory.isOpen())
-        apply(directory.get(), path, wanted, pattern);
+    const CDescriptor opened(::openat(named.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (named.isOpen())
+        apply(opened.isOpen() ? opened.get() : named.get(), path, wanted, pattern);
     else
-        reportFailure(pattern, path, wanted, QFile::permissions(path), qt_error_string(reason));
+        reportFailure(pattern, path, wanted, static_cast<int>(QFile::permissions(path)), reason);
 }
 
 // From @a path up to, but not including, the installation directory.
@@ -102,7 +127,9 @@ bool makePath(const QDir &dir)
 bool setFilePermissions(const QString &fileName)
 {
     const CTerminationGuard guard;
-    const CDescriptor file = TrustedFile::openTrustedLinks(fileName, nullptr, O_PATH);
+    CDescriptor file = TrustedFile::openTrustedLinks(fileName);
+    if (!file.isOpen() && errno == EACCES)
+        file = TrustedFile::openTrustedLinks(fileName, nullptr, O_PATH);
     return file.isOpen() && setFilePermissions(file.get(), fileName);
 }
 

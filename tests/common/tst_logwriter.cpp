@@ -13,8 +13,10 @@
 #include <QThread>
 #include <QtTest>
 
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -145,13 +147,14 @@ private Q_SLOTS:
         QCOMPARE(outcome, "1 deleted|1 moved|1 anew|200"_s);
     }
 
+    // No room in the middle of a line, exactly between two lines, and none at all.
     void aTornLineEnds()
     {
         const QString outcome = Forked::text([] {
             MessageCatcher messages;
             put("before");
             const auto size = static_cast<rlim_t>(QFileInfo(logPath()).size());
-            for (const rlim_t limit : {size + 44, size, RLIM_INFINITY}) {
+            for (const rlim_t limit : {size + 44, size + 45 + 47, size, RLIM_INFINITY}) {
                 const rlimit limits = {limit, RLIM_INFINITY};
                 ::setrlimit(RLIMIT_FSIZE, &limits);
                 QThread::msleep(10); // limits are looked at once per tick of the clock
@@ -160,7 +163,81 @@ private Q_SLOTS:
             return messages.takeAll() + records();
         });
         const QString failed = "Не удалось записать данные в лог файл. Ошибка записи.  \"File too large\"|"_s;
-        QCOMPARE(outcome, failed.repeated(3).chopped(1) + "1 before|1 to|1 after|"_s);
+        QCOMPARE(outcome, failed.repeated(4).chopped(1) + "1 before|1 to|1 torn|1 after|"_s);
+    }
+
+    // Of a process that was killed, or of a machine that has lost its power. What may be asked of the
+    // settings only when a directory is made is not asked.
+    void aLogLeftBehindGoesOn()
+    {
+        const QByteArray head = "Версия 3.0.25.0 release linux edition";
+        const struct
+        {
+            QByteArray left, start;
+        } rows[] = {{"", head},
+                    {"whole\n", "whole\n12"},
+                    {"tor", "tor\n12"},
+                    {QByteArray("whole\n\0\0", 8), QByteArray("whole\n\0\0\n12", 11)}};
+        const QString name = Forked::text([] { return put("a first one"), logPath(); });
+        for (const auto &row : rows) {
+            clean();
+            const QString outcome = Forked::text([&] {
+                write(name, row.left);
+                for (int process = 0; process < 2; ++process)
+                    Forked::run([] { return put("next"), 0; });
+                QByteArray text =
+                    log().replace(QDateTime::currentDateTime().toString("hh"_s).toUtf8() + ':', "12:");
+                return QString::fromUtf8(text.left(row.start.size()) +
+                                         QByteArray::number(text.count("    next\n")) +
+                                         (settings().contains("dirPermissions") ? " early" : ""));
+            });
+            QCOMPARE(outcome, QString::fromUtf8(row.start + "2"));
+        }
+    }
+
+    // A host closes what is not its own, and its next files get the numbers: of the log and of its watch.
+    void strangersGetNothing()
+    {
+        const QString outcome = Forked::text([] {
+            QString result;
+            for (const bool again : {false, true}) {
+                for (int i = 0; i < 100; ++i)
+                    put("before"); // so many that there is a watch
+                int ends[2];
+                ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends); // which block, and have something to be read
+                static_cast<void>(::write(ends[0], "own", 3));
+                QList<int> taken;
+                for (int fd = 3; fd < ends[0]; ++fd) {
+                    const QString file = QFile::symLinkTarget("/proc/self/fd/%1"_s.arg(fd));
+                    if (!file.contains("inotify"_s) && !file.contains("/data/0/log/"_s))
+                        continue;
+                    taken += fd;
+                    again ? ::close(fd) : ::dup2(ends[1], fd);
+                }
+                for (int i = 0; i < 100; ++i)
+                    put("after");
+                QFile::rename(logPath(), path() + "/data/away"_s); // something to be told of
+                put("anew");
+                int waiting = 0;
+                ::ioctl(ends[1], FIONREAD, &waiting);
+                char received = 0;
+                const bool isSilent = ::recv(ends[0], &received, 1, MSG_DONTWAIT) < 0;
+                bool areOpen = true;
+                for (const int fd : taken)
+                    areOpen =
+                        areOpen &&
+                        (again || QFile::symLinkTarget("/proc/self/fd/%1"_s.arg(fd)).contains("socket"_s));
+                result += "%1 taken, %2 bytes left, %3, %4, %5 records after; "_s.arg(taken.size())
+                              .arg(waiting)
+                              .arg(isSilent ? "silent"_s : "written to"_s, areOpen ? "open"_s : "closed"_s)
+                              .arg(read(path() + "/data/away"_s).count("    after\n")) +
+                          records();
+                clean();
+            }
+            return result;
+        });
+        const QString fine = "2 taken, 3 bytes left, silent, open, 100 records after; 1 anew|"_s;
+        QCOMPARE(outcome, fine + fine);
     }
 
     void emergencyRecordsNeedNothing()
