@@ -38,7 +38,8 @@ QString logPath()
 // The log without its head and the times and sources: a first line as "1 text|", 1 being its tab level.
 QString records()
 {
-    QString text = QString::fromUtf8(log());
+    const QByteArray bytes = log();
+    QString text = QString::fromUtf8(bytes.constData(), bytes.size()); // behind NULs, too
     if (text.startsWith("Версия 3.0.25.0 release linux edition"_s))
         text.remove(0, text.indexOf("\n\n"_s) + 2);
     const QRegularExpression start("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} [ \\w.]{25}((?:    )+)"_s);
