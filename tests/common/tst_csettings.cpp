@@ -87,7 +87,7 @@ private Q_SLOTS:
             reads([] { QDir().mkpath(settingsPath()); }),
             "5000 5000 Не удалось прочитать файл настроек, используются значения по умолчанию \"%1\" \"%2\"|"
             "Не удалось записать файл настроек, значения остаются в памяти \"%1\" \"%2\";  "_s.arg(
-                settingsPath(), "Invalid argument"_s));
+                settingsPath(), "Is a directory"_s));
         QCOMPARE(reads([] { writeSettings("garbage\n[Debug]\nmore=1\n"); }),
                  "5000 5000 Файл настроек поврежден, непонятные строки пропущены \"%1\";  "
                  "garbage~[Debug]~more=1~~[Details]~maxWritingTime=5000~"_s.arg(settingsPath()));
