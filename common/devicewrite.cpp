@@ -1,7 +1,6 @@
 #include "common/devicewrite.h"
 
-#include "common/csettings.h"
-#include "common/messagequeue.h"
+#include "common/settingonce.h"
 
 #include <QElapsedTimer>
 #include <QIODevice>
@@ -11,13 +10,7 @@ namespace {
 
 constexpr int pauseMs = 1; // to wait for the device, and to sleep: a slow one is tried every 2 ms
 
-int configuredLimitMs()
-{
-    // What the settings complain of is said afterwards: a host's handler may write to a device, too.
-    const CMessageHold hold;
-    static const int defaultTimeout = CSettings().detailsMaxWritingTime();
-    return defaultTimeout;
-}
+CSettingOnce defaultTimeout(&CSettings::detailsMaxWritingTime);
 
 } // namespace
 
@@ -27,7 +20,7 @@ bool writeData(QIODevice &device, const QByteArray &data, int timeout)
 {
     if (data.isEmpty())
         return true;
-    const int limitMs = timeout == 0 ? configuredLimitMs() : timeout;
+    const int limitMs = timeout == 0 ? defaultTimeout.value() : timeout;
 
     qint64 done = device.write(data);
     if (done < 0)

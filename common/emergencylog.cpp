@@ -3,6 +3,7 @@
 #include "common/logfile.h"
 #include "common/logformat.h"
 #include "common/terminationguard.h"
+#include "common/trustedfile.h"
 
 #include <atomic>
 #include <memory>
@@ -17,9 +18,9 @@ std::atomic<const LogPlace *> currentPlace{nullptr};
 void append(const QString &file, const QByteArray &record)
 {
     for (int attempt = 0; attempt < 2; ++attempt) {
-        const TrustedFile::Descriptor log = TrustedFile::openOwn(file, O_WRONLY | O_CREAT | O_APPEND);
+        const CDescriptor log = TrustedFile::openTrustedLinks(file, nullptr, O_WRONLY | O_CREAT | O_APPEND);
         if (log.isOpen()) {
-            TrustedFile::writeAll(log, record); // as far as it goes: there is nobody left to tell
+            Io::writeAll(log, record); // as far as it goes: there is nobody left to tell
             return;
         }
     }

@@ -1,9 +1,9 @@
 #include "common/filepermissions.h"
 
-#include "common/csettings.h"
 #include "common/directorylayout.h"
 #include "common/logwriter.h"
-#include "common/messagequeue.h"
+#include "common/permissionbits.h"
+#include "common/settingonce.h"
 #include "common/terminationguard.h"
 #include "common/trustedfile.h"
 
@@ -11,26 +11,22 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
+
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
 // Without the bits of the running user, which tell its access and cannot be set.
 constexpr int settableMask = 0xF0FF;
 
-// The two constants are made inside a hold: a handler of messages may come back here.
-int directoryPermissions()
-{
-    const CMessageHold hold;
-    static const int permissions = CSettings().dirPermissions();
-    return permissions;
-}
+CSettingOnce directoryPermissions(&CSettings::dirPermissions);
+CSettingOnce filePermissions(&CSettings::filePermissions);
 
-int filePermissions()
+QString directoryPattern()
 {
-    const CMessageHold hold;
-    static const int permissions = CSettings().filePermissions();
-    return permissions;
+    return QStringLiteral("Не удалось изменить права доступа 0x%1 для каталога %2 (0x%3). %4");
 }
 
 QString hexadecimal(int value)
@@ -38,37 +34,61 @@ QString hexadecimal(int value)
     return QString::number(value, 16).rightJustified(4, QLatin1Char('0'));
 }
 
-// @param pattern text for the log: wanted rights, name, rights found, reason
-void reportFailure(const QString &pattern, const QString &name, int wanted, QFileDevice::Permissions found,
-                   const QString &reason)
+// What is open as QFile::permissions() tells it. Not by way of /proc, which a process that has changed its
+// user may not use.
+int permissionsOf(int descriptor)
 {
-    const int bits = static_cast<int>(found);
-    if ((bits & settableMask) != (wanted & settableMask))
-        debug(QStringLiteral("Global"), pattern.arg(hexadecimal(wanted), name, hexadecimal(bits), reason),
+    struct stat status = {};
+    if (::fstat(descriptor, &status) != 0)
+        return 0;
+    int user = 0;
+    for (const int right : {R_OK, W_OK, X_OK})
+        user |= ::faccessat(descriptor, "", right, AT_EMPTY_PATH) == 0 ? right : 0;
+    const int mode = static_cast<int>(status.st_mode);
+    return (mode & 0700) << 6 | user << 8 | (mode & 0070) << 1 | (mode & 0007);
+}
+
+// 0 or errno
+int setMode(int descriptor, mode_t mode)
+{
+    if (::fchmod(descriptor, mode) == 0)
+        return 0;
+    if (errno != EBADF)
+        return errno;
+    const QByteArray name = "/proc/self/fd/" + QByteArray::number(descriptor); // one that only names its file
+    return ::chmod(name.constData(), mode) == 0 ? 0 : errno;
+}
+
+// @param pattern text for the log: wanted rights, name, rights found, reason
+void reportFailure(const QString &pattern, const QString &name, int wanted, int found, int reason)
+{
+    if ((found & settableMask) != (wanted & settableMask))
+        debug(QStringLiteral("Global"),
+              pattern.arg(hexadecimal(wanted), name, hexadecimal(found), qt_error_string(reason)),
               DebugAlways, DebugFlagNone);
 }
 
 // Gives rights to what is open, whatever its name stands for by now.
 bool apply(int descriptor, const QString &name, int wanted, const QString &pattern)
 {
-    QFile file(QStringLiteral("/proc/self/fd/%1").arg(descriptor));
-    const auto permissions = static_cast<QFileDevice::Permissions>(wanted);
-    if (file.permissions() == permissions || file.setPermissions(permissions))
+    if (permissionsOf(descriptor) == wanted)
         return true;
-    const QString reason = file.errorString();
-    reportFailure(pattern, name, wanted, file.permissions(), reason);
-    return false;
+    const int reason = setMode(descriptor, modeOf(wanted));
+    if (reason != 0)
+        reportFailure(pattern, name, wanted, permissionsOf(descriptor), reason);
+    return reason == 0;
 }
 
 void applyToDirectory(const QString &path, const QString &pattern)
 {
-    const TrustedFile::Descriptor directory = TrustedFile::openJudged(path, nullptr, O_PATH);
+    const int wanted = directoryPermissions.value();
+    const CDescriptor named = TrustedFile::openTrustedLinks(path, nullptr, O_PATH);
     const int reason = errno;
-    if (directory.isOpen())
-        apply(directory.get(), path, directoryPermissions(), pattern);
+    const CDescriptor opened(::openat(named.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (named.isOpen())
+        apply(opened.isOpen() ? opened.get() : named.get(), path, wanted, pattern);
     else
-        reportFailure(pattern, path, directoryPermissions(), QFile::permissions(path),
-                      qt_error_string(reason));
+        reportFailure(pattern, path, wanted, static_cast<int>(QFile::permissions(path)), reason);
 }
 
 // From @a path up to, but not including, the installation directory.
@@ -78,13 +98,6 @@ void applyInsideInstallation(const QString &path, const QString &installation)
         QStringLiteral("Не удалось изменить права доступа 0x%1 для внутреннего каталога %2 (0x%3). %4");
     for (QString level = path; level.size() > installation.size(); level = QFileInfo(level).path())
         applyToDirectory(level, pattern);
-}
-
-// The owner's and the running user's bits mean the same mode bits, as Qt has it.
-mode_t modeOf(int permissions)
-{
-    return static_cast<mode_t>((permissions >> 6 & 0700) | (permissions >> 2 & 0700) |
-                               (permissions >> 1 & 0070) | (permissions & 0007));
 }
 
 } // namespace
@@ -107,15 +120,16 @@ bool makePath(const QDir &dir)
     if (path == installation || path.startsWith(installation + QLatin1Char('/')))
         applyInsideInstallation(path, installation);
     else
-        applyToDirectory(path,
-                         QStringLiteral("Не удалось изменить права доступа 0x%1 для каталога %2 (0x%3). %4"));
+        applyToDirectory(path, directoryPattern());
     return true;
 }
 
 bool setFilePermissions(const QString &fileName)
 {
     const CTerminationGuard guard;
-    const TrustedFile::Descriptor file = TrustedFile::openJudged(fileName, nullptr, O_PATH);
+    CDescriptor file = TrustedFile::openTrustedLinks(fileName);
+    if (!file.isOpen() && errno == EACCES)
+        file = TrustedFile::openTrustedLinks(fileName, nullptr, O_PATH);
     return file.isOpen() && setFilePermissions(file.get(), fileName);
 }
 
@@ -124,12 +138,13 @@ bool setFilePermissions(int descriptor, const QString &fileName)
     struct stat status = {};
     if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode))
         return false;
-    // The short way, which a descriptor that only names its file (O_PATH) does not know.
-    const mode_t mode = modeOf(filePermissions());
-    if ((status.st_mode & 0777) == mode || ::fchmod(descriptor, mode) == 0)
-        return true;
-    return apply(descriptor, fileName, filePermissions(),
+    return apply(descriptor, fileName, filePermissions.value(),
                  QStringLiteral("Не удалось изменить права доступа 0x%1 для файла %2 (0x%3). %4"));
+}
+
+bool setDirectoryPermissions(int descriptor, const QString &directory)
+{
+    return apply(descriptor, directory, directoryPermissions.value(), directoryPattern());
 }
 
 } // namespace Global

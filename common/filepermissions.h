@@ -22,7 +22,9 @@ RUNTIME_EXPORT bool makePath(const QDir &dir);
 /// @return whether it has them afterwards; false without a log line when there is no such file
 RUNTIME_EXPORT bool setFilePermissions(const QString &fileName);
 
-/// The same for an open file; @a fileName is its name for the log.
+/// The same for an open file or directory, whose name is for the log. Rights that have to survive a loss of
+/// power are given so, before the descriptor is synced.
 bool setFilePermissions(int descriptor, const QString &fileName);
+bool setDirectoryPermissions(int descriptor, const QString &directory);
 
 } // namespace Global

@@ -59,8 +59,7 @@ quint64 CFileWatch::beginLook()
 {
     const int queue = watching.load(std::memory_order_acquire);
     if (queue >= 0) {
-        if (!isEmpty(queue))
-            takeEvents();
+        check();
     } else if (const qint64 tick = currentTick(); tick != lookTick.load(std::memory_order_relaxed)) {
         lookTick.store(tick, std::memory_order_relaxed);
         looksInTick.store(0, std::memory_order_relaxed);
@@ -82,9 +81,11 @@ void CFileWatch::start()
 {
     const CTerminationGuard guard;
     const QMutexLocker locker(&mutex);
-    if (!descriptor.isOpen())
-        descriptor.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (!descriptor.isOpen() || !watch())
+    if (!descriptor.isOurs()) {
+        stop();
+        descriptor.keep(CDescriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)));
+    }
+    if (!descriptor.isOurs() || !watch())
         return;
     state.fetch_add(2); // what was seen before does not count
     watching.store(descriptor.get(), std::memory_order_release);
@@ -101,17 +102,35 @@ bool CFileWatch::watch()
            (scope == Name || watchInstead(descriptor.get(), path, ofContents, &fileWatch));
 }
 
-// As many as one call gives; what is left keeps the queue from being empty.
-void CFileWatch::takeEvents()
+// Takes the events that have come, if the queue is still ours: its number may stand for another file by now.
+void CFileWatch::check()
 {
     const CTerminationGuard guard;
     if (!mutex.tryLock())
         return; // somebody is at it
+    if (!descriptor.isOurs())
+        stop();
+    else if (!isEmpty(descriptor.get()))
+        takeEvents();
+    mutex.unlock();
+}
+
+// As many as one call gives; what is left keeps the queue from being empty.
+void CFileWatch::takeEvents()
+{
     state.fetch_add(1);
     std::array<char, 4096> events;
     static_cast<void>(::read(descriptor.get(), events.data(), events.size()));
     if (!watch()) // names may stand for others now
         watching.store(-1, std::memory_order_release);
     state.fetch_add(1);
-    mutex.unlock();
+}
+
+// Another queue may be made later.
+void CFileWatch::stop()
+{
+    watching.store(-1, std::memory_order_release);
+    descriptor.close();
+    directoryWatch = -1;
+    fileWatch = -1;
 }

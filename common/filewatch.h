@@ -4,10 +4,11 @@
 // than the clock ticks (a few ms), the kernel is left to tell of changes (inotify), and the question whether
 // it has costs a third of a stat(). In every tick there is one real look at the least, so what the kernel
 // does not tell of (a directory above renamed, a file written by another machine) shows with the next tick.
-// Who looks seldom never has a watch; where none is to be had, every look is a real one.
+// Who looks seldom never has a watch; where none is to be had, or somebody else has closed it, every look is
+// a real one.
 #pragma once
 
-#include "common/trustedfile.h"
+#include "common/descriptor.h"
 
 #include <QByteArray>
 #include <QMutex>
@@ -39,7 +40,9 @@ public:
 private:
     void start();
     bool watch();
+    void check();
     void takeEvents();
+    void stop();
 
     const QByteArray path;
     const Scope scope;
@@ -54,8 +57,8 @@ private:
     std::atomic<int> looksInTick{0}; // while there is no watch
     std::atomic<int> watching{-1};   // the descriptor, while all that is needed is watched
 
-    QMutex mutex;                       // guards the three below
-    TrustedFile::Descriptor descriptor; // stays open for those who are asking it
+    QMutex mutex;                                       // guards the three below
+    CKeptDescriptor descriptor{CKeptDescriptor::Watch}; // stays open for those who are asking it
     int directoryWatch = -1;
     int fileWatch = -1;
 };

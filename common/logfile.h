@@ -4,8 +4,8 @@
 // and forgotten only after a failure, so a log begun before midnight keeps its name.
 #pragma once
 
+#include "common/descriptor.h"
 #include "common/filewatch.h"
-#include "common/trustedfile.h"
 
 #include <QByteArray>
 #include <QMutex>
@@ -42,18 +42,23 @@ struct LogPreparation
     enum Kind
     {
         Nothing = 0,
-        Place = 1,      // where to write
-        Permissions = 2 // settings and summary, for making the directory and the file
+        Place = 1,           // where to write
+        DirectoryRights = 2, // for a directory that was made
+        FileRights = 4,      // for a file that is to be made
+        Head = 8             // of a file that is empty
     };
 
     /// Asks for what @a kinds name. Takes other rooms' locks: call it with none of ours held.
     void get(int kinds);
 
+    /// Those of @a kinds that are still to be asked for.
+    int lacks(int kinds) const { return kinds & ~ready; }
+
     int ready = Nothing;
     LogPlace place;
     mode_t directoryMode = 0;
     mode_t fileMode = 0;
-    QByteArray summary; // the head of a new file
+    QByteArray head;
 };
 
 /// The log of this module, open between records.
@@ -72,9 +77,10 @@ public:
 private:
     bool isStillThere();
     int open(const LogPreparation &preparation);
-    void create(const LogPreparation &preparation);
-    void begin(const LogPreparation &preparation);
-    void remember();
+    int makeReady(const LogPreparation &preparation);
+    CDescriptor create(const LogPreparation &preparation) const;
+    void giveRights(const CDescriptor &file, const LogPreparation &preparation) const;
+    void keep(CDescriptor opened);
     void writeLines(std::string_view record, ssize_t written);
     void endTornLine();
     ssize_t writeSome(std::string_view data) const;
@@ -83,14 +89,16 @@ private:
     QMutex mutex; // guards all below
     LogPlace place;
     bool placeIsKnown = false;
-    bool lineIsTorn = false; // the last line this module wrote lacks its end
+    bool directoryIsNew = false; // and has not got its rights
+    bool lineIsTorn = false;     // the last line lacks its end
     QByteArray encodedPath;
-    TrustedFile::Descriptor descriptor;
+    CKeptDescriptor descriptor{CKeptDescriptor::Log};
 
     // What is open, to be found again under its path: another one there means somebody renamed it.
     quint64 inode = 0;
     dev_t device = 0;
     mode_t mode = 0;
+    int lookFlags = 0; // whether the name itself is asked or what it leads to
 
     std::optional<CFileWatch> watch; // since the file was opened
     bool sizeIsLimited = true;       // RLIMIT_FSIZE, as of the last look

@@ -17,8 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using TrustedFile::Descriptor;
-using TrustedFile::retried;
+using Io::retried;
 
 namespace {
 
@@ -36,7 +35,7 @@ QString renameFailed(const QString &name)
 class DescriptorDevice : public QIODevice
 {
 public:
-    explicit DescriptorDevice(const Descriptor &file) : descriptor(file.get())
+    explicit DescriptorDevice(const CDescriptor &file) : descriptor(file.get())
     {
         open(QIODevice::WriteOnly | QIODevice::Unbuffered);
     }
@@ -52,7 +51,7 @@ protected:
         qint64 done = 0;
         while (done < size && clock.elapsed() < visitMs) {
             const auto piece = static_cast<size_t>(qMin(size - done, pieceSize));
-            const ssize_t count = TrustedFile::writeSome(descriptor, data + done, piece);
+            const ssize_t count = Io::writeSome(descriptor, data + done, piece);
             if (count > 0) {
                 done += count;
                 continue;
@@ -73,21 +72,14 @@ private:
     const int descriptor;
 };
 
-bool synced(const Descriptor &file)
-{
-    if (retried([&] { return ::fdatasync(file.get()); }) == 0)
-        return true;
-    return errno == EINVAL || errno == ENOSYS; // a file system without
-}
-
 // Best effort: whatever of the names reaches the disk, a whole version is under one of them.
 void syncDirectoryOf(const QString &fileName)
 {
     const QByteArray path = QFile::encodeName(QFileInfo(fileName).absolutePath());
-    const Descriptor directory(
+    const CDescriptor directory(
         retried([&] { return ::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     if (directory.isOpen())
-        retried([&] { return ::fsync(directory.get()); });
+        Io::sync(directory);
 }
 
 // 0 or errno
@@ -116,27 +108,56 @@ int renameBeside(const QString &from, const QString &to)
     if (result == 0 || (errno != EINVAL && errno != ENOSYS))
         return result == 0 ? 0 : errno;
 
-    // A file system that cannot; between the question and the answer nobody else saves this file.
+    // A file system that cannot; between the questions and the renaming nobody else saves this file.
     struct stat status = {};
+    if (::lstat(source.constData(), &status) != 0)
+        return errno;
     return ::lstat(target.constData(), &status) == 0 ? EEXIST : renameOver(from, to);
 }
 
-// The first free moment of the name: what lies under it, whosever it is, is removed, not opened.
-Descriptor createNew(const QString &name)
+bool isRegular(const QString &name)
 {
-    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL;
-    Descriptor file = TrustedFile::openOwn(name, flags);
-    if (file.isOpen() || errno != EEXIST)
-        return file;
+    struct stat status = {};
+    return ::lstat(QFile::encodeName(name).constData(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+QString newNameOf(const QString &fileName)
+{
+    return fileName + QLatin1String(".new");
+}
+
+QString backupOf(const QString &fileName)
+{
+    return fileName + QLatin1String(".old");
+}
+
+// Puts the backup back where a save was cut off between its two renamings, which leaves the old and the new
+// contents beside the missing target. A backup alone is a left-over: who has deleted the target meant it.
+// @return 0, or ENOENT or EEXIST when there is nothing to do, or errno
+int restoreCutOff(const QString &fileName)
+{
+    if (!isRegular(backupOf(fileName)) || !isRegular(newNameOf(fileName)))
+        return ENOENT;
+    return renameBeside(backupOf(fileName), fileName);
+}
+
+CDescriptor createNew(const QString &name)
+{
+    return TrustedFile::openNoFollow(name, O_WRONLY | O_CREAT | O_EXCL);
+}
+
+// What lies under the name, whosever it is, is removed, not opened.
+CDescriptor replaceNew(const QString &name)
+{
     const int reason = removeFile(name);
-    file = TrustedFile::openOwn(name, flags);
+    CDescriptor file = createNew(name);
     if (!file.isOpen() && errno == EEXIST && reason != 0)
         errno = reason;
     return file;
 }
 
 // Null, or the text of the failure. All of the data is on the disk then, and the file is closed.
-QString writeNew(Descriptor &file, const QString &name, const QByteArray &data)
+QString writeNew(CDescriptor &file, const QString &name, const QByteArray &data)
 {
     DescriptorDevice device(file);
     QString reason;
@@ -144,7 +165,7 @@ QString writeNew(Descriptor &file, const QString &name, const QByteArray &data)
         reason = device.errorString();
     } else {
         Global::setFilePermissions(file.get(), name);
-        if (!synced(file) || !file.reset())
+        if (!Io::sync(file) || !file.reset())
             reason = qt_error_string(errno);
     }
     if (reason.isNull())
@@ -194,15 +215,17 @@ int makeBackup(const QString &fileName, const QString &backup, QString *text)
         }
         reason = renameBeside(fileName, backup);
     }
-    if (reason == 0 || reason == ENOENT)
-        return reason;
+    if (reason == 0)
+        return 0;
+    if (!QFileInfo::exists(fileName)) // whatever keeps it from being found
+        return ENOENT;
     *text = failed(1, fileName, reason);
     return -1;
 }
 
-QString moveIntoPlace(const QString &newFileName, const QString &fileName)
+QString moveIntoPlace(const QString &newFileName, const QString &fileName, bool keepsBackup = false)
 {
-    const QString backup = fileName + QLatin1String(".old");
+    const QString backup = backupOf(fileName);
     QString text;
     const int backupResult = makeBackup(fileName, backup, &text);
     if (backupResult == ENOENT)
@@ -217,7 +240,7 @@ QString moveIntoPlace(const QString &newFileName, const QString &fileName)
     }
 
     syncDirectoryOf(fileName); // before the backup goes
-    const int removal = removeFile(backup);
+    const int removal = keepsBackup ? 0 : removeFile(backup);
     if (removal != 0)
         logError(QStringLiteral("safeSaving file removing failed. Не удалось удалить старый файл при "
                                 "безопасном сохранении %1. %2")
@@ -229,9 +252,9 @@ QString moveIntoPlace(const QString &newFileName, const QString &fileName)
 int syncFinished(const QString &name)
 {
     const QByteArray path = QFile::encodeName(name);
-    const Descriptor file(
+    const CDescriptor file(
         retried([&] { return ::open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
-    if (!file.isOpen() || synced(file)) // unreadable, missing: the renaming tells
+    if (!file.isOpen() || Io::sync(file)) // unreadable, missing: the renaming tells
         return 0;
     return errno;
 }
@@ -243,14 +266,19 @@ namespace Global {
 QString safeSaving(const QString &fileName, const QByteArray &data)
 {
     const CTerminationGuard guard;
-    const QString newFileName = fileName + QLatin1String(".new");
-    Descriptor file = createNew(newFileName);
-    if (!file.isOpen()) {
+    const QString newFileName = newNameOf(fileName);
+    bool wasCutOff = false;
+    CDescriptor file = createNew(newFileName);
+    if (!file.isOpen() && errno == EEXIST) {
+        // From here on the left-over does not tell any more of a save that was cut off.
+        wasCutOff = restoreCutOff(fileName) == 0;
+        file = replaceNew(newFileName);
+    } else if (!file.isOpen()) {
         makePath(QFileInfo(fileName).absoluteDir()); // most often it is there
         file = createNew(newFileName);
     }
     if (!file.isOpen())
-        file = createNew(newFileName);
+        file = replaceNew(newFileName);
     if (!file.isOpen()) {
         const QString text =
             QStringLiteral("Не удалось открыть файл для записи. %1.").arg(qt_error_string(errno));
@@ -259,7 +287,7 @@ QString safeSaving(const QString &fileName, const QByteArray &data)
     }
 
     const QString text = writeNew(file, newFileName, data);
-    return text.isNull() ? moveIntoPlace(newFileName, fileName) : text;
+    return text.isNull() ? moveIntoPlace(newFileName, fileName, wasCutOff) : text;
 }
 
 QString safeSaving(const QString &newFileName, const QString &fileName)
@@ -274,12 +302,8 @@ QString safeSaving(const QString &newFileName, const QString &fileName)
 QString recoverSaved(const QString &fileName)
 {
     const CTerminationGuard guard;
-    const QString backup = fileName + QLatin1String(".old");
-    struct stat status = {};
-    if (::lstat(QFile::encodeName(backup).constData(), &status) != 0 || !S_ISREG(status.st_mode))
-        return QString();
-
-    const int reason = renameBeside(backup, fileName);
+    const QString backup = backupOf(fileName);
+    const int reason = restoreCutOff(fileName);
     if (reason == EEXIST || reason == ENOENT)
         return QString();
     if (reason != 0) {

@@ -4,8 +4,8 @@
 //
 //   F, F.new  -->  F.old, F.new  -->  F.old, F  -->  F          what a save passes through
 //
-// The contents are on the disk before any name changes, and the names before F.old goes. So after a
-// crash or a loss of power at any moment F or F.old holds a whole version, old or new.
+// The contents and their rights are on the disk before any name changes, and the names before F.old goes. So
+// after a crash or a loss of power at any moment F or F.old holds a whole version, old or new.
 //
 // A result is a null text for success, otherwise a Russian text for the user; its cause is in the
 // log, source "Global". [any thread]; two saves of one file are serialised by the callers.
@@ -23,11 +23,13 @@ namespace Global {
 RUNTIME_EXPORT QString safeSaving(const QString &fileName, const QByteArray &data);
 
 /// Moves the finished file @a newFileName onto @a fileName; both lie in one file system.
-/// On failure the new contents stay in @a newFileName.
+/// On failure the new contents stay in @a newFileName. Call it "%1.new", so that recoverSaved() knows what a
+/// crash has left.
 RUNTIME_EXPORT QString safeSaving(const QString &newFileName, const QString &fileName);
 
-/// Puts "%1.old" back where a crash in the middle of a save has left @a fileName missing. Whoever
-/// reads files that are saved safely calls it before reading.
+/// Puts "%1.old" back where a crash in the middle of a save has left @a fileName missing: beside it lie
+/// ".old" and ".new" then. A ".old" alone is left alone, since somebody has deleted the file. Whoever reads
+/// files that are saved safely calls it before reading.
 /// @return a null text also when there was nothing to do
 RUNTIME_EXPORT QString recoverSaved(const QString &fileName);
 

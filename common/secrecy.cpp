@@ -22,16 +22,16 @@ constexpr int levels = 4;
 constexpr int nameAttempts = 8;
 
 // A file of ours under a name that nobody could foresee; closed when there can be none.
-TrustedFile::Descriptor createProbe(const QDir &directory, QString *path)
+CDescriptor createProbe(const QDir &directory, QString *path)
 {
     for (int attempt = 0; attempt < nameAttempts; ++attempt) {
         const quint32 number = QRandomGenerator::system()->generate() & 0x7fffffffu;
         *path = directory.absoluteFilePath(QStringLiteral(".accessTest_%1.txt").arg(number));
-        TrustedFile::Descriptor probe = TrustedFile::openOwn(*path, O_WRONLY | O_CREAT | O_EXCL);
+        CDescriptor probe = TrustedFile::openNoFollow(*path, O_WRONLY | O_CREAT | O_EXCL);
         if (probe.isOpen() || errno != EEXIST)
             return probe;
     }
-    return TrustedFile::Descriptor();
+    return CDescriptor();
 }
 
 // A process that was killed has left its probe behind. One that is at work deletes its own within moments.
@@ -76,10 +76,10 @@ bool checkAccess(const QDir &directory)
     }
 
     QString path;
-    TrustedFile::Descriptor probe = createProbe(directory, &path);
+    CDescriptor probe = createProbe(directory, &path);
     if (!probe.isOpen())
         return false;
-    TrustedFile::writeAll(probe, QByteArrayLiteral("test")); // a full disk does not change the level
+    Io::writeAll(probe, QByteArrayLiteral("test")); // a full disk does not change the level
     probe.reset();
 
     const int reason = deleteProbe(QFile::encodeName(path));

@@ -40,12 +40,11 @@ quint64 idOf(const struct stat &status)
 
 bool writeNew(const QString &path, const QByteArray &text, unsigned mode, int *modeError)
 {
-    const TrustedFile::Descriptor made = TrustedFile::openOwn(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
+    const CDescriptor made = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
     if (!made.isOpen())
         return false;
     *modeError = ::fchmod(made.get(), mode) == 0 ? 0 : errno;
-    return TrustedFile::writeAll(made, text) &&
-           TrustedFile::retried([&] { return ::fdatasync(made.get()); }) == 0;
+    return Io::writeAll(made, text) && Io::retried([&] { return ::fdatasync(made.get()); }) == 0;
 }
 
 } // namespace
@@ -78,7 +77,7 @@ bool read(const QString &path, Contents *contents)
 {
     *contents = Contents();
     contents->path = path;
-    const TrustedFile::Descriptor file = TrustedFile::openJudged(path, &contents->path);
+    const CDescriptor file = TrustedFile::openTrustedLinks(path, &contents->path);
     if (!file.isOpen()) {
         const int reason = errno;
         contents->path = path;
@@ -91,7 +90,7 @@ bool read(const QString &path, Contents *contents)
         return false;
     contents->mode = status.st_mode & 07777u;
     contents->id = idOf(status);
-    return TrustedFile::readAll(file, &contents->text, sizeLimit);
+    return Io::readAll(file, &contents->text, sizeLimit);
 }
 
 bool replace(const Contents &old, const QByteArray &text, int *modeError)
@@ -121,10 +120,10 @@ bool replace(const Contents &old, const QByteArray &text, int *modeError)
 void syncDirectory(const Contents &replaced)
 {
     const QByteArray directory = QFile::encodeName(QFileInfo(replaced.path).path());
-    const TrustedFile::Descriptor opened(TrustedFile::retried(
+    const CDescriptor opened(Io::retried(
         [&] { return ::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     if (opened.isOpen())
-        TrustedFile::retried([&] { return ::fsync(opened.get()); });
+        Io::retried([&] { return ::fsync(opened.get()); });
 }
 
 } // namespace SettingsFile

@@ -49,10 +49,10 @@ bool isHolderDead(const QList<QByteArray> &lines)
     return ::kill(static_cast<pid_t>(lines.at(0).toInt()), 0) != 0 && errno == ESRCH;
 }
 
-bool isStale(const TrustedFile::Descriptor &lock, const struct stat &status)
+bool isStale(const CDescriptor &lock, const struct stat &status)
 {
     QByteArray text;
-    if (!TrustedFile::readAll(lock, &text, sizeLimit))
+    if (!Io::readAll(lock, &text, sizeLimit))
         return false;
     const QList<QByteArray> lines = text.split('\n');
     const qint64 age = ageMs(status);
@@ -61,7 +61,7 @@ bool isStale(const TrustedFile::Descriptor &lock, const struct stat &status)
     return isHolderDead(lines) || age > abandonedMs;
 }
 
-bool isSameFile(const QByteArray &path, const TrustedFile::Descriptor &opened)
+bool isSameFile(const QByteArray &path, const CDescriptor &opened)
 {
     struct stat named = {};
     struct stat status = {};
@@ -101,12 +101,12 @@ bool CSettingsLock::take(int timeoutMs)
 
 bool CSettingsLock::create()
 {
-    descriptor = TrustedFile::openOwn(lockPath, O_RDWR | O_CREAT | O_EXCL, 0644);
+    descriptor = TrustedFile::openNoFollow(lockPath, O_RDWR | O_CREAT | O_EXCL, 0644);
     if (!descriptor.isOpen())
         return false;
 
     const bool isWritten =
-        ::flock(descriptor.get(), LOCK_EX | LOCK_NB) == 0 && TrustedFile::writeAll(descriptor, contents());
+        ::flock(descriptor.get(), LOCK_EX | LOCK_NB) == 0 && Io::writeAll(descriptor, contents());
     const int reason = errno;
     if (isWritten && isSameFile(QFile::encodeName(lockPath), descriptor))
         return true; // nobody has taken it for an abandoned one meanwhile
@@ -120,7 +120,7 @@ bool CSettingsLock::create()
 // Only who holds the abandoned file's flock may remove it, so two who find it remove it once.
 bool CSettingsLock::removeIfStale() const
 {
-    const TrustedFile::Descriptor found = TrustedFile::openOwn(lockPath, O_RDONLY);
+    const CDescriptor found = TrustedFile::openNoFollow(lockPath, O_RDONLY);
     struct stat status = {};
     if (!found.isOpen() || ::fstat(found.get(), &status) != 0)
         return false;

@@ -28,5 +28,5 @@ private:
     bool removeIfStale() const;
 
     QString lockPath;
-    TrustedFile::Descriptor descriptor; // also locked by flock(2), which dies with its process
+    CDescriptor descriptor; // also locked by flock(2), which dies with its process
 };

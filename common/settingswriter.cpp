@@ -161,7 +161,7 @@ void CSettingsWriter::makeDirectory()
     if (QDir(directory).exists())
         return;
     QDir().mkpath(directory);
-    const TrustedFile::Descriptor opened(
+    const CDescriptor opened(
         ::open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!opened.isOpen() || ::fchmod(opened.get(), directoryMode) != 0)
         complainOnce(QStringLiteral("Не удалось изменить права доступа каталога с настройками"), directory,

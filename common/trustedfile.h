@@ -6,82 +6,40 @@
 // what is open. Failures leave the reason in errno.
 #pragma once
 
-#include <QByteArray>
-#include <QString>
+#include "common/descriptor.h"
 
-#include <cerrno>
+#include <QString>
 
 #include <fcntl.h>
 #include <sys/types.h>
 
 namespace TrustedFile {
 
-/// A descriptor that closes itself.
-class Descriptor
-{
-public:
-    explicit Descriptor(int descriptor = -1) : fd(descriptor) {}
-    ~Descriptor() { reset(); }
-    Descriptor(Descriptor &&other) noexcept : fd(other.release()) {}
-    Descriptor &operator=(Descriptor &&other) noexcept;
-
-    bool isOpen() const { return fd >= 0; }
-    int get() const { return fd; }
-
-    /// Gives the descriptor away.
-    int release();
-
-    /// Closes; @return whether close() succeeded (true when nothing was open)
-    bool reset(int descriptor = -1);
-
-private:
-    int fd;
-};
-
-/// Opens a file that the runtime itself makes (log, probe, companion of a save).
+/// Opens a file that only the runtime itself makes (probe, companion of a save, lock).
 ///
 /// No link is followed, nothing blocks; what is open is a regular file with one name.
 /// @param flags of open(2), without O_TRUNC; O_NOFOLLOW, O_NONBLOCK and O_CLOEXEC are added
 /// @param mode used when O_CREAT makes the file, under the process's umask
-/// @return closed on failure, errno tells why (ELOOP a link, EMLINK several names, EINVAL not a
-///         regular file)
+/// @return closed on failure, errno tells why (ELOOP a link, EMLINK several names, EISDIR a directory, EINVAL
+///         something else that is not a regular file)
 /// [any thread]
-Descriptor openOwn(const QString &path, int flags, mode_t mode = 0666);
+CDescriptor openNoFollow(const QString &path, int flags, mode_t mode = 0666);
 
-/// Opens what an administrator may have replaced by a link: a settings file, or a directory above it.
+/// Opens what an administrator may have replaced by a link: a settings file, the log, or a directory above.
 ///
 /// A link, wherever in the path, is followed only when it belongs to root or to the process's own
 /// user, at most eight in all; every step works on what is already open, so nothing can be swapped in
-/// between.
+/// between. What is opened for writing has one name.
 /// @param resolvedPath if given, the path without links of what was opened in the end
-/// @param flags O_RDONLY for a regular file to read; O_PATH for anything, to ask and to give rights
-/// @return closed on failure, errno tells why (EPERM somebody else's link, ELOOP too many, EINVAL
-///         not a regular file, ENOENT no such file)
+/// @param flags of open(2) as above for a regular file; O_PATH for anything, to ask and to give rights
+/// @param mode as above; a file is made where a link leads to nothing yet, too
+/// @return closed on failure, errno tells why (EPERM somebody else's link, ELOOP too many, and as above)
 /// [any thread]
-Descriptor openJudged(const QString &path, QString *resolvedPath = nullptr, int flags = O_RDONLY);
+CDescriptor openTrustedLinks(const QString &path, QString *resolvedPath = nullptr, int flags = O_RDONLY,
+                             mode_t mode = 0666);
 
-/// More than any file that the runtime reads; what is longer was planted.
-constexpr qint64 sizeLimit = 16 * 1024 * 1024;
-
-/// Reads all of @a descriptor from where it stands.
-/// @return false on an error, errno tells why (EFBIG longer than @a limit)
-bool readAll(const Descriptor &descriptor, QByteArray *data, qint64 limit = sizeLimit);
-
-/// One write(). A limit on the size of files makes it fail with EFBIG, not end the process.
-/// @return bytes written, or -1 and errno
-ssize_t writeSome(int descriptor, const char *data, size_t size);
-
-/// Writes all of @a data, as many calls as it takes. @return false on an error, errno tells why
-bool writeAll(const Descriptor &descriptor, const QByteArray &data);
-
-/// Runs a system call again that a signal has interrupted, but not for ever.
-template <typename Call>
-auto retried(const Call &call)
-{
-    auto result = call();
-    for (int again = 0; again < 5 && result == -1 && errno == EINTR; ++again)
-        result = call();
-    return result;
-}
+/// Why a file could not be opened for reading, in the words of QFile::errorString().
+/// @param reason errno
+QString readingErrorText(int reason);
 
 } // namespace TrustedFile

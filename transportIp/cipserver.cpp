@@ -10,8 +10,9 @@
 #include "transportIp/ipchannelkind.h"
 #include "transportIp/threadcheck.h"
 
+#include <QFile>
+
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 namespace {
@@ -143,15 +144,16 @@ void CIpServer::loadSettings()
 
     const QString fileName = Global::channelIpSettingsFilePath();
     Global::recoverSaved(fileName); // logs by itself what it cannot mend
-    const TrustedFile::Descriptor file = TrustedFile::openJudged(fileName);
-    QByteArray data;
-    if (file.isOpen() && TrustedFile::readAll(file, &data)) {
-        const QString error = settings.fromByteArray(data);
-        if (!error.isEmpty())
+    if (QFile::exists(fileName)) {
+        const CDescriptor file = TrustedFile::openTrustedLinks(fileName);
+        QByteArray data;
+        const bool isRead = file.isOpen() && Io::readAll(file, &data);
+        const QString error = isRead ? settings.fromByteArray(data) : TrustedFile::readingErrorText(errno);
+        if (!isRead)
+            log(QStringLiteral("Не удалось открыть файл настроек IP канала для чтения %1. %2")
+                    .arg(fileName, error));
+        else if (!error.isEmpty())
             log(QStringLiteral("Ошибка чтения настроек IP канала. %1").arg(error));
-    } else if (errno != ENOENT) {
-        log(QStringLiteral("Не удалось открыть файл настроек IP канала для чтения %1. %2")
-                .arg(fileName, QString::fromLocal8Bit(std::strerror(errno))));
     }
     CurrentIpSettings::publish(settings);
 }
@@ -184,5 +186,5 @@ void CIpServer::reportLastRefusal()
         return;
     refusalPause.start();
     const int error = std::exchange(lastRefusal, 0);
-    reportAcceptError(QAbstractSocket::SocketResourceError, QString::fromLocal8Bit(std::strerror(error)));
+    reportAcceptError(QAbstractSocket::SocketResourceError, qt_error_string(error));
 }

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -62,7 +61,7 @@ bool hasDescriptorsForCall()
 
 QString systemError(int error)
 {
-    return QString::fromLocal8Bit(std::strerror(error));
+    return qt_error_string(error);
 }
 
 /// @return whether a record can be written without waiting for those who fight for the log

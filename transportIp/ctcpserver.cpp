@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -131,7 +130,7 @@ void CTcpServer::acceptConnections()
 
         readable->setEnabled(false); // it stays readable: rest instead of spinning
         rest.start();
-        acceptErrorText = QString::fromLocal8Bit(std::strerror(error));
+        acceptErrorText = qt_error_string(error);
         Q_EMIT acceptError(QAbstractSocket::SocketResourceError);
         return;
     }

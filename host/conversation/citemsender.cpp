@@ -51,7 +51,7 @@ bool CItemSender::openItem()
     struct stat status
     {};
     if (file < 0 || ::fstat(file, &status) != 0)
-        giveUp(CDelivery::Unreadable, QString::fromLocal8Bit(std::strerror(errno)));
+        giveUp(CDelivery::Unreadable, qt_error_string(errno));
     else if (!S_ISREG(status.st_mode) || status.st_size != item->size)
         giveUp(CDelivery::Unreadable, QStringLiteral("файл изменился"));
     return state != Over;
@@ -81,7 +81,7 @@ void CItemSender::makeData(int room)
             if (count == 0 || (count < 0 && errno != EINTR)) {
                 frame.resize(0);
                 giveUp(CDelivery::Unreadable, count == 0 ? QStringLiteral("файл изменился")
-                                                         : QString::fromLocal8Bit(std::strerror(errno)));
+                                                         : qt_error_string(errno));
                 return;
             }
             filled += int(qMax<ssize_t>(count, 0));

@@ -1,13 +1,11 @@
 #include "host/conversation/cmessagestore.h"
 
-#include "common/csettings.h"
 #include "common/global.h"
 #include "host/console/untrustedtext.h"
 
 #include <QFile>
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/file.h>
@@ -19,7 +17,6 @@ namespace {
 constexpr qint64 reserveBytes = 16 * 1024 * 1024; // left free on the disk
 constexpr qint64 flushEveryBytes = 8 * 1024 * 1024;
 constexpr int mostAttempts = 100;
-constexpr int newFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 
 /// The runtime gives out names to one thread at a time.
 QString nextName(const QDir &directory)
@@ -34,31 +31,24 @@ QByteArray encoded(const QString &path)
     return QFile::encodeName(path);
 }
 
-bool writeAll(int descriptor, std::string_view bytes)
+CDescriptor openDirectory(const QString &path)
 {
-    while (!bytes.empty()) {
-        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR)
-            return false;
-        bytes.remove_prefix(std::size_t(qMax<ssize_t>(count, 0)));
-    }
-    return true;
+    return CDescriptor(::open(encoded(path).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-int openDirectory(const QString &path)
+/// Opens a directory of incomplete/ and takes its lock. @return closed when somebody else has it
+CDescriptor openLocked(const QString &path)
 {
-    return ::open(encoded(path).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    CDescriptor descriptor = openDirectory(path);
+    if (descriptor.isOpen() && ::flock(descriptor.get(), LOCK_EX | LOCK_NB) != 0)
+        descriptor.reset();
+    return descriptor;
 }
 
-/// Opens a directory of incomplete/ and takes its lock. @return -1 when somebody else has it
-int openLocked(const QString &path)
+CDescriptor createFile(const CDescriptor &directory, const QString &name)
 {
-    const int descriptor = openDirectory(path);
-    if (descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0)
-        return descriptor;
-    if (descriptor >= 0)
-        ::close(descriptor);
-    return -1;
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    return CDescriptor(::openat(directory.get(), encoded(name).constData(), flags, 0600));
 }
 
 } // namespace
@@ -76,11 +66,9 @@ QString CMessageStore::prepare()
     const QStringList leftovers = incomplete.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks);
     for (const QString &name : leftovers) {
         const QString path = incomplete.absoluteFilePath(name);
-        const int locked = openLocked(path);
-        if (locked < 0)
-            continue; // another process is receiving it
-        QDir(path).removeRecursively();
-        ::close(locked);
+        const CDescriptor locked = openLocked(path); // closed while another process is receiving it
+        if (locked.isOpen())
+            QDir(path).removeRecursively();
     }
     return QString();
 }
@@ -97,14 +85,14 @@ std::unique_ptr<CIncomingMessage> CMessageStore::begin(const QString &name, qint
 
     std::unique_ptr<CIncomingMessage> message(new CIncomingMessage);
     message->store = this;
-    for (int attempt = 0; attempt < mostAttempts && message->directory < 0; ++attempt) {
+    for (int attempt = 0; attempt < mostAttempts && !message->directory.isOpen(); ++attempt) {
         message->path = incomplete.absoluteFilePath(nextName(incomplete));
         if (::mkdir(encoded(message->path).constData(), 0700) == 0)
             message->directory = openLocked(message->path); // a sweep may have been quicker: the next one
         else if (errno != EEXIST)
             break;
     }
-    if (message->directory < 0) {
+    if (!message->directory.isOpen()) {
         *error = message->trouble("каталог сообщения");
         return nullptr;
     }
@@ -112,9 +100,8 @@ std::unique_ptr<CIncomingMessage> CMessageStore::begin(const QString &name, qint
     message->contentName = name.isNull() ? QStringLiteral("text.txt") : safeFileName(name);
     if (message->contentName == QLatin1String("message.txt"))
         message->contentName.prepend(QLatin1Char('_'));
-    message->content =
-        ::openat(message->directory, encoded(message->contentName).constData(), newFileFlags, 0600);
-    if (message->content < 0) {
+    message->content = createFile(message->directory, message->contentName);
+    if (!message->content.isOpen()) {
         *error = message->trouble("файл");
         return nullptr;
     }
@@ -123,23 +110,18 @@ std::unique_ptr<CIncomingMessage> CMessageStore::begin(const QString &name, qint
 
 CIncomingMessage::~CIncomingMessage()
 {
-    if (content >= 0)
-        ::close(content);
-    if (directory < 0)
-        return;
-    if (!path.isEmpty())
+    if (directory.isOpen() && !path.isEmpty())
         QDir(path).removeRecursively();
-    ::close(directory);
 }
 
 QString CIncomingMessage::append(std::string_view bytes)
 {
-    if (!writeAll(content, bytes))
+    if (!Io::writeAll(content.get(), bytes))
         return trouble("файл");
     written += qint64(bytes.size());
     // The disk begins now, so that the wait in finish() is short however long the file.
     if (written - flushed >= flushEveryBytes) {
-        ::sync_file_range(content, flushed, written - flushed, SYNC_FILE_RANGE_WRITE);
+        ::sync_file_range(content.get(), flushed, written - flushed, SYNC_FILE_RANGE_WRITE);
         flushed = written;
     }
     return QString();
@@ -147,20 +129,18 @@ QString CIncomingMessage::append(std::string_view bytes)
 
 QString CIncomingMessage::finish(const QByteArray &description, QString *finalDirectory)
 {
-    const int about = ::openat(directory, "message.txt", newFileFlags, 0600);
-    const bool isWritten = about >= 0 &&
-                           writeAll(about, {description.constData(), std::size_t(description.size())}) &&
-                           ::fdatasync(about) == 0 && ::fdatasync(content) == 0 && ::fsync(directory) == 0;
-    const QString failure = isWritten ? QString() : trouble("файл");
-    if (about >= 0)
-        ::close(about);
-    if (!isWritten)
-        return failure;
+    const QString aboutName = QStringLiteral("message.txt");
+    const CDescriptor about = createFile(directory, aboutName);
+    if (!about.isOpen() || !Io::writeAll(about, description))
+        return trouble("файл");
 
+    // The rights before the syncs: a loss of power must not leave a message that its readers cannot open.
     const QDir here(path);
-    Global::setFilePermissions(here.absoluteFilePath(contentName));
-    Global::setFilePermissions(here.absoluteFilePath(QStringLiteral("message.txt")));
-    QFile::setPermissions(path, QFileDevice::Permissions(CSettings().dirPermissions()));
+    Global::setFilePermissions(content.get(), here.absoluteFilePath(contentName));
+    Global::setFilePermissions(about.get(), here.absoluteFilePath(aboutName));
+    Global::setDirectoryPermissions(directory.get(), path);
+    if (!Io::sync(about) || !Io::sync(content) || !Io::sync(directory))
+        return trouble("файл");
 
     for (int attempt = 0; attempt < mostAttempts; ++attempt) {
         const QString name = nextName(store->input);
@@ -170,11 +150,8 @@ QString CIncomingMessage::finish(const QByteArray &description, QString *finalDi
         // A finished message is never empty, so no renaming can replace one.
         if (::rename(encoded(path).constData(), encoded(*finalDirectory).constData()) == 0) {
             path.clear();
-            const int parent = openDirectory(store->input.absolutePath());
-            if (parent >= 0) {
-                ::fsync(parent);
-                ::close(parent);
-            }
+            if (const CDescriptor parent = openDirectory(store->input.absolutePath()); parent.isOpen())
+                Io::sync(parent);
             return QString();
         }
         if (errno != EEXIST && errno != ENOTEMPTY && errno != ENOTDIR)
@@ -185,6 +162,5 @@ QString CIncomingMessage::finish(const QByteArray &description, QString *finalDi
 
 QString CIncomingMessage::trouble(const char *what) const
 {
-    const QString reason = QString::fromLocal8Bit(std::strerror(errno));
-    return QStringLiteral("Не удалось записать %1: %2").arg(QString::fromUtf8(what), reason);
+    return QStringLiteral("Не удалось записать %1: %2").arg(QString::fromUtf8(what), qt_error_string(errno));
 }

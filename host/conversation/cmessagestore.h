@@ -9,6 +9,8 @@
 // So whatever ends the process, input/ holds finished messages only.
 #pragma once
 
+#include "common/descriptor.h"
+
 #include <QByteArray>
 #include <QDir>
 #include <QString>
@@ -50,8 +52,8 @@ private:
     CMessageStore *store = nullptr;
     QString path; // of the directory in incomplete/
     QString contentName;
-    int directory = -1; // descriptor, holds the lock
-    int content = -1;   // descriptor
+    CDescriptor directory; // holds the lock
+    CDescriptor content;
     qint64 written = 0;
     qint64 flushed = 0; // how far the disk has been told to begin
 };

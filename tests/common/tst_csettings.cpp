@@ -78,7 +78,7 @@ private Q_SLOTS:
             reads([] { QDir().mkpath(settingsPath()); }),
             "5000 5000 Не удалось прочитать файл настроек, используются значения по умолчанию \"%1\" \"%2\"|"
             "Не удалось записать файл настроек, значения остаются в памяти \"%1\" \"%2\";  "_s.arg(
-                settingsPath(), "Invalid argument"_s));
+                settingsPath(), "Is a directory"_s));
         QCOMPARE(reads([] { // the directory cannot be made
                      QDir().rmdir(path() + "/settings"_s);
                      write(path() + "/settings"_s, "in the way");

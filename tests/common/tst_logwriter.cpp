@@ -13,8 +13,10 @@
 #include <QThread>
 #include <QtTest>
 
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,7 +38,8 @@ QString logPath()
 // The log without its head and the times and sources: a first line as "1 text|", 1 being its tab level.
 QString records()
 {
-    QString text = QString::fromUtf8(log());
+    const QByteArray bytes = log();
+    QString text = QString::fromUtf8(bytes.constData(), bytes.size()); // behind NULs, too
     if (text.startsWith("Версия 3.0.25.0 release linux edition"_s))
         text.remove(0, text.indexOf("\n\n"_s) + 2);
     const QRegularExpression start("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} [ \\w.]{25}((?:    )+)"_s);
@@ -145,13 +148,14 @@ private Q_SLOTS:
         QCOMPARE(outcome, "1 deleted|1 moved|1 anew|200"_s);
     }
 
+    // No room in the middle of a line, exactly between two lines, and none at all.
     void aTornLineEnds()
     {
         const QString outcome = Forked::text([] {
             MessageCatcher messages;
             put("before");
             const auto size = static_cast<rlim_t>(QFileInfo(logPath()).size());
-            for (const rlim_t limit : {size + 44, size, RLIM_INFINITY}) {
+            for (const rlim_t limit : {size + 44, size + 45 + 47, size, RLIM_INFINITY}) {
                 const rlimit limits = {limit, RLIM_INFINITY};
                 ::setrlimit(RLIMIT_FSIZE, &limits);
                 QThread::msleep(10); // limits are looked at once per tick of the clock
@@ -160,7 +164,81 @@ private Q_SLOTS:
             return messages.takeAll() + records();
         });
         const QString failed = "Не удалось записать данные в лог файл. Ошибка записи.  \"File too large\"|"_s;
-        QCOMPARE(outcome, failed.repeated(3).chopped(1) + "1 before|1 to|1 after|"_s);
+        QCOMPARE(outcome, failed.repeated(4).chopped(1) + "1 before|1 to|1 torn|1 after|"_s);
+    }
+
+    // Of a process that was killed, or of a machine that has lost its power. What may be asked of the
+    // settings only when a directory is made is not asked.
+    void aLogLeftBehindGoesOn()
+    {
+        const QString zeros(2, QChar(0));
+        const struct
+        {
+            QString left, before;           // the first record
+        } rows[] = {{QString(), "head "_s}, // none at all, in a directory that is there
+                    {""_s, "head "_s},
+                    {"whole\n"_s, "whole|"_s},
+                    {"tor"_s, "tor|"_s},
+                    {"whole\n"_s + zeros, "whole|"_s + zeros + QLatin1Char('|')}};
+        const QString name = Forked::text([] { return put("a first one"), logPath(); });
+        for (const auto &row : rows) {
+            clean();
+            write(name, row.left.toUtf8());
+            if (row.left.isNull())
+                QFile::remove(name);
+            for (int process = 0; process < 2; ++process)
+                Forked::run([] { return put("next"), 0; });
+            QCOMPARE((log().startsWith("Версия") ? "head "_s : QString()) + records(),
+                     row.before + "1 next|1 next|"_s);
+            QVERIFY(!settings().contains("dirPermissions"));
+        }
+    }
+
+    // A host closes what is not its own, and its next files get the numbers: of the log and of its watch.
+    void strangersGetNothing()
+    {
+        const QString outcome = Forked::text([] {
+            const auto leadsTo = [](int fd) { return QFile::symLinkTarget("/proc/self/fd/%1"_s.arg(fd)); };
+            QString result;
+            for (const bool isReplaced : {true, false}) {
+                QList<int> taken; // the log's, and the watch's, which begins when records come fast
+                for (int again = 0; again < 100000 && taken.size() < 2; ++again) {
+                    put("before");
+                    taken.clear();
+                    for (int fd = 3; again % 100 == 99 && fd < 20; ++fd) {
+                        if (leadsTo(fd).contains(QRegularExpression("inotify|/data/0/log/"_s)))
+                            taken += fd;
+                    }
+                }
+                int ends[2]; // of a connection that blocks and has something to be read
+                ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+                static_cast<void>(::write(ends[0], "own", 3));
+                for (const int fd : taken)
+                    isReplaced ? ::dup2(ends[1], fd) : ::close(fd);
+                for (int i = 0; i < 100; ++i)
+                    put("after");
+                QFile::rename(logPath(), path() + "/data/away"_s); // something to be told of
+                put("anew");
+
+                int waiting = 0;
+                ::ioctl(ends[1], FIONREAD, &waiting);
+                char received = 0;
+                const bool isSilent = ::recv(ends[0], &received, 1, MSG_DONTWAIT) < 0;
+                int open = 0;
+                for (const int fd : taken)
+                    open += leadsTo(fd).contains("socket"_s);
+                result += "%1 of %2 open, %3, %4 bytes to read, %5 records after, "_s.arg(open)
+                              .arg(taken.size())
+                              .arg(isSilent ? "silent"_s : "written to"_s)
+                              .arg(waiting)
+                              .arg(read(path() + "/data/away"_s).count("    after\n")) +
+                          records();
+                clean();
+            }
+            return result;
+        });
+        const QString fine = "%1 of 2 open, silent, 3 bytes to read, 100 records after, 1 anew|"_s;
+        QCOMPARE(outcome, fine.arg(2) + fine.arg(0));
     }
 
     void emergencyRecordsNeedNothing()

@@ -43,6 +43,21 @@ private Q_SLOTS:
         QCOMPARE(Forked::run([&] { return Global::setFilePermissions(name) ? 1 : 0; }), 1);
         QCOMPARE(rights(name), 0x6000);
         QVERIFY(!Global::setFilePermissions(path()) && !Global::setFilePermissions(name + "missing"_s));
+
+        // All bits are compared, those of the running user, too; what cannot be set is no complaint.
+        constexpr uid_t stranger = 65534;
+        clean();
+        ::umask(0); // so that a stranger gets at the files
+        QVERIFY(write(name, "x"));
+        const bool mayAct = Forked::canActAs(stranger);
+        for (const auto &[wanted, answer] : {std::pair(0x6666, 1), std::pair(0x6066, 0)}) {
+            QVERIFY(writeSettings("[Permissions]\nfilePermissions=" + QByteArray::number(wanted) + '\n') &&
+                    QFile::setPermissions(name, QFile::Permissions(0x6066)));
+            QCOMPARE(mayAct ? Forked::run([&] { return Global::setFilePermissions(name) ? 1 : 0; }, stranger)
+                            : answer,
+                     answer);
+        }
+        ::umask(077);
         QCOMPARE(log(), QByteArray());
         clean();
     }
@@ -51,35 +66,42 @@ private Q_SLOTS:
     {
         const QString opening = "Не удалось открыть файл для записи. "_s;
         const QString moving = "Не удалось переименовать файл %1/N"_s;
+        const QString tooLong(300, QLatin1Char('x'));
         const struct
         {
-            QString how; // save what is named, move N to F, recover F
+            QString how; // save, move N to, or recover what is named
             QString before, after;
             QString text, logged; // %1 stands for the place
         } rows[] = {
-            {"F"_s, "F=old F.new=longer F.old=older"_s, "F=new"_s, {}, {}},
-            {"sub/F"_s, ""_s, "sub/"_s, {}, {}},
-            {"F"_s, "F=old F.new/"_s, "F=old F.new/"_s, opening + "Is a directory."_s,
+            {"save F"_s, "F=old F.new=longer F.old=older"_s, "F=new"_s, {}, {}},
+            {"save sub/F"_s, ""_s, "sub/"_s, {}, {}},
+            {"save F"_s, "F=old F.new/"_s, "F=old F.new/"_s, opening + "Is a directory."_s,
              "safeSaving failed 7. "_s + opening + "Is a directory."_s},
-            {"sub/F"_s, "sub=x"_s, "sub=x"_s, opening + "Not a directory."_s,
+            {"save sub/F"_s, "sub=x"_s, "sub=x"_s, opening + "Not a directory."_s,
              "Не удалось создать путь %1/sub"_s},
-            {"F"_s,
+            {"save F"_s,
              "F/"_s,
              "F=new F.old/"_s,
              {},
              "safeSaving file removing failed. Не удалось удалить старый файл при безопасном сохранении %1/F.old. Is a directory"_s},
-            {"move"_s, "N=new"_s, "F=new"_s, {}, {}},
-            {"move"_s, ""_s, ""_s, moving,
+            {"move F"_s, "N=new"_s, "F=new"_s, {}, {}},
+            {"move F"_s, ""_s, ""_s, moving,
              "safeSaving failed 4. "_s + moving + ". No such file or directory"_s},
-            {"move"_s, "F=old"_s, "F=old"_s, moving,
+            {"move sub/F"_s, "N=new sub=x"_s, "N=new sub=x"_s, moving,
+             "safeSaving failed 4. "_s + moving + ". Not a directory"_s},
+            {"move "_s + tooLong, "N=new"_s, "N=new"_s, moving,
+             "safeSaving failed 4. "_s + moving + ". File name too long"_s},
+            {"move F"_s, "F=old"_s, "F=old"_s, moving,
              "safeSaving failed 2. "_s + moving + ". No such file or directory"_s},
-            {"recover"_s,
+            {"recover F"_s,
              "F.new=new F.old=old"_s,
              "F=old F.new=new"_s,
              {},
              "Восстановлен файл %1/F из %1/F.old"_s},
-            {"recover"_s, "F=new F.old=old"_s, "F=new F.old=old"_s, {}, {}},
-            {"recover"_s, "F.old/"_s, "F.old/"_s, {}, {}},
+            {"recover F"_s, "F=new F.old=old"_s, "F=new F.old=old"_s, {}, {}},
+            {"recover F"_s, "F.new=new F.old/"_s, "F.new=new F.old/"_s, {}, {}},
+            {"recover F"_s, "F.old=old"_s, "F.old=old"_s, {}, {}}, // somebody has deleted F
+            {"save F"_s, "F.new=x F.old=old"_s, "F=new F.old=old"_s, {}, {}},
         };
         for (const auto &row : rows) {
             const QTemporaryDir place;
@@ -87,11 +109,12 @@ private Q_SLOTS:
                 return QString(text).replace("%1"_s, place.path());
             };
             plant(place.path(), row.before);
-            const bool saves = row.how.endsWith(QLatin1Char('F'));
-            const QString target = place.filePath(saves ? row.how : "F"_s);
-            const QString result = saves                 ? Global::safeSaving(target, QByteArray("new"))
-                                   : row.how == "move"_s ? Global::safeSaving(place.filePath("N"_s), target)
-                                                         : Global::recoverSaved(target);
+            const bool saves = row.how.startsWith("save"_s);
+            const QString target = place.filePath(row.how.section(QLatin1Char(' '), 1));
+            const QString result = saves ? Global::safeSaving(target, QByteArray("new"))
+                                   : row.how.startsWith("move"_s)
+                                       ? Global::safeSaving(place.filePath("N"_s), target)
+                                       : Global::recoverSaved(target);
             QVERIFY(result == here(row.text) && result.isNull() == row.text.isEmpty());
             QCOMPARE(found(place.path()), row.after);
             QVERIFY(!result.isNull() || !saves || rights(target) == 0x6066);

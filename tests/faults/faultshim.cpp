@@ -48,6 +48,13 @@ bool strikes(const char *call, const std::string &path, bool isWrite = false)
     return true;
 }
 
+bool fallsShort(bool isNew)
+{
+    if (isNew && Fault::isOldSystem)
+        errno = EINVAL;
+    return isNew && Fault::isOldSystem;
+}
+
 std::string ofDescriptor(int fd)
 {
     return "/proc/self/fd/" + std::to_string(fd);
@@ -63,6 +70,7 @@ Function *next(Function *, const char *name)
 
 namespace Fault {
 
+bool isOldSystem = false;
 std::function<void(const char *path)> beforeCreation;
 
 void arm(int nth, bool onward, int error)
@@ -101,10 +109,15 @@ SHIM_CALL(chmod, (const char *path, mode_t mode) noexcept, path, path, mode)
 SHIM_CALL(mkdir, (const char *path, mode_t mode) noexcept, path, path, mode)
 SHIM_CALL(unlink, (const char *path) noexcept, path, path)
 SHIM_CALL(rename, (const char *from, const char *to) noexcept, from, from, to)
-SHIM_CALL(renameat2, (int a, const char *from, int b, const char *to, unsigned flags) noexcept, from, a, from,
-          b, to, flags)
 SHIM_CALL(linkat, (int a, const char *from, int b, const char *to, int flags) noexcept, to, a, from, b, to,
           flags)
+
+SHIM int renameat2(int a, const char *from, int b, const char *to, unsigned flags) noexcept
+{
+    if (strikes("renameat2", from) || fallsShort(true))
+        return -1;
+    PASS(renameat2, a, from, b, to, flags);
+}
 
 SHIM int openat(int directory, const char *path, int flags, ...)
 {
@@ -114,7 +127,7 @@ SHIM int openat(int directory, const char *path, int flags, ...)
     va_end(list);
     if ((flags & O_CREAT) != 0 && Fault::beforeCreation)
         Fault::beforeCreation(path);
-    if (strikes("open", path))
+    if (strikes("open", path) || fallsShort((flags & O_TMPFILE) == O_TMPFILE))
         return -1;
     PASS(openat, directory, path, flags, mode);
 }

@@ -23,6 +23,9 @@ int disarm();
 /// The call struck first, and the last name of its file: "rename F.new".
 std::string struck();
 
+/// A file system without renameat2() and files without a name, on any thread, armed or not.
+extern bool isOldSystem;
+
 /// Called with the path before every open that makes a file, on any thread, armed or not.
 extern std::function<void(const char *path)> beforeCreation;
 

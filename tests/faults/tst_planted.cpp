@@ -64,10 +64,21 @@ QString saved()
     return text.isNull() && read(saveTarget()) != "new" ? "not saved"_s : text;
 }
 
+// Of a directory, for the reason that Qt gives.
+QString refused(const QString &said, const QString &name, QIODevice::OpenMode mode)
+{
+    QFile file(name);
+    if (!QFileInfo(name).isDir() || (!file.open(mode) && said.contains(file.errorString())))
+        return "refused"_s;
+    return said;
+}
+
 QString logged()
 {
     debug("Planted"_s, "text"_s, DebugAlways, DebugFlagFileOnly);
-    return spoken.contains("Ошибка открытия файла для записи:"_s) ? "refused"_s : QString();
+    return spoken.contains("Ошибка открытия файла для записи:"_s)
+               ? refused(spoken, logFile(), QIODevice::Append)
+               : QString();
 }
 
 QString writingTime()
@@ -79,8 +90,11 @@ QString writingTime()
 QString record()
 {
     QByteArray data;
-    const TrustedFile::Descriptor file = TrustedFile::openJudged(Global::channelIpSettingsFilePath());
-    return file.isOpen() && TrustedFile::readAll(file, &data) && data == precious ? QString() : "refused"_s;
+    const QString name = Global::channelIpSettingsFilePath();
+    const CDescriptor file = TrustedFile::openTrustedLinks(name);
+    return file.isOpen() && Io::readAll(file, &data) && data == precious
+               ? QString()
+               : refused(TrustedFile::readingErrorText(errno), name, QIODevice::ReadOnly);
 }
 
 // One name that the runtime opens, what opens it, and which objects it answers with its text: l_ink,
@@ -200,6 +214,36 @@ private Q_SLOTS:
         QCOMPARE(Forked::text(use), QString());
         QVERIFY(QFileInfo(settingsPath()).isSymLink() && read(outside).startsWith(precious) &&
                 read(outside).contains("filePermissions"));
+    }
+
+    // Links of root to a log, to one that is still to be made, and to a directory of logs; and a neighbour's.
+    void administratorsMayLinkLogs()
+    {
+        const QString logs = QFileInfo(logFile()).path();
+        const QString there = place.filePath("there"_s);
+        for (const QByteArray what :
+             {"log", "new log", "emergency log", "directory", "neighbour's directory"}) {
+            const bool isDirectory = what.endsWith("directory");
+            const QString link = isDirectory ? logs : logFile();
+            QVERIFY(QDir(logs).removeRecursively() && QDir().mkpath(QFileInfo(link).path()));
+            QVERIFY(!isDirectory || QDir().mkpath(there));
+            QVERIFY(what != "log" || write(there, "before\n"));
+            QVERIFY(QFile::link(there, link));
+            QCOMPARE(
+                ::lchown(QFile::encodeName(link).constData(), what.startsWith("neigh") ? neighbour : 0, 0),
+                0);
+            const auto use = [&] {
+                qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+                for (int i = 0; i < 50; ++i)
+                    what == "emergency log" ? emergecyDebug("text"_s)
+                                            : debug("Planted"_s, "text"_s, DebugAlways, DebugFlagFileOnly);
+                const QByteArray text = read(isDirectory ? there + logFile().mid(logs.size()) : there);
+                return QString::number(text.count("    text\n"));
+            };
+            QCOMPARE(Forked::text(use), what.startsWith("neigh") ? "0"_s : "50"_s);
+            QVERIFY(QFileInfo(link).isSymLink() && QFile::remove(link));
+            QVERIFY(isDirectory ? QDir(there).removeRecursively() : QFile::remove(there));
+        }
     }
 };
 

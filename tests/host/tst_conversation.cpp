@@ -288,8 +288,9 @@ private Q_SLOTS:
             0);
         QCOMPARE(beta.settings().toHex(), QByteArray("000000020000000007000046cb00000080"));
 
-        // A crash in the middle of a save leaves the settings under another name.
-        QVERIFY(QFile::rename(beta.settingsFile(), beta.settingsFile() + ".old"_s));
+        // A crash in the middle of a save leaves the settings under another name, beside new ones.
+        QVERIFY(QFile::rename(beta.settingsFile(), beta.settingsFile() + ".old"_s) &&
+                TestInstallation::write(beta.settingsFile() + ".new"_s, "x"));
         QCOMPARE(beta.run("settings show"_s), 0);
         QVERIFY2(beta.output.contains("18123"_s) && beta.output.contains("1234"_s), qPrintable(beta.output));
     }

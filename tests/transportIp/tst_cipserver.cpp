@@ -8,6 +8,7 @@
 #include "transportIp/cipsettings.h"
 #include "transportIp/main.h"
 
+#include <QDir>
 #include <QScopeGuard>
 #include <QSemaphore>
 #include <QTcpServer>
@@ -108,13 +109,25 @@ private Q_SLOTS:
         configure({false, 3, port, 1});
         server->settingsWasChanged();
         QVERIFY(host->stopServer());
-        QVERIFY(QFile::remove(Global::channelIpSettingsFilePath()));
-        server->settingsWasChanged(); // defaults, but for what has no default
+        const QString file = Global::channelIpSettingsFilePath();
+        const QByteArray logged = TestInstallation::log();
+        QVERIFY(QFile::rename(file, file + ".old"_s)); // not the trace of a save
+        server->settingsWasChanged();                  // defaults, but for what has no default
         QVERIFY(!server->canCheckOnline());
         QCOMPARE(gIpSettings.port, 18001);
         QCOMPARE(gIpSettings.blockSizeKb, 64);
+        QCOMPARE(TestInstallation::log(), logged);
 
-        QVERIFY(TestInstallation::write(Global::channelIpSettingsFilePath(), QByteArray("\0\0\0\1", 4)));
+        QVERIFY(QDir().mkdir(file));
+        server->settingsWasChanged();
+        QVERIFY(QDir().rmdir(file));
+        QVERIFY(
+            QString::fromUtf8(TestInstallation::log())
+                .contains(
+                    "Не удалось открыть файл настроек IP канала для чтения %1. file to open is a directory\n"_s
+                        .arg(file)));
+
+        QVERIFY(TestInstallation::write(file, QByteArray("\0\0\0\1", 4)));
         server->settingsWasChanged();
         QVERIFY(TestInstallation::log().contains(
             "Ошибка чтения настроек IP канала. Версия настроек 1 не совпадает с текущей 2"));
