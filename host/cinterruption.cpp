@@ -25,6 +25,7 @@ void CInterruption::block()
 {
     const sigset_t set = ourSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
 }
 
 CInterruption::CInterruption()

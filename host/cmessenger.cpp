@@ -44,12 +44,12 @@ bool CMessenger::load()
             channels.push_back(std::move(channel));
         } else {
             debug(QStringLiteral("CMessenger"), error, DebugAlways, DebugFlagFileOnly);
-            console.line(error);
+            console.error(error);
         }
     }
     if (channels.empty())
-        console.line(QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
-                         .arg(directory.absolutePath()));
+        console.error(QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
+                          .arg(directory.absolutePath()));
     return !channels.empty();
 }
 
@@ -58,7 +58,7 @@ bool CMessenger::keepOnly(int kind)
     const auto isOther = [kind](const Channel &channel) { return channel.library->plugin()->type() != kind; };
     channels.erase(std::remove_if(channels.begin(), channels.end(), isOther), channels.end());
     if (channels.empty())
-        console.line(QStringLiteral("Нет модуля нужного канала"));
+        console.error(QStringLiteral("Нет модуля нужного канала"));
     return !channels.empty();
 }
 

@@ -22,7 +22,7 @@ void showQtMessage(QtMsgType type, const QMessageLogContext &context, const QStr
     Q_UNUSED(context)
     CConsole *console = gConsole;
     if (console && (type != QtDebugMsg || gIsVerbose))
-        console->line(text);
+        console->error(text);
 }
 
 QString nameOf(const CommandLine &line)
@@ -70,14 +70,14 @@ CProgram::~CProgram()
 int CProgram::prepare()
 {
     if (Global::filterName(ownName).isEmpty()) {
-        console.line(QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр: задайте другое, --name")
-                         .arg(ownName));
+        console.error(QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр: задайте другое, --name")
+                          .arg(ownName));
         return ExitUsage;
     }
     const QString error = store.prepare();
     if (!error.isNull()) {
         debug(QStringLiteral("CProgram"), error, DebugAlways, DebugFlagFileOnly);
-        console.line(error);
+        console.error(error);
         return ExitTrouble;
     }
     if (!messenger.load())
