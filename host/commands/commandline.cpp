@@ -75,7 +75,10 @@ private:
         } else {
             if (!hasValue)
                 value = rest.takeFirst();
-            (option == QLatin1String("--name") ? result->name : result->text) = value;
+            if (option == QLatin1String("--name"))
+                result->name = value;
+            else
+                result->texts << value;
             if (value.isEmpty())
                 result->mistake = QStringLiteral("Пустое значение параметра %1").arg(option);
         }
@@ -114,7 +117,7 @@ void finishSend(CommandLine *line)
         line->mistake = QStringLiteral("Пустое имя абонента");
     else if (!parseAddress(address, &line->address, &line->port))
         line->mistake = QStringLiteral("Адрес абонента задан неверно: %1").arg(address);
-    else if (line->files.isEmpty() && line->text.isNull())
+    else if (line->files.isEmpty() && line->texts.isEmpty())
         line->mistake = QStringLiteral("Нечего передавать: укажите файлы или --text");
 }
 

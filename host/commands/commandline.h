@@ -23,7 +23,7 @@ struct CommandLine
     QString address;
     int port = defaultPort;
     QStringList files;
-    QString text;    // --text; null: none
+    QStringList texts;
     int retries = 0; // --retry: further attempts, or retryForEver
 
     // The words that follow commands without a form of their own ("settings").

@@ -12,7 +12,6 @@
 namespace {
 
 constexpr int ipKind = 1; // CChannelPlugin::type() of the channel whose records we write
-constexpr int mostTextBytes = 1024 * 1024;
 
 } // namespace
 
@@ -20,17 +19,14 @@ int runSend(const CommandLine &line)
 {
     CDelivery delivery;
     CProgram program(line, line.verbose ? CConsoleMonitor::Shown : CConsoleMonitor::Silent, &delivery);
-    if (!line.text.isNull())
-        delivery.addText(line.text);
-    for (const QString &file : line.files) {
-        const QString error = delivery.addFile(file);
-        if (!error.isNull()) {
-            program.console.line(error);
-            return ExitUsage;
-        }
-    }
-    if (line.text.toUtf8().size() > mostTextBytes) {
-        program.console.line(QStringLiteral("Текст длиннее 1 МБайт: передайте его файлом"));
+    for (const QString &text : line.texts)
+        delivery.addText(text);
+    for (const QString &file : line.files)
+        delivery.addFile(file);
+    if (!delivery.hasAny(CDelivery::Waiting)) {
+        for (const CDelivery::Item &item : delivery.items())
+            program.console.error(QStringLiteral("Не передано: %1: %2")
+                                      .arg(item.isText ? item.title : item.path, item.failure));
         return ExitUsage;
     }
     int exitCode = program.prepare();

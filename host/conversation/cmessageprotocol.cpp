@@ -175,7 +175,7 @@ void CMessageProtocol::takeGreeting(const std::optional<GreetingFrame> &greeting
     if (isSomebodyElse) {
         const QString text = QStringLiteral("Ответил другой абонент: '%1'").arg(greeting->name);
         if (context.delivery)
-            context.delivery->fail(CDelivery::SomebodyElse, text);
+            context.delivery->refuseAbonent(text);
         return sayGoodbye(QStringLiteral("Вызван другой абонент"));
     }
     context.unnamed->remove(this);

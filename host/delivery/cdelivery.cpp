@@ -2,23 +2,35 @@
 
 #include <QFileInfo>
 
+#include <algorithm>
+
 using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-QString CDelivery::addFile(const QString &path)
+namespace {
+
+constexpr int mostTextBytes = 1024 * 1024;
+
+QString whyUnsendable(const QFileInfo &info)
+{
+    if (!info.exists())
+        return QStringLiteral("файл не существует");
+    return info.isFile() && info.isReadable() ? QString() : QStringLiteral("файл нельзя прочитать");
+}
+
+} // namespace
+
+void CDelivery::addFile(const QString &path)
 {
     const QFileInfo info(path);
-    if (!info.exists())
-        return QStringLiteral("Файл %1 не существует").arg(path);
-    if (!info.isFile() || !info.isReadable())
-        return QStringLiteral("Файл %1 нельзя прочитать").arg(path);
     Item item;
-    item.title = info.fileName();
+    item.title = info.fileName().isEmpty() ? path : info.fileName();
     item.path = path;
     item.size = info.size();
+    item.failure = whyUnsendable(info);
+    item.outcome = item.failure.isNull() ? Waiting : Failed;
     list.push_back(item);
-    return QString();
 }
 
 void CDelivery::addText(const QString &text)
@@ -28,13 +40,17 @@ void CDelivery::addText(const QString &text)
     item.title = QStringLiteral("текст");
     item.text = text.toUtf8();
     item.size = item.text.size();
+    if (item.size > mostTextBytes) {
+        item.outcome = Failed;
+        item.failure = QStringLiteral("длиннее 1 МБайт: передайте его файлом");
+    }
     list.push_back(item);
 }
 
 int CDelivery::takeUp()
 {
     const std::lock_guard lock(mutex);
-    now.current = now.confirmed < int(list.size()) ? now.confirmed : -1;
+    now.current = firstWaiting();
     now.sent = 0;
     begun = steady_clock::now();
     return now.current;
@@ -48,17 +64,31 @@ void CDelivery::addSent(qint64 bytes)
 
 void CDelivery::confirm()
 {
+    end(Confirmed, QString());
+}
+
+void CDelivery::failItem(const QString &reason)
+{
+    end(Failed, reason);
+}
+
+void CDelivery::end(Outcome outcome, const QString &failure)
+{
     const std::lock_guard lock(mutex);
-    ++now.confirmed;
+    if (now.current < 0)
+        return;
+    Item &item = list[std::size_t(now.current)];
+    item.outcome = outcome;
+    item.failure = failure;
     now.current = -1;
-    if (now.confirmed == int(list.size()))
+    if (firstWaiting() < 0)
         now.state = Done;
 }
 
-void CDelivery::fail(State state, const QString &trouble)
+void CDelivery::refuseAbonent(const QString &trouble)
 {
     const std::lock_guard lock(mutex);
-    now.state = state;
+    now.state = SomebodyElse;
     now.trouble = trouble;
 }
 
@@ -77,4 +107,30 @@ CDelivery::Progress CDelivery::progress() const
     if (result.current >= 0)
         result.elapsedMs = duration_cast<milliseconds>(steady_clock::now() - begun).count();
     return result;
+}
+
+CDelivery::Outcome CDelivery::outcomeOf(int item, QString *failure) const
+{
+    const std::lock_guard lock(mutex);
+    const Item &asked = list[std::size_t(item)];
+    if (failure)
+        *failure = asked.failure;
+    return asked.outcome;
+}
+
+bool CDelivery::hasAny(Outcome outcome) const
+{
+    const std::lock_guard lock(mutex);
+    return std::any_of(list.begin(), list.end(),
+                       [outcome](const Item &item) { return item.outcome == outcome; });
+}
+
+/// Called with the lock held.
+int CDelivery::firstWaiting() const
+{
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        if (list[i].outcome == Waiting)
+            return int(i);
+    }
+    return -1;
 }

@@ -1,7 +1,8 @@
 // What one `send` delivers, and how far it has got.
 //
-// The conversation (connection thread) works it off; the command (server thread) watches it. It
-// outlives single calls: what has been confirmed is not sent again after a retry. [any thread]
+// The conversation (connection thread) sends its items; the command (server thread) watches it. It
+// outlives single calls: what has been confirmed is not sent again after a retry. An item that cannot
+// be delivered keeps its reason and holds up none behind it. [any thread]
 #pragma once
 
 #include <QByteArray>
@@ -17,10 +18,15 @@ public:
     enum State
     {
         UnderWay,
-        Done,         // everything is confirmed
+        Done,         // every item is confirmed or has failed
         SomebodyElse, // another abonent answered
-        Refused,      // the other side does not want or cannot store an item
-        Unreadable,   // a file of ours
+    };
+
+    enum Outcome
+    {
+        Waiting,
+        Confirmed, // the other side has stored it
+        Failed,    // refused, unreadable or changed
     };
 
     struct Item
@@ -30,40 +36,53 @@ public:
         QString path;    // of a file
         QByteArray text; // of a text
         qint64 size = 0;
+        Outcome outcome = Waiting; // this and the next guarded by the mutex
+        QString failure;           // why it has failed
     };
 
     struct Progress
     {
         State state = UnderWay;
-        QString trouble;  // why, when the state is not UnderWay or Done; or why the last call broke off
-        int current = -1; // index of the item on its way, or -1
-        int confirmed = 0;
+        QString trouble;      // why the last call ended before everything was done, or null
+        int current = -1;     // index of the item on its way, or -1
         qint64 sent = 0;      // bytes of the current item handed to the channel
         qint64 elapsedMs = 0; // since it began
     };
 
-    /// @return null on success, else what is wrong with the file, in Russian. Before the first call.
-    QString addFile(const QString &path);
+    /// Adds an item; one that cannot be sent has failed at once. Before the first call.
+    void addFile(const QString &path);
     void addText(const QString &text);
 
-    /// Constant after the first call.
+    /// Constant after the first call, but for outcomes and failures.
     const std::vector<Item> &items() const { return list; }
 
-    /// The first item that is not confirmed, now under way; -1 when there is none.
+    /// The first item that waits, now under way; -1 when there is none.
     int takeUp();
 
+    /// What becomes of the item under way.
     void addSent(qint64 bytes);
     void confirm();
-    void fail(State state, const QString &trouble);
+    void failItem(const QString &reason);
+
+    /// Another abonent has answered: nothing can be delivered.
+    void refuseAbonent(const QString &trouble);
 
     /// A call is over or begins: nothing is on its way. A @a trouble that is null keeps the old one.
     void setDown(const QString &trouble);
 
     Progress progress() const;
 
+    /// Outcome and failure of an item.
+    Outcome outcomeOf(int item, QString *failure = nullptr) const;
+
+    bool hasAny(Outcome outcome) const;
+
 private:
+    void end(Outcome outcome, const QString &failure);
+    int firstWaiting() const;
+
     std::vector<Item> list;
-    mutable std::mutex mutex; // guards the two below
+    mutable std::mutex mutex; // guards the two below and the outcomes
     Progress now;
     std::chrono::steady_clock::time_point begun;
 };

@@ -103,13 +103,9 @@ void CDeliveryCall::callEnded()
     const CDelivery::Progress progress = delivery.progress();
     switch (progress.state) {
     case CDelivery::Done:
-        return end(ExitDone, summary());
+        return endDone();
     case CDelivery::SomebodyElse:
         return end(ExitSomebodyElse, progress.trouble);
-    case CDelivery::Refused:
-        return end(ExitNotDelivered, QStringLiteral("Абонент не принял %1").arg(progress.trouble));
-    case CDelivery::Unreadable:
-        return end(ExitNotDelivered, QStringLiteral("Не удалось прочитать %1").arg(progress.trouble));
     case CDelivery::UnderWay:
         break;
     }
@@ -125,7 +121,7 @@ void CDeliveryCall::retryOrEnd(int exitCode, const QString &trouble)
         return end(exitCode, trouble);
     if (retriesLeft > 0)
         --retriesLeft;
-    console.line(QStringLiteral("%1. Повтор через %2").arg(trouble, Global::timeStringSec(retryDelay)));
+    console.error(QStringLiteral("%1. Повтор через %2").arg(trouble, Global::timeStringSec(retryDelay)));
     QTimer::singleShot(retryDelay * 1000, this, &CDeliveryCall::call);
     messenger.plugin()->incCallTimeout(&retryDelay); // for the next time
 }
@@ -139,16 +135,49 @@ void CDeliveryCall::end(int exitCode, const QString &text)
     keepTimer.stop();
     noWord.stop();
     console.setLiveRows({});
-    console.line(text);
+    if (exitCode != ExitDone && (delivery.hasAny(CDelivery::Confirmed) || delivery.hasAny(CDelivery::Failed)))
+        showOutcomes();
+    console.line(text, exitCode == ExitDone ? CConsole::Results : CConsole::Errors);
     emit over(exitCode);
+}
+
+/// Every item has been confirmed or has failed.
+void CDeliveryCall::endDone()
+{
+    if (!delivery.hasAny(CDelivery::Failed))
+        return end(ExitDone, summary());
+    if (delivery.hasAny(CDelivery::Confirmed))
+        console.line(summary());
+    end(ExitNotDelivered, QStringLiteral("Передано не все"));
+}
+
+/// What has been delivered and what has not, item by item.
+void CDeliveryCall::showOutcomes()
+{
+    for (std::size_t i = 0; i < delivery.items().size(); ++i) {
+        const CDelivery::Item &item = delivery.items()[i];
+        const QString title = item.isText ? item.title : item.path;
+        QString failure;
+        const CDelivery::Outcome outcome = delivery.outcomeOf(int(i), &failure);
+        if (outcome == CDelivery::Confirmed)
+            console.line(QStringLiteral("Передано: %1").arg(title));
+        else if (outcome == CDelivery::Failed)
+            console.error(QStringLiteral("Не передано: %1: %2").arg(title, failure));
+        else
+            console.error(QStringLiteral("Не передано: %1").arg(title));
+    }
 }
 
 QString CDeliveryCall::summary() const
 {
     qint64 bytes = 0;
-    for (const CDelivery::Item &item : delivery.items())
-        bytes += item.size;
-    const int count = int(delivery.items().size());
+    int count = 0;
+    for (std::size_t i = 0; i < delivery.items().size(); ++i) {
+        if (delivery.outcomeOf(int(i)) != CDelivery::Confirmed)
+            continue;
+        bytes += delivery.items()[i].size;
+        ++count;
+    }
     const QString noun = Global::declension(count, QStringLiteral("сообщение"), QStringLiteral("сообщения"),
                                             QStringLiteral("сообщений"));
     return QStringLiteral("Передано и подтверждено: %1 %2, %3 за %4, %5")

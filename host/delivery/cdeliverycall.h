@@ -40,6 +40,8 @@ private:
     void callEnded();
     void retryOrEnd(int exitCode, const QString &trouble);
     void end(int exitCode, const QString &text);
+    void endDone();
+    void showOutcomes();
     void showProgress();
     QString summary() const;
 

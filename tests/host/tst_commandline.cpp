@@ -16,7 +16,7 @@ QString understood(const QString &arguments)
         return "ошибка: "_s + line.mistake;
     return "%1 [%2] %3:%4 %5 text=%6 name=%7 retry=%8%9"_s.arg(
         line.command, line.abonent, line.address, QString::number(line.port),
-        (line.files + line.operands).join(QLatin1Char(',')), line.text, line.name,
+        (line.files + line.operands).join(QLatin1Char(',')), line.texts.join(QLatin1Char(0x2b)), line.name,
         QString::number(line.retries),
         QLatin1String(line.help      ? " help"
                       : line.verbose ? " verbose"

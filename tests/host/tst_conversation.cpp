@@ -206,6 +206,35 @@ private Q_SLOTS:
         QCOMPARE(beta.run("listen --name !!"_s), 2);
     }
 
+    void deliversWhatItCanAndNamesTheRest()
+    {
+        const QString huge = beta.directory.filePath("huge"_s);
+        QVERIFY(TestInstallation::write(huge, "x") && QFile::resize(huge, Q_INT64_C(1) << 43));
+        const int before = alfa.stored("input"_s).size();
+        QCOMPARE(
+            beta.run("send Альфа-1 %1"_s.arg(local(alfa.port)),
+                     {"--text"_s, "раз"_s, "/no/such"_s, huge, "--text"_s, "два"_s, beta.settingsFile()}),
+            5);
+        for (const char *line : {"Не передано: /no/such: файл не существует",
+                                 "/huge: абонент не принял: ", "Передано: текст\nПередано: текст\n",
+                                 "/channelIp.conf\n", "Передано и подтверждено: 3 сообщения"})
+            QVERIFY2(beta.output.contains(QString::fromUtf8(line)), qPrintable(beta.output));
+        QCOMPARE(alfa.stored("input"_s).size(), before + 3);
+    }
+
+    void losesOnlyTheOutputWithItsReader()
+    {
+        const int before = alfa.stored("input"_s).size();
+        QProcess shell;
+        shell.start("sh"_s,
+                    {"-c"_s, "\"$1\" send Альфа-1 $2 --text t | true; \"$1\" send nobody $2 --text t >&-"_s,
+                     "sh"_s, beta.program(), local(alfa.port)});
+        QVERIFY(shell.waitForFinished(patienceMs));
+        QCOMPARE(shell.exitCode(), 4);
+        QVERIFY(shell.readAllStandardError().contains("Ответил другой абонент"));
+        QCOMPARE(alfa.stored("input"_s).size(), before + 1);
+    }
+
     void refusesWhatDoesNotMatch()
     {
         const QStringList before = alfa.stored("input"_s);
