@@ -13,12 +13,6 @@ namespace {
 
 constexpr int settleMs = 300; // a save passes through states in which the file is missing
 
-QByteArray currentChannelSettings()
-{
-    QFile file(Global::channelIpSettingsFilePath());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMessageProtocol::Context &around)
@@ -27,7 +21,9 @@ CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMes
     settled.setSingleShot(true);
     settled.setInterval(settleMs);
     connect(&settled, &QTimer::timeout, this, &CMessenger::readSettings);
-    connect(&watcher, &QFileSystemWatcher::directoryChanged, &settled, [this] { settled.start(); });
+    // The directory tells of files that get a name, the file of contents overwritten in place.
+    for (const auto change : {&QFileSystemWatcher::directoryChanged, &QFileSystemWatcher::fileChanged})
+        connect(&watcher, change, &settled, [this] { settled.start(); });
 }
 
 CMessenger::~CMessenger() = default;
@@ -64,6 +60,9 @@ bool CMessenger::keepOnly(int kind)
 
 void CMessenger::open()
 {
+    Global::makePath(Global::settingsDir());
+    watcher.addPath(Global::settingsDir().absolutePath());
+    readSettings();
     for (Channel &channel : channels) {
         const CChannelPlugin *plugin = channel.library->plugin();
         channel.server.reset(plugin->create());
@@ -79,10 +78,6 @@ void CMessenger::open()
         ++runningServers;
         server->start();
     }
-
-    Global::makePath(Global::settingsDir());
-    channelSettings = currentChannelSettings();
-    watcher.addPath(Global::settingsDir().absolutePath());
 }
 
 void CMessenger::close()
@@ -90,7 +85,7 @@ void CMessenger::close()
     if (isClosing)
         return;
     isClosing = true;
-    watcher.removePaths(watcher.directories());
+    watcher.removePaths(watcher.directories() + watcher.files());
     for (const Channel &channel : channels)
         channel.server->stop();
 }
@@ -116,7 +111,7 @@ void CMessenger::serverFinished()
     emit closed();
 }
 
-/// Something in the settings directory has changed. Servers read their settings again if it is those.
+/// Something in the settings directory may have changed. Servers read their settings again if it is those.
 void CMessenger::readSettings()
 {
     if (isClosing)
@@ -124,10 +119,21 @@ void CMessenger::readSettings()
     const QString path = Global::channelIpSettingsFilePath();
     if (!QFile::exists(path) && QFile::exists(path + QStringLiteral(".old")))
         return settled.start(); // in the middle of a save
-    const QByteArray now = currentChannelSettings();
-    if (now == channelSettings)
+    // Anew: the name may stand for another file now. Before reading, so that no later change is missed.
+    watcher.removePath(path);
+    watcher.addPath(path);
+    const ChannelSettingsFile file = ChannelSettingsFile::read();
+    if (file.exists == channelSettings.exists && file.bytes == channelSettings.bytes &&
+        file.error == channelSettings.error)
         return;
-    channelSettings = now;
-    for (const Channel &channel : channels)
-        channel.server->settingsWasChanged();
+    channelSettings = file;
+    if (!file.error.isNull())
+        console.error(file.error);
+    if (!file.damage.isNull())
+        console.error(
+            QStringLiteral("%1. IP-канал использует порт %2").arg(file.damage).arg(file.settings.port));
+    for (const Channel &channel : channels) {
+        if (channel.server)
+            channel.server->settingsWasChanged();
+    }
 }

@@ -14,7 +14,7 @@ struct CommandForm
 constexpr CommandForm forms[] = {
     {"listen", "--name --verbose", 0, 0},
     {"send", "--name --verbose --text --retry", 2, -1},
-    {"settings", "", 1, -1},
+    {"settings", "--repair", 1, -1},
     {"check", nullptr, 0, -1},
 };
 
@@ -68,6 +68,8 @@ private:
             result->mistake = QStringLiteral("Неизвестный параметр: %1").arg(option);
         } else if (option == QLatin1String("--verbose")) {
             result->verbose = true;
+        } else if (option == QLatin1String("--repair")) {
+            result->repair = true;
         } else if (option == QLatin1String("--retry")) {
             readRetry(hasValue, value);
         } else if (!hasValue && rest.isEmpty()) {

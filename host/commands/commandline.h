@@ -17,6 +17,7 @@ struct CommandLine
 
     QString name;         // --name: how this abonent calls itself; empty: the user's name
     bool verbose = false; // --verbose
+    bool repair = false;  // --repair
 
     // send
     QString abonent;

@@ -3,22 +3,18 @@
 
 #include "common/csettings.h"
 #include "common/global.h"
+#include "common/initext.h"
+#include "host/channelsettingsfile.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
-#include "host/console/untrustedtext.h"
-#include "transportIp/ipsettings.h"
+#include "host/console/printing.h"
 
 #include <QFile>
 
-#include <cstdio>
+#include <algorithm>
 #include <vector>
 
 namespace {
-
-void print(const QString &text)
-{
-    std::fputs((text + QLatin1Char('\n')).toUtf8().constData(), stdout);
-}
 
 /// A key of the record channelIp.conf.
 struct RecordKey
@@ -92,34 +88,16 @@ QString flagText(int value)
 void printRow(const char *name, const QString &value, const QString &normal, const QString &range,
               const char *meaning)
 {
-    print(QStringLiteral("  %1 %2 %3 %4 %5")
-              .arg(QString::fromLatin1(name).leftJustified(41), value.leftJustified(8),
-                   normal.leftJustified(13), range.leftJustified(13), QString::fromUtf8(meaning)));
+    printLine(QStringLiteral("  %1 %2 %3 %4 %5")
+                  .arg(QString::fromLatin1(name).leftJustified(41), value.leftJustified(8),
+                       normal.leftJustified(13), range.leftJustified(13), QString::fromUtf8(meaning)));
 }
 
 void printTitle(const QString &path)
 {
-    print(path);
+    printLine(path);
     printRow("", QStringLiteral("значение"), QStringLiteral("по умолчанию"), QStringLiteral("диапазон"),
              "смысл");
-}
-
-/// Reads the record. Without a file the values are those the channel then uses.
-/// @return null on success, else what is wrong
-QString loadRecord(ChannelIpSettings *settings)
-{
-    settings->blockSizeKb = 64;
-    const QString path = Global::channelIpSettingsFilePath();
-    const QString error = Global::recoverSaved(path);
-    if (!error.isNull())
-        return error;
-    QFile file(path);
-    if (!file.exists())
-        return QString();
-    if (!file.open(QIODevice::ReadOnly))
-        return QStringLiteral("Не удалось прочитать %1. %2").arg(path, file.errorString());
-    const QString damage = settings->fromByteArray(file.readAll());
-    return damage.isEmpty() ? QString() : QStringLiteral("Файл %1: %2").arg(path, damage);
 }
 
 int recordValue(const ChannelIpSettings &settings, const RecordKey &key)
@@ -133,28 +111,33 @@ QString recordText(const ChannelIpSettings &settings, const RecordKey &key)
     return key.number ? QString::number(value) : flagText(value);
 }
 
+int currentValue(CSettings &settings, const IniKey &key)
+{
+    return key.flag ? (settings.*key.flag)() : (settings.*key.number)();
+}
+
 int show()
 {
-    ChannelIpSettings settings;
-    const QString error = loadRecord(&settings);
-    ChannelIpSettings normal;
-    normal.blockSizeKb = 64;
+    const ChannelSettingsFile file = ChannelSettingsFile::read();
+    const ChannelIpSettings normal = ChannelSettingsFile::defaults();
     printTitle(Global::channelIpSettingsFilePath());
     for (const RecordKey &key : recordKeys) {
         const QString range =
             key.number ? QStringLiteral("%1..%2").arg(key.min).arg(key.max) : QStringLiteral("true, false");
-        printRow(key.name, recordText(settings, key), recordText(normal, key), range, key.meaning);
+        printRow(key.name, recordText(file.settings, key), recordText(normal, key), range, key.meaning);
     }
+    const QString error = file.error.isNull() ? file.damage : file.error;
     if (!error.isNull())
-        print(error);
+        printError(error);
 
-    print(QString());
+    printLine(QString());
     printTitle(Global::internalSettingsFilePath());
     CSettings ini;
     for (const IniKey &key : iniKeys) {
         const QString range =
             key.flag ? QStringLiteral("true, false") : QStringLiteral("%1..%2").arg(key.min).arg(key.max);
-        const QString value = key.flag ? flagText((ini.*key.flag)()) : QString::number((ini.*key.number)());
+        const int now = currentValue(ini, key);
+        const QString value = key.flag ? flagText(now) : QString::number(now);
         const QString defaultText = key.flag ? flagText(key.defaultValue) : QString::number(key.defaultValue);
         printRow(key.name, value, defaultText, range, key.meaning);
     }
@@ -173,7 +156,7 @@ QString parseValue(const QString &key, bool isFlag, const QString &text, int min
         return QString();
     }
     bool isNumber = false;
-    *value = word.toInt(&isNumber, 0); // 0x7777 as well
+    *value = word.toInt(&isNumber, word.startsWith(QLatin1String("0x")) ? 16 : 10); // 0x7777 as well
     if (!isNumber || *value < min || *value > max)
         return QStringLiteral("%1: нужно число от %2 до %3, а не '%4'")
             .arg(key, QString::number(min), QString::number(max), text);
@@ -208,62 +191,102 @@ public:
         return QStringLiteral("Нет такого ключа: %1. Все ключи показывает abonent settings show").arg(name);
     }
 
+    /// Makes all changes or none.
+    /// @param repair whether a damaged record may be replaced
     /// @return null on success, else what is wrong
-    QString make()
+    QString make(bool repair)
     {
-        if (!record.empty()) {
-            ChannelIpSettings settings;
-            // A damaged record is what this command is there to mend.
-            loadRecord(&settings);
-            for (const auto &[key, value] : record) {
-                if (key->number)
-                    settings.*key->number = value;
-                else
-                    settings.canCheckOnline = value;
-            }
-            const QString error =
-                Global::safeSaving(Global::channelIpSettingsFilePath(), settings.toByteArray());
-            if (!error.isNull())
-                return error;
-        }
-        return makeInIni();
+        const ChannelSettingsFile old = ChannelSettingsFile::read();
+        QString error = record.empty() ? QString() : saveRecord(old, repair);
+        if (!error.isNull())
+            return error;
+        error = saveIni();
+        if (!error.isNull() && !record.empty() && !putBack(old))
+            error += QStringLiteral(". Файл %1 уже изменен").arg(Global::channelIpSettingsFilePath());
+        return error;
     }
 
 private:
-    QString makeInIni()
+    QString saveRecord(const ChannelSettingsFile &old, bool repair)
     {
-        CSettings settings;
-        for (const auto &[key, value] : ini) {
-            settings.write(QString::fromLatin1(key->name),
-                           key->flag ? QVariant(bool(value)) : QVariant(value));
-            const int now = key->flag ? (settings.*key->flag)() : (settings.*key->number)();
-            if (now != value)
-                return QStringLiteral("У процесса нет права менять %1")
-                    .arg(Global::internalSettingsFilePath());
+        if (!old.error.isNull())
+            return old.error;
+        if (!old.damage.isNull() && !repair) {
+            return QStringLiteral("%1. Ничего не изменено. С параметром --repair файл записывается заново, "
+                                  "и неназванные ключи получают значения по умолчанию")
+                .arg(old.damage);
         }
-        return QString();
+        ChannelIpSettings settings = old.damage.isNull() ? old.settings : ChannelSettingsFile::defaults();
+        for (const auto &[key, value] : record) {
+            if (key->number)
+                settings.*key->number = value;
+            else
+                settings.canCheckOnline = value;
+        }
+        const QString error = Global::safeSaving(Global::channelIpSettingsFilePath(), settings.toByteArray());
+        if (error.isNull() && !old.damage.isNull())
+            tellRepaired(settings);
+        return error;
+    }
+
+    static void tellRepaired(const ChannelIpSettings &settings)
+    {
+        printLine(QStringLiteral("Файл %1 записан заново:").arg(Global::channelIpSettingsFilePath()));
+        for (const RecordKey &key : recordKeys)
+            printLine(
+                QStringLiteral("  %1=%2").arg(QString::fromLatin1(key.name), recordText(settings, key)));
+    }
+
+    static bool putBack(const ChannelSettingsFile &old)
+    {
+        const QString path = Global::channelIpSettingsFilePath();
+        return old.exists ? Global::safeSaving(path, old.bytes).isNull() : QFile::remove(path);
+    }
+
+    QString saveIni()
+    {
+        const QString path = Global::internalSettingsFilePath();
+        {
+            CSettings settings;
+            for (const auto &[key, value] : ini) {
+                settings.write(QString::fromLatin1(key->name),
+                               key->flag ? QVariant(bool(value)) : QVariant(value));
+                if (currentValue(settings, *key) != value)
+                    return QStringLiteral("У процесса нет права менять %1").arg(path);
+            }
+        }
+        // The store keeps in memory what it cannot write, so only the file tells.
+        QFile file(path);
+        const bool isOpen = ini.empty() || file.open(QIODevice::ReadOnly);
+        const CIniText text(isOpen && !ini.empty() ? file.readAll() : QByteArray());
+        const bool isStored = std::all_of(ini.begin(), ini.end(), [&text](const auto &change) {
+            const QVariant found = text.value(QString::fromLatin1(change.first->name));
+            return found.toString() ==
+                   (change.first->flag ? flagText(change.second) : QString::number(change.second));
+        });
+        return isStored ? QString() : QStringLiteral("Не удалось записать файл %1").arg(path);
     }
 
     std::vector<std::pair<const RecordKey *, int>> record;
     std::vector<std::pair<const IniKey *, int>> ini;
 };
 
-int change(const QStringList &assignments)
+int change(const QStringList &assignments, bool repair)
 {
     Changes changes;
     for (const QString &assignment : assignments) {
         const QString error = changes.add(assignment);
         if (!error.isNull()) {
-            print(printable(error));
+            printError(error);
             return ExitBadValue;
         }
     }
-    const QString error = changes.make();
+    const QString error = changes.make(repair);
     if (!error.isNull()) {
-        print(error);
+        printError(error);
         return ExitTrouble;
     }
-    print(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
+    printLine(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
     return ExitDone;
 }
 
@@ -275,7 +298,7 @@ int runSettings(const CommandLine &line)
     if (action == QLatin1String("show") && line.operands.size() == 1)
         return show();
     if (action == QLatin1String("set") && line.operands.size() > 1)
-        return change(line.operands.mid(1));
-    print(QStringLiteral("Нужно: abonent settings show или abonent settings set КЛЮЧ=ЗНАЧЕНИЕ..."));
+        return change(line.operands.mid(1), line.repair);
+    printError(QStringLiteral("Нужно: abonent settings show или abonent settings set КЛЮЧ=ЗНАЧЕНИЕ..."));
     return ExitUsage;
 }

@@ -315,7 +315,35 @@ private Q_SLOTS:
         QCOMPARE(
             beta.run(set + "port=18123 blockSizeKb=128 canCheckOnline=false Details/maxWritingTime=1234"_s),
             0);
-        QCOMPARE(beta.settings().toHex(), QByteArray("000000020000000007000046cb00000080"));
+        const QByteArray after = QByteArray::fromHex("000000020000000007000046cb00000080");
+        QCOMPARE(beta.settings().toHex(), after.toHex());
+
+        // All changes or none: what one file refuses the other does not keep.
+        const QString ini = beta.directory.filePath("settings/settings.ini"_s);
+        const QString both = "settings set port=010000 Details/maxWritingTime=4321"_s;
+        const QByteArray iniBefore = TestInstallation::read(ini);
+        QProcess full;
+        full.start("sh"_s,
+                   {"-c"_s, "trap '' XFSZ; ulimit -f 0; exec \"$0\" settings set Debug/journals=false"_s,
+                    beta.program()});
+        QVERIFY(full.waitForFinished(patienceMs));
+        QCOMPARE(full.exitCode(), 1);
+        QVERIFY(full.readAllStandardError().contains("settings.ini"));
+        QCOMPARE(TestInstallation::read(ini), iniBefore);
+        QVERIFY(QFile::remove(ini) && QDir().mkdir(ini));
+        QCOMPARE(beta.run(both), 1);
+        QCOMPARE(beta.settings().toHex(), after.toHex());
+        QVERIFY(QDir().rmdir(ini));
+        QCOMPARE(beta.run(both), 0);
+        QCOMPARE(beta.settings().mid(9, 4).toHex(), QByteArray("00002710"));
+
+        // A damaged record is kept until the user says otherwise.
+        QVERIFY(TestInstallation::write(beta.settingsFile(), after.left(11)));
+        QCOMPARE(beta.run("settings set maxConnections=9"_s), 1);
+        QCOMPARE(beta.settings(), after.left(11));
+        QCOMPARE(beta.run("settings set maxConnections=9 --repair"_s), 0);
+        QVERIFY2(beta.output.contains("port=18001"_s), qPrintable(beta.output));
+        QCOMPARE(beta.run("settings set port=18123 Details/maxWritingTime=1234"_s), 0);
 
         // A crash in the middle of a save leaves the settings under another name.
         QVERIFY(QFile::rename(beta.settingsFile(), beta.settingsFile() + ".old"_s));
@@ -325,9 +353,16 @@ private Q_SLOTS:
 
     void endsInOrder()
     {
-        // A listener takes up a new port by itself, and ends with a connection open.
+        // A listener takes up a new port by itself, also of a file overwritten in place, and ends with a
+        // connection open.
         const int newPort = freePort();
         QCOMPARE(alfa.run("settings set port=%1"_s.arg(newPort)), 0);
+        QVERIFY(alfa.sees("успешно запущен на %1 порту"_s.arg(newPort)));
+        const QByteArray sound = alfa.settings();
+        alfa.heard.clear();
+        QVERIFY(TestInstallation::write(alfa.settingsFile(), "damaged"));
+        QVERIFY(alfa.sees("поврежден: Версия настроек"_s));
+        QVERIFY(TestInstallation::write(alfa.settingsFile(), sound));
         QVERIFY(alfa.sees("успешно запущен на %1 порту"_s.arg(newPort)));
         Stranger guest(newPort);
         QVERIFY(guest.says(greeting).isAnswered(GreetingFrame{1, alfa.name}.toBytes()));
