@@ -28,7 +28,8 @@ void showQtMessage(QtMsgType type, const QMessageLogContext &context, const QStr
 QString nameOf(const CommandLine &line)
 {
     const QString user = Global::currentSystemUserName();
-    return !line.name.isEmpty() ? line.name : !user.isEmpty() ? user : QSysInfo::machineHostName();
+    const QString name = line.value("name");
+    return !name.isEmpty() ? name : !user.isEmpty() ? user : QSysInfo::machineHostName();
 }
 
 /// As many descriptors as the system allows: each connection needs two.
@@ -56,7 +57,7 @@ CProgram::CProgram(const CommandLine &line, CConsoleMonitor::Style monitorStyle,
       unnamed(mostUnnamed(), mostUnnamed() / 2), ownName(nameOf(line)),
       messenger(console, monitor, {ownName, &store, &journal, &monitor, &unnamed, delivery})
 {
-    gIsVerbose = line.verbose;
+    gIsVerbose = line.has("verbose");
     gConsole = &console;
     qInstallMessageHandler(showQtMessage);
 }

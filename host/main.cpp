@@ -5,7 +5,7 @@
 #include "host/cinterruption.h"
 #include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
-#include "host/commands/commands.h"
+#include "host/commands/commandtable.h"
 #include "host/commands/exitcodes.h"
 #include "host/console/printing.h"
 
@@ -17,19 +17,6 @@
 #include <unistd.h>
 
 namespace {
-
-struct Command
-{
-    const char *name;
-    int (*run)(const CommandLine &line);
-};
-
-constexpr Command commands[] = {
-    {"listen", runListen},
-    {"send", runSend},
-    {"settings", runSettings},
-    {"check", runCheck},
-};
 
 /// Standard streams that the caller has closed lead nowhere: their numbers must not go to a file or a socket.
 void openStandardStreams()
@@ -43,11 +30,8 @@ void openStandardStreams()
 
 int run(const CommandLine &line)
 {
-    if (!line.mistake.isNull()) {
-        printError(line.mistake);
-        printError(QStringLiteral("Подробнее: abonent %1 --help").arg(line.command));
-        return ExitUsage;
-    }
+    if (!line.mistake.isNull())
+        return refuse(line, line.mistake);
     if (line.version) {
         printLine(QStringLiteral("abonent %1").arg(QLatin1String(BuildConstants::version)));
         return ExitDone;
@@ -61,11 +45,7 @@ int run(const CommandLine &line)
     const QString error = Global::recoverSaved(Global::channelIpSettingsFilePath());
     if (!error.isNull())
         printError(error);
-    for (const Command &command : commands) {
-        if (line.command == QLatin1String(command.name))
-            return command.run(line);
-    }
-    return ExitUsage;
+    return line.command->run(line);
 }
 
 } // namespace
@@ -78,7 +58,7 @@ int main(int argc, char *argv[])
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
     QCoreApplication application(argc, argv);
     LoggerData::initDebug(nullptr);
-    const int code = run(parseCommandLine(QCoreApplication::arguments().mid(1)));
+    const int code = run(CommandLine::parse(QCoreApplication::arguments().mid(1)));
 
     const int reason = printingError();
     if (code != ExitDone || reason == 0 || reason == EPIPE) // a reader may go when it has enough

@@ -1,6 +1,7 @@
 // `abonent send`.
 #include "host/commands/commands.h"
 
+#include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
 #include "host/cprogram.h"
@@ -15,13 +16,40 @@ constexpr int ipKind = 1; // CChannelPlugin::type() of the channel whose records
 
 } // namespace
 
+QString readTarget(const CommandLine &line, CallTarget *target)
+{
+    target->abonent = line.operands[0];
+    if (target->abonent.isEmpty())
+        return QStringLiteral("Пустое имя абонента");
+    if (!target->setAddress(line.operands[1]))
+        return QStringLiteral("Адрес абонента задан неверно: %1").arg(line.operands[1]);
+    if (!line.has("retry"))
+        return QString();
+    const QString retries = line.value("retry");
+    bool isNumber = true;
+    target->retries = retries.isEmpty() ? CallTarget::retryForEver : retries.toInt(&isNumber);
+    return isNumber && target->retries >= CallTarget::retryForEver
+               ? QString()
+               : QStringLiteral("Число повторов задано неверно: %1").arg(retries);
+}
+
 int runSend(const CommandLine &line)
 {
+    CallTarget target;
+    const QString mistake = readTarget(line, &target);
+    if (!mistake.isNull())
+        return refuse(line, mistake);
+    const QStringList files = line.operands.mid(2);
+    if (files.isEmpty() && !line.has("text"))
+        return refuse(line, QStringLiteral("Нечего передавать: укажите файлы или --text"));
+
+    const bool isVerbose = line.has("verbose");
     CDelivery delivery;
-    CProgram program(line, line.verbose ? CConsoleMonitor::Shown : CConsoleMonitor::Silent, &delivery);
-    for (const QString &text : line.texts)
+    CProgram program(line, isVerbose ? CConsoleMonitor::Shown : CConsoleMonitor::Silent, &delivery);
+    const QStringList texts = line.values("text");
+    for (const QString &text : texts)
         delivery.addText(text);
-    for (const QString &file : line.files)
+    for (const QString &file : files)
         delivery.addFile(file);
     if (!delivery.hasAny(CDelivery::Waiting)) {
         for (const CDelivery::Item &item : delivery.items())
@@ -37,11 +65,11 @@ int runSend(const CommandLine &line)
 
     // The server listens as well, if the port is free. If it is not, because `listen` of the same
     // installation has it, that is no concern of a sender.
-    if (!line.verbose)
+    if (!isVerbose)
         program.journal.hide(program.messenger.plugin()->name());
     program.messenger.open();
 
-    CDeliveryCall call(line, delivery, program.messenger, program.console);
+    CDeliveryCall call(target, delivery, program.messenger, program.console);
     QObject::connect(&call, &CDeliveryCall::over, &program.messenger, [&program, &exitCode](int code) {
         exitCode = code;
         program.messenger.close();

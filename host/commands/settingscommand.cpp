@@ -292,13 +292,19 @@ int change(const QStringList &assignments, bool repair)
 
 } // namespace
 
+QStringList settingsKeys()
+{
+    QStringList keys;
+    for (const RecordKey &key : recordKeys)
+        keys << QLatin1String(key.name) + QLatin1Char('=');
+    for (const IniKey &key : iniKeys)
+        keys << QLatin1String(key.name) + QLatin1Char('=');
+    return keys;
+}
+
 int runSettings(const CommandLine &line)
 {
-    const QString action = line.operands.value(0);
-    if (action == QLatin1String("show") && line.operands.size() == 1)
+    if (line.operands.first() == QLatin1String("show"))
         return show();
-    if (action == QLatin1String("set") && line.operands.size() > 1)
-        return change(line.operands.mid(1), line.repair);
-    printError(QStringLiteral("Нужно: abonent settings show или abonent settings set КЛЮЧ=ЗНАЧЕНИЕ..."));
-    return ExitUsage;
+    return change(line.operands.mid(1), line.has("repair"));
 }

@@ -15,8 +15,8 @@ constexpr int noWordReserveMs = 20000; // beyond what the channel may take to co
 
 } // namespace
 
-CDeliveryCall::CDeliveryCall(const CommandLine &how, CDelivery &what, CMessenger &through, CConsole &shownOn)
-    : line(how), delivery(what), messenger(through), console(shownOn), retriesLeft(how.retries)
+CDeliveryCall::CDeliveryCall(const CallTarget &whom, CDelivery &what, CMessenger &through, CConsole &shownOn)
+    : target(whom), delivery(what), messenger(through), console(shownOn), retriesLeft(whom.retries)
 {
     // Workers emit two of these from their own threads; being connected to an object of this thread,
     // they arrive here.
@@ -54,17 +54,17 @@ void CDeliveryCall::call()
     if (!server->isHardwareOn() || !server->hasFreeChannel())
         return callEnded();
     AbonentIpSettings settings;
-    settings.address = line.address;
-    settings.port = line.port;
+    settings.address = target.address;
+    settings.port = target.port;
     CSettings limits;
     noWord.start(limits.detailsTransportIpThreadStartTimeout() + limits.detailsTransportIpConnectTimeout() +
                  noWordReserveMs);
-    server->connectToAbonent(line.abonent, settings.toByteArray());
+    server->connectToAbonent(target.abonent, settings.toByteArray());
 }
 
 void CDeliveryCall::connected(const QString &abonentName, int connectionId)
 {
-    if (!isCalling || Global::filterName(abonentName) != Global::filterName(line.abonent))
+    if (!isCalling || Global::filterName(abonentName) != Global::filterName(target.abonent))
         return; // somebody is calling us meanwhile
     noWord.stop();
     wasConnected = true;
@@ -76,15 +76,16 @@ void CDeliveryCall::connected(const QString &abonentName, int connectionId)
 
 void CDeliveryCall::notConnected(const QString &abonentName)
 {
-    if (isCalling && abonentName == line.abonent)
+    if (isCalling && abonentName == target.abonent)
         callEnded();
 }
 
 void CDeliveryCall::disconnected(const QString &abonentName, int connectionId, bool wasUseful)
 {
     Q_UNUSED(wasUseful)
-    const bool isOurs = connection >= 0 ? connectionId == connection
-                                        : Global::filterName(abonentName) == Global::filterName(line.abonent);
+    const bool isOurs = connection >= 0
+                            ? connectionId == connection
+                            : Global::filterName(abonentName) == Global::filterName(target.abonent);
     if (isCalling && isOurs)
         callEnded();
 }
@@ -112,7 +113,7 @@ void CDeliveryCall::callEnded()
     if (wasConnected)
         retryOrEnd(ExitNotDelivered, QStringLiteral("Передано не все: %1").arg(progress.trouble));
     else
-        retryOrEnd(ExitNoAnswer, QStringLiteral("Абонент '%1' не отвечает").arg(line.abonent));
+        retryOrEnd(ExitNoAnswer, QStringLiteral("Абонент '%1' не отвечает").arg(target.abonent));
 }
 
 void CDeliveryCall::retryOrEnd(int exitCode, const QString &trouble)

@@ -1,7 +1,7 @@
 // Gets one delivery to an abonent: calls, watches, calls again, and says how it ended.
 #pragma once
 
-#include "host/commands/commandline.h"
+#include "host/delivery/calltarget.h"
 #include "host/delivery/cdelivery.h"
 
 #include <QElapsedTimer>
@@ -18,7 +18,7 @@ class CDeliveryCall : public QObject
 
 public:
     /// All outlive the object; the messenger is open.
-    CDeliveryCall(const CommandLine &how, CDelivery &what, CMessenger &through, CConsole &shownOn);
+    CDeliveryCall(const CallTarget &whom, CDelivery &what, CMessenger &through, CConsole &shownOn);
 
     /// Places the first call. over() follows.
     void begin();
@@ -45,7 +45,7 @@ private:
     void showProgress();
     QString summary() const;
 
-    const CommandLine &line;
+    const CallTarget target;
     CDelivery &delivery;
     CMessenger &messenger;
     CConsole &console;
