@@ -55,7 +55,9 @@ int mostUnnamed()
 CProgram::CProgram(const CommandLine &line, CConsoleMonitor::Style monitorStyle, CDelivery *delivery)
     : monitor(console, monitorStyle), journal(console), store(Global::currentSecrecy()),
       unnamed(mostUnnamed(), mostUnnamed() / 2), ownName(nameOf(line)),
-      messenger(console, monitor, {ownName, &store, &journal, &monitor, &unnamed, delivery})
+      messenger(console, monitor,
+                {ownName, &store, &journal, [this](const QString &label) { return monitor.originOf(label); },
+                 &unnamed, delivery})
 {
     gIsVerbose = line.has("verbose");
     gConsole = &console;

@@ -8,7 +8,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/exitcodes.h"
 #include "host/console/printing.h"
-#include "host/console/untrustedtext.h"
+#include "host/text/untrustedtext.h"
 
 #include <QFileInfo>
 #include <QJsonArray>

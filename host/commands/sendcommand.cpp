@@ -4,8 +4,8 @@
 #include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/conversation/cdelivery.h"
 #include "host/cprogram.h"
-#include "host/delivery/cdelivery.h"
 #include "host/delivery/cdeliverycall.h"
 
 #include <QCoreApplication>
@@ -13,6 +13,23 @@
 namespace {
 
 constexpr int ipKind = 1; // CChannelPlugin::type() of the channel whose records we write
+
+int exitCodeOf(CDeliveryCall::End how, int signalNumber)
+{
+    switch (how) {
+    case CDeliveryCall::Delivered:
+        return ExitDone;
+    case CDeliveryCall::NoAnswer:
+        return ExitNoAnswer;
+    case CDeliveryCall::SomebodyElse:
+        return ExitSomebodyElse;
+    case CDeliveryCall::NotDelivered:
+        return ExitNotDelivered;
+    case CDeliveryCall::Cancelled:
+        break;
+    }
+    return ExitInterrupted + signalNumber;
+}
 
 } // namespace
 
@@ -69,13 +86,17 @@ int runSend(const CommandLine &line)
         program.journal.hide(program.messenger.plugin()->name());
     program.messenger.open();
 
-    CDeliveryCall call(target, delivery, program.messenger, program.console);
-    QObject::connect(&call, &CDeliveryCall::over, &program.messenger, [&program, &exitCode](int code) {
-        exitCode = code;
+    CDeliveryCall call(target, delivery, *program.messenger.server(), *program.messenger.plugin(),
+                       program.console);
+    int signalNumber = 0;
+    QObject::connect(&call, &CDeliveryCall::over, &program.messenger, [&](CDeliveryCall::End how) {
+        exitCode = exitCodeOf(how, signalNumber);
         program.messenger.close();
     });
-    QObject::connect(&program.interruption, &CInterruption::requested, &call,
-                     [&call](int signalNumber) { call.cancel(ExitInterrupted + signalNumber); });
+    QObject::connect(&program.interruption, &CInterruption::requested, &call, [&](int number) {
+        signalNumber = number;
+        call.cancel();
+    });
     QObject::connect(&program.messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
     QMetaObject::invokeMethod(&call, &CDeliveryCall::begin, Qt::QueuedConnection);
     QCoreApplication::exec();

@@ -1,6 +1,6 @@
 #include "host/console/printing.h"
 
-#include "host/console/untrustedtext.h"
+#include "host/text/untrustedtext.h"
 
 #include <cerrno>
 #include <cstdio>

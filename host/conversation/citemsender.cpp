@@ -36,7 +36,7 @@ QByteArray CItemSender::nextFrame(int room)
 /// Opens the next item that can be opened; those before it have failed.
 bool CItemSender::openNext()
 {
-    for (int index = delivery.takeUp(); index >= 0; index = delivery.takeUp()) {
+    for (int index = delivery.beginNext(); index >= 0; index = delivery.beginNext()) {
         item = &delivery.items()[std::size_t(index)];
         if (openItem())
             return true;

@@ -8,9 +8,9 @@
 // Knows neither channel nor clock. Lives in the connection thread.
 #pragma once
 
+#include "host/conversation/cdelivery.h"
 #include "host/conversation/csha256.h"
 #include "host/conversation/messageframe.h"
-#include "host/delivery/cdelivery.h"
 
 class CItemSender
 {

@@ -2,7 +2,7 @@
 
 #include "common/csettings.h"
 #include "common/global.h"
-#include "host/console/untrustedtext.h"
+#include "host/text/untrustedtext.h"
 
 #include <QFile>
 

@@ -3,9 +3,9 @@
 #include "host/commands/commandline.h"
 #include "host/commands/commands.h"
 #include "host/commands/commandtable.h"
-#include "host/console/untrustedtext.h"
 #include "host/conversation/cunnamedcallers.h"
 #include "host/delivery/calltarget.h"
+#include "host/text/untrustedtext.h"
 #include "tests/support/testinstallation.h"
 
 #include <QProcess>

@@ -57,7 +57,7 @@ public:
     const std::vector<Item> &items() const { return list; }
 
     /// The first item that waits, now under way; -1 when there is none.
-    int takeUp();
+    int beginNext();
 
     /// What becomes of the item under way.
     void addSent(qint64 bytes);
@@ -67,8 +67,8 @@ public:
     /// Another abonent has answered: nothing can be delivered.
     void refuseAbonent(const QString &trouble);
 
-    /// A call is over or begins: nothing is on its way. A @a trouble that is null keeps the old one.
-    void setDown(const QString &trouble);
+    /// A call has ended: nothing is on its way. A @a trouble that is null keeps the old one.
+    void callEnded(const QString &trouble);
 
     Progress progress() const;
 

@@ -1,4 +1,4 @@
-#include "host/delivery/cdelivery.h"
+#include "host/conversation/cdelivery.h"
 
 #include <QFileInfo>
 
@@ -47,7 +47,7 @@ void CDelivery::addText(const QString &text)
     list.push_back(item);
 }
 
-int CDelivery::takeUp()
+int CDelivery::beginNext()
 {
     const std::lock_guard lock(mutex);
     now.current = firstWaiting();
@@ -92,7 +92,7 @@ void CDelivery::refuseAbonent(const QString &trouble)
     now.trouble = trouble;
 }
 
-void CDelivery::setDown(const QString &trouble)
+void CDelivery::callEnded(const QString &trouble)
 {
     const std::lock_guard lock(mutex);
     now.current = -1;
