@@ -28,6 +28,6 @@ ChannelSettingsFile ChannelSettingsFile::read()
     result.bytes = file.readAll();
     const QString damage = result.settings.fromByteArray(result.bytes);
     if (!damage.isEmpty())
-        result.damage = QStringLiteral("Файл %1 поврежден: %2").arg(path, damage);
+        result.damage = QStringLiteral("Файл %1 непригоден: %2").arg(path, damage);
     return result;
 }

@@ -16,7 +16,7 @@ struct ChannelSettingsFile
 
     bool exists = false;
     QByteArray bytes;
-    ChannelIpSettings settings = defaults(); // as the channel takes them, of a damaged file too
+    ChannelIpSettings settings = defaults(); // as the channel takes them, also from a file that is damaged
     QString error;                           // null, or why the file cannot be read
-    QString damage;                          // null, or what is wrong with its contents
+    QString damage; // null, or what is wrong with its contents: cut short, of another version
 };

@@ -33,7 +33,7 @@ CInterruption::CInterruption()
     const sigset_t set = ourSignals();
     descriptor = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     auto *notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, this);
-    connect(notifier, &QSocketNotifier::activated, this, &CInterruption::take);
+    connect(notifier, &QSocketNotifier::activated, this, &CInterruption::readSignal);
 }
 
 CInterruption::~CInterruption()
@@ -41,7 +41,7 @@ CInterruption::~CInterruption()
     ::close(descriptor);
 }
 
-void CInterruption::take()
+void CInterruption::readSignal()
 {
     signalfd_siginfo info{};
     if (::read(descriptor, &info, sizeof(info)) != sizeof(info))

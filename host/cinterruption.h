@@ -22,7 +22,7 @@ Q_SIGNALS:
     void requested(int signalNumber);
 
 private:
-    void take();
+    void readSignal();
 
     int descriptor;
     bool isRequested = false;

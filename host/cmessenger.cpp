@@ -11,19 +11,19 @@
 
 namespace {
 
-constexpr int settleMs = 300; // a save passes through states in which the file is missing
+constexpr int debounceMs = 300; // a save passes through states in which the file is missing
 
 } // namespace
 
 CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMessageProtocol::Context &around)
     : console(shownOn), monitor(onMonitor), context(around)
 {
-    settled.setSingleShot(true);
-    settled.setInterval(settleMs);
-    connect(&settled, &QTimer::timeout, this, &CMessenger::readSettings);
+    debounce.setSingleShot(true);
+    debounce.setInterval(debounceMs);
+    connect(&debounce, &QTimer::timeout, this, &CMessenger::readSettings);
     // The directory tells of files that get a name, the file of contents overwritten in place.
     for (const auto change : {&QFileSystemWatcher::directoryChanged, &QFileSystemWatcher::fileChanged})
-        connect(&watcher, change, &settled, [this] { settled.start(); });
+        connect(&watcher, change, &debounce, [this] { debounce.start(); });
 }
 
 CMessenger::~CMessenger() = default;
@@ -118,7 +118,7 @@ void CMessenger::readSettings()
         return;
     const QString path = Global::channelIpSettingsFilePath();
     if (!QFile::exists(path) && QFile::exists(path + QStringLiteral(".old")))
-        return settled.start(); // in the middle of a save
+        return debounce.start(); // in the middle of a save
     // Anew: the name may stand for another file now. Before reading, so that no later change is missed.
     watcher.removePath(path);
     watcher.addPath(path);

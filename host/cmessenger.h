@@ -70,6 +70,6 @@ private:
     int runningServers = 0;
     bool isClosing = false;
     QFileSystemWatcher watcher;          // of the settings directory and channelIp.conf in it
-    QTimer settled;                      // since the last change of either
+    QTimer debounce;                     // since the last change of either
     ChannelSettingsFile channelSettings; // when last seen
 };

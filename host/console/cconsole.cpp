@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t mostLinesWaiting = 4096;
 constexpr int longestLine = 4000;
-constexpr std::chrono::seconds farewellTime{1};
+constexpr std::chrono::seconds lastWriteTime{1};
 
 struct Line
 {
@@ -76,7 +76,7 @@ struct CConsole::State
 
     int rowsOnScreen = 0; // the writing thread's own
 
-    std::vector<Piece> take(std::unique_lock<std::mutex> &lock);
+    std::vector<Piece> takeWaiting(std::unique_lock<std::mutex> &lock);
     std::vector<Piece> draw(const std::deque<Line> &newLines, const QStringList &liveRows);
 };
 
@@ -91,7 +91,7 @@ CConsole::~CConsole()
     state->rows.clear();
     state->ending = true;
     state->changed.notify_all();
-    state->changed.wait_for(lock, farewellTime, [this] { return state->ended; });
+    state->changed.wait_for(lock, lastWriteTime, [this] { return state->ended; });
 }
 
 bool CConsole::isTerminal() const
@@ -135,7 +135,7 @@ void CConsole::run(const std::shared_ptr<State> &state)
         state->changed.wait(
             lock, [&state] { return !state->lines.empty() || state->rowsChanged || state->ending; });
         ending = state->ending;
-        const std::vector<Piece> pieces = state->take(lock);
+        const std::vector<Piece> pieces = state->takeWaiting(lock);
         lock.unlock();
         for (const Piece &piece : pieces)
             writeAll(piece);
@@ -146,7 +146,7 @@ void CConsole::run(const std::shared_ptr<State> &state)
 }
 
 /// What is to be written now; called and left with the lock held.
-std::vector<Piece> CConsole::State::take(std::unique_lock<std::mutex> &lock)
+std::vector<Piece> CConsole::State::takeWaiting(std::unique_lock<std::mutex> &lock)
 {
     std::deque<Line> newLines;
     newLines.swap(lines);

@@ -3,7 +3,7 @@
 // A thread of its own writes, so a terminal that has been stopped (Ctrl-S) or a pipe that nobody reads
 // holds up neither the network nor the program; what cannot be shown in time is counted and skipped.
 // A reader that has gone costs the output and nothing else (CInterruption::block() ignores SIGPIPE).
-// Everything passes printable(): no control character of a stranger reaches the terminal.
+// Everything passes printable(): no control character from the network reaches the terminal.
 #pragma once
 
 #include <QString>

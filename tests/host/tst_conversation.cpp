@@ -361,7 +361,7 @@ private Q_SLOTS:
         const QByteArray sound = alfa.settings();
         alfa.heard.clear();
         QVERIFY(TestInstallation::write(alfa.settingsFile(), "damaged"));
-        QVERIFY(alfa.sees("поврежден: Версия настроек"_s));
+        QVERIFY(alfa.sees("непригоден: Версия настроек"_s));
         QVERIFY(TestInstallation::write(alfa.settingsFile(), sound));
         QVERIFY(alfa.sees("успешно запущен на %1 порту"_s.arg(newPort)));
         Stranger guest(newPort);
