@@ -21,7 +21,7 @@ QString readTarget(const CommandLine &line, CallTarget *target);
 int runSettings(const CommandLine &line);
 
 /// "port=" and so on, as `settings set` takes them.
-QStringList settingsKeys();
+QStringList settingsCompletions();
 
 /// Plays the host against a channel library and tells whether it keeps the contract.
 int runCheck(const CommandLine &line);

@@ -70,7 +70,7 @@ const std::vector<Command> &commandTable()
          "listen "
          "замечает новые настройки IP-канала сам.",
          runSettings,
-         settingsKeys},
+         settingsCompletions},
 
         {"check",
          {{"МОДУЛЬ.so", "проверить модуль канала"}, {"--list", "показать все проверки"}},

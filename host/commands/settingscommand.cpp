@@ -292,7 +292,7 @@ int change(const QStringList &assignments, bool repair)
 
 } // namespace
 
-QStringList settingsKeys()
+QStringList settingsCompletions()
 {
     QStringList keys;
     for (const RecordKey &key : recordKeys)
