@@ -3,7 +3,6 @@
 
 #include "common/csettings.h"
 #include "common/global.h"
-#include "common/initext.h"
 #include "host/channelsettingsfile.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
@@ -11,7 +10,6 @@
 
 #include <QFile>
 
-#include <algorithm>
 #include <vector>
 
 namespace {
@@ -34,51 +32,6 @@ constexpr RecordKey recordKeys[] = {
      "сколько КБайт держать в очереди на передачу одного соединения"},
     {"canCheckOnline", nullptr, 0, 1, "можно ли вызывать абонентов только для проверки связи"},
 };
-
-/// A key of settings.ini.
-struct IniKey
-{
-    const char *name;
-    bool (CSettings::*flag)();  // either this
-    int (CSettings::*number)(); // or this
-    int defaultValue;
-    int min;
-    int max;
-    const char *meaning;
-};
-
-// clang-format off
-constexpr IniKey iniKeys[] = {
-    {"Debug/all", &CSettings::debugAll, nullptr, 0, 0, 1, "трассировка функций и все категории лога (после перезапуска)"},
-    {"Debug/ipcData", &CSettings::debugIpcData, nullptr, 0, 0, 1, "лог: данные межпроцессного обмена"},
-    {"Debug/ipcExtra", &CSettings::debugIpcExtra, nullptr, 0, 0, 1, "лог: подробности межпроцессного обмена"},
-    {"Debug/ipcSecurityDaemon", &CSettings::debugIpcSecurityDaemon, nullptr, 1, 0, 1, "лог: обмен со службой безопасности"},
-    {"Debug/ipcTransport", &CSettings::debugIpcTransport, nullptr, 0, 0, 1, "лог: обмен с транспортом"},
-    {"Debug/transportAbonents", &CSettings::debugTransportAbonents, nullptr, 0, 0, 1, "лог: абоненты"},
-    {"Debug/transportTransit", &CSettings::debugTransportTransit, nullptr, 1, 0, 1, "лог: транзит"},
-    {"Debug/transportConnects", &CSettings::debugTransportConnects, nullptr, 1, 0, 1, "лог: установка и потеря соединений"},
-    {"Debug/transportDataLifetime", &CSettings::debugTransportDataLifetime, nullptr, 0, 0, 1, "лог: срок жизни данных"},
-    {"Debug/transportBaseProtocol", &CSettings::debugTransportBaseProtocol, nullptr, 0, 0, 1, "лог: базовый протокол"},
-    {"Debug/transportProtocol", &CSettings::debugTransportProtocol, nullptr, 1, 0, 1, "лог: протокол"},
-    {"Debug/transportProtocolAttaches", &CSettings::debugTransportProtocolAttaches, nullptr, 0, 0, 1, "лог: вложения"},
-    {"Debug/transportIpSocketError", &CSettings::debugTransportIpSocketError, nullptr, 1, 0, 1, "лог: ошибки сокетов IP-канала"},
-    {"Debug/transportComPortError", &CSettings::debugTransportComPortError, nullptr, 1, 0, 1, "лог: ошибки последовательных портов"},
-    {"Debug/transportComAtCommands", &CSettings::debugTransportComAtCommands, nullptr, 1, 0, 1, "лог: команды AT"},
-    {"Debug/transportComPackets", &CSettings::debugTransportComPackets, nullptr, 0, 0, 1, "лог: пакеты последовательных портов"},
-    {"Debug/transportComData", &CSettings::debugTransportComData, nullptr, 0, 0, 1, "лог: данные последовательных портов"},
-    {"Debug/transportTasks", &CSettings::debugTransportTasks, nullptr, 1, 0, 1, "лог: задания"},
-    {"Debug/journals", &CSettings::debugJournals, nullptr, 1, 0, 1, "лог: журналы"},
-    {"Debug/messagesAutodelete", &CSettings::debugMessagesAutodelete, nullptr, 1, 0, 1, "лог: автоудаление сообщений"},
-    {"Debug/messagesLock", &CSettings::debugMessagesLock, nullptr, 0, 0, 1, "лог: блокировка сообщений"},
-    {"Details/maxWritingTime", nullptr, &CSettings::detailsMaxWritingTime, 5000, 100, 10000, "предел одной записи в сокет или файл, мс"},
-    {"Details/transportIpConnectTimeout", nullptr, &CSettings::detailsTransportIpConnectTimeout, 10000, 500, 60000, "предел ожидания соединения при вызове, мс"},
-    {"Details/transportIpThreadStartTimeout", nullptr, &CSettings::detailsTransportIpThreadStartTimeout, 1000, 100, 60000, "предел ожидания запуска потока вызова, мс"},
-    {"Details/transportServerThreadStopTimeout", nullptr, &CSettings::detailsTransportServerThreadStopTimeout, 10000, 100, 60000, "предел ожидания потоков при остановке, мс"},
-    {"Details/transportIpMaxReconnectTimeout", nullptr, &CSettings::detailsTransportIpMaxReconnectTimeout, 120, 10, 3600, "наибольшая пауза между повторными вызовами, с"},
-    {"Permissions/dirPermissions", nullptr, &CSettings::dirPermissions, 0x7777, 0x7111, 0x7777, "права создаваемых каталогов (число; 30583 = 0x7777)"},
-    {"Permissions/filePermissions", nullptr, &CSettings::filePermissions, 0x6666, 0x6000, 0x6666, "права создаваемых файлов (число; 26214 = 0x6666)"},
-};
-// clang-format on
 
 QString flagText(int value)
 {
@@ -111,7 +64,7 @@ QString recordText(const ChannelIpSettings &settings, const RecordKey &key)
     return key.number ? QString::number(value) : flagText(value);
 }
 
-int currentValue(CSettings &settings, const IniKey &key)
+int currentValue(CSettings &settings, const SettingsKey &key)
 {
     return key.flag ? (settings.*key.flag)() : (settings.*key.number)();
 }
@@ -133,7 +86,7 @@ int show()
     printLine(QString());
     printTitle(Global::internalSettingsFilePath());
     CSettings ini;
-    for (const IniKey &key : iniKeys) {
+    for (const SettingsKey &key : settingsKeys) {
         const QString range =
             key.flag ? QStringLiteral("true, false") : QStringLiteral("%1..%2").arg(key.min).arg(key.max);
         const int now = currentValue(ini, key);
@@ -178,14 +131,15 @@ public:
         for (const RecordKey &key : recordKeys) {
             if (name != QLatin1String(key.name))
                 continue;
-            record.emplace_back(&key, 0);
-            return parseValue(name, !key.number, text, key.min, key.max, &record.back().second);
+            const QString error = parseValue(name, !key.number, text, key.min, key.max, &value);
+            record.emplace_back(&key, value);
+            return error;
         }
-        for (const IniKey &key : iniKeys) {
+        for (const SettingsKey &key : settingsKeys) {
             if (name != QLatin1String(key.name))
                 continue;
             const QString error = parseValue(name, key.flag, text, key.min, key.max, &value);
-            ini.emplace_back(&key, value);
+            ini.insert(name, key.flag ? QVariant(bool(value)) : QVariant(value));
             return error;
         }
         return QStringLiteral("Нет такого ключа: %1. Все ключи показывает abonent settings show").arg(name);
@@ -198,9 +152,9 @@ public:
     {
         const ChannelSettingsFile old = ChannelSettingsFile::read();
         QString error = record.empty() ? QString() : saveRecord(old, repair);
-        if (!error.isNull())
+        if (!error.isNull() || ini.isEmpty())
             return error;
-        error = saveIni();
+        error = CSettings().store(ini);
         if (!error.isNull() && !record.empty() && !putBack(old))
             error += QStringLiteral(". Файл %1 уже изменен").arg(Global::channelIpSettingsFilePath());
         return error;
@@ -223,18 +177,7 @@ private:
             else
                 settings.canCheckOnline = value;
         }
-        const QString error = Global::safeSaving(Global::channelIpSettingsFilePath(), settings.toByteArray());
-        if (error.isNull() && !old.damage.isNull())
-            tellRepaired(settings);
-        return error;
-    }
-
-    static void tellRepaired(const ChannelIpSettings &settings)
-    {
-        printLine(QStringLiteral("Файл %1 записан заново:").arg(Global::channelIpSettingsFilePath()));
-        for (const RecordKey &key : recordKeys)
-            printLine(
-                QStringLiteral("  %1=%2").arg(QString::fromLatin1(key.name), recordText(settings, key)));
+        return Global::safeSaving(Global::channelIpSettingsFilePath(), settings.toByteArray());
     }
 
     static bool putBack(const ChannelSettingsFile &old)
@@ -243,36 +186,23 @@ private:
         return old.exists ? Global::safeSaving(path, old.bytes).isNull() : QFile::remove(path);
     }
 
-    QString saveIni()
-    {
-        const QString path = Global::internalSettingsFilePath();
-        {
-            CSettings settings;
-            for (const auto &[key, value] : ini) {
-                settings.write(QString::fromLatin1(key->name),
-                               key->flag ? QVariant(bool(value)) : QVariant(value));
-                if (currentValue(settings, *key) != value)
-                    return QStringLiteral("У процесса нет права менять %1").arg(path);
-            }
-        }
-        // The store keeps in memory what it cannot write, so only the file tells.
-        QFile file(path);
-        const bool isOpen = ini.empty() || file.open(QIODevice::ReadOnly);
-        const CIniText text(isOpen && !ini.empty() ? file.readAll() : QByteArray());
-        const bool isStored = std::all_of(ini.begin(), ini.end(), [&text](const auto &change) {
-            const QVariant found = text.value(QString::fromLatin1(change.first->name));
-            return found.toString() ==
-                   (change.first->flag ? flagText(change.second) : QString::number(change.second));
-        });
-        return isStored ? QString() : QStringLiteral("Не удалось записать файл %1").arg(path);
-    }
-
     std::vector<std::pair<const RecordKey *, int>> record;
-    std::vector<std::pair<const IniKey *, int>> ini;
+    QHash<QString, QVariant> ini;
 };
+
+/// What a file that was made anew holds: nobody has named all of it.
+void showRecord()
+{
+    printLine(QStringLiteral("Файл %1 записан заново:").arg(Global::channelIpSettingsFilePath()));
+    const ChannelSettingsFile file = ChannelSettingsFile::read();
+    for (const RecordKey &key : recordKeys)
+        printLine(
+            QStringLiteral("  %1=%2").arg(QString::fromLatin1(key.name), recordText(file.settings, key)));
+}
 
 int change(const QStringList &assignments, bool repair)
 {
+    const bool wasDamaged = !ChannelSettingsFile::read().damage.isNull();
     Changes changes;
     for (const QString &assignment : assignments) {
         const QString error = changes.add(assignment);
@@ -286,6 +216,8 @@ int change(const QStringList &assignments, bool repair)
         printError(error);
         return ExitTrouble;
     }
+    if (wasDamaged && ChannelSettingsFile::read().damage.isNull())
+        showRecord();
     printLine(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
     return ExitDone;
 }
@@ -297,7 +229,7 @@ QStringList settingsCompletions()
     QStringList keys;
     for (const RecordKey &key : recordKeys)
         keys << QLatin1String(key.name) + QLatin1Char('=');
-    for (const IniKey &key : iniKeys)
+    for (const SettingsKey &key : settingsKeys)
         keys << QLatin1String(key.name) + QLatin1Char('=');
     return keys;
 }
