@@ -76,9 +76,12 @@ QString columns(const std::vector<Row> &rows)
     return result;
 }
 
-bool isShown(const Command &command)
+std::vector<CommandForm> shownForms(const Command &command)
 {
-    return command.forms.front().purpose;
+    std::vector<CommandForm> result;
+    std::copy_if(command.forms.begin(), command.forms.end(), std::back_inserter(result),
+                 [](const CommandForm &form) { return form.purpose; });
+    return result;
 }
 
 QString usage(const Command &command, const CommandForm &form)
@@ -96,6 +99,12 @@ std::vector<CommandOption> shownOptions(const Command &command)
     return result;
 }
 
+QString usageWithOptions(const Command &command, const CommandForm &form)
+{
+    return usage(command, form) +
+           (shownOptions(command).empty() ? QString() : QStringLiteral(" [ПАРАМЕТРЫ]"));
+}
+
 QStringList paragraphs(const Command &command)
 {
     return QString::fromUtf8(command.details).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
@@ -110,10 +119,8 @@ QString overview()
 {
     std::vector<Row> commands;
     for (const Command &command : commandTable()) {
-        for (const CommandForm &form : command.forms) {
-            if (form.purpose)
-                commands.push_back({usage(command, form), QString::fromUtf8(form.purpose)});
-        }
+        for (const CommandForm &form : shownForms(command))
+            commands.push_back({usage(command, form), QString::fromUtf8(form.purpose)});
     }
     commands.push_back({QStringLiteral("abonent КОМАНДА --help"), QStringLiteral("подробно о команде")});
     commands.push_back({QStringLiteral("abonent --version"), QStringLiteral("версия программы")});
@@ -142,7 +149,7 @@ QString roffItem(const QString &term, const QString &text)
 QString manualOf(const Command &command)
 {
     QString page;
-    for (const CommandForm &form : command.forms)
+    for (const CommandForm &form : shownForms(command))
         page += QStringLiteral(".SS %1\n%2.\n")
                     .arg(roff(usage(command, form)), roff(QString::fromUtf8(form.purpose)));
     const QStringList texts = paragraphs(command);
@@ -163,7 +170,7 @@ QString commandHelp(const Command *command)
     const std::vector<CommandOption> options = shownOptions(*command);
     QString text;
     for (const CommandForm &form : command->forms)
-        text += usage(*command, form) + QString::fromUtf8(options.empty() ? "\n" : " [ПАРАМЕТРЫ]\n");
+        text += usageWithOptions(*command, form) + QLatin1Char('\n');
     text += QLatin1Char('\n');
     const QStringList texts = paragraphs(*command);
     for (const QString &paragraph : texts)
@@ -182,14 +189,12 @@ QString manualPage()
                                   ".SH ВЫЗОВ\n")
                        .arg(QLatin1String(BuildConstants::version), QString::fromUtf8(summary));
     for (const Command &command : commandTable()) {
-        for (const CommandForm &form : command.forms) {
-            if (form.purpose)
-                page += roff(usage(command, form)) + QStringLiteral("\n.br\n");
-        }
+        for (const CommandForm &form : shownForms(command))
+            page += roff(usageWithOptions(command, form)) + QStringLiteral("\n.br\n");
     }
     page += QStringLiteral(".SH КОМАНДЫ\n");
     for (const Command &command : commandTable()) {
-        if (isShown(command))
+        if (!shownForms(command).empty())
             page += manualOf(command);
     }
     page += QStringLiteral(".SH ФАЙЛЫ\nВсе лежит рядом с каталогом программы.\n");
@@ -211,7 +216,7 @@ QString bashCompletion()
     QStringList names;
     QString cases;
     for (const Command &command : commandTable()) {
-        if (!isShown(command))
+        if (shownForms(command).empty())
             continue;
         QStringList options{QStringLiteral("--help")};
         QStringList valued; // after these comes a value, not an option
@@ -221,7 +226,7 @@ QString bashCompletion()
                 valued << options.last();
         }
         QStringList actions;
-        for (const CommandForm &form : command.forms)
+        for (const CommandForm &form : shownForms(command))
             actions << form.action();
         actions.removeAll(QString());
         names << QLatin1String(command.name);

@@ -32,7 +32,8 @@ public:
 
 const CommandOption *optionOf(const Command &command, const QString &word)
 {
-    return word.startsWith(QLatin1String("--")) ? command.option(word.mid(2)) : nullptr;
+    const int dashes = word.startsWith(QLatin1String("--")) ? 2 : 1; // the parser takes one as well
+    return word.startsWith(QLatin1Char('-')) ? command.option(word.mid(dashes)) : nullptr;
 }
 
 /// Joins options whose value may be left out with their value: the parser knows no such options. Only a
@@ -46,17 +47,14 @@ QStringList withOptionalValuesJoined(const Command &command, QStringList rest)
         if (word == QLatin1String("--"))
             return result + rest;
         const CommandOption *option = optionOf(command, word);
-        if (!option || option->isSwitch() || rest.isEmpty()) {
-            if (option && option->isValueOptional())
-                result.last() += QLatin1Char('=');
+        if (!option || option->isSwitch())
             continue;
-        }
         bool isNumber = false;
-        rest.first().toUInt(&isNumber);
-        if (!option->isValueOptional())
-            result << rest.takeFirst();
-        else
+        rest.value(0).toUInt(&isNumber);
+        if (option->isValueOptional())
             result.last() += QLatin1Char('=') + (isNumber ? rest.takeFirst() : QString());
+        else if (!rest.isEmpty())
+            result << rest.takeFirst();
     }
     return result;
 }

@@ -74,6 +74,7 @@ private Q_SLOTS:
             {"send A ::1 --retry f", "send [A] ::1:18001 retry=-1 f"},
             {"send A h --retry=0 -- --text", "send [A] h:18001 retry=0 --text"},
             {"send A h --text --retry --text -5", "send [A] h:18001 retry=0  text=--retry+-5"},
+            {"send A h f -retry -verbose", "send [A] h:18001 retry=-1 f verbose="},
             {"settings set a=b c=d --repair", "settings set,a=b,c=d repair="},
             {"settings show", "settings show"},
             {"check a.so --only a,b --silent-data=", "check a.so only=a,b silent-data="},
