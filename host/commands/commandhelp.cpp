@@ -176,6 +176,7 @@ QString commandHelp(const Command *command)
     for (const QString &paragraph : texts)
         text += (isExample(paragraph) ? paragraph : wrapped(paragraph, 0, 0)) + QLatin1Char('\n');
     std::vector<Row> rows;
+    rows.reserve(options.size());
     for (const CommandOption &option : options)
         rows.push_back({option.usage(), QString::fromUtf8(option.meaning)});
     return rows.empty() ? text : text + QLatin1Char('\n') + columns(rows);
