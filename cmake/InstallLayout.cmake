@@ -3,6 +3,7 @@
 #   PREFIX/HOME/bin/abonent                              component host
 #   PREFIX/HOME/bin/channelPlugins/libtransportIp.so     component plugin
 #   PREFIX/HOME/settings, PREFIX/HOME/data               made by the programs, beside bin/
+#   PREFIX/share/man, PREFIX/share/bash-completion       component host: made by the program
 #   PREFIX/share/doc/abonent                             component runtime: what every installation has
 #   PREFIX/include/ipChannel                             component development, as are the next
 #   PREFIX/lib/libipchannel-*.a, lib/cmake/ipChannel, lib/pkgconfig
@@ -61,6 +62,10 @@ endif()
 # Programs.
 install(TARGETS abonent RUNTIME DESTINATION ${programDir} COMPONENT host)
 install(TARGETS transportIp LIBRARY DESTINATION ${pluginDir} COMPONENT plugin)
+set(hostDocuments ${PROJECT_BINARY_DIR}/host)
+install(FILES ${hostDocuments}/abonent.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)
+install(FILES ${hostDocuments}/abonent.bash DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
+  COMPONENT host RENAME abonent)
 install(FILES docs/ru/administrator.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/abonent COMPONENT runtime)
 
 # The kit.

@@ -25,6 +25,7 @@ void CInterruption::block()
 {
     const sigset_t set = ourSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
 }
 
 CInterruption::CInterruption()
@@ -32,7 +33,7 @@ CInterruption::CInterruption()
     const sigset_t set = ourSignals();
     descriptor = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     auto *notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, this);
-    connect(notifier, &QSocketNotifier::activated, this, &CInterruption::take);
+    connect(notifier, &QSocketNotifier::activated, this, &CInterruption::readSignal);
 }
 
 CInterruption::~CInterruption()
@@ -40,7 +41,7 @@ CInterruption::~CInterruption()
     ::close(descriptor);
 }
 
-void CInterruption::take()
+void CInterruption::readSignal()
 {
     signalfd_siginfo info{};
     if (::read(descriptor, &info, sizeof(info)) != sizeof(info))

@@ -8,8 +8,9 @@ class CInterruption : public QObject
     Q_OBJECT
 
 public:
-    /// Keeps the three signals from ending the process. Called first in main(), before there is any
-    /// other thread: threads inherit it.
+    /// Keeps the three signals from ending the process, and SIGPIPE too: writing to a reader that has
+    /// gone then fails with EPIPE. Called first in main(), before there is any other thread: threads
+    /// inherit it.
     static void block();
 
     /// Begins to listen for them; after block(), in a thread with an event loop.
@@ -21,7 +22,7 @@ Q_SIGNALS:
     void requested(int signalNumber);
 
 private:
-    void take();
+    void readSignal();
 
     int descriptor;
     bool isRequested = false;

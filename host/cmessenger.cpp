@@ -11,23 +11,19 @@
 
 namespace {
 
-constexpr int settleMs = 300; // a save passes through states in which the file is missing
-
-QByteArray currentChannelSettings()
-{
-    QFile file(Global::channelIpSettingsFilePath());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
+constexpr int debounceMs = 300; // a save passes through states in which the file is missing
 
 } // namespace
 
 CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMessageProtocol::Context &around)
     : console(shownOn), monitor(onMonitor), context(around)
 {
-    settled.setSingleShot(true);
-    settled.setInterval(settleMs);
-    connect(&settled, &QTimer::timeout, this, &CMessenger::readSettings);
-    connect(&watcher, &QFileSystemWatcher::directoryChanged, &settled, [this] { settled.start(); });
+    debounce.setSingleShot(true);
+    debounce.setInterval(debounceMs);
+    connect(&debounce, &QTimer::timeout, this, &CMessenger::readSettings);
+    // The directory tells of files that get a name, the file of contents overwritten in place.
+    for (const auto change : {&QFileSystemWatcher::directoryChanged, &QFileSystemWatcher::fileChanged})
+        connect(&watcher, change, &debounce, [this] { debounce.start(); });
 }
 
 CMessenger::~CMessenger() = default;
@@ -44,12 +40,12 @@ bool CMessenger::load()
             channels.push_back(std::move(channel));
         } else {
             debug(QStringLiteral("CMessenger"), error, DebugAlways, DebugFlagFileOnly);
-            console.line(error);
+            console.error(error);
         }
     }
     if (channels.empty())
-        console.line(QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
-                         .arg(directory.absolutePath()));
+        console.error(QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
+                          .arg(directory.absolutePath()));
     return !channels.empty();
 }
 
@@ -58,12 +54,15 @@ bool CMessenger::keepOnly(int kind)
     const auto isOther = [kind](const Channel &channel) { return channel.library->plugin()->type() != kind; };
     channels.erase(std::remove_if(channels.begin(), channels.end(), isOther), channels.end());
     if (channels.empty())
-        console.line(QStringLiteral("Нет модуля нужного канала"));
+        console.error(QStringLiteral("Нет модуля нужного канала"));
     return !channels.empty();
 }
 
 void CMessenger::open()
 {
+    Global::makePath(Global::settingsDir());
+    watcher.addPath(Global::settingsDir().absolutePath());
+    readSettings();
     for (Channel &channel : channels) {
         const CChannelPlugin *plugin = channel.library->plugin();
         channel.server.reset(plugin->create());
@@ -79,10 +78,6 @@ void CMessenger::open()
         ++runningServers;
         server->start();
     }
-
-    Global::makePath(Global::settingsDir());
-    channelSettings = currentChannelSettings();
-    watcher.addPath(Global::settingsDir().absolutePath());
 }
 
 void CMessenger::close()
@@ -90,7 +85,7 @@ void CMessenger::close()
     if (isClosing)
         return;
     isClosing = true;
-    watcher.removePaths(watcher.directories());
+    watcher.removePaths(watcher.directories() + watcher.files());
     for (const Channel &channel : channels)
         channel.server->stop();
 }
@@ -116,18 +111,29 @@ void CMessenger::serverFinished()
     emit closed();
 }
 
-/// Something in the settings directory has changed. Servers read their settings again if it is those.
+/// Something in the settings directory may have changed. Servers read their settings again if it is those.
 void CMessenger::readSettings()
 {
     if (isClosing)
         return;
     const QString path = Global::channelIpSettingsFilePath();
     if (!QFile::exists(path) && QFile::exists(path + QStringLiteral(".old")))
-        return settled.start(); // in the middle of a save
-    const QByteArray now = currentChannelSettings();
-    if (now == channelSettings)
+        return debounce.start(); // in the middle of a save
+    // Anew: the name may stand for another file now. Before reading, so that no later change is missed.
+    watcher.removePath(path);
+    watcher.addPath(path);
+    const ChannelSettingsFile file = ChannelSettingsFile::read();
+    if (file.exists == channelSettings.exists && file.bytes == channelSettings.bytes &&
+        file.error == channelSettings.error)
         return;
-    channelSettings = now;
-    for (const Channel &channel : channels)
-        channel.server->settingsWasChanged();
+    channelSettings = file;
+    if (!file.error.isNull())
+        console.error(file.error);
+    if (!file.damage.isNull())
+        console.error(
+            QStringLiteral("%1. IP-канал использует порт %2").arg(file.damage).arg(file.settings.port));
+    for (const Channel &channel : channels) {
+        if (channel.server)
+            channel.server->settingsWasChanged();
+    }
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "host/cchannellibrary.h"
+#include "host/channelsettingsfile.h"
 #include "host/conversation/cmessageprotocol.h"
 #include "interfaces/cchannelserver.h"
 
@@ -68,7 +69,7 @@ private:
     std::vector<Channel> channels;
     int runningServers = 0;
     bool isClosing = false;
-    QFileSystemWatcher watcher; // of the settings directory
-    QTimer settled;             // since the last change in it
-    QByteArray channelSettings; // contents of channelIp.conf when last seen
+    QFileSystemWatcher watcher;          // of the settings directory and channelIp.conf in it
+    QTimer debounce;                     // since the last change of either
+    ChannelSettingsFile channelSettings; // when last seen
 };

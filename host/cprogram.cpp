@@ -22,13 +22,14 @@ void showQtMessage(QtMsgType type, const QMessageLogContext &context, const QStr
     Q_UNUSED(context)
     CConsole *console = gConsole;
     if (console && (type != QtDebugMsg || gIsVerbose))
-        console->line(text);
+        console->error(text);
 }
 
 QString nameOf(const CommandLine &line)
 {
     const QString user = Global::currentSystemUserName();
-    return !line.name.isEmpty() ? line.name : !user.isEmpty() ? user : QSysInfo::machineHostName();
+    const QString name = line.value("name");
+    return !name.isEmpty() ? name : !user.isEmpty() ? user : QSysInfo::machineHostName();
 }
 
 /// As many descriptors as the system allows: each connection needs two.
@@ -54,9 +55,11 @@ int mostUnnamed()
 CProgram::CProgram(const CommandLine &line, CConsoleMonitor::Style monitorStyle, CDelivery *delivery)
     : monitor(console, monitorStyle), journal(console), store(Global::currentSecrecy()),
       unnamed(mostUnnamed(), mostUnnamed() / 2), ownName(nameOf(line)),
-      messenger(console, monitor, {ownName, &store, &journal, &monitor, &unnamed, delivery})
+      messenger(console, monitor,
+                {ownName, &store, &journal, [this](const QString &label) { return monitor.originOf(label); },
+                 &unnamed, delivery})
 {
-    gIsVerbose = line.verbose;
+    gIsVerbose = line.has("verbose");
     gConsole = &console;
     qInstallMessageHandler(showQtMessage);
 }
@@ -70,14 +73,14 @@ CProgram::~CProgram()
 int CProgram::prepare()
 {
     if (Global::filterName(ownName).isEmpty()) {
-        console.line(QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр: задайте другое, --name")
-                         .arg(ownName));
+        console.error(QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр: задайте другое, --name")
+                          .arg(ownName));
         return ExitUsage;
     }
     const QString error = store.prepare();
     if (!error.isNull()) {
         debug(QStringLiteral("CProgram"), error, DebugAlways, DebugFlagFileOnly);
-        console.line(error);
+        console.error(error);
         return ExitTrouble;
     }
     if (!messenger.load())

@@ -10,7 +10,7 @@
 #include "host/conversation/cmessagestore.h"
 #include "host/conversation/cunnamedcallers.h"
 
-struct CommandLine;
+class CommandLine;
 
 class CProgram
 {

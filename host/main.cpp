@@ -5,58 +5,47 @@
 #include "host/cinterruption.h"
 #include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
-#include "host/commands/commands.h"
+#include "host/commands/commandtable.h"
 #include "host/commands/exitcodes.h"
-#include "host/console/untrustedtext.h"
+#include "host/console/printing.h"
 
 #include <QCoreApplication>
 #include <QTextCodec>
 
-#include <cstdio>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
-struct Command
+/// Standard streams that the caller has closed lead nowhere: their numbers must not go to a file or a socket.
+void openStandardStreams()
 {
-    const char *name;
-    int (*run)(const CommandLine &line);
-};
-
-constexpr Command commands[] = {
-    {"listen", runListen},
-    {"send", runSend},
-    {"settings", runSettings},
-    {"check", runCheck},
-};
-
-int answer(std::FILE *stream, int code, const QString &text)
-{
-    std::fputs(text.toUtf8().constData(), stream);
-    return code;
+    int descriptor = ::open("/dev/null", O_RDWR);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = ::dup(descriptor);
+    if (descriptor >= 0)
+        ::close(descriptor);
 }
 
 int run(const CommandLine &line)
 {
-    if (!line.mistake.isNull()) {
-        return answer(
-            stderr, ExitUsage,
-            QStringLiteral("%1\nПодробнее: abonent %2 --help\n").arg(printable(line.mistake), line.command));
+    if (!line.mistake.isNull())
+        return refuse(line, line.mistake);
+    if (line.version) {
+        printLine(QStringLiteral("abonent %1").arg(QLatin1String(BuildConstants::version)));
+        return ExitDone;
     }
-    if (line.version)
-        return answer(stdout, ExitDone,
-                      QStringLiteral("abonent %1\n").arg(QLatin1String(BuildConstants::version)));
-    if (line.help)
-        return answer(stdout, ExitDone, commandHelp(line.command));
+    if (line.help) {
+        printLine(commandHelp(line.command).trimmed());
+        return ExitDone;
+    }
 
     // A save that was cut off by a crash may have left the channel's settings under another name.
     const QString error = Global::recoverSaved(Global::channelIpSettingsFilePath());
     if (!error.isNull())
-        answer(stderr, 0, error + QLatin1Char('\n'));
-    for (const Command &command : commands) {
-        if (line.command == QLatin1String(command.name))
-            return command.run(line);
-    }
-    return ExitUsage;
+        printError(error);
+    return line.command->run(line);
 }
 
 } // namespace
@@ -64,9 +53,16 @@ int run(const CommandLine &line)
 int main(int argc, char *argv[])
 {
     CInterruption::block(); // before any thread
+    openStandardStreams();
     // Names and texts are UTF-8 also where no locale is set.
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
     QCoreApplication application(argc, argv);
     LoggerData::initDebug(nullptr);
-    return run(parseCommandLine(QCoreApplication::arguments().mid(1)));
+    const int code = run(CommandLine::parse(QCoreApplication::arguments().mid(1)));
+
+    const int reason = printingError();
+    if (code != ExitDone || reason == 0 || reason == EPIPE) // a reader may go when it has enough
+        return code;
+    printError(QStringLiteral("Не удалось вывести результат. %1").arg(qt_error_string(reason)));
+    return ExitTrouble;
 }

@@ -59,11 +59,6 @@ bool hasDescriptorsForCall()
     return leavesReserve(descriptor);
 }
 
-QString systemError(int error)
-{
-    return qt_error_string(error);
-}
-
 /// @return whether a record can be written without waiting for those who fight for the log
 bool isLogFree()
 {
@@ -136,7 +131,7 @@ void CIpServer::connectToAbonent(const QString &abonentName, const QByteArray &a
     if (!hasDescriptorsForCall()) {
         // The call could not be set up; a host that retries will try again.
         log(QStringLiteral("Не удалось установить соединение с '%1': %2")
-                .arg(abonentName, systemError(EMFILE)));
+                .arg(abonentName, qt_error_string(EMFILE)));
         Q_EMIT notConnected(abonentName);
         return;
     }

@@ -1,5 +1,7 @@
 #include "host/check/checkarguments.h"
 
+#include "host/commands/commandline.h"
+
 #include <QFile>
 #include <QFileInfo>
 #include <QRandomGenerator>
@@ -51,68 +53,58 @@ QString checkSetting(const QString &assignment)
     return QString();
 }
 
-QString takeOption(const QString &option, const QString &value, CheckArguments *arguments)
+/// @return null on success, else what is wrong
+QString takeAbonents(const CommandLine &line, CheckArguments *arguments)
 {
-    if (option == QLatin1String("--only"))
-        arguments->only += value.split(QLatin1Char(','), Qt::SkipEmptyParts);
-    else if (option == QLatin1String("--child"))
-        arguments->child = value;
-    else if (option == QLatin1String("--seed"))
-        return parseNumber(value, 1, 0xffffffffLL, &arguments->seed);
-    else if (option == QLatin1String("--limit"))
-        return parseNumber(value, 100, 600000, &arguments->limitMs);
-    else if (option == QLatin1String("--jobs"))
-        return parseNumber(value, 1, 64, &arguments->jobs);
-    else if (option == QLatin1String("--settings")) {
-        arguments->settings << value;
-        return checkSetting(value);
-    } else if (option == QLatin1String("--abonent-data") || option == QLatin1String("--abonent-file")) {
-        arguments->hasAbonentData = true;
-        return option.endsWith(QLatin1String("data")) ? parseHex(value, &arguments->abonentData)
-                                                      : readRecord(value, &arguments->abonentData);
-    } else if (option == QLatin1String("--silent-data")) {
-        arguments->hasSilentAbonent = true;
-        return parseHex(value, &arguments->silentAbonent);
-    } else
-        return QStringLiteral("Неизвестный параметр: %1").arg(option);
-    return QString();
+    QString error;
+    arguments->hasAbonentData = line.has("abonent-data") || line.has("abonent-file");
+    if (line.has("abonent-file"))
+        error = readRecord(line.value("abonent-file"), &arguments->abonentData);
+    else if (line.has("abonent-data"))
+        error = parseHex(line.value("abonent-data"), &arguments->abonentData);
+    arguments->hasSilentAbonent = line.has("silent-data");
+    if (error.isNull() && arguments->hasSilentAbonent)
+        error = parseHex(line.value("silent-data"), &arguments->silentAbonent);
+    return error;
 }
 
-bool takeFlag(const QString &option, CheckArguments *arguments)
+QString takeNumbers(const CommandLine &line, CheckArguments *arguments)
 {
-    bool *flag = option == QLatin1String("--list")      ? &arguments->list
-                 : option == QLatin1String("--json")    ? &arguments->json
-                 : option == QLatin1String("--verbose") ? &arguments->verbose
-                                                        : nullptr;
-    if (flag)
-        *flag = true;
-    return flag;
+    QString error;
+    if (line.has("seed"))
+        error = parseNumber(line.value("seed"), 1, 0xffffffffLL, &arguments->seed);
+    if (error.isNull() && line.has("limit"))
+        error = parseNumber(line.value("limit"), 100, 600000, &arguments->limitMs);
+    if (error.isNull() && line.has("jobs"))
+        error = parseNumber(line.value("jobs"), 1, 64, &arguments->jobs);
+    return error;
 }
 
 } // namespace
 
-CheckArguments parseCheckArguments(const QStringList &words)
+CheckArguments readCheckArguments(const CommandLine &line)
 {
     CheckArguments arguments;
-    QStringList rest = words;
-    while (!rest.isEmpty() && arguments.mistake.isNull()) {
-        const QString word = rest.takeFirst();
-        const QString option = word.section(QLatin1Char('='), 0, 0);
-        if (!word.startsWith(QLatin1String("--"))) {
-            if (!arguments.channel.isEmpty())
-                arguments.mistake = QStringLiteral("Лишний аргумент: %1").arg(word);
-            arguments.channel = QFileInfo(word).absoluteFilePath(); // no search along library paths
-        } else if (!takeFlag(word, &arguments)) {
-            if (option == word && rest.isEmpty())
-                arguments.mistake = QStringLiteral("Неизвестный параметр или нет его значения: %1").arg(word);
-            else
-                arguments.mistake =
-                    takeOption(option, option == word ? rest.takeFirst() : word.section(QLatin1Char('='), 1),
-                               &arguments);
-        }
-    }
-    if (arguments.mistake.isNull() && arguments.channel.isEmpty() && !arguments.list)
+    if (!line.operands.isEmpty())
+        arguments.channel =
+            QFileInfo(line.operands.first()).absoluteFilePath(); // no search along library paths
+    arguments.list = line.has("list");
+    arguments.json = line.has("json");
+    arguments.verbose = line.has("verbose");
+    arguments.child = line.value("child");
+    arguments.only = line.values("only").join(QLatin1Char(',')).split(QLatin1Char(','), Qt::SkipEmptyParts);
+    arguments.settings = line.values("settings");
+
+    if (arguments.channel.isEmpty() && !arguments.list)
         arguments.mistake = QStringLiteral("Не указан файл модуля канала");
+    for (const QString &assignment : qAsConst(arguments.settings)) {
+        if (arguments.mistake.isNull())
+            arguments.mistake = checkSetting(assignment);
+    }
+    if (arguments.mistake.isNull())
+        arguments.mistake = takeNumbers(line, &arguments);
+    if (arguments.mistake.isNull())
+        arguments.mistake = takeAbonents(line, &arguments);
     if (arguments.seed == 0)
         arguments.seed = QRandomGenerator::system()->bounded(1U, 0xffffffffU);
     if (arguments.jobs == 0)

@@ -1,9 +1,11 @@
-// The words behind `abonent check`.
+// What `abonent check` is asked to do.
 #pragma once
 
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
+
+class CommandLine;
 
 struct CheckArguments
 {
@@ -24,5 +26,5 @@ struct CheckArguments
     QString child;            // the one check to run in this process; of no use to people
 };
 
-/// Reads the words and the files named by --abonent-file; draws a seed when none is given.
-CheckArguments parseCheckArguments(const QStringList &words);
+/// Reads the command line and the file named by --abonent-file; draws a seed when none is given.
+CheckArguments readCheckArguments(const CommandLine &line);

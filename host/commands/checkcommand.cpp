@@ -3,10 +3,12 @@
 #include "host/check/cfixture.h"
 #include "host/check/checktable.h"
 #include "host/cinterruption.h"
+#include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
 #include "host/commands/commands.h"
 #include "host/commands/exitcodes.h"
-#include "host/console/untrustedtext.h"
+#include "host/console/printing.h"
+#include "host/text/untrustedtext.h"
 
 #include <QFileInfo>
 #include <QJsonArray>
@@ -21,25 +23,11 @@
 
 namespace {
 
-void print(const QString &line)
-{
-    std::fputs((line + QLatin1Char('\n')).toUtf8().constData(), stdout);
-    std::fflush(stdout);
-}
-
-int refuse(const QString &mistake)
-{
-    std::fputs(
-        QStringLiteral("%1\nПодробнее: abonent check --help\n").arg(printable(mistake)).toUtf8().constData(),
-        stderr);
-    return ExitUsage;
-}
-
 int list()
 {
     for (const Check &check : checkTable())
-        print(QStringLiteral("%1 %2").arg(QString::fromLatin1(check.name).leftJustified(20),
-                                          QString::fromUtf8(check.title)));
+        printLine(QStringLiteral("%1 %2").arg(QString::fromLatin1(check.name).leftJustified(20),
+                                              QString::fromUtf8(check.title)));
     return ExitDone;
 }
 
@@ -66,32 +54,33 @@ void printResult(const CheckResult &result)
     const char *word = result.outcome == CheckResult::Passed   ? "верно"
                        : result.outcome == CheckResult::Failed ? "ОШИБКА"
                                                                : "пропуск";
-    print(QStringLiteral("  %1 %2 %3")
-              .arg(QString::fromUtf8(word).leftJustified(8),
-                   QString::fromLatin1(result.name).leftJustified(20), QString::fromUtf8(result.title)));
+    printLine(QStringLiteral("  %1 %2 %3")
+                  .arg(QString::fromUtf8(word).leftJustified(8),
+                       QString::fromLatin1(result.name).leftJustified(20), QString::fromUtf8(result.title)));
     if (result.outcome == CheckResult::Failed)
-        print(QStringLiteral("           -> %1").arg(printable(result.text)));
+        printLine(QStringLiteral("           -> %1").arg(printable(result.text)));
     else if (result.outcome == CheckResult::Skipped)
-        print(QStringLiteral("              (%1)").arg(printable(result.text)));
+        printLine(QStringLiteral("              (%1)").arg(printable(result.text)));
 }
 
 void printSummary(const CheckArguments &arguments, const std::vector<CheckResult> &results)
 {
     const int failed = countOf(results, CheckResult::Failed);
-    print(QStringLiteral("Верно %1, ошибок %2, пропущено %3")
-              .arg(countOf(results, CheckResult::Passed))
-              .arg(failed)
-              .arg(countOf(results, CheckResult::Skipped)));
+    printLine(QStringLiteral("Верно %1, ошибок %2, пропущено %3")
+                  .arg(countOf(results, CheckResult::Passed))
+                  .arg(failed)
+                  .arg(countOf(results, CheckResult::Skipped)));
     if (failed == 0)
-        return print(QStringLiteral("Канал соответствует договору во всем, что проверено."));
+        return printLine(QStringLiteral("Канал соответствует договору во всем, что проверено."));
     QStringList names;
     for (const CheckResult &result : results) {
         if (result.outcome == CheckResult::Failed)
             names << QLatin1String(result.name);
     }
-    print(QStringLiteral(
-              "Канал НЕ соответствует договору. Повторить: abonent check %1 --only %2 --seed %3 --verbose")
-              .arg(arguments.channel, names.join(QLatin1Char(',')), QString::number(arguments.seed)));
+    printLine(
+        QStringLiteral(
+            "Канал НЕ соответствует договору. Повторить: abonent check %1 --only %2 --seed %3 --verbose")
+            .arg(arguments.channel, names.join(QLatin1Char(',')), QString::number(arguments.seed)));
 }
 
 void printJson(const CheckArguments &arguments, const std::vector<CheckResult> &results)
@@ -118,7 +107,7 @@ int runParent(const CheckArguments &arguments, const QStringList &words)
     CCheckRun run(arguments, words);
     const QString error = run.prepare();
     if (!error.isNull()) {
-        std::fputs((error + QLatin1Char('\n')).toUtf8().constData(), stderr);
+        printError(error);
         return ExitTrouble;
     }
     CInterruption interruption;
@@ -128,7 +117,8 @@ int runParent(const CheckArguments &arguments, const QStringList &words)
         run.interrupt();
     });
     if (!arguments.json)
-        print(QStringLiteral("Проверка %1, зерно %2").arg(printable(arguments.channel)).arg(arguments.seed));
+        printLine(
+            QStringLiteral("Проверка %1, зерно %2").arg(printable(arguments.channel)).arg(arguments.seed));
     run.run([&](const CheckResult &result) {
         if (!arguments.json)
             printResult(result);
@@ -146,9 +136,9 @@ int runParent(const CheckArguments &arguments, const QStringList &words)
 
 int runCheck(const CommandLine &line)
 {
-    const CheckArguments arguments = parseCheckArguments(line.operands);
+    const CheckArguments arguments = readCheckArguments(line);
     if (!arguments.mistake.isNull())
-        return refuse(arguments.mistake);
+        return refuse(line, arguments.mistake);
     if (arguments.list)
         return list();
     if (!arguments.child.isNull()) {
@@ -158,9 +148,10 @@ int runCheck(const CommandLine &line)
     }
     const QString unknown = unknownCheck(arguments.only);
     if (!unknown.isNull())
-        return refuse(QStringLiteral("Нет такой проверки: %1. Все проверки показывает abonent check --list")
+        return refuse(line,
+                      QStringLiteral("Нет такой проверки: %1. Все проверки показывает abonent check --list")
                           .arg(unknown));
     if (!QFileInfo(arguments.channel).isFile())
-        return refuse(QStringLiteral("Нет такого файла: %1").arg(arguments.channel));
-    return runParent(arguments, line.operands);
+        return refuse(line, QStringLiteral("Нет такого файла: %1").arg(arguments.channel));
+    return runParent(arguments, line.words);
 }

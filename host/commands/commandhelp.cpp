@@ -1,111 +1,272 @@
 #include "host/commands/commandhelp.h"
 
-#include <QString>
+#include "common/buildconstants.h"
+#include "host/commands/commandline.h"
+#include "host/commands/commandtable.h"
+#include "host/commands/exitcodes.h"
+#include "host/console/printing.h"
+
+#include <algorithm>
 
 namespace {
 
-constexpr char overview[] =
-    "abonent - обмен сообщениями и файлами между абонентами через модули каналов\n"
-    "\n"
-    "Команды:\n"
-    "  abonent listen [--name ИМЯ]                       принимать вызовы и сообщения\n"
-    "  abonent send АБОНЕНТ АДРЕС[:ПОРТ] ФАЙЛ...         передать файлы\n"
-    "  abonent send АБОНЕНТ АДРЕС[:ПОРТ] --text ТЕКСТ    передать текст\n"
-    "  abonent settings show                             показать настройки\n"
-    "  abonent settings set КЛЮЧ=ЗНАЧЕНИЕ...             изменить настройки\n"
-    "  abonent check МОДУЛЬ.so                           проверить модуль канала\n"
-    "\n"
-    "  abonent КОМАНДА --help                            подробно о команде\n"
-    "  abonent --version                                 версия программы\n"
-    "\n"
-    "Код завершения:\n"
-    "  0  выполнено                          4  ответил другой абонент\n"
-    "  1  неисправность установки            5  передано или подтверждено не все\n"
-    "  2  ошибка в командной строке          6  недопустимое значение настройки\n"
-    "  3  абонент не отвечает                7  модуль канала нарушает договор\n"
-    "                                        128 + номер сигнала: работа прервана\n";
+constexpr int lineWidth = 92;
+constexpr int mostColumn = 48; // a longer left side gets a line of its own
 
-constexpr char listenHelp[] =
-    "abonent listen [--name ИМЯ] [--verbose]\n"
-    "\n"
-    "Загружает все модули каталога channelPlugins, принимает вызовы и сохраняет сообщения\n"
-    "в каталог data/УРОВЕНЬ/messages/input. На терминале внизу показана таблица соединений,\n"
-    "выше появляются события; без терминала все печатается строками.\n"
-    "Работа завершается по Ctrl-C (SIGINT, SIGTERM); повторное нажатие прерывает ее немедленно.\n"
-    "\n"
-    "  --name ИМЯ   имя этого абонента; без параметра - имя пользователя системы\n"
-    "  --verbose    показывать и то, что записывается в журнал работы (лог)\n";
+struct ExitCodeRow
+{
+    const char *code;
+    const char *meaning;
+};
 
-constexpr char sendHelp[] =
-    "abonent send АБОНЕНТ АДРЕС[:ПОРТ] [ФАЙЛ...] [--text ТЕКСТ] [--retry [N]]\n"
-    "             [--name ИМЯ] [--verbose]\n"
-    "\n"
-    "Вызывает абонента, передает ему текст и файлы и ждет, пока он сохранит их и подтвердит\n"
-    "контрольной суммой SHA-256. Имена абонентов сравниваются без учета регистра, только по\n"
-    "буквам и цифрам. Порт по умолчанию 18001; адрес IPv6 с портом пишется как [::1]:18001.\n"
-    "\n"
-    "  --text ТЕКСТ   передать текст, не более 1 МБайт\n"
-    "  --retry [N]    повторять вызов не более N раз, без числа - пока не удастся;\n"
-    "                 пауза растет: 10, 20, 30, 60, 90, 120 секунд\n"
-    "  --name ИМЯ     имя этого абонента; без параметра - имя пользователя системы\n"
-    "  --verbose      показывать события самого канала и то, что записывается в лог\n"
-    "  --             дальше только имена файлов\n"
-    "\n"
-    "Слушать порт для передачи не обязательно: если его занимает работающий abonent listen\n"
-    "той же установки, передаче это не мешает.\n";
+constexpr ExitCodeRow exitCodeRows[] = {
+    {"0", "выполнено"},
+    {"1", "неисправность установки"},
+    {"2", "ошибка в командной строке"},
+    {"3", "абонент не отвечает"},
+    {"4", "ответил другой абонент"},
+    {"5", "передано или подтверждено не все"},
+    {"6", "недопустимое значение настройки"},
+    {"7", "модуль канала нарушает договор"},
+    {"128 + N", "работа прервана сигналом N"},
+};
 
-constexpr char settingsHelp[] =
-    "abonent settings show\n"
-    "abonent settings set КЛЮЧ=ЗНАЧЕНИЕ...\n"
-    "\n"
-    "show печатает настройки IP-канала (файл channelIp.conf) и общие настройки (settings.ini):\n"
-    "значение, значение по умолчанию, допустимый диапазон и смысл каждого ключа.\n"
-    "set изменяет названные ключи, например:\n"
-    "\n"
-    "  abonent settings set port=18002 maxConnections=50\n"
-    "  abonent settings set Details/maxWritingTime=3000\n"
-    "\n"
-    "Если хотя бы одно значение недопустимо, не меняется ничего. Работающий abonent listen\n"
-    "замечает новые настройки IP-канала сам.\n";
+constexpr char summary[] = "обмен сообщениями и файлами между абонентами через модули каналов";
 
-constexpr char checkHelp[] =
-    "abonent check МОДУЛЬ.so [--only ИМЯ[,ИМЯ...]] [--json] [--verbose] [--seed N] [--limit МС]\n"
-    "              [--jobs N] [--abonent-data HEX | --abonent-file ФАЙЛ] [--silent-data HEX]\n"
-    "              [--settings ИМЯ=ФАЙЛ]\n"
-    "abonent check --list\n"
-    "\n"
-    "Исполняет роль программы перед модулем канала любого вида и проверяет, соблюдает ли он\n"
-    "договор. Каждая проверка идет в отдельном процессе и во временной установке; эта установка\n"
-    "не затрагивается. IP-канал проверка настраивает сама.\n"
-    "\n"
-    "  --list                показать все проверки\n"
-    "  --only ИМЯ            выполнить только названные проверки\n"
-    "  --json                напечатать итог в виде JSON\n"
-    "  --verbose             показывать сообщения модуля\n"
-    "  --seed N              зерно случайной проверки: то же зерно - те же действия\n"
-    "  --limit МС            сколько ждать того, что должно случиться; обычно 5000.\n"
-    "                        Молчание вдвое дольше считается зависанием\n"
-    "  --jobs N              сколько проверок идет сразу; обычно по числу процессоров\n"
-    "  --abonent-data HEX    данные абонента, ведущие обратно к этому же каналу или к эху\n"
-    "  --abonent-file ФАЙЛ   то же, из файла\n"
-    "  --silent-data HEX     данные абонента, который заведомо не отвечает\n"
-    "  --settings ИМЯ=ФАЙЛ   положить копию файла под этим именем в каталог settings\n"
-    "\n"
-    "Код завершения: 0 - ошибок нет, 7 - есть ошибки, 1 - нет места для проверок, 2 - ошибка в\n"
-    "командной строке.\n";
+/// Breaks a text into lines. The first one is @a used characters long already.
+QString wrapped(const QString &text, int indent, int used)
+{
+    QString result;
+    int column = used;
+    const QStringList words = text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    for (const QString &word : words) {
+        if (column > indent && column + 1 + word.size() > lineWidth) {
+            result += QLatin1Char('\n') + QString(indent, QLatin1Char(' '));
+            column = indent;
+        } else if (column > indent) {
+            result += QLatin1Char(' ');
+            ++column;
+        }
+        result += word;
+        column += word.size();
+    }
+    return result;
+}
+
+struct Row
+{
+    QString left;
+    QString right;
+};
+
+/// Two columns, the left one as wide as it has to be.
+QString columns(const std::vector<Row> &rows)
+{
+    int width = 0;
+    for (const Row &row : rows)
+        width = std::max(width, row.left.size() <= mostColumn ? row.left.size() : 0);
+    const int indent = 2 + width + 3;
+    QString result;
+    for (const Row &row : rows) {
+        QString left = QStringLiteral("  ") + row.left;
+        left = row.left.size() <= width ? left.leftJustified(indent)
+                                        : left + QLatin1Char('\n') + QString(indent, QLatin1Char(' '));
+        result += left + wrapped(row.right, indent, indent) + QLatin1Char('\n');
+    }
+    return result;
+}
+
+std::vector<CommandForm> shownForms(const Command &command)
+{
+    std::vector<CommandForm> result;
+    std::copy_if(command.forms.begin(), command.forms.end(), std::back_inserter(result),
+                 [](const CommandForm &form) { return form.purpose; });
+    return result;
+}
+
+QString usage(const Command &command, const CommandForm &form)
+{
+    const QString operands = QString::fromUtf8(form.operands);
+    return QStringLiteral("abonent %1").arg(QLatin1String(command.name)) +
+           (operands.isEmpty() ? operands : QLatin1Char(' ') + operands);
+}
+
+std::vector<CommandOption> shownOptions(const Command &command)
+{
+    std::vector<CommandOption> result;
+    std::copy_if(command.options.begin(), command.options.end(), std::back_inserter(result),
+                 [](const CommandOption &option) { return option.meaning; });
+    return result;
+}
+
+QString usageWithOptions(const Command &command, const CommandForm &form)
+{
+    return usage(command, form) +
+           (shownOptions(command).empty() ? QString() : QStringLiteral(" [ПАРАМЕТРЫ]"));
+}
+
+QStringList paragraphs(const Command &command)
+{
+    return QString::fromUtf8(command.details).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+bool isExample(const QString &paragraph)
+{
+    return paragraph.startsWith(QLatin1Char(' '));
+}
+
+QString overview()
+{
+    std::vector<Row> commands;
+    for (const Command &command : commandTable()) {
+        for (const CommandForm &form : shownForms(command))
+            commands.push_back({usage(command, form), QString::fromUtf8(form.purpose)});
+    }
+    commands.push_back({QStringLiteral("abonent КОМАНДА --help"), QStringLiteral("подробно о команде")});
+    commands.push_back({QStringLiteral("abonent --version"), QStringLiteral("версия программы")});
+    std::vector<Row> codes;
+    for (const ExitCodeRow &row : exitCodeRows)
+        codes.push_back({QString::fromUtf8(row.code), QString::fromUtf8(row.meaning)});
+    return QStringLiteral("abonent - %1\n\nКоманды:\n%2\nКод завершения:\n%3")
+        .arg(QString::fromUtf8(summary), columns(commands), columns(codes));
+}
+
+// The roff of the manual page: a backslash, a dash and a dot or apostrophe at the start of a line mean more
+// than themselves.
+QString roff(QString text)
+{
+    text.replace(QLatin1Char('\\'), QStringLiteral("\\e")).replace(QLatin1Char('-'), QStringLiteral("\\-"));
+    if (text.startsWith(QLatin1Char('.')) || text.startsWith(QLatin1Char('\'')))
+        text.prepend(QStringLiteral("\\&"));
+    return text;
+}
+
+QString roffItem(const QString &term, const QString &text)
+{
+    return QStringLiteral(".TP\n\\fB%1\\fR\n%2\n").arg(roff(term), roff(text));
+}
+
+QString manualOf(const Command &command)
+{
+    QString page;
+    for (const CommandForm &form : shownForms(command))
+        page += QStringLiteral(".SS %1\n%2.\n")
+                    .arg(roff(usage(command, form)), roff(QString::fromUtf8(form.purpose)));
+    const QStringList texts = paragraphs(command);
+    for (const QString &text : texts)
+        page += (isExample(text) ? QStringLiteral(".br\n") : QStringLiteral(".PP\n")) + roff(text.trimmed()) +
+                QLatin1Char('\n');
+    for (const CommandOption &option : shownOptions(command))
+        page += roffItem(option.usage(), QString::fromUtf8(option.meaning));
+    return page;
+}
 
 } // namespace
 
-QString commandHelp(const QString &command)
+QString commandHelp(const Command *command)
 {
-    const char *text = overview;
-    if (command == QLatin1String("listen"))
-        text = listenHelp;
-    else if (command == QLatin1String("send"))
-        text = sendHelp;
-    else if (command == QLatin1String("settings"))
-        text = settingsHelp;
-    else if (command == QLatin1String("check"))
-        text = checkHelp;
-    return QString::fromUtf8(text);
+    if (!command)
+        return overview();
+    const std::vector<CommandOption> options = shownOptions(*command);
+    QString text;
+    for (const CommandForm &form : command->forms)
+        text += usageWithOptions(*command, form) + QLatin1Char('\n');
+    text += QLatin1Char('\n');
+    const QStringList texts = paragraphs(*command);
+    for (const QString &paragraph : texts)
+        text += (isExample(paragraph) ? paragraph : wrapped(paragraph, 0, 0)) + QLatin1Char('\n');
+    std::vector<Row> rows;
+    rows.reserve(options.size());
+    for (const CommandOption &option : options)
+        rows.push_back({option.usage(), QString::fromUtf8(option.meaning)});
+    return rows.empty() ? text : text + QLatin1Char('\n') + columns(rows);
+}
+
+QString manualPage()
+{
+    QString page = QStringLiteral("'\\\" -*- coding: utf-8 -*-\n"
+                                  ".TH ABONENT 1 \"\" \"abonent %1\" \"Команды пользователя\"\n"
+                                  ".SH НАЗВАНИЕ\nabonent \\- %2\n"
+                                  ".SH ВЫЗОВ\n")
+                       .arg(QLatin1String(BuildConstants::version), QString::fromUtf8(summary));
+    for (const Command &command : commandTable()) {
+        for (const CommandForm &form : shownForms(command))
+            page += roff(usageWithOptions(command, form)) + QStringLiteral("\n.br\n");
+    }
+    page += QStringLiteral(".SH КОМАНДЫ\n");
+    for (const Command &command : commandTable()) {
+        if (!shownForms(command).empty())
+            page += manualOf(command);
+    }
+    page += QStringLiteral(".SH ФАЙЛЫ\nВсе лежит рядом с каталогом программы.\n");
+    for (const auto &[file, meaning] : {std::pair("settings/channelIp.conf", "порт и пределы IP-канала"),
+                                        std::pair("settings/settings.ini", "общие настройки"),
+                                        std::pair("data/УРОВЕНЬ/log", "журнал работы (лог)"),
+                                        std::pair("data/УРОВЕНЬ/messages/input", "принятые сообщения")})
+        page += roffItem(QString::fromUtf8(file), QString::fromUtf8(meaning));
+    page +=
+        QStringLiteral(".PP\nВ пакете Debian settings и data находятся в /var/lib/ipchannel и открыты группе "
+                       "ipchannel.\n.SH \"КОД ЗАВЕРШЕНИЯ\"\n");
+    for (const ExitCodeRow &row : exitCodeRows)
+        page += roffItem(QString::fromUtf8(row.code), QString::fromUtf8(row.meaning));
+    return page;
+}
+
+QString bashCompletion()
+{
+    QStringList names;
+    QString cases;
+    for (const Command &command : commandTable()) {
+        if (shownForms(command).empty())
+            continue;
+        QStringList options{QStringLiteral("--help")};
+        QStringList valued; // after these comes a value, not an option
+        for (const CommandOption &option : shownOptions(command)) {
+            options << QStringLiteral("--") + QLatin1String(option.name);
+            if (!option.isSwitch() && !option.isValueOptional())
+                valued << options.last();
+        }
+        QStringList actions;
+        for (const CommandForm &form : shownForms(command))
+            actions << form.action();
+        actions.removeAll(QString());
+        names << QLatin1String(command.name);
+        cases += QStringLiteral("    %1) options='%2' valued='%3' actions='%4' words='%5' ;;\n")
+                     .arg(names.last(), options.join(QLatin1Char(' ')), valued.join(QLatin1Char(' ')),
+                          actions.join(QLatin1Char(' ')),
+                          command.completions ? command.completions().join(QLatin1Char(' ')) : QString());
+    }
+    return QStringLiteral(
+               R"(# Completion for abonent, made from its table of commands. Where nothing fits, bash offers files.
+_abonent()
+{
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]}
+    local commands='%1' options='' valued='' actions='' words='' choice
+    case ${COMP_WORDS[1]} in
+%2    esac
+    if ((COMP_CWORD == 1)) || [[ ${COMP_WORDS[1]} == help && $COMP_CWORD -eq 2 ]]; then
+        choice="$commands help --help --version"
+    elif [[ " $valued " == *" $before "* ]]; then
+        choice=''
+    elif [[ $word == -* ]]; then
+        choice=$options
+    elif ((COMP_CWORD == 2)) && [[ -n $actions ]]; then
+        choice=$actions
+    else
+        choice=$words
+    fi
+    COMPREPLY=($(compgen -W "$choice" -- "$word"))
+    if [[ ${COMPREPLY[0]} == *= ]]; then compopt -o nospace 2>/dev/null; fi
+}
+complete -o default -F _abonent abonent
+)")
+        .arg(names.join(QLatin1Char(' ')), cases);
+}
+
+int refuse(const CommandLine &line, const QString &mistake)
+{
+    const QString command = line.command ? QLatin1String(line.command->name) + QLatin1Char(' ') : QString();
+    printError(mistake);
+    printError(QStringLiteral("Подробнее: abonent %1--help").arg(command));
+    return ExitUsage;
 }

@@ -1,7 +1,19 @@
-// What `--help` says.
+// What is said about the commands: help, manual page, completion, mistakes. All of it comes from the table.
 #pragma once
 
-class QString;
+#include <QString>
 
-/// @param command the command to explain; an empty or unknown one gives the overview
-QString commandHelp(const QString &command);
+class CommandLine;
+struct Command;
+
+/// @param command the command to explain; null gives the overview
+QString commandHelp(const Command *command);
+
+/// The manual page abonent(1), for man(7).
+QString manualPage();
+
+/// Completion for bash: a script that is sourced.
+QString bashCompletion();
+
+/// Tells the user what is wrong with the command line and where to read on. @return the exit code
+int refuse(const CommandLine &line, const QString &mistake);

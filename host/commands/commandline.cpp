@@ -1,179 +1,170 @@
 #include "host/commands/commandline.h"
 
+#include "host/commands/commandtable.h"
+
+#include <QCommandLineParser>
+#include <QTranslator>
+
+#include <algorithm>
+#include <cstring>
+
 namespace {
 
-struct CommandForm
-{
-    const char *name;
-    const char *options; // separated by blanks; null: the command reads its words itself
-    int leastOperands;
-    int mostOperands; // -1: any number
-};
-
-// A new command gets a line here, a line in main.cpp and a text in commandhelp.cpp.
-constexpr CommandForm forms[] = {
-    {"listen", "--name --verbose", 0, 0},
-    {"send", "--name --verbose --text --retry", 2, -1},
-    {"settings", "", 1, -1},
-    {"check", nullptr, 0, -1},
-};
-
-const CommandForm *formOf(const QString &command)
-{
-    for (const CommandForm &form : forms) {
-        if (command == QLatin1String(form.name))
-            return &form;
-    }
-    return nullptr;
-}
-
-/// Walks over the arguments of one command.
-class Reader
+/// What QCommandLineParser says, in Russian.
+class RussianMessages : public QTranslator
 {
 public:
-    Reader(const QStringList &arguments, CommandLine *line) : rest(arguments), result(line) {}
+    bool isEmpty() const override { return false; }
 
-    void read(const CommandForm &form)
+    QString translate(const char *context, const char *source, const char *, int) const override
     {
-        const QStringList options = QString::fromLatin1(form.options).split(QLatin1Char(' '));
-        bool onlyOperands = false;
-        while (!rest.isEmpty() && result->mistake.isNull()) {
-            const QString word = rest.takeFirst();
-            if (word == QLatin1String("--help") && !onlyOperands)
-                result->help = true;
-            else if (!form.options || onlyOperands || !word.startsWith(QLatin1String("--")))
-                result->operands << word;
-            else if (word == QLatin1String("--"))
-                onlyOperands = true;
-            else
-                readOption(word, options);
+        static constexpr const char *texts[][2] = {
+            {"Missing value after '%1'.", "Параметру %1 нужно значение"},
+            {"Unexpected value after '%1'.", "Параметр %1 не принимает значения"},
+        };
+        for (const auto &text : texts) {
+            if (std::strcmp(context, "QCommandLineParser") == 0 && std::strcmp(source, text[0]) == 0)
+                return QString::fromUtf8(text[1]);
         }
-        const int count = result->operands.size();
-        if (result->help || !result->mistake.isNull())
-            return;
-        if (count < form.leastOperands)
-            result->mistake = QStringLiteral("Не хватает аргументов команды %1").arg(result->command);
-        else if (form.mostOperands >= 0 && count > form.mostOperands)
-            result->mistake = QStringLiteral("Лишний аргумент: %1").arg(result->operands[form.mostOperands]);
+        return QString();
     }
-
-private:
-    void readOption(const QString &word, const QStringList &allowed)
-    {
-        const QString option = word.section(QLatin1Char('='), 0, 0);
-        const bool hasValue = word.contains(QLatin1Char('='));
-        QString value = word.section(QLatin1Char('='), 1);
-
-        if (!allowed.contains(option)) {
-            result->mistake = QStringLiteral("Неизвестный параметр: %1").arg(option);
-        } else if (option == QLatin1String("--verbose")) {
-            result->verbose = true;
-        } else if (option == QLatin1String("--retry")) {
-            readRetry(hasValue, value);
-        } else if (!hasValue && rest.isEmpty()) {
-            result->mistake = QStringLiteral("Параметру %1 нужно значение").arg(option);
-        } else {
-            if (!hasValue)
-                value = rest.takeFirst();
-            (option == QLatin1String("--name") ? result->name : result->text) = value;
-            if (value.isEmpty())
-                result->mistake = QStringLiteral("Пустое значение параметра %1").arg(option);
-        }
-    }
-
-    // The number may be left out, so a following word counts as one only if it is one.
-    void readRetry(bool hasValue, const QString &value)
-    {
-        bool isNumber = false;
-        int number = CommandLine::retryForEver;
-        if (hasValue) {
-            number = value.toInt(&isNumber);
-            if (!isNumber || number < 0)
-                result->mistake = QStringLiteral("Число повторов задано неверно: %1").arg(value);
-        } else if (!rest.isEmpty()) {
-            const int next = rest.first().toInt(&isNumber);
-            if (isNumber && next >= 0) {
-                number = next;
-                rest.removeFirst();
-            }
-        }
-        result->retries = number;
-    }
-
-    QStringList rest;
-    CommandLine *result;
 };
 
-void finishSend(CommandLine *line)
+const CommandOption *optionOf(const Command &command, const QString &word)
 {
-    line->abonent = line->operands.takeFirst();
-    const QString address = line->operands.takeFirst();
-    line->files = line->operands;
-    line->operands.clear();
-    if (line->abonent.isEmpty())
-        line->mistake = QStringLiteral("Пустое имя абонента");
-    else if (!parseAddress(address, &line->address, &line->port))
-        line->mistake = QStringLiteral("Адрес абонента задан неверно: %1").arg(address);
-    else if (line->files.isEmpty() && line->text.isNull())
-        line->mistake = QStringLiteral("Нечего передавать: укажите файлы или --text");
+    const int dashes = word.startsWith(QLatin1String("--")) ? 2 : 1; // the parser takes one as well
+    return word.startsWith(QLatin1Char('-')) ? command.option(word.mid(dashes)) : nullptr;
+}
+
+/// Joins options whose value may be left out with their value: the parser knows no such options. Only a
+/// number that follows counts as the value.
+QStringList withOptionalValuesJoined(const Command &command, QStringList rest)
+{
+    QStringList result;
+    while (!rest.isEmpty()) {
+        const QString word = rest.takeFirst();
+        result << word;
+        if (word == QLatin1String("--"))
+            return result + rest;
+        const CommandOption *option = optionOf(command, word);
+        if (!option || option->isSwitch())
+            continue;
+        bool isNumber = false;
+        rest.value(0).toUInt(&isNumber);
+        if (option->isValueOptional())
+            result.last() += QLatin1Char('=') + (isNumber ? rest.takeFirst() : QString());
+        else if (!rest.isEmpty())
+            result << rest.takeFirst();
+    }
+    return result;
 }
 
 } // namespace
 
-bool parseAddress(const QString &text, QString *address, int *port)
-{
-    QString host = text;
-    QString portText;
-    const int colon = text.lastIndexOf(QLatin1Char(':'));
-    if (text.startsWith(QLatin1Char('['))) {
-        const int bracket = text.indexOf(QLatin1Char(']'));
-        if (bracket < 0)
-            return false;
-        host = text.mid(1, bracket - 1);
-        portText = text.mid(bracket + 1);
-        if (!portText.isEmpty() && !portText.startsWith(QLatin1Char(':')))
-            return false;
-        if (portText == QLatin1String(":"))
-            return false;
-        portText.remove(0, 1);
-    } else if (colon >= 0 && text.indexOf(QLatin1Char(':')) == colon) {
-        host = text.left(colon);
-        portText = text.mid(colon + 1);
-        if (portText.isEmpty())
-            return false;
-    }
-    if (host.trimmed().isEmpty())
-        return false;
-    if (!portText.isEmpty()) {
-        bool isNumber = false;
-        const int number = portText.toInt(&isNumber);
-        if (!isNumber || number < 1 || number > 65535)
-            return false;
-        *port = number;
-    }
-    *address = host.trimmed();
-    return true;
-}
-
-CommandLine parseCommandLine(const QStringList &arguments)
+CommandLine CommandLine::parse(const QStringList &arguments)
 {
     CommandLine line;
-    QStringList rest = arguments;
-    const QString first = rest.isEmpty() ? QString() : rest.takeFirst();
-    if (first == QLatin1String("--version")) {
-        line.version = true;
-    } else if (first.isEmpty()) {
+    line.words = arguments.mid(1);
+    const QString first = arguments.value(0);
+    const bool isHelp =
+        QStringList{QStringLiteral("help"), QStringLiteral("--help"), QStringLiteral("-h")}.contains(first);
+    const QString name = isHelp ? arguments.value(1) : first;
+    line.command = findCommand(name);
+    line.help = isHelp;
+    line.version = first == QLatin1String("--version");
+
+    if (line.version || (isHelp && name.isEmpty()))
+        return line;
+    if (name.isEmpty())
         line.mistake = QStringLiteral("Не указана команда");
-    } else if (first == QLatin1String("--help") || first == QLatin1String("help")) {
-        line.help = true;
-        line.command = rest.value(0);
-    } else if (const CommandForm *form = formOf(first)) {
-        line.command = first;
-        Reader(rest, &line).read(*form);
-        if (first == QLatin1String("send") && !line.help && line.mistake.isNull())
-            finishSend(&line);
-    } else {
-        line.mistake = QStringLiteral("Неизвестная команда: %1").arg(first);
-    }
+    else if (!line.command && name.startsWith(QLatin1Char('-')))
+        line.mistake = QStringLiteral("Неизвестный параметр: %1").arg(name);
+    else if (!line.command)
+        line.mistake = QStringLiteral("Неизвестная команда: %1").arg(name);
+    else if (!isHelp)
+        line.read();
     return line;
+}
+
+void CommandLine::read()
+{
+    RussianMessages messages;
+    QCoreApplication::installTranslator(&messages); // until it is destroyed
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    const QCommandLineOption helpOption(QStringList{QStringLiteral("h"), QStringLiteral("help")});
+    parser.addOption(helpOption);
+    for (const CommandOption &option : command->options) {
+        QCommandLineOption known{QString::fromLatin1(option.name)};
+        if (!option.isSwitch())
+            known.setValueName(QString::fromUtf8(option.value));
+        parser.addOption(known);
+    }
+
+    const bool isRead = parser.parse(QStringList(QString()) + withOptionalValuesJoined(*command, words));
+    help = parser.isSet(helpOption);
+    if (help)
+        return;
+    if (!isRead) {
+        const QString unknown = parser.unknownOptionNames().value(0);
+        const QString dashes = QLatin1String(unknown.size() > 1 ? "--" : "-");
+        mistake = unknown.isNull() ? parser.errorText()
+                                   : QStringLiteral("Неизвестный параметр: %1").arg(dashes + unknown);
+        return;
+    }
+    operands = parser.positionalArguments();
+    for (const CommandOption &option : command->options) {
+        const QString name = QString::fromLatin1(option.name);
+        if (!parser.isSet(name))
+            continue;
+        const QStringList given = option.isSwitch() ? QStringList(QString()) : parser.values(name);
+        options.insert(name, given);
+        const bool needsValue =
+            !option.isSwitch() && !option.isValueOptional() && option.emptyValue == CommandOption::NotEmpty;
+        if (needsValue && given.contains(QString()))
+            mistake = QStringLiteral("Пустое значение параметра --%1").arg(name);
+    }
+    if (mistake.isNull())
+        checkOperands();
+}
+
+void CommandLine::checkOperands()
+{
+    const int count = operands.size();
+    const QString action = operands.value(0);
+    int most = 0;
+    bool isKnown = false;
+    for (const CommandForm &form : command->forms) {
+        if (!form.action().isNull() && form.action() != action)
+            continue;
+        if (count >= form.leastOperands() && count <= form.mostOperands())
+            return;
+        isKnown = true;
+        most = std::max(most, form.mostOperands());
+    }
+    const QString name = QString::fromLatin1(command->name);
+    if (!isKnown && count > 0)
+        mistake = QStringLiteral("Неизвестное действие команды %1: %2").arg(name, action);
+    else if (isKnown && count > most)
+        mistake = QStringLiteral("Лишний аргумент: %1").arg(operands[most]);
+    else
+        mistake = QStringLiteral("Не хватает аргументов команды %1").arg(name);
+}
+
+bool CommandLine::has(const char *option) const
+{
+    return options.contains(QLatin1String(option));
+}
+
+QString CommandLine::value(const char *option) const
+{
+    const QStringList given = values(option);
+    return given.isEmpty() ? QString() : given.last();
+}
+
+QStringList CommandLine::values(const char *option) const
+{
+    Q_ASSERT_X(command && command->option(QLatin1String(option)), "CommandLine",
+               "the command has no such option");
+    return options.value(QLatin1String(option));
 }

@@ -1,39 +1,34 @@
-// What the user asks for: arguments become a command or a named mistake. Looks at nothing else.
+// What the user asks for: arguments become a command with operands and options, or a named mistake.
 #pragma once
 
+#include <QHash>
 #include <QString>
 #include <QStringList>
 
-/// A command as given by the user. Only the members of its own command are filled.
-struct CommandLine
-{
-    static constexpr int retryForEver = -1;
-    static constexpr int defaultPort = 18001;
+struct Command;
 
-    QString command; // "listen", "send", "settings", ...; empty: none given
-    QString mistake; // what is wrong, in Russian; null when nothing is
+class CommandLine
+{
+public:
+    /// Reads the arguments, the program's own name left out, by the table of commands. The Qt
+    /// application object exists.
+    static CommandLine parse(const QStringList &arguments);
+
+    const Command *command = nullptr; // null: none given, or an unknown one
+    QString mistake;                  // what is wrong, in Russian; null when nothing is
     bool help = false;
     bool version = false;
-
-    QString name;         // --name: how this abonent calls itself; empty: the user's name
-    bool verbose = false; // --verbose
-
-    // send
-    QString abonent;
-    QString address;
-    int port = defaultPort;
-    QStringList files;
-    QString text;    // --text; null: none
-    int retries = 0; // --retry: further attempts, or retryForEver
-
-    // The words that follow commands without a form of their own ("settings").
     QStringList operands;
+    QStringList words; // all that stands behind the command, as it was given
+
+    // Options are named without dashes, as in the command's row; of several values the last one counts.
+    bool has(const char *option) const;
+    QString value(const char *option) const; // null: not given; empty: an optional value was left out
+    QStringList values(const char *option) const;
+
+private:
+    void read();
+    void checkOperands();
+
+    QHash<QString, QStringList> options;
 };
-
-/// Reads the arguments, the program's own name left out.
-CommandLine parseCommandLine(const QStringList &arguments);
-
-/// Splits "host", "host:port", "10.0.0.1:18002", "[::1]:18002" or "::1".
-///
-/// @return whether the text has such a form; @a port stays as it is when none is given
-bool parseAddress(const QString &text, QString *address, int *port);

@@ -3,22 +3,16 @@
 
 #include "common/csettings.h"
 #include "common/global.h"
+#include "host/channelsettingsfile.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
-#include "host/console/untrustedtext.h"
-#include "transportIp/ipsettings.h"
+#include "host/console/printing.h"
 
 #include <QFile>
 
-#include <cstdio>
 #include <vector>
 
 namespace {
-
-void print(const QString &text)
-{
-    std::fputs((text + QLatin1Char('\n')).toUtf8().constData(), stdout);
-}
 
 /// A key of the record channelIp.conf.
 struct RecordKey
@@ -39,51 +33,6 @@ constexpr RecordKey recordKeys[] = {
     {"canCheckOnline", nullptr, 0, 1, "можно ли вызывать абонентов только для проверки связи"},
 };
 
-/// A key of settings.ini.
-struct IniKey
-{
-    const char *name;
-    bool (CSettings::*flag)();  // either this
-    int (CSettings::*number)(); // or this
-    int defaultValue;
-    int min;
-    int max;
-    const char *meaning;
-};
-
-// clang-format off
-constexpr IniKey iniKeys[] = {
-    {"Debug/all", &CSettings::debugAll, nullptr, 0, 0, 1, "трассировка функций и все категории лога (после перезапуска)"},
-    {"Debug/ipcData", &CSettings::debugIpcData, nullptr, 0, 0, 1, "лог: данные межпроцессного обмена"},
-    {"Debug/ipcExtra", &CSettings::debugIpcExtra, nullptr, 0, 0, 1, "лог: подробности межпроцессного обмена"},
-    {"Debug/ipcSecurityDaemon", &CSettings::debugIpcSecurityDaemon, nullptr, 1, 0, 1, "лог: обмен со службой безопасности"},
-    {"Debug/ipcTransport", &CSettings::debugIpcTransport, nullptr, 0, 0, 1, "лог: обмен с транспортом"},
-    {"Debug/transportAbonents", &CSettings::debugTransportAbonents, nullptr, 0, 0, 1, "лог: абоненты"},
-    {"Debug/transportTransit", &CSettings::debugTransportTransit, nullptr, 1, 0, 1, "лог: транзит"},
-    {"Debug/transportConnects", &CSettings::debugTransportConnects, nullptr, 1, 0, 1, "лог: установка и потеря соединений"},
-    {"Debug/transportDataLifetime", &CSettings::debugTransportDataLifetime, nullptr, 0, 0, 1, "лог: срок жизни данных"},
-    {"Debug/transportBaseProtocol", &CSettings::debugTransportBaseProtocol, nullptr, 0, 0, 1, "лог: базовый протокол"},
-    {"Debug/transportProtocol", &CSettings::debugTransportProtocol, nullptr, 1, 0, 1, "лог: протокол"},
-    {"Debug/transportProtocolAttaches", &CSettings::debugTransportProtocolAttaches, nullptr, 0, 0, 1, "лог: вложения"},
-    {"Debug/transportIpSocketError", &CSettings::debugTransportIpSocketError, nullptr, 1, 0, 1, "лог: ошибки сокетов IP-канала"},
-    {"Debug/transportComPortError", &CSettings::debugTransportComPortError, nullptr, 1, 0, 1, "лог: ошибки последовательных портов"},
-    {"Debug/transportComAtCommands", &CSettings::debugTransportComAtCommands, nullptr, 1, 0, 1, "лог: команды AT"},
-    {"Debug/transportComPackets", &CSettings::debugTransportComPackets, nullptr, 0, 0, 1, "лог: пакеты последовательных портов"},
-    {"Debug/transportComData", &CSettings::debugTransportComData, nullptr, 0, 0, 1, "лог: данные последовательных портов"},
-    {"Debug/transportTasks", &CSettings::debugTransportTasks, nullptr, 1, 0, 1, "лог: задания"},
-    {"Debug/journals", &CSettings::debugJournals, nullptr, 1, 0, 1, "лог: журналы"},
-    {"Debug/messagesAutodelete", &CSettings::debugMessagesAutodelete, nullptr, 1, 0, 1, "лог: автоудаление сообщений"},
-    {"Debug/messagesLock", &CSettings::debugMessagesLock, nullptr, 0, 0, 1, "лог: блокировка сообщений"},
-    {"Details/maxWritingTime", nullptr, &CSettings::detailsMaxWritingTime, 5000, 100, 10000, "предел одной записи в сокет или файл, мс"},
-    {"Details/transportIpConnectTimeout", nullptr, &CSettings::detailsTransportIpConnectTimeout, 10000, 500, 60000, "предел ожидания соединения при вызове, мс"},
-    {"Details/transportIpThreadStartTimeout", nullptr, &CSettings::detailsTransportIpThreadStartTimeout, 1000, 100, 60000, "предел ожидания запуска потока вызова, мс"},
-    {"Details/transportServerThreadStopTimeout", nullptr, &CSettings::detailsTransportServerThreadStopTimeout, 10000, 100, 60000, "предел ожидания потоков при остановке, мс"},
-    {"Details/transportIpMaxReconnectTimeout", nullptr, &CSettings::detailsTransportIpMaxReconnectTimeout, 120, 10, 3600, "наибольшая пауза между повторными вызовами, с"},
-    {"Permissions/dirPermissions", nullptr, &CSettings::dirPermissions, 0x7777, 0x7111, 0x7777, "права создаваемых каталогов (число; 30583 = 0x7777)"},
-    {"Permissions/filePermissions", nullptr, &CSettings::filePermissions, 0x6666, 0x6000, 0x6666, "права создаваемых файлов (число; 26214 = 0x6666)"},
-};
-// clang-format on
-
 QString flagText(int value)
 {
     return value ? QStringLiteral("true") : QStringLiteral("false");
@@ -92,34 +41,16 @@ QString flagText(int value)
 void printRow(const char *name, const QString &value, const QString &normal, const QString &range,
               const char *meaning)
 {
-    print(QStringLiteral("  %1 %2 %3 %4 %5")
-              .arg(QString::fromLatin1(name).leftJustified(41), value.leftJustified(8),
-                   normal.leftJustified(13), range.leftJustified(13), QString::fromUtf8(meaning)));
+    printLine(QStringLiteral("  %1 %2 %3 %4 %5")
+                  .arg(QString::fromLatin1(name).leftJustified(41), value.leftJustified(8),
+                       normal.leftJustified(13), range.leftJustified(13), QString::fromUtf8(meaning)));
 }
 
 void printTitle(const QString &path)
 {
-    print(path);
+    printLine(path);
     printRow("", QStringLiteral("значение"), QStringLiteral("по умолчанию"), QStringLiteral("диапазон"),
              "смысл");
-}
-
-/// Reads the record. Without a file the values are those the channel then uses.
-/// @return null on success, else what is wrong
-QString loadRecord(ChannelIpSettings *settings)
-{
-    settings->blockSizeKb = 64;
-    const QString path = Global::channelIpSettingsFilePath();
-    const QString error = Global::recoverSaved(path);
-    if (!error.isNull())
-        return error;
-    QFile file(path);
-    if (!file.exists())
-        return QString();
-    if (!file.open(QIODevice::ReadOnly))
-        return QStringLiteral("Не удалось прочитать %1. %2").arg(path, file.errorString());
-    const QString damage = settings->fromByteArray(file.readAll());
-    return damage.isEmpty() ? QString() : QStringLiteral("Файл %1: %2").arg(path, damage);
 }
 
 int recordValue(const ChannelIpSettings &settings, const RecordKey &key)
@@ -133,28 +64,33 @@ QString recordText(const ChannelIpSettings &settings, const RecordKey &key)
     return key.number ? QString::number(value) : flagText(value);
 }
 
+int currentValue(CSettings &settings, const SettingsKey &key)
+{
+    return key.flag ? (settings.*key.flag)() : (settings.*key.number)();
+}
+
 int show()
 {
-    ChannelIpSettings settings;
-    const QString error = loadRecord(&settings);
-    ChannelIpSettings normal;
-    normal.blockSizeKb = 64;
+    const ChannelSettingsFile file = ChannelSettingsFile::read();
+    const ChannelIpSettings normal = ChannelSettingsFile::defaults();
     printTitle(Global::channelIpSettingsFilePath());
     for (const RecordKey &key : recordKeys) {
         const QString range =
             key.number ? QStringLiteral("%1..%2").arg(key.min).arg(key.max) : QStringLiteral("true, false");
-        printRow(key.name, recordText(settings, key), recordText(normal, key), range, key.meaning);
+        printRow(key.name, recordText(file.settings, key), recordText(normal, key), range, key.meaning);
     }
+    const QString error = file.error.isNull() ? file.damage : file.error;
     if (!error.isNull())
-        print(error);
+        printError(error);
 
-    print(QString());
+    printLine(QString());
     printTitle(Global::internalSettingsFilePath());
     CSettings ini;
-    for (const IniKey &key : iniKeys) {
+    for (const SettingsKey &key : settingsKeys) {
         const QString range =
             key.flag ? QStringLiteral("true, false") : QStringLiteral("%1..%2").arg(key.min).arg(key.max);
-        const QString value = key.flag ? flagText((ini.*key.flag)()) : QString::number((ini.*key.number)());
+        const int now = currentValue(ini, key);
+        const QString value = key.flag ? flagText(now) : QString::number(now);
         const QString defaultText = key.flag ? flagText(key.defaultValue) : QString::number(key.defaultValue);
         printRow(key.name, value, defaultText, range, key.meaning);
     }
@@ -173,7 +109,7 @@ QString parseValue(const QString &key, bool isFlag, const QString &text, int min
         return QString();
     }
     bool isNumber = false;
-    *value = word.toInt(&isNumber, 0); // 0x7777 as well
+    *value = word.toInt(&isNumber, word.startsWith(QLatin1String("0x")) ? 16 : 10); // 0x7777 as well
     if (!isNumber || *value < min || *value > max)
         return QStringLiteral("%1: нужно число от %2 до %3, а не '%4'")
             .arg(key, QString::number(min), QString::number(max), text);
@@ -195,87 +131,112 @@ public:
         for (const RecordKey &key : recordKeys) {
             if (name != QLatin1String(key.name))
                 continue;
-            record.emplace_back(&key, 0);
-            return parseValue(name, !key.number, text, key.min, key.max, &record.back().second);
+            const QString error = parseValue(name, !key.number, text, key.min, key.max, &value);
+            record.emplace_back(&key, value);
+            return error;
         }
-        for (const IniKey &key : iniKeys) {
+        for (const SettingsKey &key : settingsKeys) {
             if (name != QLatin1String(key.name))
                 continue;
             const QString error = parseValue(name, key.flag, text, key.min, key.max, &value);
-            ini.emplace_back(&key, value);
+            ini.insert(name, key.flag ? QVariant(bool(value)) : QVariant(value));
             return error;
         }
         return QStringLiteral("Нет такого ключа: %1. Все ключи показывает abonent settings show").arg(name);
     }
 
+    /// Makes all changes or none.
+    /// @param repair whether a damaged record may be replaced
     /// @return null on success, else what is wrong
-    QString make()
+    QString make(bool repair)
     {
-        if (!record.empty()) {
-            ChannelIpSettings settings;
-            // A damaged record is what this command is there to mend.
-            loadRecord(&settings);
-            for (const auto &[key, value] : record) {
-                if (key->number)
-                    settings.*key->number = value;
-                else
-                    settings.canCheckOnline = value;
-            }
-            const QString error =
-                Global::safeSaving(Global::channelIpSettingsFilePath(), settings.toByteArray());
-            if (!error.isNull())
-                return error;
-        }
-        return makeInIni();
+        const ChannelSettingsFile old = ChannelSettingsFile::read();
+        QString error = record.empty() ? QString() : saveRecord(old, repair);
+        if (!error.isNull() || ini.isEmpty())
+            return error;
+        error = CSettings().store(ini);
+        if (!error.isNull() && !record.empty() && !putBack(old))
+            error += QStringLiteral(". Файл %1 уже изменен").arg(Global::channelIpSettingsFilePath());
+        return error;
     }
 
 private:
-    QString makeInIni()
+    QString saveRecord(const ChannelSettingsFile &old, bool repair)
     {
-        CSettings settings;
-        for (const auto &[key, value] : ini) {
-            settings.write(QString::fromLatin1(key->name),
-                           key->flag ? QVariant(bool(value)) : QVariant(value));
-            const int now = key->flag ? (settings.*key->flag)() : (settings.*key->number)();
-            if (now != value)
-                return QStringLiteral("У процесса нет права менять %1")
-                    .arg(Global::internalSettingsFilePath());
+        if (!old.error.isNull())
+            return old.error;
+        if (!old.damage.isNull() && !repair) {
+            return QStringLiteral("%1. Ничего не изменено. С параметром --repair файл записывается заново, "
+                                  "и неназванные ключи получают значения по умолчанию")
+                .arg(old.damage);
         }
-        return QString();
+        ChannelIpSettings settings = old.damage.isNull() ? old.settings : ChannelSettingsFile::defaults();
+        for (const auto &[key, value] : record) {
+            if (key->number)
+                settings.*key->number = value;
+            else
+                settings.canCheckOnline = value;
+        }
+        return Global::safeSaving(Global::channelIpSettingsFilePath(), settings.toByteArray());
+    }
+
+    static bool putBack(const ChannelSettingsFile &old)
+    {
+        const QString path = Global::channelIpSettingsFilePath();
+        return old.exists ? Global::safeSaving(path, old.bytes).isNull() : QFile::remove(path);
     }
 
     std::vector<std::pair<const RecordKey *, int>> record;
-    std::vector<std::pair<const IniKey *, int>> ini;
+    QHash<QString, QVariant> ini;
 };
 
-int change(const QStringList &assignments)
+/// What a file that was made anew holds: nobody has named all of it.
+void showRecord()
 {
+    printLine(QStringLiteral("Файл %1 записан заново:").arg(Global::channelIpSettingsFilePath()));
+    const ChannelSettingsFile file = ChannelSettingsFile::read();
+    for (const RecordKey &key : recordKeys)
+        printLine(
+            QStringLiteral("  %1=%2").arg(QString::fromLatin1(key.name), recordText(file.settings, key)));
+}
+
+int change(const QStringList &assignments, bool repair)
+{
+    const bool wasDamaged = !ChannelSettingsFile::read().damage.isNull();
     Changes changes;
     for (const QString &assignment : assignments) {
         const QString error = changes.add(assignment);
         if (!error.isNull()) {
-            print(printable(error));
+            printError(error);
             return ExitBadValue;
         }
     }
-    const QString error = changes.make();
+    const QString error = changes.make(repair);
     if (!error.isNull()) {
-        print(error);
+        printError(error);
         return ExitTrouble;
     }
-    print(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
+    if (wasDamaged && ChannelSettingsFile::read().damage.isNull())
+        showRecord();
+    printLine(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
     return ExitDone;
 }
 
 } // namespace
 
+QStringList settingsCompletions()
+{
+    QStringList keys;
+    for (const RecordKey &key : recordKeys)
+        keys << QLatin1String(key.name) + QLatin1Char('=');
+    for (const SettingsKey &key : settingsKeys)
+        keys << QLatin1String(key.name) + QLatin1Char('=');
+    return keys;
+}
+
 int runSettings(const CommandLine &line)
 {
-    const QString action = line.operands.value(0);
-    if (action == QLatin1String("show") && line.operands.size() == 1)
+    if (line.operands.first() == QLatin1String("show"))
         return show();
-    if (action == QLatin1String("set") && line.operands.size() > 1)
-        return change(line.operands.mid(1));
-    print(QStringLiteral("Нужно: abonent settings show или abonent settings set КЛЮЧ=ЗНАЧЕНИЕ..."));
-    return ExitUsage;
+    return change(line.operands.mid(1), line.has("repair"));
 }

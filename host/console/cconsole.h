@@ -1,8 +1,9 @@
-// Standard output: lines, and on a terminal a few live rows below them.
+// Standard output and standard error: lines, and on a terminal a few live rows below them.
 //
 // A thread of its own writes, so a terminal that has been stopped (Ctrl-S) or a pipe that nobody reads
 // holds up neither the network nor the program; what cannot be shown in time is counted and skipped.
-// Everything passes printable(): no control character of a stranger reaches the terminal.
+// A reader that has gone costs the output and nothing else (CInterruption::block() ignores SIGPIPE).
+// Everything passes printable(): no control character from the network reaches the terminal.
 #pragma once
 
 #include <QString>
@@ -24,12 +25,21 @@ public:
     /// Whether live rows are shown. The same for the life of the object. [any thread]
     bool isTerminal() const;
 
-    /// Adds a line. [any thread], never blocks
-    void line(const QString &text);
+    enum Stream
+    {
+        Results, // standard output
+        Errors,  // standard error
+    };
+
+    /// Adds a line. Lines keep their order across both streams. [any thread], never blocks
+    void line(const QString &text, Stream stream = Results);
+
+    /// Adds a line of standard error. [any thread], never blocks
+    void error(const QString &text) { line(text, Errors); }
 
     /// Adds a line in columns: time, kind of record ("событие"), source ("IP-канал 3"), text.
     /// [any thread], never blocks
-    void record(const QString &kind, const QString &source, const QString &text);
+    void record(const QString &kind, const QString &source, const QString &text, Stream stream = Results);
 
     /// Replaces the rows below the lines; as many are shown as the terminal has room for. Without a
     /// terminal nothing happens. [any thread], never blocks
@@ -39,5 +49,5 @@ private:
     struct State;
     static void run(const std::shared_ptr<State> &state);
 
-    std::shared_ptr<State> state; // also the writer's: it may have to be left behind, blocked
+    std::shared_ptr<State> state; // shared with the writing thread, which may stay blocked for ever
 };

@@ -4,7 +4,10 @@
 
 void CConsoleJournal::addRecord(int kind, const QString &source, const QString &text)
 {
-    if (hidden.isEmpty() || source != hidden)
-        console.record(kind == JournalError ? QStringLiteral("ошибка") : QStringLiteral("событие"), source,
-                       text);
+    if (!hidden.isEmpty() && source == hidden)
+        return;
+    if (kind == JournalError)
+        console.record(QStringLiteral("ошибка"), source, text, CConsole::Errors);
+    else
+        console.record(QStringLiteral("событие"), source, text);
 }

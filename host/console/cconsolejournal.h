@@ -1,4 +1,4 @@
-// The journal on the console: a line per event.
+// The journal on the console: a line per record, errors on standard error.
 #pragma once
 
 #include "interfaces/cjournal.h"

@@ -33,8 +33,8 @@ int CConsoleMonitor::addConnection(int kind, const QString &label, const QString
         entry.label = label;
         entry.origin = entry.state = text;
     }
-    say(label, text);
-    touch();
+    printState(label, text);
+    scheduleRefresh();
     return handle;
 }
 
@@ -49,8 +49,8 @@ void CConsoleMonitor::removeConnection(int handle)
         gone = std::move(found->second);
         entries.erase(found);
     }
-    say(gone.label, QStringLiteral("закрыто, %1").arg(amounts(gone.received, gone.sent)));
-    touch();
+    printState(gone.label, QStringLiteral("закрыто, %1").arg(amounts(gone.received, gone.sent)));
+    scheduleRefresh();
 }
 
 void CConsoleMonitor::setState(int handle, const QString &text)
@@ -64,18 +64,18 @@ void CConsoleMonitor::setState(int handle, const QString &text)
         found->second.state = text;
         label = found->second.label;
     }
-    say(label, text);
-    touch();
+    printState(label, text);
+    scheduleRefresh();
 }
 
 void CConsoleMonitor::addReceived(int handle, int bytes)
 {
-    count(handle, bytes, 0);
+    addBytes(handle, bytes, 0);
 }
 
 void CConsoleMonitor::addSent(int handle, int bytes)
 {
-    count(handle, 0, bytes);
+    addBytes(handle, 0, bytes);
 }
 
 QString CConsoleMonitor::originOf(const QString &label) const
@@ -89,7 +89,7 @@ QString CConsoleMonitor::originOf(const QString &label) const
     return QString();
 }
 
-void CConsoleMonitor::count(int handle, qint64 received, qint64 sent)
+void CConsoleMonitor::addBytes(int handle, qint64 received, qint64 sent)
 {
     {
         const std::lock_guard lock(mutex);
@@ -99,18 +99,18 @@ void CConsoleMonitor::count(int handle, qint64 received, qint64 sent)
         found->second.received += received;
         found->second.sent += sent;
     }
-    touch();
+    scheduleRefresh();
 }
 
-/// Where there is no table, changes are lines.
-void CConsoleMonitor::say(const QString &label, const QString &text)
+/// Without a live table a change of state is a line.
+void CConsoleMonitor::printState(const QString &label, const QString &text)
 {
     if (style == Shown && !console.isTerminal())
         console.record(QStringLiteral("соединение"), label, text);
 }
 
-/// Something has changed: the table is to be drawn before long. [any thread]
-void CConsoleMonitor::touch()
+/// Has the table drawn again soon, once for all changes until then. [any thread]
+void CConsoleMonitor::scheduleRefresh()
 {
     if (style != Shown || !console.isTerminal() || refreshDue.exchange(true))
         return;
@@ -149,5 +149,5 @@ void CConsoleMonitor::refresh()
                           QStringLiteral("Скорость").rightJustified(29), QStringLiteral("Состояние")));
     console.setLiveRows(rows);
     if (isMoving)
-        touch(); // once more, so that the speed falls to nothing when all is quiet
+        scheduleRefresh(); // once more, so that the speed goes down to zero when nothing moves any more
 }

@@ -24,7 +24,7 @@ public:
     enum Style
     {
         Shown,
-        Silent, // only keeps the book
+        Silent, // only keeps the entries
     };
 
     /// @param shownOn outlives the monitor
@@ -54,9 +54,9 @@ private:
         qint64 speed = 0;      // bytes per second
     };
 
-    void count(int handle, qint64 received, qint64 sent);
-    void say(const QString &label, const QString &text);
-    void touch();
+    void addBytes(int handle, qint64 received, qint64 sent);
+    void printState(const QString &label, const QString &text);
+    void scheduleRefresh();
     void refresh();
 
     CConsole &console;

@@ -1,7 +1,8 @@
 #include "host/conversation/citemreceiver.h"
 
 #include "common/global.h"
-#include "host/console/untrustedtext.h"
+#include "host/text/localtime.h"
+#include "host/text/untrustedtext.h"
 
 namespace {
 

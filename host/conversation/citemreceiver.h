@@ -27,9 +27,6 @@ public:
     Reaction takeData(std::string_view bytes);
     Reaction takeFinish(const FinishFrame &finish);
 
-    /// Whether an item is arriving.
-    bool isReceiving() const { return message != nullptr; }
-
 private:
     Reaction refuse(const QString &reason);
     QByteArray description(const QByteArray &digest) const;

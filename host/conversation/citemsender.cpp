@@ -23,27 +23,34 @@ CItemSender::~CItemSender()
 QByteArray CItemSender::nextFrame(int room)
 {
     frame.resize(0);
-    if (state == Nothing) {
-        const int index = delivery.takeUp();
-        item = index >= 0 ? &delivery.items()[std::size_t(index)] : nullptr;
-        if (!item)
-            state = Over;
-        else if (openItem())
-            return offer();
-    } else if (state == Sending && done < item->size) {
-        makeData(room);
-    } else if (state == Sending) {
-        digest = sha.take();
-        state = Finished;
-        closeFile();
-        return FinishFrame{number, digest}.toBytes();
-    }
+    if (state == Nothing && openNext())
+        return offer();
+    if (state != Sending)
+        return frame;
+    if (done == item->size)
+        return finish();
+    makeData(room);
     return frame;
+}
+
+/// Opens the next item that can be opened; those before it have failed.
+bool CItemSender::openNext()
+{
+    for (int index = delivery.beginNext(); index >= 0; index = delivery.beginNext()) {
+        item = &delivery.items()[std::size_t(index)];
+        if (openItem())
+            return true;
+        delivery.failItem(spoiled);
+        closeFile();
+    }
+    state = Over;
+    return false;
 }
 
 bool CItemSender::openItem()
 {
     done = 0;
+    spoiled = QString();
     sha.take(); // of an item that was broken off
     if (item->isText)
         return true;
@@ -51,10 +58,10 @@ bool CItemSender::openItem()
     struct stat status
     {};
     if (file < 0 || ::fstat(file, &status) != 0)
-        giveUp(CDelivery::Unreadable, qt_error_string(errno));
+        spoiled = qt_error_string(errno);
     else if (!S_ISREG(status.st_mode) || status.st_size != item->size)
-        giveUp(CDelivery::Unreadable, QStringLiteral("файл изменился"));
-    return state != Over;
+        spoiled = QStringLiteral("файл изменился");
+    return spoiled.isNull();
 }
 
 QByteArray CItemSender::offer()
@@ -73,23 +80,37 @@ void CItemSender::makeData(int room)
     const qint64 wanted = qBound(1, room - FrameLimits::headerSize, FrameLimits::dataBytes);
     const int size = int(qMin(wanted, item->size - done));
     char *payload = startDataFrame(&frame, size);
-    if (item->isText) {
+    if (item->isText)
         std::memcpy(payload, item->text.constData() + done, std::size_t(size));
-    } else {
-        for (int filled = 0; filled < size;) {
-            const ssize_t count = ::read(file, payload + filled, std::size_t(size - filled));
-            if (count == 0 || (count < 0 && errno != EINTR)) {
-                frame.resize(0);
-                giveUp(CDelivery::Unreadable, count == 0 ? QStringLiteral("файл изменился")
-                                                         : qt_error_string(errno));
-                return;
-            }
-            filled += int(qMax<ssize_t>(count, 0));
-        }
-    }
+    else
+        fillFromFile(payload, size);
     sha.add({payload, std::size_t(size)});
     done += size;
     delivery.addSent(size);
+}
+
+void CItemSender::fillFromFile(char *payload, int size)
+{
+    int filled = 0;
+    while (filled < size && spoiled.isNull()) {
+        const ssize_t count = ::read(file, payload + filled, std::size_t(size - filled));
+        if (count == 0)
+            spoiled = QStringLiteral("файл изменился");
+        else if (count < 0 && errno != EINTR)
+            spoiled = qt_error_string(errno);
+        filled += int(qMax<ssize_t>(count, 0));
+    }
+    std::memset(payload + filled, 0, std::size_t(size - filled));
+}
+
+QByteArray CItemSender::finish()
+{
+    digest = sha.take();
+    if (!spoiled.isNull())
+        digest.fill('\0');
+    state = Finished;
+    closeFile();
+    return FinishFrame{number, digest}.toBytes();
 }
 
 QString CItemSender::takeAnswer(const AnswerFrame &answer, QString *event)
@@ -97,7 +118,9 @@ QString CItemSender::takeAnswer(const AnswerFrame &answer, QString *event)
     if (state == Nothing || state == Over || answer.item != number)
         return QStringLiteral("ответ без вопроса");
     if (answer.verdict == AnswerFrame::Refused) {
-        giveUp(CDelivery::Refused, answer.reason);
+        delivery.failItem(spoiled.isNull() ? QStringLiteral("абонент не принял: %1").arg(answer.reason)
+                                           : spoiled);
+        endItem();
     } else if (state == Offered && answer.verdict == AnswerFrame::Welcome) {
         state = Sending;
     } else if (state == Finished && answer.verdict == AnswerFrame::Stored) {
@@ -106,17 +129,16 @@ QString CItemSender::takeAnswer(const AnswerFrame &answer, QString *event)
         *event = QStringLiteral("Абонент сохранил: %1, %2, SHA-256 %3")
                      .arg(item->title, Global::sizeString(item->size), QString::fromLatin1(digest.toHex()));
         delivery.confirm();
-        state = Nothing;
+        endItem();
     } else {
         return QStringLiteral("ответ не ко времени");
     }
     return QString();
 }
 
-void CItemSender::giveUp(CDelivery::State reason, const QString &trouble)
+void CItemSender::endItem()
 {
-    delivery.fail(reason, QStringLiteral("%1: %2").arg(item->title, trouble));
-    state = Over;
+    state = Nothing;
     closeFile();
 }
 

@@ -1,13 +1,16 @@
 // The sending side of a conversation: turns the items of a delivery into frames, one after another.
 //
-//   nothing --Offer--> offered --Welcome--> sending --Finish--> finished --Stored--> nothing
+//   nothing --Offer--> offered --Welcome--> sending --Finish--> finished --Stored, Refused--> nothing
+//
+// An item that is refused or cannot be read fails, and the next one follows. A file that changes while it
+// is being sent goes on as zero bytes, ends with a checksum that cannot be right, and is refused for it.
 //
 // Knows neither channel nor clock. Lives in the connection thread.
 #pragma once
 
+#include "host/conversation/cdelivery.h"
 #include "host/conversation/csha256.h"
 #include "host/conversation/messageframe.h"
-#include "host/delivery/cdelivery.h"
 
 class CItemSender
 {
@@ -29,11 +32,8 @@ public:
     /// @return null, or what is wrong with the answer: a fault of the protocol
     QString takeAnswer(const AnswerFrame &answer, QString *event);
 
-    /// Whether the delivery is over: all confirmed, or given up.
+    /// Whether the delivery is over: every item is confirmed or has failed.
     bool isDone() const { return state == Over; }
-
-    /// Whether data is on its way: the other side has nothing to say meanwhile.
-    bool isSending() const { return state == Sending; }
 
 private:
     enum State
@@ -46,9 +46,12 @@ private:
     };
 
     bool openItem();
+    bool openNext();
     QByteArray offer();
     void makeData(int room);
-    void giveUp(CDelivery::State reason, const QString &trouble);
+    void fillFromFile(char *payload, int size);
+    QByteArray finish();
+    void endItem();
     void closeFile();
 
     CDelivery &delivery;
@@ -57,6 +60,7 @@ private:
     quint32 number = 0; // of the item within the connection
     int file = -1;      // descriptor
     qint64 done = 0;    // bytes of the item
+    QString spoiled;    // what has happened to the file meanwhile; null: nothing
     CSha256 sha;
     QByteArray digest; // of the item, when it is finished
     QByteArray frame;  // a Data frame, or empty

@@ -2,8 +2,7 @@
 
 #include "common/global.h"
 #include "common/terminationguard.h"
-#include "host/console/cconsolemonitor.h"
-#include "host/delivery/cdelivery.h"
+#include "host/conversation/cdelivery.h"
 #include "interfaces/cjournal.h"
 
 #include <QAbstractEventDispatcher>
@@ -46,7 +45,7 @@ void CMessageProtocol::start()
     if (isPlaced)
         outbox = GreetingFrame{GreetingFrame::currentVersion, context.ownName}.toBytes();
     else
-        context.unnamed->add(this, context.monitor->originOf(label));
+        context.unnamed->add(this, context.originOf(label));
 
     connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
             &CMessageProtocol::work);
@@ -175,7 +174,7 @@ void CMessageProtocol::takeGreeting(const std::optional<GreetingFrame> &greeting
     if (isSomebodyElse) {
         const QString text = QStringLiteral("Ответил другой абонент: '%1'").arg(greeting->name);
         if (context.delivery)
-            context.delivery->fail(CDelivery::SomebodyElse, text);
+            context.delivery->refuseAbonent(text);
         return sayGoodbye(QStringLiteral("Вызван другой абонент"));
     }
     context.unnamed->remove(this);
@@ -286,6 +285,6 @@ void CMessageProtocol::end(const QString &trouble)
     deadline.stop();
     context.unnamed->remove(this);
     if (isPlaced && context.delivery)
-        context.delivery->setDown(trouble);
+        context.delivery->callEnded(trouble);
     emit finished();
 }

@@ -17,9 +17,9 @@
 #include <QTimer>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 
-class CConsoleMonitor;
 class CDelivery;
 class CJournal;
 class CMessageStore;
@@ -35,7 +35,8 @@ public:
         QString ownName;
         CMessageStore *store = nullptr;
         CJournal *journal = nullptr;
-        const CConsoleMonitor *monitor = nullptr;
+        /// What tells callers of different addresses apart, by channel label; [any thread].
+        std::function<QString(const QString &label)> originOf;
         CUnnamedCallers *unnamed = nullptr;
         CDelivery *delivery = nullptr; // for placed calls; may be null
     };

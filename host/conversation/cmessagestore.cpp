@@ -1,7 +1,7 @@
 #include "host/conversation/cmessagestore.h"
 
 #include "common/global.h"
-#include "host/console/untrustedtext.h"
+#include "host/text/untrustedtext.h"
 
 #include <QFile>
 

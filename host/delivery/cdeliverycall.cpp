@@ -2,89 +2,89 @@
 
 #include "common/csettings.h"
 #include "common/global.h"
-#include "host/cmessenger.h"
-#include "host/commands/exitcodes.h"
 #include "host/console/cconsole.h"
+#include "interfaces/cchannelplugin.h"
+#include "interfaces/cchannelserver.h"
 #include "transportIp/ipsettings.h"
 
 namespace {
 
 constexpr int progressMs = 50;
 constexpr int keepMs = 10000;
-constexpr int noWordReserveMs = 20000; // beyond what the channel may take to connect
+constexpr int callReserveMs = 20000; // beyond what the channel may take to connect
 
 } // namespace
 
-CDeliveryCall::CDeliveryCall(const CommandLine &how, CDelivery &what, CMessenger &through, CConsole &shownOn)
-    : line(how), delivery(what), messenger(through), console(shownOn), retriesLeft(how.retries)
+CDeliveryCall::CDeliveryCall(const CallTarget &whom, CDelivery &what, CChannelServer &through,
+                             const CChannelPlugin &ofKind, CConsole &shownOn)
+    : target(whom), delivery(what), server(through), plugin(ofKind), console(shownOn),
+      retriesLeft(whom.retries)
 {
     // Workers emit two of these from their own threads; being connected to an object of this thread,
     // they arrive here.
-    CChannelServer *server = messenger.server();
-    connect(server, SIGNAL(connected(QString, int)), this, SLOT(connected(QString, int)));
-    connect(server, SIGNAL(notConnected(QString)), this, SLOT(notConnected(QString)));
-    connect(server, SIGNAL(disconnected(QString, int, bool)), this, SLOT(disconnected(QString, int, bool)));
+    connect(&server, SIGNAL(connected(QString, int)), this, SLOT(connected(QString, int)));
+    connect(&server, SIGNAL(notConnected(QString)), this, SLOT(notConnected(QString)));
+    connect(&server, SIGNAL(disconnected(QString, int, bool)), this, SLOT(disconnected(QString, int, bool)));
 
-    noWord.setSingleShot(true);
-    connect(&noWord, &QTimer::timeout, this, &CDeliveryCall::callEnded);
+    callTimeout.setSingleShot(true);
+    connect(&callTimeout, &QTimer::timeout, this, &CDeliveryCall::callEnded);
     connect(&progressTimer, &QTimer::timeout, this, &CDeliveryCall::showProgress);
-    connect(&keepTimer, &QTimer::timeout, this,
-            [this] { messenger.server()->keepAliveConnection(connection); });
+    connect(&keepTimer, &QTimer::timeout, this, [this] { server.keepAliveConnection(connection); });
 }
 
 void CDeliveryCall::begin()
 {
     clock.start();
-    messenger.plugin()->decCallTimeout(&retryDelay); // down to the shortest that the channel allows
+    plugin.decCallTimeout(&retryDelay); // down to the shortest that the channel allows
     call();
 }
 
-void CDeliveryCall::cancel(int exitCode)
+void CDeliveryCall::cancel()
 {
-    end(exitCode, QStringLiteral("Передача прервана"));
+    end(Cancelled, QStringLiteral("Передача прервана"));
 }
 
 void CDeliveryCall::call()
 {
     if (isOver)
         return;
-    CChannelServer *server = messenger.server();
     isCalling = true;
     wasConnected = false;
-    if (!server->isHardwareOn() || !server->hasFreeChannel())
+    if (!server.isHardwareOn() || !server.hasFreeChannel())
         return callEnded();
     AbonentIpSettings settings;
-    settings.address = line.address;
-    settings.port = line.port;
+    settings.address = target.address;
+    settings.port = target.port;
     CSettings limits;
-    noWord.start(limits.detailsTransportIpThreadStartTimeout() + limits.detailsTransportIpConnectTimeout() +
-                 noWordReserveMs);
-    server->connectToAbonent(line.abonent, settings.toByteArray());
+    callTimeout.start(limits.detailsTransportIpThreadStartTimeout() +
+                      limits.detailsTransportIpConnectTimeout() + callReserveMs);
+    server.connectToAbonent(target.abonent, settings.toByteArray());
 }
 
 void CDeliveryCall::connected(const QString &abonentName, int connectionId)
 {
-    if (!isCalling || Global::filterName(abonentName) != Global::filterName(line.abonent))
+    if (!isCalling || Global::filterName(abonentName) != Global::filterName(target.abonent))
         return; // somebody is calling us meanwhile
-    noWord.stop();
+    callTimeout.stop();
     wasConnected = true;
     connection = connectionId;
-    messenger.plugin()->decCallTimeout(&retryDelay);
+    plugin.decCallTimeout(&retryDelay);
     progressTimer.start(progressMs);
     keepTimer.start(keepMs);
 }
 
 void CDeliveryCall::notConnected(const QString &abonentName)
 {
-    if (isCalling && abonentName == line.abonent)
+    if (isCalling && abonentName == target.abonent)
         callEnded();
 }
 
 void CDeliveryCall::disconnected(const QString &abonentName, int connectionId, bool wasUseful)
 {
     Q_UNUSED(wasUseful)
-    const bool isOurs = connection >= 0 ? connectionId == connection
-                                        : Global::filterName(abonentName) == Global::filterName(line.abonent);
+    const bool isOurs = connection >= 0
+                            ? connectionId == connection
+                            : Global::filterName(abonentName) == Global::filterName(target.abonent);
     if (isCalling && isOurs)
         callEnded();
 }
@@ -95,7 +95,7 @@ void CDeliveryCall::callEnded()
         return;
     isCalling = false;
     connection = -1;
-    noWord.stop();
+    callTimeout.stop();
     progressTimer.stop();
     keepTimer.stop();
     showProgress();
@@ -103,52 +103,81 @@ void CDeliveryCall::callEnded()
     const CDelivery::Progress progress = delivery.progress();
     switch (progress.state) {
     case CDelivery::Done:
-        return end(ExitDone, summary());
+        return endDone();
     case CDelivery::SomebodyElse:
-        return end(ExitSomebodyElse, progress.trouble);
-    case CDelivery::Refused:
-        return end(ExitNotDelivered, QStringLiteral("Абонент не принял %1").arg(progress.trouble));
-    case CDelivery::Unreadable:
-        return end(ExitNotDelivered, QStringLiteral("Не удалось прочитать %1").arg(progress.trouble));
+        return end(SomebodyElse, progress.trouble);
     case CDelivery::UnderWay:
         break;
     }
     if (wasConnected)
-        retryOrEnd(ExitNotDelivered, QStringLiteral("Передано не все: %1").arg(progress.trouble));
+        retryOrEnd(NotDelivered, QStringLiteral("Передано не все: %1").arg(progress.trouble));
     else
-        retryOrEnd(ExitNoAnswer, QStringLiteral("Абонент '%1' не отвечает").arg(line.abonent));
+        retryOrEnd(NoAnswer, QStringLiteral("Абонент '%1' не отвечает").arg(target.abonent));
 }
 
-void CDeliveryCall::retryOrEnd(int exitCode, const QString &trouble)
+void CDeliveryCall::retryOrEnd(End how, const QString &trouble)
 {
     if (retriesLeft == 0)
-        return end(exitCode, trouble);
+        return end(how, trouble);
     if (retriesLeft > 0)
         --retriesLeft;
-    console.line(QStringLiteral("%1. Повтор через %2").arg(trouble, Global::timeStringSec(retryDelay)));
+    console.error(QStringLiteral("%1. Повтор через %2").arg(trouble, Global::timeStringSec(retryDelay)));
     QTimer::singleShot(retryDelay * 1000, this, &CDeliveryCall::call);
-    messenger.plugin()->incCallTimeout(&retryDelay); // for the next time
+    plugin.incCallTimeout(&retryDelay); // for the next time
 }
 
-void CDeliveryCall::end(int exitCode, const QString &text)
+void CDeliveryCall::end(End how, const QString &text)
 {
     if (isOver)
         return;
     isOver = true;
     progressTimer.stop();
     keepTimer.stop();
-    noWord.stop();
+    callTimeout.stop();
     console.setLiveRows({});
-    console.line(text);
-    emit over(exitCode);
+    if (how != Delivered && (delivery.hasAny(CDelivery::Confirmed) || delivery.hasAny(CDelivery::Failed)))
+        showOutcomes();
+    console.line(text, how == Delivered ? CConsole::Results : CConsole::Errors);
+    emit over(how);
+}
+
+/// Every item has been confirmed or has failed.
+void CDeliveryCall::endDone()
+{
+    if (!delivery.hasAny(CDelivery::Failed))
+        return end(Delivered, summary());
+    if (delivery.hasAny(CDelivery::Confirmed))
+        console.line(summary());
+    end(NotDelivered, QStringLiteral("Передано не все"));
+}
+
+/// What has been delivered and what has not, item by item.
+void CDeliveryCall::showOutcomes()
+{
+    for (std::size_t i = 0; i < delivery.items().size(); ++i) {
+        const CDelivery::Item &item = delivery.items()[i];
+        const QString title = item.isText ? item.title : item.path;
+        QString failure;
+        const CDelivery::Outcome outcome = delivery.outcomeOf(int(i), &failure);
+        if (outcome == CDelivery::Confirmed)
+            console.line(QStringLiteral("Передано: %1").arg(title));
+        else if (outcome == CDelivery::Failed)
+            console.error(QStringLiteral("Не передано: %1: %2").arg(title, failure));
+        else
+            console.error(QStringLiteral("Не передано: %1").arg(title));
+    }
 }
 
 QString CDeliveryCall::summary() const
 {
     qint64 bytes = 0;
-    for (const CDelivery::Item &item : delivery.items())
-        bytes += item.size;
-    const int count = int(delivery.items().size());
+    int count = 0;
+    for (std::size_t i = 0; i < delivery.items().size(); ++i) {
+        if (delivery.outcomeOf(int(i)) != CDelivery::Confirmed)
+            continue;
+        bytes += delivery.items()[i].size;
+        ++count;
+    }
     const QString noun = Global::declension(count, QStringLiteral("сообщение"), QStringLiteral("сообщения"),
                                             QStringLiteral("сообщений"));
     return QStringLiteral("Передано и подтверждено: %1 %2, %3 за %4, %5")

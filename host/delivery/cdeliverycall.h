@@ -1,15 +1,16 @@
 // Gets one delivery to an abonent: calls, watches, calls again, and says how it ended.
 #pragma once
 
-#include "host/commands/commandline.h"
-#include "host/delivery/cdelivery.h"
+#include "host/conversation/cdelivery.h"
+#include "host/delivery/calltarget.h"
 
 #include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
 
 class CConsole;
-class CMessenger;
+class CChannelPlugin;
+class CChannelServer;
 
 /// Lives in the server thread.
 class CDeliveryCall : public QObject
@@ -17,18 +18,29 @@ class CDeliveryCall : public QObject
     Q_OBJECT
 
 public:
-    /// All outlive the object; the messenger is open.
-    CDeliveryCall(const CommandLine &how, CDelivery &what, CMessenger &through, CConsole &shownOn);
+    /// How it ended.
+    enum End
+    {
+        Delivered,
+        NoAnswer,
+        SomebodyElse, // another abonent has answered
+        NotDelivered, // not everything has been confirmed
+        Cancelled,
+    };
+
+    /// All outlive the object, but for the server, which is not touched any more after over().
+    CDeliveryCall(const CallTarget &whom, CDelivery &what, CChannelServer &through,
+                  const CChannelPlugin &ofKind, CConsole &shownOn);
 
     /// Places the first call. over() follows.
     void begin();
 
     /// Gives the delivery up, whatever is under way. over() follows at once.
-    void cancel(int exitCode);
+    void cancel();
 
 Q_SIGNALS:
     /// The delivery is done or given up.
-    void over(int exitCode);
+    void over(CDeliveryCall::End how);
 
 private Q_SLOTS:
     void connected(const QString &abonentName, int connectionId);
@@ -38,17 +50,20 @@ private Q_SLOTS:
 private:
     void call();
     void callEnded();
-    void retryOrEnd(int exitCode, const QString &trouble);
-    void end(int exitCode, const QString &text);
+    void retryOrEnd(End how, const QString &trouble);
+    void end(End how, const QString &text);
+    void endDone();
+    void showOutcomes();
     void showProgress();
     QString summary() const;
 
-    const CommandLine &line;
+    const CallTarget target;
     CDelivery &delivery;
-    CMessenger &messenger;
+    CChannelServer &server;
+    const CChannelPlugin &plugin;
     CConsole &console;
 
-    QTimer noWord; // a call of which nothing is heard at all
+    QTimer callTimeout; // for a call that the channel never reports on
     QTimer progressTimer;
     QTimer keepTimer;       // the connection is to stay while we wait for the other side
     QElapsedTimer clock;    // of the whole delivery

@@ -1,9 +1,14 @@
 // Command lines, and the texts and names that come from strangers.
+#include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
-#include "host/console/untrustedtext.h"
+#include "host/commands/commands.h"
+#include "host/commands/commandtable.h"
 #include "host/conversation/cunnamedcallers.h"
+#include "host/delivery/calltarget.h"
+#include "host/text/untrustedtext.h"
 #include "tests/support/testinstallation.h"
 
+#include <QProcess>
 #include <QtTest>
 
 namespace {
@@ -11,16 +16,36 @@ namespace {
 /// A command line in one text, so that a table can tell what was understood.
 QString understood(const QString &arguments)
 {
-    const CommandLine line = parseCommandLine(arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
-    if (!line.mistake.isNull())
-        return "ошибка: "_s + line.mistake;
-    return "%1 [%2] %3:%4 %5 text=%6 name=%7 retry=%8%9"_s.arg(
-        line.command, line.abonent, line.address, QString::number(line.port),
-        (line.files + line.operands).join(QLatin1Char(',')), line.text, line.name,
-        QString::number(line.retries),
-        QLatin1String(line.help      ? " help"
-                      : line.verbose ? " verbose"
-                                     : ""));
+    const CommandLine line = CommandLine::parse(arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
+    CallTarget target;
+    QString mistake = line.mistake;
+    const bool isSend = mistake.isNull() && !line.help && line.command && line.command->run == runSend;
+    if (isSend)
+        mistake = readTarget(line, &target);
+    if (!mistake.isNull())
+        return "ошибка: "_s + mistake;
+    QString text = line.command ? QLatin1String(line.command->name) : QString();
+    if (isSend)
+        text +=
+            " [%1] %2:%3 retry=%4"_s.arg(target.abonent, target.address).arg(target.port).arg(target.retries);
+    text += QLatin1Char(' ') + line.operands.mid(isSend ? 2 : 0).join(QLatin1Char(','));
+    for (const CommandOption &option : line.command ? line.command->options : std::vector<CommandOption>()) {
+        if (line.has(option.name) && "retry"_s != QLatin1String(option.name))
+            text +=
+                " %1=%2"_s.arg(QLatin1String(option.name), line.values(option.name).join(QLatin1Char('+')));
+    }
+    return text + QLatin1String(line.help ? " help" : line.version ? " version" : "");
+}
+
+/// What bash offers for the last of some words.
+QString offered(const QString &words)
+{
+    QProcess bash;
+    bash.start("bash"_s, {"-c"_s, bashCompletion() + "COMP_WORDS=(abonent %1) COMP_CWORD=%2 && _abonent; "
+                                                     "echo ${COMPREPLY[@]}"_s.arg(words)
+                                                         .arg(words.count(QLatin1Char(' ')) + 1)});
+    bash.waitForFinished();
+    return QString::fromUtf8(bash.readAllStandardOutput()).trimmed();
 }
 
 class Caller final : public CUnnamedCaller
@@ -42,22 +67,39 @@ private Q_SLOTS:
         QTest::addColumn<QString>("arguments");
         QTest::addColumn<QString>("meaning");
         const char *const rows[][2] = {
-            {"listen --name Я --verbose", "listen [] :18001  text= name=Я retry=0 verbose"},
-            {"send A h f g", "send [A] h:18001 f,g text= name= retry=0"},
-            {"send A 1.2.3.4:5 --text=t --retry", "send [A] 1.2.3.4:5  text=t name= retry=-1"},
-            {"send A [::1]:5 --retry 3 f", "send [A] ::1:5 f text= name= retry=3"},
-            {"send A ::1 --retry f", "send [A] ::1:18001 f text= name= retry=-1"},
-            {"send A h --retry=0 -- --text", "send [A] h:18001 --text text= name= retry=0"},
-            {"settings set a=b c=d", "settings [] :18001 set,a=b,c=d text= name= retry=0"},
-            {"send --help", "send [] :18001  text= name= retry=0 help"},
-            {"help send", "send [] :18001  text= name= retry=0 help"},
+            {"listen --name Я --verbose", "listen  name=Я verbose="},
+            {"send A h f g", "send [A] h:18001 retry=0 f,g"},
+            {"send A 1.2.3.4:5 --text=t --retry", "send [A] 1.2.3.4:5 retry=-1  text=t"},
+            {"send A [::1]:5 --retry 3 f", "send [A] ::1:5 retry=3 f"},
+            {"send A ::1 --retry f", "send [A] ::1:18001 retry=-1 f"},
+            {"send A h --retry=0 -- --text", "send [A] h:18001 retry=0 --text"},
+            {"send A h --text --retry --text -5", "send [A] h:18001 retry=0  text=--retry+-5"},
+            {"send A h f -retry -verbose", "send [A] h:18001 retry=-1 f verbose="},
+            {"settings set a=b c=d --repair", "settings set,a=b,c=d repair="},
+            {"settings show", "settings show"},
+            {"check a.so --only a,b --silent-data=", "check a.so only=a,b silent-data="},
+            {"check --list", "check  list="},
+            {"send --help", "send  help"},
+            {"send -h", "send  help"},
+            {"help send", "send  help"},
+            {"-h", "  help"},
+            {"help", "  help"},
+            {"--version", "  version"},
             {"", "ошибка: Не указана команда"},
             {"fly", "ошибка: Неизвестная команда: fly"},
+            {"help fly", "ошибка: Неизвестная команда: fly"},
+            {"--fly", "ошибка: Неизвестный параметр: --fly"},
             {"listen x", "ошибка: Лишний аргумент: x"},
             {"listen --text t", "ошибка: Неизвестный параметр: --text"},
+            {"listen -x", "ошибка: Неизвестный параметр: -x"},
+            {"listen --verbose=1", "ошибка: Параметр --verbose не принимает значения"},
+            {"settings", "ошибка: Не хватает аргументов команды settings"},
+            {"settings set", "ошибка: Не хватает аргументов команды settings"},
+            {"settings show a", "ошибка: Лишний аргумент: a"},
+            {"settings mend", "ошибка: Неизвестное действие команды settings: mend"},
             {"send A", "ошибка: Не хватает аргументов команды send"},
-            {"send A h", "ошибка: Нечего передавать: укажите файлы или --text"},
             {"send A h f --name", "ошибка: Параметру --name нужно значение"},
+            {"send A h f --name=", "ошибка: Пустое значение параметра --name"},
             {"send A h f --retry=x", "ошибка: Число повторов задано неверно: x"},
             {"send A h:0 f", "ошибка: Адрес абонента задан неверно: h:0"},
             {"send A h:65536 f", "ошибка: Адрес абонента задан неверно: h:65536"},
@@ -73,6 +115,15 @@ private Q_SLOTS:
     {
         QFETCH(QString, arguments);
         QTEST(understood(arguments), "meaning");
+    }
+
+    void completesWhatIsBegun()
+    {
+        QCOMPARE(offered("se"_s), "send settings"_s);
+        QCOMPARE(offered("send --te"_s), "--text"_s);
+        QCOMPARE(offered("send A h --text --"_s), QString());
+        QCOMPARE(offered("settings s"_s), "show set"_s);
+        QCOMPARE(offered("settings set po"_s), "port="_s);
     }
 
     void keepsStrangersFromActingOnTheTerminal()
@@ -122,5 +173,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(TestCommandLine)
+QTEST_GUILESS_MAIN(TestCommandLine)
 #include "tst_commandline.moc"

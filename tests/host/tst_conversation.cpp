@@ -206,6 +206,35 @@ private Q_SLOTS:
         QCOMPARE(beta.run("listen --name !!"_s), 2);
     }
 
+    void deliversWhatItCanAndNamesTheRest()
+    {
+        const QString huge = beta.directory.filePath("huge"_s);
+        QVERIFY(TestInstallation::write(huge, "x") && QFile::resize(huge, Q_INT64_C(1) << 43));
+        const int before = alfa.stored("input"_s).size();
+        QCOMPARE(
+            beta.run("send Альфа-1 %1"_s.arg(local(alfa.port)),
+                     {"--text"_s, "раз"_s, "/no/such"_s, huge, "--text"_s, "два"_s, beta.settingsFile()}),
+            5);
+        for (const char *line : {"Не передано: /no/such: файл не существует",
+                                 "/huge: абонент не принял: ", "Передано: текст\nПередано: текст\n",
+                                 "/channelIp.conf\n", "Передано и подтверждено: 3 сообщения"})
+            QVERIFY2(beta.output.contains(QString::fromUtf8(line)), qPrintable(beta.output));
+        QCOMPARE(alfa.stored("input"_s).size(), before + 3);
+    }
+
+    void losesOnlyTheOutputWithItsReader()
+    {
+        const int before = alfa.stored("input"_s).size();
+        QProcess shell;
+        shell.start("sh"_s,
+                    {"-c"_s, "\"$1\" send Альфа-1 $2 --text t | true; \"$1\" send nobody $2 --text t >&-"_s,
+                     "sh"_s, beta.program(), local(alfa.port)});
+        QVERIFY(shell.waitForFinished(patienceMs));
+        QCOMPARE(shell.exitCode(), 4);
+        QVERIFY(shell.readAllStandardError().contains("Ответил другой абонент"));
+        QCOMPARE(alfa.stored("input"_s).size(), before + 1);
+    }
+
     void refusesWhatDoesNotMatch()
     {
         const QStringList before = alfa.stored("input"_s);
@@ -286,7 +315,35 @@ private Q_SLOTS:
         QCOMPARE(
             beta.run(set + "port=18123 blockSizeKb=128 canCheckOnline=false Details/maxWritingTime=1234"_s),
             0);
-        QCOMPARE(beta.settings().toHex(), QByteArray("000000020000000007000046cb00000080"));
+        const QByteArray after = QByteArray::fromHex("000000020000000007000046cb00000080");
+        QCOMPARE(beta.settings().toHex(), after.toHex());
+
+        // All changes or none: what one file refuses the other does not keep.
+        const QString ini = beta.directory.filePath("settings/settings.ini"_s);
+        const QString both = "settings set port=010000 Details/maxWritingTime=4321"_s;
+        const QByteArray iniBefore = TestInstallation::read(ini);
+        QProcess full;
+        full.start("sh"_s,
+                   {"-c"_s, "trap '' XFSZ; ulimit -f 0; exec \"$0\" settings set Debug/journals=false"_s,
+                    beta.program()});
+        QVERIFY(full.waitForFinished(patienceMs));
+        QCOMPARE(full.exitCode(), 1);
+        QVERIFY(full.readAllStandardError().contains("settings.ini"));
+        QCOMPARE(TestInstallation::read(ini), iniBefore);
+        QVERIFY(QFile::remove(ini) && QDir().mkdir(ini));
+        QCOMPARE(beta.run(both), 1);
+        QCOMPARE(beta.settings().toHex(), after.toHex());
+        QVERIFY(QDir().rmdir(ini));
+        QCOMPARE(beta.run(both), 0);
+        QCOMPARE(beta.settings().mid(9, 4).toHex(), QByteArray("00002710"));
+
+        // A damaged record is kept until the user says otherwise.
+        QVERIFY(TestInstallation::write(beta.settingsFile(), after.left(11)));
+        QCOMPARE(beta.run("settings set maxConnections=9"_s), 1);
+        QCOMPARE(beta.settings(), after.left(11));
+        QCOMPARE(beta.run("settings set maxConnections=9 --repair"_s), 0);
+        QVERIFY2(beta.output.contains("port=18001"_s), qPrintable(beta.output));
+        QCOMPARE(beta.run("settings set port=18123 Details/maxWritingTime=1234"_s), 0);
 
         // A crash in the middle of a save leaves the settings under another name, beside new ones.
         QVERIFY(QFile::rename(beta.settingsFile(), beta.settingsFile() + ".old"_s) &&
@@ -297,9 +354,16 @@ private Q_SLOTS:
 
     void endsInOrder()
     {
-        // A listener takes up a new port by itself, and ends with a connection open.
+        // A listener takes up a new port by itself, also of a file overwritten in place, and ends with a
+        // connection open.
         const int newPort = freePort();
         QCOMPARE(alfa.run("settings set port=%1"_s.arg(newPort)), 0);
+        QVERIFY(alfa.sees("успешно запущен на %1 порту"_s.arg(newPort)));
+        const QByteArray sound = alfa.settings();
+        alfa.heard.clear();
+        QVERIFY(TestInstallation::write(alfa.settingsFile(), "damaged"));
+        QVERIFY(alfa.sees("непригоден: Версия настроек"_s));
+        QVERIFY(TestInstallation::write(alfa.settingsFile(), sound));
         QVERIFY(alfa.sees("успешно запущен на %1 порту"_s.arg(newPort)));
         Stranger guest(newPort);
         QVERIFY(guest.says(greeting).isAnswered(GreetingFrame{1, alfa.name}.toBytes()));

@@ -1,10 +1,8 @@
-#include "host/console/untrustedtext.h"
+#include "host/text/untrustedtext.h"
 
 #include "common/global.h"
 
 #include <QVector>
-
-#include <ctime>
 
 namespace {
 
@@ -87,14 +85,4 @@ QString safeFileName(const QString &name)
         stem.chop(stem.size() > 1 && stem.at(stem.size() - 1).isLowSurrogate() ? 2 : 1);
     shown = stem + ending;
     return shown.isEmpty() ? QStringLiteral("файл") : shown;
-}
-
-QString localTime(const char *format)
-{
-    const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-    localtime_r(&now, &parts);
-    char text[64];
-    const std::size_t size = std::strftime(text, sizeof(text), format, &parts);
-    return QString::fromLatin1(text, int(size));
 }

@@ -12,6 +12,3 @@ QString printable(const QString &text);
 /// Only the last part of a path is kept, without characters that are invalid in file names or act on
 /// a terminal, no leading dot, at most 200 bytes (the ending is kept); "файл" when nothing is left.
 QString safeFileName(const QString &name);
-
-/// The local time by a format of strftime(3), such as "%H:%M:%S".
-QString localTime(const char *format);
