@@ -48,19 +48,19 @@ struct JournalTotals
     qint64 bytes = 0;
 };
 
+/// How long rows are kept; looked at when the journal is opened and then once a day.
+struct JournalRetention
+{
+    int days = 0; // 0: for ever
+    int rows = 0; // the latest ones; 0: all
+};
+
 class CMessageJournal
 {
 public:
-    /// How long rows are kept; looked at once when the journal is opened and then once a day.
-    struct Retention
-    {
-        int days = 0; // 0: for ever
-        int rows = 0; // the latest ones; 0: all
-    };
-
     /// Opens nothing yet: the writer thread does, at the first row.
     /// @param path elsewhere for tests
-    explicit CMessageJournal(int level, const Retention &retention = Retention(),
+    explicit CMessageJournal(int level, const JournalRetention &retention = JournalRetention(),
                              const QString &path = QString());
 
     /// Writes what is queued; gives up after 5 s, with a line in the log.

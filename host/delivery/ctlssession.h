@@ -71,7 +71,10 @@ public:
     /// @return false before isEstablished(), after close() or trouble(), and while outgoingSize() is
     ///         at outgoingLimit or above; the bytes are still the caller's then
     bool write(std::string_view plain);
-    bool write(const QByteArray &plain) { return write({plain.constData(), std::size_t(plain.size())}); }
+    bool write(const QByteArray &plain)
+    {
+        return write(std::string_view(plain.constData(), std::size_t(plain.size())));
+    }
 
     /// @return up to @a maxSize bytes for the channel, in order; empty when there are none. Not copied when
     ///         maxSize reaches outgoingSize(); memory is used again once the caller has let go of it.
