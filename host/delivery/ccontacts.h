@@ -17,13 +17,14 @@
 #include <QString>
 #include <QVector>
 
+#include <functional>
 #include <optional>
 
 enum class Verdict
 {
     Known,      // the name with its key: go on
     PinnedNow,  // first contact; the key has been written down: go on, and show the words
-    KeyChanged, // the name has another key, the shown one is nobody's: refuse loudly
+    KeyChanged, // the name has another key, the shown one is nobody's: refuse loudly; trust() finds it
     NameTaken,  // the name has another key, the shown one is another contact's: refuse loudly
     NotInvited, // nobody we know, and the policy or a quota does not allow first contacts: refuse
     Blocked,    // the name or the key is blocked: refuse
@@ -79,9 +80,13 @@ public:
 
     QString remove(const QString &name);
 
-    /// Accepts a key for a name from now on; the contact is made if there is none, and is invited now.
-    /// @param fingerprint 32 bytes; empty: whatever key comes next
-    QString trust(const QString &name, const QByteArray &fingerprint);
+    /// Accepts a key for a name from now on, and invites the contact.
+    ///
+    /// @param which words, short form or all 64 digits of the key; empty: the only key that was refused under
+    /// the
+    ///        name, or, when none was, the one it has
+    /// @param now the contact as it is stored then; may be null
+    QString trust(const QString &name, const QString &which, CContact *now = nullptr);
 
     QString setBlocked(const QString &name, bool isBlocked);
 
@@ -89,17 +94,15 @@ public:
     QString import(const CContact &contact);
 
 private:
-    struct Loaded;
-
-    bool refresh(QString *trouble);
-    template <typename Change>
-    QString change(const Change &make);
-    QString putAside(const QString &reason);
+    QString refresh();
+    QString change(const std::function<QString(QVector<CContact> *)> &make);
+    QString putAside(const QString &damage);
 
     const QString path;
 
-    QMutex mutex; // guards the following
-    QVector<CContact> contacts;
-    quint64 stamp; // SettingsFile::Stamp of what contacts show
-    bool isNewer = false;
+    QMutex mutex;               // guards the following
+    QVector<CContact> contacts; // as in the file
+    quint64 stamp;              // of the file that they show
+    bool isFresh = true;        // read so early that its time proves nothing
+    QString state;              // why the file cannot be used or changed; null when it can
 };

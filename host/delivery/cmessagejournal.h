@@ -29,6 +29,9 @@ enum class JournalRow
 /// A name for scripts: "received", "sent", "refused", "broken-off", "started", "stopped", "key-changed".
 QString journalRowName(JournalRow kind);
 
+/// The same for people: "принято", "передано", ...
+QString journalRowText(JournalRow kind);
+
 struct JournalEntry
 {
     JournalRow kind = JournalRow::Started;

@@ -9,6 +9,7 @@
 //   seen: 2026-11-23T09:00:00Z       first contact, UTC; missing: none so far
 //   invited: yes                     the user wants it; otherwise "no"
 //   blocked: no
+//   offered: 64 hexadecimal digits   a key that was refused under the name; up to four lines, oldest first
 //
 //   end 1                            the number of contacts; nothing follows
 //
@@ -20,7 +21,7 @@
 //   address: 10.0.0.5
 //   port: 18001
 //   key: 64 hexadecimal digits
-//   words: амбар берег ...           of the key; must fit it
+//   words: амбар бублик ...          of the key, in lines of five; must fit it
 //   --- end of contact ---
 //
 // What stands before and behind them is passed over, as are "> " and blanks in front of each line.
@@ -46,6 +47,9 @@ struct CContact
     QDateTime seen;         // first contact, UTC; invalid until then
     bool isInvited = false; // the user has added or trusted it
     bool isBlocked = false;
+    QVector<QByteArray> offered; // keys refused under the name since the last trust, oldest first
+
+    static constexpr int mostOffered = 4;
 };
 
 /// abonents.conf. Contacts stand in the given order.

@@ -116,11 +116,12 @@ private:
     static int bioRead(bio_st *bio, char *data, int size);
     static long bioControl(bio_st *bio, int command, long number, void *pointer);
 
-    bool looksLikeOldProtocol() const;
+    bool judgeFirstBytes(const QByteArray &arrived);
     void handshake();
-    void judgeResult(int result, const char *doing);
+    void judgeResult(int result);
+    void reserveOutgoing(int size);
+    void failCut();
     void fail(const QString &text);
-    QByteArray &roomyOutgoing();
 
     std::unique_ptr<ssl_ctx_st, Free> context;
     std::unique_ptr<ssl_st, Free> ssl;
@@ -133,8 +134,9 @@ private:
     int outgoingTaken = 0; // bytes of it that takeOutgoing() has given away
     QByteArray lent;       // what takeOutgoing() gave away whole; its memory comes back
 
-    QByteArray firstBytes; // of the peer, as long as they may still be a greeting of the protocol without TLS
-    bool firstBytesSeen = false;
+    bool isWriting = false; // OpenSSL adds what write() has been given
+
+    QByteArray firstBytes; // of the peer, at most four
     bool established = false;
     bool ownClosed = false;
     bool peerClosed = false;
