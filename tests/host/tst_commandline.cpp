@@ -4,7 +4,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/commandtable.h"
 #include "host/conversation/cunnamedcallers.h"
-#include "host/delivery/calltarget.h"
+#include "host/commands/calltarget.h"
 #include "host/text/untrustedtext.h"
 #include "tests/support/testinstallation.h"
 

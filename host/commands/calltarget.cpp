@@ -1,4 +1,4 @@
-#include "host/delivery/calltarget.h"
+#include "host/commands/calltarget.h"
 
 bool CallTarget::setAddress(const QString &text)
 {
