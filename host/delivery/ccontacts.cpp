@@ -454,8 +454,8 @@ QString CContacts::putAside(const QString &damage)
     int modeError = 0;
     if (!SettingsFile::replace(contents, contactsToText(parsed.contacts), &modeError))
         return failed("исправить их не удалось");
-    log(QStringLiteral(
-            "%1; отложены в %2, целых контактов осталось: %3. Ключи остальных придется сверить заново")
-            .arg(text, aside, QString::number(parsed.contacts.size())));
+    warn(QStringLiteral(
+             "%1; отложены в %2, целых контактов осталось: %3. Ключи остальных придется сверить заново")
+             .arg(text, aside, QString::number(parsed.contacts.size())));
     return QString();
 }

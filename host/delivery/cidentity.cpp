@@ -40,15 +40,17 @@ int noPassword(char *, int, int, void *)
     return -1;
 }
 
-/// The rights of the key file: its owner's, and reading for those who may write beside it anyway, as far as
-/// the configured rights of files go.
+/// The rights of the key file: its owner's. Where settings/ belongs to the system (root) and others may write
+/// there, several users share the installation; they get to read it, as far as the configured rights of files
+/// go.
 mode_t keyFileMode(const QString &path)
 {
-    struct stat directory = {};
-    if (::stat(QFile::encodeName(QFileInfo(path).absolutePath()).constData(), &directory) != 0)
-        return S_IRUSR | S_IWUSR;
-    const int configured = CSettings().filePermissions();
     mode_t mode = S_IRUSR | S_IWUSR;
+    struct stat directory = {};
+    if (::stat(QFile::encodeName(QFileInfo(path).absolutePath()).constData(), &directory) != 0 ||
+        directory.st_uid != 0)
+        return mode;
+    const int configured = CSettings().filePermissions();
     if ((directory.st_mode & S_IWGRP) && (configured & QFileDevice::ReadGroup))
         mode |= S_IRGRP;
     if ((directory.st_mode & S_IWOTH) && (configured & QFileDevice::ReadOther))
@@ -128,7 +130,8 @@ QString CIdentity::prepare(const QString &path)
         if (errno != ENOENT || attempt > 0) {
             const QString reason = qt_error_string(errno);
             const QString owner = QFileInfo(path).owner();
-            return QStringLiteral("Ключ этой установки %1 (владелец %2) не читается. %3")
+            return QStringLiteral("Ключ этой установки %1 не читается. %3. Если установку делят несколько "
+                                  "пользователей, владелец файла (%2) может открыть его им для чтения")
                 .arg(path, owner, reason);
         }
         const QString trouble = make(path);

@@ -7,8 +7,9 @@
 // mean nothing, and nobody looks at them. What counts is the fingerprint of the public key.
 //
 // The file is made once, at first use, and never replaced by the program: another key would make this
-// installation a stranger to all that have pinned it. Whoever may write into settings/ is this abonent, so
-// they may read the file too, as far as Permissions/filePermissions allows; nobody else may.
+// installation a stranger to all that have pinned it. It is its owner's alone; only where settings/ belongs
+// to root and others may write there, hence several users share the installation, they may read it as well,
+// as far as Permissions/filePermissions allows. Processes of every secrecy level read it; level 0 makes it.
 #pragma once
 
 #include <QByteArray>

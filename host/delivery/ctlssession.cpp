@@ -214,16 +214,16 @@ void CTlsSession::feedEnd()
     if (!established)
         fail(QStringLiteral("Соединение оборвано, пока договаривались о шифровании: возможно, у собеседника "
                             "старая версия, которая не шифрует"));
-    else if (incomingSize == 0 && SSL_has_pending(ssl.get()) == 0)
-        failCut();
+    else
+        noticeCut();
 }
 
 QByteArray CTlsSession::takePlain(int maxSize)
 {
-    const int most = std::min(maxSize, established ? incomingSize + SSL_pending(ssl.get()) : 0);
-    if (most <= 0 || !troubleText.isNull() || peerClosed) {
+    if (maxSize <= 0 || !established || !troubleText.isNull() || peerClosed)
         return QByteArray();
-    }
+    const int most =
+        std::min(maxSize, incomingSize + SSL_pending(ssl.get()) + (incomingSize > 0 ? recordBytes : 0));
     QByteArray plain(most, Qt::Uninitialized);
     int done = 0;
     while (done < most) {
@@ -235,8 +235,7 @@ QByteArray CTlsSession::takePlain(int maxSize)
         done += count;
     }
     plain.truncate(done);
-    if (endFed && !peerClosed && troubleText.isNull() && done < most)
-        failCut();
+    noticeCut();
     return plain;
 }
 
@@ -363,9 +362,11 @@ void CTlsSession::judgeResult(int result)
     ERR_clear_error();
 }
 
-void CTlsSession::failCut()
+/// Nothing more will come, everything has been looked at, and the peer has not said its end.
+void CTlsSession::noticeCut()
 {
-    fail(QStringLiteral("Соединение оборвано: конец разговора не подтвержден собеседником"));
+    if (endFed && !peerClosed && troubleText.isNull() && incomingSize == 0 && SSL_pending(ssl.get()) == 0)
+        fail(QStringLiteral("Соединение оборвано: конец разговора не подтвержден собеседником"));
 }
 
 void CTlsSession::fail(const QString &text)

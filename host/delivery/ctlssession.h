@@ -120,7 +120,7 @@ private:
     void handshake();
     void judgeResult(int result);
     void reserveOutgoing(int size);
-    void failCut();
+    void noticeCut();
     void fail(const QString &text);
 
     std::unique_ptr<ssl_ctx_st, Free> context;
