@@ -8,12 +8,10 @@
 #include "host/cprogram.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QThread>
 
 namespace {
 
-constexpr int lockPatienceMs = 3000; // a `send` that is just ending
 constexpr int lockPollMs = 50;
 
 } // namespace
@@ -22,18 +20,27 @@ int runListen(const CommandLine &line)
 {
     CConsole console;
     CProgram program(line, CProgram::Resident, console);
-    CTransportLock lock;
-    QElapsedTimer clock;
-    clock.start();
-    while (!lock.tryLock(program.level)) {
-        if (clock.elapsed() > lockPatienceMs) {
-            console.error(
-                QStringLiteral("Сообщения этой установки уже принимает и передает другая программа: "
-                               "abonent listen или send"));
-            return ExitTrouble;
-        }
+    bool isInterrupted = false;
+    QObject::connect(&program.interruption, &CInterruption::requested, &program.messenger, [&] {
+        isInterrupted = true;
+        console.line(QStringLiteral("Завершение работы..."));
+        program.close();
+    });
+    CTransportLock resident(CTransportLock::Resident);
+    CTransportLock transport;
+    if (!resident.tryLock(program.level)) {
+        console.error(
+            QStringLiteral("Сообщения этой установки уже принимает и передает другой abonent listen"));
+        return ExitTrouble;
+    }
+    if (!transport.tryLock(program.level))
+        console.line(QStringLiteral("Ждем, пока закончит работающий abonent send"));
+    while (!transport.tryLock(program.level) && !isInterrupted) {
+        QCoreApplication::processEvents();
         QThread::msleep(lockPollMs);
     }
+    if (isInterrupted)
+        return ExitDone;
     if (line.has("to")) {
         const QString place = line.value("to");
         const QString error = checkHandOut(place);
@@ -51,10 +58,6 @@ int runListen(const CommandLine &line)
     if (code != ExitDone)
         return code;
 
-    QObject::connect(&program.interruption, &CInterruption::requested, &program.messenger, [&] {
-        console.line(QStringLiteral("Завершение работы..."));
-        program.close();
-    });
     QObject::connect(&program.messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
     program.open();
     QCoreApplication::exec();

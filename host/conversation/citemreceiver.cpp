@@ -71,8 +71,8 @@ CItemReceiver::Reaction CItemReceiver::takeOffer(const OfferFrame &offer)
     const QString reason = unacceptable(offer);
     if (!reason.isNull())
         return refuse(item, AnswerFrame::Refused, reason);
-    if (!heldFor.isNull())
-        return refuse(item, AnswerFrame::Later, heldFor);
+    if (offer.kind == OfferFrame::Text && !heldTexts.isNull())
+        return refuse(item, AnswerFrame::Later, heldTexts);
 
     CInboxSession::Begun begun = session.begin(offer);
     if (begun.verdict == AnswerFrame::Stored) {
@@ -193,8 +193,8 @@ CItemReceiver::Reaction CItemReceiver::settle()
 /// The message does not come now, the connection goes on. What has arrived of it may stay on the disk.
 CItemReceiver::Reaction CItemReceiver::refuse(Item &item, AnswerFrame::Verdict verdict, const QString &reason)
 {
-    if (verdict == AnswerFrame::Later)
-        heldFor = reason;
+    if (verdict == AnswerFrame::Later && item.offer.kind == OfferFrame::Text)
+        heldTexts = reason;
     if (++refusals > mostRefusals)
         return fault(QStringLiteral("слишком много отказов"));
     item.message.reset();

@@ -91,7 +91,7 @@ private:
     std::vector<quint32> catchingUp;
     std::vector<quint32> finished; // in the order they came
     quint32 last = 0;
-    int refusals = 0; // of this connection
-    int taken = 0;    // messages of this connection
-    QString heldFor;  // no room: nothing more is taken, so that texts keep their order
+    int refusals = 0;  // of this connection
+    int taken = 0;     // messages of this connection
+    QString heldTexts; // one had no room: no more texts are taken, so that they keep their order
 };

@@ -9,6 +9,7 @@ constexpr qint64 smallBytes = 256 * 1024; // sent without waiting for an answer
 constexpr std::size_t mostFlights = 512;
 constexpr qint64 mostEagerBytes = 16 * 1024 * 1024;
 constexpr int mostLargeOffers = 2;
+constexpr int mostPostponed = 16;              // the other side has no room: going on would be in vain
 constexpr int checkedAtOnce = 8 * 1024 * 1024; // read before other events get their turn
 constexpr int readBytes = 256 * 1024;
 
@@ -31,7 +32,7 @@ QByteArray CItemSender::nextFrame(int room)
             return each.second.state == Checking || each.second.state == Ready;
         });
         if (flight == flights.end())
-            return held ? QByteArray() : offerNext();
+            return postponed > mostPostponed ? QByteArray() : offerNext();
         current = flight->first;
         if (flight->second.state == Ready)
             flight->second.state = Sending;
@@ -186,7 +187,7 @@ QString CItemSender::takeAnswer(const AnswerFrame &answer, std::vector<Notice> *
         notices->push_back({job, false, {}, answer.reason});
         queue->refused(job, answer.reason);
     } else {
-        held = true;
+        ++postponed; // it stays under way for the queue, so it is not offered again here
         reason = answer.reason;
     }
     // Bytes that are to follow at once follow to their end: the other side passes over them.

@@ -50,9 +50,9 @@ public:
     /// Whether anything is offered and not answered for good.
     bool isUnderWay() const { return !flights.empty(); }
 
-    /// Whether the other side has no room: nothing more goes over this connection.
-    bool isHeld() const { return held; }
-    const QString &heldReason() const { return reason; }
+    /// Whether the other side had no room for something: that has to be tried again, over another connection.
+    bool isPostponed() const { return postponed > 0; }
+    const QString &postponedReason() const { return reason; }
 
     /// Bytes whose storing is waited for.
     qint64 unconfirmed() const;
@@ -96,7 +96,7 @@ private:
     qint64 eagerBytes = 0;
     int largeOffers = 0;
     bool busy = false;
-    bool held = false;
+    int postponed = 0;
     QString reason;
     std::vector<Notice> ownNotices;
     QByteArray frame; // a Data frame, or empty

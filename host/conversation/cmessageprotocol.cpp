@@ -473,8 +473,8 @@ void CMessageProtocol::transmit()
         tell(notice);
     if (sender->isBusy())
         return workAgain();
-    if (!sender->isUnderWay() && sender->isHeld()) {
-        queue->setTrouble(CSendQueue::NoRoom, sender->heldReason());
+    if (!sender->isUnderWay() && sender->isPostponed()) {
+        queue->setTrouble(CSendQueue::NoRoom, sender->postponedReason());
         return sayGoodbye(ByeFrame::Done, QString());
     }
     if (isPlaced && context.lingerMs == 0 && !isUnderWay())

@@ -80,10 +80,10 @@ bool CTransportLock::tryLock(int level)
 {
     if (descriptor >= 0)
         return true;
-    const QDir messages = Global::messagesDir(level);
-    if (!Global::makePath(messages))
+    const QDir place = kind == Transport ? Global::messagesDir(level) : TransportTasks::directory(level);
+    if (!Global::makePath(place))
         return false;
-    descriptor = openDirectory(messages.absolutePath());
+    descriptor = openDirectory(place.absolutePath());
     if (descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) != 0)
         closeDescriptor(&descriptor);
     return descriptor >= 0;

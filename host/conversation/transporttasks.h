@@ -37,11 +37,18 @@ std::vector<TransportTask> take(int level);
 
 } // namespace TransportTasks
 
-/// Held by the one process of a secrecy level that sends and receives.
+/// Held by the one process of a secrecy level that sends and receives; or by the one that is to do so for
+/// long.
 class CTransportLock
 {
 public:
-    CTransportLock() = default;
+    enum Kind
+    {
+        Transport,
+        Resident,
+    };
+
+    explicit CTransportLock(Kind ofKind = Transport) : kind(ofKind) {}
     ~CTransportLock();
 
     CTransportLock(const CTransportLock &) = delete;
@@ -52,5 +59,6 @@ public:
     bool isLocked() const { return descriptor >= 0; }
 
 private:
+    const Kind kind;
     int descriptor = -1;
 };

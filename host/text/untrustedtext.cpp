@@ -1,13 +1,8 @@
 #include "host/text/untrustedtext.h"
 
-#include "common/global.h"
-
 #include <QVector>
 
 namespace {
-
-constexpr int fileNameBytes = 200;
-constexpr int longestEnding = 20;
 
 /// Whether a character shows as itself.
 bool isShown(uint character)
@@ -59,30 +54,4 @@ QString printable(const QString &text)
                 QStringLiteral("\\u%1").arg(QString::number(character, 16).toUpper(), 4, QLatin1Char('0'));
     }
     return result;
-}
-
-QString safeFileName(const QString &name)
-{
-    QString last = name;
-    last.replace(QLatin1Char('\\'), QLatin1Char('/'));
-    last = Global::filterNotValidSymbols(last.section(QLatin1Char('/'), -1));
-
-    QString shown;
-    const QVector<uint> characters = codePoints(last);
-    for (const uint character : characters) {
-        if (isShown(character))
-            shown += fromCode(character);
-    }
-    shown = shown.trimmed();
-    while (shown.startsWith(QLatin1Char('.')))
-        shown.remove(0, 1);
-
-    // Cut in the middle, so that the file still opens with the right program.
-    const int dot = shown.lastIndexOf(QLatin1Char('.'));
-    QString ending = dot > 0 && shown.size() - dot <= longestEnding ? shown.mid(dot) : QString();
-    QString stem = shown.left(shown.size() - ending.size());
-    while (stem.toUtf8().size() + ending.toUtf8().size() > fileNameBytes)
-        stem.chop(stem.size() > 1 && stem.at(stem.size() - 1).isLowSurrogate() ? 2 : 1);
-    shown = stem + ending;
-    return shown.isEmpty() ? QStringLiteral("файл") : shown;
 }
