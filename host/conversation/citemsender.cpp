@@ -6,6 +6,7 @@
 namespace {
 
 constexpr qint64 smallBytes = 256 * 1024; // sent without waiting for an answer
+constexpr qint64 askedBytes = 4 * 1024;   // not more than the question
 constexpr std::size_t mostFlights = 512;
 constexpr qint64 mostEagerBytes = 16 * 1024 * 1024;
 constexpr int mostLargeOffers = 2;
@@ -60,13 +61,17 @@ QByteArray CItemSender::offer(const CSendQueue::Job &job, bool isAnew)
     OfferFrame question = job.message().offer;
     question.item = ++last;
     question.isAnew = isAnew;
-    question.isAtOnce = flight.isAtOnce = question.size <= smallBytes && question.kind != OfferFrame::Tree;
+    // What was under way before may be stored there, though we have not heard: better ask than send it again.
+    const bool mayBeThere = job.isAgain && question.size > askedBytes;
+    question.isAtOnce = flight.isAtOnce =
+        question.size <= smallBytes && question.kind != OfferFrame::Tree && !mayBeThere;
+    flight.offeredSize = question.size;
     flight.reader = std::make_unique<COutgoingReader>(job.entry->directory, job.message());
     if (flight.isAtOnce) {
         flight.state = Sending;
         eagerBytes += question.size;
         current = last;
-    } else {
+    } else if (question.size > smallBytes) {
         ++largeOffers;
     }
     flights.emplace(last, std::move(flight));
@@ -154,8 +159,8 @@ void CItemSender::giveUp(Flights::iterator flight, const QString &why)
     if (!why.isNull())
         ownNotices.push_back({flight->second.job, false, {}, why});
     if (flight->second.isAtOnce)
-        eagerBytes -= flight->second.job.message().offer.size;
-    else
+        eagerBytes -= flight->second.offeredSize;
+    else if (flight->second.offeredSize > smallBytes)
         --largeOffers;
     if (current == flight->first)
         current = 0;

@@ -72,8 +72,9 @@ private:
         CSendQueue::Job job;
         State state = Offered;
         bool isAtOnce = false;
-        bool isOver = false; // answered before its bytes were all sent
-        qint64 have = 0;     // what the other side has of it
+        qint64 offeredSize = 0; // the message may be refreshed meanwhile
+        bool isOver = false;    // answered before its bytes were all sent
+        qint64 have = 0;        // what the other side has of it
         QByteArray haveDigest;
         std::unique_ptr<COutgoingReader> reader;
         CSha256 sha;

@@ -10,7 +10,8 @@ bool CSendQueue::add(const std::shared_ptr<COutboxEntry> &entry)
         [](const Entry &there, const QString &number) { return there.entry->number < number; });
     if (place != waiting.end() && place->entry->number == entry->number)
         return false;
-    waiting.insert(place, {entry, std::vector<bool>(entry->messages.size(), false)});
+    waiting.insert(place, {entry, std::vector<bool>(entry->messages.size(), false),
+                           std::vector<bool>(entry->messages.size(), false)});
     if (user)
         user->wake();
     return true;
@@ -93,6 +94,11 @@ bool CSendQueue::isAttached() const
 CSendQueue::Job CSendQueue::takeUp(qint64 smallBytes, bool mayBeLarge)
 {
     const std::lock_guard lock(mutex);
+    const auto begin = [](Entry &entry, std::size_t index) {
+        const bool isAgain = entry.wasUnderWay[index];
+        entry.underWay[index] = entry.wasUnderWay[index] = true;
+        return Job{entry.entry, index, isAgain};
+    };
     const auto isFree = [](const Entry &entry, std::size_t index) {
         return !entry.underWay[index] && entry.entry->states[index] == COutboxEntry::Waiting;
     };
@@ -100,10 +106,8 @@ CSendQueue::Job CSendQueue::takeUp(qint64 smallBytes, bool mayBeLarge)
         const auto &messages = entry.entry->messages;
         for (; entry.nextText < messages.size(); ++entry.nextText) {
             const std::size_t index = entry.nextText;
-            if (messages[index].offer.kind == OfferFrame::Text && isFree(entry, index)) {
-                entry.underWay[index] = true;
-                return {entry.entry, index};
-            }
+            if (messages[index].offer.kind == OfferFrame::Text && isFree(entry, index))
+                return begin(entry, index);
         }
     }
     for (Entry &entry : waiting) {
@@ -111,10 +115,8 @@ CSendQueue::Job CSendQueue::takeUp(qint64 smallBytes, bool mayBeLarge)
         while (entry.next < messages.size() && !isFree(entry, entry.next))
             ++entry.next;
         for (std::size_t index = entry.next; index < messages.size(); ++index) {
-            if (isFree(entry, index) && (mayBeLarge || messages[index].offer.size <= smallBytes)) {
-                entry.underWay[index] = true;
-                return {entry.entry, index};
-            }
+            if (isFree(entry, index) && (mayBeLarge || messages[index].offer.size <= smallBytes))
+                return begin(entry, index);
         }
     }
     return {};

@@ -32,6 +32,7 @@ public:
     {
         std::shared_ptr<COutboxEntry> entry; // null: none
         std::size_t index = 0;
+        bool isAgain = false; // it was under way before: the other side may have it
 
         const OutgoingMessage &message() const { return entry->messages[index]; }
     };
@@ -90,6 +91,7 @@ private:
     {
         std::shared_ptr<COutboxEntry> entry;
         std::vector<bool> underWay;
+        std::vector<bool> wasUnderWay;
         std::size_t next = 0;     // no message before it waits, texts apart
         std::size_t nextText = 0; // no text before it waits
     };
