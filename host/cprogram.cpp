@@ -143,7 +143,7 @@ int CProgram::prepare()
     return ExitDone;
 }
 
-void CProgram::open(const QString &only)
+void CProgram::open(const QString &only, const QString &fresh)
 {
     queues.setListener([this](const QString &filteredName) {
         const auto tell = [this, filteredName] {
@@ -167,6 +167,7 @@ void CProgram::open(const QString &only)
     around.queues = &queues;
     around.level = level;
     around.only = only;
+    around.fresh = fresh;
     office = std::make_unique<CPostOffice>(around);
     office->begin();
 }

@@ -43,7 +43,8 @@ public:
 
     /// Starts the channels and, for all but an asker, the delivery.
     /// @param only filtered name of the one abonent to be served; empty: all
-    void open(const QString &only = QString());
+    /// @param fresh see CPostOffice
+    void open(const QString &only = QString(), const QString &fresh = QString());
 
     /// Stops the delivery and the channels; the messenger says when that is done.
     void close();

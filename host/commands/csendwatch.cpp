@@ -14,6 +14,9 @@
 namespace {
 
 constexpr int clockMs = 100;
+constexpr int soonMs = 2;
+constexpr int soonOfManyMs = 30;
+constexpr std::size_t manyMessages = 8;
 
 } // namespace
 
@@ -23,7 +26,9 @@ CSendWatch::CSendWatch(const COutboxEntry &what, int retries, CConsole &shownOn)
     const QString path = entry.directory + QLatin1String("/state");
     file = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     watcher.addPath(path);
-    connect(&watcher, &QFileSystemWatcher::fileChanged, this, &CSendWatch::look);
+    connect(&watcher, &QFileSystemWatcher::fileChanged, this, &CSendWatch::changed);
+    soon.setSingleShot(true);
+    connect(&soon, &QTimer::timeout, this, &CSendWatch::look);
     connect(&clock, &QTimer::timeout, this, &CSendWatch::look);
 }
 
@@ -35,12 +40,25 @@ CSendWatch::~CSendWatch()
 void CSendWatch::begin()
 {
     elapsed.start();
+    sinceLook.start();
     clock.start(clockMs);
     look();
 }
 
+/// At once when it was quiet; of many changes together only the last counts.
+void CSendWatch::changed()
+{
+    if (soon.isActive())
+        return;
+    if (sinceLook.elapsed() > soonOfManyMs)
+        look();
+    else
+        soon.start(entry.messages.size() > manyMessages ? soonOfManyMs : soonMs);
+}
+
 void CSendWatch::look()
 {
+    sinceLook.start();
     struct stat status
     {};
     // First whether it is gone, then what it says: so nothing can come in between.

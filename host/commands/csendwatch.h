@@ -35,6 +35,7 @@ Q_SIGNALS:
     void over(int exitCode, const QString &text, bool isKept);
 
 private:
+    void changed();
     void look();
     void takeLine(const QString &line);
     void showProgress();
@@ -48,6 +49,8 @@ private:
     QByteArray rest;
     QFileSystemWatcher watcher;
     QTimer clock;
+    QTimer soon;
+    QElapsedTimer sinceLook;
     QElapsedTimer elapsed;
     int stored = 0;
     int refused = 0;

@@ -97,7 +97,7 @@ private:
         if (!line.has("verbose"))
             program->journal.hide(program->messenger.plugin(CProgram::ipKind)->name());
         connect(&program->messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
-        program->open(Global::filterName(entry.abonent));
+        program->open(Global::filterName(entry.abonent), entry.number);
     }
 
     void interrupted(int signalNumber)

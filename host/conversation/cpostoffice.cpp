@@ -47,21 +47,24 @@ void CPostOffice::begin()
     lookAtTasks();
     const QStringList numbers = Outbox::numbers(around.level);
     for (const QString &number : numbers)
-        take(number, false);
+        take(number, false, number != around.fresh);
 }
 
 void CPostOffice::lookAtTasks()
 {
     for (const TransportTask &task : TransportTasks::take(around.level)) {
         if (task.kind == TransportTask::Deliver)
-            take(task.number, true);
+            take(task.number, true, false);
         else
             withdraw(task.number);
     }
 }
 
-/// Brings an entry of the outbox into its queue. @param isNow the user wants it tried at once
-void CPostOffice::take(const QString &number, bool isNow)
+/// Brings an entry of the outbox into its queue.
+///
+/// @param isNow the user wants it tried at once
+/// @param isOld another process may have tried to deliver it
+void CPostOffice::take(const QString &number, bool isNow, bool isOld)
 {
     const std::shared_ptr<COutboxEntry> entry = COutboxEntry::load(Outbox::directory(around.level), number);
     if (!entry)
@@ -74,7 +77,7 @@ void CPostOffice::take(const QString &number, bool isNow)
         return;
     }
     Route &way = route(entry->abonent);
-    if (!way.queue->add(entry))
+    if (!way.queue->add(entry, isOld))
         way.queue->retry(number);
     if (isNow) {
         way.retry.stop();

@@ -39,7 +39,8 @@ public:
         CJournal *journal = nullptr;
         CSendQueues *queues = nullptr;
         int level = 0;
-        QString only; // filtered name of the one abonent to be served; empty: all
+        QString only;  // filtered name of the one abonent to be served; empty: all
+        QString fresh; // number of an entry that nobody has tried to deliver yet
     };
 
     explicit CPostOffice(const Around &around);
@@ -70,7 +71,7 @@ private:
     };
 
     void lookAtTasks();
-    void take(const QString &number, bool isNow);
+    void take(const QString &number, bool isNow, bool isOld);
     void withdraw(const QString &number);
     Route &route(const QString &name);
     void consider(Route &way);

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-bool CSendQueue::add(const std::shared_ptr<COutboxEntry> &entry)
+bool CSendQueue::add(const std::shared_ptr<COutboxEntry> &entry, bool isOld)
 {
     const std::lock_guard lock(mutex);
     const auto place = std::lower_bound(
@@ -11,7 +11,7 @@ bool CSendQueue::add(const std::shared_ptr<COutboxEntry> &entry)
     if (place != waiting.end() && place->entry->number == entry->number)
         return false;
     waiting.insert(place, {entry, std::vector<bool>(entry->messages.size(), false),
-                           std::vector<bool>(entry->messages.size(), false)});
+                           std::vector<bool>(entry->messages.size(), isOld)});
     if (user)
         user->wake();
     return true;

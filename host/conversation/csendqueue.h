@@ -40,8 +40,10 @@ public:
     /// @param onChange something is done, or has failed: the post office looks again. Must not wait.
     explicit CSendQueue(std::function<void()> onChange) : changed(std::move(onChange)) {}
 
-    /// Adds an entry; one that is there already stays as it is. @return whether it was added
-    bool add(const std::shared_ptr<COutboxEntry> &entry);
+    /// Adds an entry; one that is there already stays as it is.
+    /// @param isOld it may have been under way before, in a process that has ended
+    /// @return whether it was added
+    bool add(const std::shared_ptr<COutboxEntry> &entry, bool isOld);
 
     /// Takes an entry out, whatever is under way. @return it, or null when it is not there
     std::shared_ptr<COutboxEntry> withdraw(const QString &number);
