@@ -18,6 +18,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <deque>
+#include <limits>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -29,7 +32,8 @@ constexpr int mostWaiting = 10000;        // rows
 constexpr int mostInTransaction = 1000;   // rows
 constexpr int busyMs = 5000;              // for another process's transaction
 constexpr int farewellMs = 5000;          // for what is queued at the end
-constexpr int retryMs = 1000;             // after a failed transaction
+constexpr int retryMs = 500;              // after a failed transaction
+constexpr int toleratedBusy = 5;          // failed transactions in a row that another process may cause
 constexpr qint64 checkedBytes = 16 << 20; // larger files are not read through when they are opened
 constexpr qint64 dayMs = 24 * 3600 * 1000;
 constexpr int formatVersion = 1;
@@ -271,7 +275,7 @@ QString journalRowText(JournalRow kind)
 }
 
 /// The thread that writes, and what waits for it.
-class CMessageJournal::Writer : public QThread
+class CMessageJournal::Writer
 {
 public:
     Writer(const QString &filePath, const JournalRetention &kept) : path(filePath), retention(kept) {}
@@ -286,7 +290,7 @@ public:
         waiting.push_back(entry);
         ++added;
         work.wakeOne();
-        if (!isRunning())
+        if (!thread.joinable())
             start();
     }
 
@@ -313,11 +317,33 @@ public:
             isStopping = true;
             work.wakeOne();
         }
-        wait();
+        if (thread.joinable())
+            thread.join();
     }
 
-protected:
-    void run() override
+private:
+    // Not a QThread, which ends the process when there is no descriptor for its dispatcher.
+    void start()
+    {
+        try {
+            thread = std::thread([this] {
+                run();
+                deleteThreadTabLevel(QThread::currentThread());
+            });
+        } catch (const std::system_error &) { // no threads left: the rows wait for a better moment
+        }
+    }
+
+    /// Waits before the next attempt, but for the end.
+    void rest()
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (!isStopping && clock.elapsed() < retryMs)
+            work.wait(&mutex, static_cast<unsigned long>(retryMs));
+    }
+
+    void run()
     {
         for (;;) {
             QMutexLocker locker(&mutex);
@@ -341,19 +367,18 @@ protected:
                 reportDropped();
             } else if (hasGivenUp) { // nothing that trying again could mend
                 waiting.clear();
-            } else if (!isStopping) {
-                work.wait(&mutex, retryMs);
+            } else {
+                rest();
             }
             done.wakeAll();
         }
     }
 
-private:
     /// @return whether all rows are on the disk
     bool write(const std::vector<JournalEntry> &rows)
     {
         // The second attempt goes to the file that has taken the place of a damaged one.
-        for (int attempt = 0; attempt < 2; ++attempt) {
+        for (int attempt = 0; attempt < 2 && !hasGivenUp; ++attempt) {
             if (database.isOpen() && !database.isStill(path))
                 database.close();
             int result = database.isOpen() ? SQLITE_OK : open();
@@ -361,16 +386,17 @@ private:
                 result = insert(rows);
             if (result == SQLITE_OK) {
                 trouble.clear();
+                busyAttempts = 0;
                 return true;
             }
-            const QString reason = database.message();
             database.close();
-            if (hasGivenUp)
-                return false;
-            if (!isDamage(result) || !putAside(reason)) {
+            const QString reason = QString::fromUtf8(sqlite3_errstr(result));
+            if (isDamage(result) && putAside(reason))
+                continue;
+            // Several processes that begin at once may find the file busy for a moment.
+            if ((result & 0xff) != SQLITE_BUSY || ++busyAttempts > toleratedBusy)
                 complain(QStringLiteral("Журнал сообщений %1 не пишется. %2").arg(path, reason));
-                return false;
-            }
+            return false;
         }
         return false;
     }
@@ -463,11 +489,11 @@ private:
         CSettingsLock lock(path);
         if (!lock.take(busyMs))
             return false;
-        if (open() == SQLITE_OK)
+        const int result = open();
+        if (result == SQLITE_OK)
             return true; // another process has begun a new one
-        const bool isDamaged = isDamage(database.code());
         database.close();
-        if (!isDamaged)
+        if (!isDamage(result))
             return false;
         const QString aside =
             QStringLiteral("%1.damaged-%2")
@@ -509,8 +535,10 @@ private:
     Database database;
     QElapsedTimer lastPruned;
     QString trouble; // told last
+    int busyAttempts = 0;
 
     QMutex mutex; // guards the following; held for moments only
+    std::thread thread;
     QWaitCondition work;
     QWaitCondition done;
     std::deque<JournalEntry> waiting;

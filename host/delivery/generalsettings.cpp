@@ -7,6 +7,7 @@
 #include "common/terminationguard.h"
 
 #include <QFileInfo>
+#include <QSysInfo>
 
 #include <cerrno>
 
@@ -79,34 +80,6 @@ QString nameOf(WritingPolicy policy)
     return QString();
 }
 
-/// @return null when the value may be set, else why not
-QString refusal(const QString &key, const QString &text)
-{
-    if (key == latin(nameKey)) {
-        const bool isUsable =
-            text.isEmpty() || (!Global::filterName(text).isEmpty() && text.toUtf8().size() <= 1024);
-        return isUsable ? QString() : QStringLiteral("%1: в имени нужны буквы или цифры").arg(key);
-    }
-    if (key == latin(policyKey)) {
-        for (const PolicyName &entry : policyNames) {
-            if (text == latin(entry.name))
-                return QString();
-        }
-        return QStringLiteral("%1: нужно known, first contact или all, а не '%2'").arg(key, text);
-    }
-    for (const NumberKey &entry : numberKeys) {
-        if (key != latin(entry.name))
-            continue;
-        bool isNumber = false;
-        const int value = text.toInt(&isNumber);
-        return isNumber && value >= entry.min && value <= entry.max
-                   ? QString()
-                   : QStringLiteral("%1: нужно число от %2 до %3, а не '%4'")
-                         .arg(key, QString::number(entry.min), QString::number(entry.max), text);
-    }
-    return QStringLiteral("Нет такого ключа: %1").arg(key);
-}
-
 QString readText(CIniText *ini)
 {
     const QString path = Global::generalSettingsFilePath();
@@ -143,6 +116,40 @@ GeneralSettings GeneralSettings::load(QString *trouble)
         entry.put(&settings, text.isEmpty() ? entry.defaultValue : text.toInt());
     }
     return settings;
+}
+
+QString GeneralSettings::refusal(const QString &key, const QString &text)
+{
+    if (key == latin(nameKey)) {
+        const bool isUsable =
+            text.isEmpty() || (!Global::filterName(text).isEmpty() && text.toUtf8().size() <= 1024);
+        return isUsable ? QString() : QStringLiteral("%1: в имени нужны буквы или цифры").arg(key);
+    }
+    if (key == latin(policyKey)) {
+        for (const PolicyName &entry : policyNames) {
+            if (text == latin(entry.name))
+                return QString();
+        }
+        return QStringLiteral("%1: нужно known, first contact или all, а не '%2'").arg(key, text);
+    }
+    for (const NumberKey &entry : numberKeys) {
+        if (key != latin(entry.name))
+            continue;
+        bool isNumber = false;
+        const int value = text.toInt(&isNumber);
+        return isNumber && value >= entry.min && value <= entry.max
+                   ? QString()
+                   : QStringLiteral("%1: нужно число от %2 до %3, а не '%4'")
+                         .arg(key, QString::number(entry.min), QString::number(entry.max), text);
+    }
+    return QStringLiteral("Нет такого ключа: %1").arg(key);
+}
+
+QString GeneralSettings::chosenName(const QString &given)
+{
+    const QString stored = given.isEmpty() ? load().ownName : given;
+    const QString user = Global::currentSystemUserName();
+    return !stored.isEmpty() ? stored : !user.isEmpty() ? user : QSysInfo::machineHostName();
 }
 
 QString GeneralSettings::set(const QString &key, const QString &text)
@@ -204,7 +211,7 @@ std::vector<GeneralSettingsKey> generalSettingsKeys()
     };
     for (const NumberKey &entry : numberKeys) {
         const QString text = ini.value(latin(entry.name)).toString();
-        const bool isSet = refusal(latin(entry.name), text).isNull();
+        const bool isSet = GeneralSettings::refusal(latin(entry.name), text).isNull();
         keys.push_back({latin(entry.name), isSet ? text : QString::number(entry.defaultValue),
                         QString::number(entry.defaultValue),
                         QStringLiteral("%1..%2").arg(entry.min).arg(entry.max),

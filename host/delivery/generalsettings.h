@@ -45,6 +45,13 @@ struct GeneralSettings
     /// @param trouble what is wrong with the file, in Russian; null when nothing is; may be null
     static GeneralSettings load(QString *trouble = nullptr);
 
+    /// The name to go by: the @a given one, else that of the file, else the system user's, else the
+    /// machine's.
+    static QString chosenName(const QString &given);
+
+    /// @return null when set() would take the value, else why not
+    static QString refusal(const QString &key, const QString &text);
+
     /// Sets one value, whatever it was, in the file.
     /// @param key "Contacts/policy" and so on, as in generalSettingsKeys()
     /// @param text as the user wrote it; an empty one is allowed for texts only

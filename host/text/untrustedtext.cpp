@@ -1,5 +1,7 @@
 #include "host/text/untrustedtext.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QVector>
 
 namespace {
@@ -52,6 +54,23 @@ QString printable(const QString &text)
         else
             result +=
                 QStringLiteral("\\u%1").arg(QString::number(character, 16).toUpper(), 4, QLatin1Char('0'));
+    }
+    return result;
+}
+
+QString jsonLine(const QJsonObject &object)
+{
+    QString result;
+    const QVector<uint> characters =
+        codePoints(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
+    for (const uint character : characters) {
+        const QString text = fromCode(character);
+        for (const QChar &unit : text) {
+            if (isShown(character))
+                result += unit;
+            else
+                result += QStringLiteral("\\u%1").arg(unit.unicode(), 4, 16, QLatin1Char('0'));
+        }
     }
     return result;
 }
