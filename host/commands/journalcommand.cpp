@@ -41,16 +41,7 @@ QString jsonOf(const JournalEntry &entry)
 
 QString lineOf(const JournalEntry &entry)
 {
-    QStringList parts{journalRowText(entry.kind)};
-    if (!entry.abonent.isEmpty())
-        parts << QStringLiteral("'%1'").arg(printable(entry.abonent));
-    if (!entry.name.isEmpty())
-        parts << printable(entry.name);
-    if (entry.size >= 0)
-        parts << QStringLiteral("%1 Байт").arg(entry.size);
-    if (!entry.text.isEmpty())
-        parts << printable(entry.text);
-    return entry.date.toString(QStringLiteral("dd.MM.yyyy hh:mm:ss ")) + parts.join(QStringLiteral(", "));
+    return entry.date.toString(QStringLiteral("dd.MM.yyyy hh:mm:ss ")) + printable(journalLine(entry));
 }
 
 } // namespace

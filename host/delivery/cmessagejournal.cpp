@@ -93,18 +93,13 @@ void warn(const QString &text)
     qWarning("%s", text.toUtf8().constData());
 }
 
-QString lineOf(const JournalEntry &entry)
+QString textOf(JournalRow kind)
 {
-    QStringList parts{journalRowText(entry.kind)};
-    if (!entry.abonent.isEmpty())
-        parts << QStringLiteral("'%1'").arg(entry.abonent);
-    if (!entry.name.isEmpty())
-        parts << entry.name;
-    if (entry.size >= 0)
-        parts << QStringLiteral("%1 Байт").arg(entry.size);
-    if (!entry.text.isEmpty())
-        parts << entry.text;
-    return parts.join(QStringLiteral(", "));
+    for (const auto &entry : kinds) {
+        if (entry.kind == kind)
+            return QString::fromUtf8(entry.text);
+    }
+    return QStringLiteral("неизвестно");
 }
 
 struct FreeStatement
@@ -265,13 +260,18 @@ QString journalRowName(JournalRow kind)
     return QStringLiteral("unknown");
 }
 
-QString journalRowText(JournalRow kind)
+QString journalLine(const JournalEntry &entry)
 {
-    for (const auto &entry : kinds) {
-        if (entry.kind == kind)
-            return QString::fromUtf8(entry.text);
-    }
-    return QStringLiteral("неизвестно");
+    QStringList parts{textOf(entry.kind)};
+    if (!entry.abonent.isEmpty())
+        parts << QStringLiteral("'%1'").arg(entry.abonent);
+    if (!entry.name.isEmpty())
+        parts << entry.name;
+    if (entry.size >= 0)
+        parts << QStringLiteral("%1 Байт").arg(entry.size);
+    if (!entry.text.isEmpty())
+        parts << entry.text;
+    return parts.join(QStringLiteral(", "));
 }
 
 /// The thread that writes, and what waits for it.
@@ -562,7 +562,7 @@ void CMessageJournal::add(JournalEntry entry)
 {
     if (!entry.date.isValid())
         entry.date = QDateTime::currentDateTime();
-    log(lineOf(entry), DebugJournals);
+    log(journalLine(entry), DebugJournals);
     writer->add(entry);
 }
 

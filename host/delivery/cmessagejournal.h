@@ -29,9 +29,6 @@ enum class JournalRow
 /// A name for scripts: "received", "sent", "refused", "broken-off", "started", "stopped", "key-changed".
 QString journalRowName(JournalRow kind);
 
-/// The same for people: "принято", "передано", ...
-QString journalRowText(JournalRow kind);
-
 struct JournalEntry
 {
     JournalRow kind = JournalRow::Started;
@@ -43,6 +40,10 @@ struct JournalEntry
     QString message;   // identity of the message in hexadecimal; may be empty
     QDateTime date;    // set by add() when invalid; read back with the offset it was written with
 };
+
+/// A row for people, without its date: "принято, 'Борис', отчет.pdf, 7 Байт". Foreign text stands in it as it
+/// came: printable() before a terminal.
+QString journalLine(const JournalEntry &entry);
 
 /// What was received from one abonent.
 struct JournalTotals

@@ -698,6 +698,27 @@ private Q_SLOTS:
         QCOMPARE(TestInstallation::read(place.filePath(aside.first())), bytes);
     }
 
+    void journalWaitsForRoomOnAFullDisk()
+    {
+        const QString disk = file("disk");
+        QVERIFY(QDir().mkpath(disk));
+        const int result = Forked::run([&] {
+            if (!Forked::mountDisk(disk, "size=256k"))
+                return 77;
+            const MessageCatcher catcher;
+            CMessageJournal journal(0, JournalRetention(), disk + "/j.db"_s);
+            TestInstallation::write(disk + "/full"_s, QByteArray(300000, 'x'));
+            journal.add(entryOf("Анна"_s, "first"_s));
+            if (journal.flush(100))
+                return 1;
+            QFile::remove(disk + "/full"_s);
+            return journal.flush(20000) && entriesIn(disk + "/j.db"_s).size() == 1 ? 0 : 2;
+        });
+        if (result == 77)
+            QSKIP("needs root");
+        QCOMPARE(result, 0);
+    }
+
     void journalLeavesOthersDataAlone()
     {
         const QString shared = file("shared.db");
