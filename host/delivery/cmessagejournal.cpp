@@ -9,18 +9,20 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QMutex>
 #include <QThread>
-#include <QWaitCondition>
 
 #include <sqlite3.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <limits>
+#include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -282,43 +284,39 @@ public:
 
     void add(const JournalEntry &entry)
     {
-        const QMutexLocker locker(&mutex);
+        const std::lock_guard locker(mutex);
         if (waiting.size() >= mostWaiting) {
             ++dropped;
             return;
         }
         waiting.push_back(entry);
         ++added;
-        work.wakeOne();
+        work.notify_one();
         if (!thread.joinable())
             start();
     }
 
     bool flush(int timeoutMs)
     {
-        QElapsedTimer clock;
-        clock.start();
-        const QMutexLocker locker(&mutex);
+        std::unique_lock locker(mutex);
         const quint64 wanted = added;
-        while (written < wanted) {
-            const qint64 left = timeoutMs - clock.elapsed();
-            if (left <= 0 || hasGivenUp)
-                return false;
-            done.wait(&mutex, static_cast<unsigned long>(left));
-        }
-        return true;
+        done.wait_for(locker, std::chrono::milliseconds(timeoutMs),
+                      [&] { return written >= wanted || hasGivenUp; });
+        return written >= wanted;
     }
 
     void stop()
     {
         flush(farewellMs);
         {
-            const QMutexLocker locker(&mutex);
+            const std::lock_guard locker(mutex);
             isStopping = true;
-            work.wakeOne();
+            work.notify_one();
         }
         if (thread.joinable())
             thread.join();
+        if (!waiting.empty())
+            log(QStringLiteral("Не записано в журнал сообщений строк: %1").arg(waiting.size()));
     }
 
 private:
@@ -334,43 +332,32 @@ private:
         }
     }
 
-    /// Waits before the next attempt, but for the end.
-    void rest()
-    {
-        QElapsedTimer clock;
-        clock.start();
-        while (!isStopping && clock.elapsed() < retryMs)
-            work.wait(&mutex, static_cast<unsigned long>(retryMs));
-    }
-
     void run()
     {
+        std::unique_lock locker(mutex);
         for (;;) {
-            QMutexLocker locker(&mutex);
-            while (waiting.empty() && !isStopping)
-                work.wait(&mutex);
-            if (isStopping) {
-                if (!waiting.empty())
-                    log(QStringLiteral("Не записано в журнал сообщений строк: %1").arg(waiting.size()));
+            work.wait(locker, [this] { return !waiting.empty() || isStopping; });
+            if (isStopping)
                 return;
-            }
-            const int count = int(std::min<std::size_t>(waiting.size(), mostInTransaction));
-            const std::vector<JournalEntry> rows(waiting.begin(), waiting.begin() + count);
+            const auto count = std::min<std::size_t>(waiting.size(), mostInTransaction);
+            const std::vector<JournalEntry> rows(waiting.begin(), waiting.begin() + std::ptrdiff_t(count));
+            const int droppedBefore = std::exchange(dropped, 0);
             locker.unlock();
 
+            if (droppedBefore > 0)
+                log(QStringLiteral("Журнал сообщений не успевал: пропущено строк %1").arg(droppedBefore));
             const bool isWritten = write(rows);
+            const bool isLater = isOfLaterVersion;
 
-            locker.relock();
-            if (isWritten) {
-                waiting.erase(waiting.begin(), waiting.begin() + count);
-                written += quint64(count);
-                reportDropped();
-            } else if (hasGivenUp) { // nothing that trying again could mend
-                waiting.clear();
-            } else {
-                rest();
-            }
-            done.wakeAll();
+            locker.lock();
+            if (isWritten || isLater)
+                waiting.erase(waiting.begin(), waiting.begin() + std::ptrdiff_t(count));
+            if (isWritten)
+                written += count;
+            hasGivenUp = isLater;
+            done.notify_all();
+            if (!isWritten && !isLater) // a pause, cut short by the end only
+                work.wait_for(locker, std::chrono::milliseconds(retryMs), [this] { return isStopping; });
         }
     }
 
@@ -378,7 +365,7 @@ private:
     bool write(const std::vector<JournalEntry> &rows)
     {
         // The second attempt goes to the file that has taken the place of a damaged one.
-        for (int attempt = 0; attempt < 2 && !hasGivenUp; ++attempt) {
+        for (int attempt = 0; attempt < 2 && !isOfLaterVersion; ++attempt) {
             if (database.isOpen() && !database.isStill(path))
                 database.close();
             int result = database.isOpen() ? SQLITE_OK : open();
@@ -419,8 +406,7 @@ private:
         if (result != SQLITE_OK)
             return result;
         if (database.number("SELECT max(version) FROM message_journal_format") > formatVersion) {
-            const QMutexLocker locker(&mutex);
-            hasGivenUp = true;
+            isOfLaterVersion = true;
             warn(QStringLiteral("Журнал сообщений %1 ведет более новая версия программы: записей не будет")
                      .arg(path));
             return SQLITE_ERROR;
@@ -521,13 +507,6 @@ private:
         trouble = text;
     }
 
-    void reportDropped()
-    {
-        if (dropped > 0)
-            log(QStringLiteral("Журнал сообщений не успевал: пропущено строк %1").arg(dropped));
-        dropped = 0;
-    }
-
     const QString path;
     const JournalRetention retention;
 
@@ -536,16 +515,17 @@ private:
     QElapsedTimer lastPruned;
     QString trouble; // told last
     int busyAttempts = 0;
+    bool isOfLaterVersion = false; // the file
 
-    QMutex mutex; // guards the following; held for moments only
+    std::mutex mutex; // guards the following; held for moments only
     std::thread thread;
-    QWaitCondition work;
-    QWaitCondition done;
+    std::condition_variable work;
+    std::condition_variable done;
     std::deque<JournalEntry> waiting;
     quint64 added = 0;
     quint64 written = 0;
     int dropped = 0;
-    bool hasGivenUp = false; // the file is of a later version
+    bool hasGivenUp = false; // what waits will never be written
     bool isStopping = false;
 };
 
