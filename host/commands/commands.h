@@ -23,6 +23,12 @@ int runOutbox(const CommandLine &line);
 /// Asks an abonent whether it is there.
 int runPing(const CommandLine &line);
 
+/// Shows and changes whom this installation knows.
+int runContact(const CommandLine &line);
+
+/// Shows what was sent, received and refused.
+int runJournal(const CommandLine &line);
+
 /// Shows or changes the settings.
 int runSettings(const CommandLine &line);
 

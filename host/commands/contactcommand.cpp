@@ -2,13 +2,16 @@
 #include "host/commands/contactcommand.h"
 
 #include "common/global.h"
+#include "host/commands/calltarget.h"
+#include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
 #include "host/commands/commands.h"
 #include "host/commands/exitcodes.h"
-#include "host/console/untrustedtext.h"
+#include "host/console/printing.h"
 #include "host/delivery/ccontacts.h"
 #include "host/delivery/cidentity.h"
 #include "host/delivery/fingerprintwords.h"
+#include "host/text/untrustedtext.h"
 
 #include <QFile>
 #include <QJsonObject>
@@ -19,21 +22,16 @@ namespace {
 
 constexpr qint64 mailLimit = 64 * 1024;
 
-void print(const QString &text)
-{
-    std::fputs((text + QLatin1Char('\n')).toUtf8().constData(), stdout);
-}
-
 /// Shows a trouble, if there is one.
 int resultOf(const QString &trouble, const QString &success)
 {
     if (trouble.isNull()) {
-        print(printable(success));
+        printLine(printable(success));
         return ExitDone;
     }
     const QStringList lines = trouble.split(QLatin1Char('\n')); // line feeds are ours, the rest may not be
     for (const QString &line : lines)
-        std::fputs((printable(line) + QLatin1Char('\n')).toUtf8().constData(), stderr);
+        printError(line);
     return ExitTrouble;
 }
 
@@ -72,16 +70,16 @@ QJsonObject jsonOf(const CContact &contact)
 /// What is known of a contact, a line each.
 void printContact(const CContact &contact)
 {
-    print(QStringLiteral("Имя:           %1").arg(printable(contact.name)));
-    print(QStringLiteral("Адрес:         %1").arg(printable(shownAddress(contact))));
-    print(QStringLiteral("Состояние:     %1").arg(stateOf(contact)));
-    print(QStringLiteral("Первая связь:  %1")
-              .arg(contact.seen.isValid()
-                       ? contact.seen.toLocalTime().toString(QStringLiteral("dd.MM.yyyy hh:mm"))
-                       : QStringLiteral("-")));
-    print(QStringLiteral("Ключ:          %1").arg(shownFingerprint(contact.key)));
+    printLine(QStringLiteral("Имя:           %1").arg(printable(contact.name)));
+    printLine(QStringLiteral("Адрес:         %1").arg(printable(shownAddress(contact))));
+    printLine(QStringLiteral("Состояние:     %1").arg(stateOf(contact)));
+    printLine(QStringLiteral("Первая связь:  %1")
+                  .arg(contact.seen.isValid()
+                           ? contact.seen.toLocalTime().toString(QStringLiteral("dd.MM.yyyy hh:mm"))
+                           : QStringLiteral("-")));
+    printLine(QStringLiteral("Ключ:          %1").arg(shownFingerprint(contact.key)));
     for (const QByteArray &key : contact.offered)
-        print(QStringLiteral("Показан ключ:  %1").arg(shownFingerprint(key)));
+        printLine(QStringLiteral("Показан ключ:  %1").arg(shownFingerprint(key)));
 }
 
 /// This installation as others see it.
@@ -99,28 +97,19 @@ QString noContact(const QString &name)
     return QStringLiteral("Нет контакта '%1'. Все контакты показывает abonent contact list").arg(name);
 }
 
-int usage()
-{
-    std::fputs("Нужно: abonent contact add|list|remove|trust|block|unblock|export|import|show ...\n"
-               "Подробнее: abonent contact --help\n",
-               stderr);
-    return ExitUsage;
-}
-
 } // namespace
 
 namespace ContactCommand {
 
 int add(const QString &name, const QString &address)
 {
-    QString host;
-    int port = CContact::defaultPort;
-    if (!parseAddress(address, &host, &port)) {
+    CallTarget target;
+    if (!target.setAddress(address)) {
         resultOf(QStringLiteral("Адрес абонента задан неверно: %1").arg(address), QString());
         return ExitUsage;
     }
     CContacts contacts;
-    const QString trouble = contacts.add(name, host, port);
+    const QString trouble = contacts.add(name, target.address, target.port);
     const CContact contact = contacts.find(name).value_or(CContact());
     return resultOf(trouble, QStringLiteral("Контакт '%1', адрес %2, ключ: %3")
                                  .arg(contact.name, shownAddress(contact), shownFingerprint(contact.key)));
@@ -132,16 +121,16 @@ int list(bool isJson)
     const QVector<CContact> contacts = CContacts().list(&trouble);
     for (const CContact &contact : contacts) {
         if (isJson)
-            print(jsonLine(jsonOf(contact)));
+            printLine(jsonLine(jsonOf(contact)));
         else
-            print(QStringLiteral("%1  %2  %3  %4")
-                      .arg(printable(contact.name), printable(shownAddress(contact)), stateOf(contact),
-                           shownFingerprint(contact.key)));
+            printLine(QStringLiteral("%1  %2  %3  %4")
+                          .arg(printable(contact.name), printable(shownAddress(contact)), stateOf(contact),
+                               shownFingerprint(contact.key)));
     }
     if (!trouble.isNull())
         return resultOf(trouble, QString());
     if (contacts.isEmpty() && !isJson)
-        print(QStringLiteral("Контактов нет"));
+        printLine(QStringLiteral("Контактов нет"));
     return ExitDone;
 }
 
@@ -174,10 +163,13 @@ int exportText(const QString &name, const QString &address)
         const QString trouble = loadOwn(&contact);
         if (!trouble.isNull())
             return resultOf(trouble, QString());
-        if (!address.isEmpty() && !parseAddress(address, &contact.address, &contact.port)) {
+        CallTarget target;
+        if (!address.isEmpty() && !target.setAddress(address)) {
             resultOf(QStringLiteral("Адрес задан неверно: %1").arg(address), QString());
             return ExitUsage;
         }
+        contact.address = target.address;
+        contact.port = target.port;
     } else if (const std::optional<CContact> found = CContacts().find(name)) {
         contact = *found;
     } else {
@@ -217,9 +209,9 @@ int show(const QString &name)
     const QString trouble = loadOwn(&own);
     if (!trouble.isNull())
         return resultOf(trouble, QString());
-    print(QStringLiteral("Имя:    %1").arg(printable(own.name)));
-    print(QStringLiteral("Ключ:   %1").arg(shownFingerprint(own.key)));
-    print(QStringLiteral("Целиком %1").arg(QString::fromLatin1(own.key.toHex())));
+    printLine(QStringLiteral("Имя:    %1").arg(printable(own.name)));
+    printLine(QStringLiteral("Ключ:   %1").arg(shownFingerprint(own.key)));
+    printLine(QStringLiteral("Целиком %1").arg(QString::fromLatin1(own.key.toHex())));
     return ExitDone;
 }
 
@@ -227,34 +219,21 @@ int show(const QString &name)
 
 int runContact(const CommandLine &line)
 {
-    QStringList words = line.operands;
-    const bool isJson = words.removeAll(QStringLiteral("--json")) > 0;
-    QString address;
-    const int option = words.indexOf(QStringLiteral("--address"));
-    if (option >= 0 && option + 1 < words.size()) {
-        address = words.at(option + 1);
-        words.erase(words.begin() + option, words.begin() + option + 2);
-    }
-    const QString action = words.value(0);
-    const QString name = words.value(1);
-    const int count = words.size() - 1;
-    if (action == QLatin1String("list") && count == 0)
-        return ContactCommand::list(isJson);
-    if (action == QLatin1String("show") && count <= 1)
+    const QString action = line.operands.value(0, QStringLiteral("list"));
+    const QString name = line.operands.value(1);
+    if (action == QLatin1String("list"))
+        return ContactCommand::list(line.has("json"));
+    if (action == QLatin1String("show"))
         return ContactCommand::show(name);
-    if (action == QLatin1String("export") && count <= 1)
-        return ContactCommand::exportText(name, address);
-    if (action == QLatin1String("add") && count == 2)
-        return ContactCommand::add(name, words.at(2));
-    if (action == QLatin1String("trust") && count >= 1)
-        return ContactCommand::trust(name, words.mid(2).join(QLatin1Char(' ')));
-    if (count != 1)
-        return usage();
+    if (action == QLatin1String("export"))
+        return ContactCommand::exportText(name, line.value("address"));
+    if (action == QLatin1String("add"))
+        return ContactCommand::add(name, line.operands.at(2));
+    if (action == QLatin1String("trust"))
+        return ContactCommand::trust(name, line.operands.mid(2).join(QLatin1Char(' ')));
     if (action == QLatin1String("remove"))
         return ContactCommand::remove(name);
     if (action == QLatin1String("import"))
         return ContactCommand::import(name);
-    if (action == QLatin1String("block") || action == QLatin1String("unblock"))
-        return ContactCommand::block(name, action == QLatin1String("block"));
-    return usage();
+    return ContactCommand::block(name, action == QLatin1String("block"));
 }

@@ -2,28 +2,17 @@
 #include "host/commands/journalcommand.h"
 
 #include "common/global.h"
+#include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
 #include "host/commands/commands.h"
 #include "host/commands/exitcodes.h"
-#include "host/console/untrustedtext.h"
+#include "host/console/printing.h"
 #include "host/delivery/cmessagejournal.h"
+#include "host/text/untrustedtext.h"
 
 #include <QJsonObject>
 
-#include <cstdio>
-
 namespace {
-
-void print(const QString &text)
-{
-    std::fputs((text + QLatin1Char('\n')).toUtf8().constData(), stdout);
-}
-
-int answer(int code, const QString &text)
-{
-    std::fputs((printable(text) + QLatin1Char('\n')).toUtf8().constData(), stderr);
-    return code;
-}
 
 QString jsonOf(const JournalEntry &entry)
 {
@@ -70,8 +59,11 @@ int show(const QDateTime &since, const QString &with, bool isJson)
     const QVector<JournalEntry> entries = CMessageJournal::entries(
         Global::journalsFilePath(Global::currentSecrecy()), since, with, 0, &trouble);
     for (const JournalEntry &entry : entries)
-        print(isJson ? jsonOf(entry) : lineOf(entry));
-    return trouble.isNull() ? ExitDone : answer(ExitTrouble, trouble);
+        printLine(isJson ? jsonOf(entry) : lineOf(entry));
+    if (trouble.isNull())
+        return ExitDone;
+    printError(trouble);
+    return ExitTrouble;
 }
 
 } // namespace JournalCommand
@@ -79,28 +71,14 @@ int show(const QDateTime &since, const QString &with, bool isJson)
 int runJournal(const CommandLine &line)
 {
     QDateTime since;
-    QString with;
-    bool isJson = false;
-    QStringList words = line.operands;
-    while (!words.isEmpty()) {
-        const QString word = words.takeFirst();
-        if (word == QLatin1String("--json")) {
-            isJson = true;
-            continue;
-        }
-        const QString option = word.section(QLatin1Char('='), 0, 0);
-        const QString value = word.contains(QLatin1Char('=')) ? word.section(QLatin1Char('='), 1)
-                              : words.isEmpty()               ? QString()
-                                                              : words.takeFirst();
-        if (option == QLatin1String("--since"))
-            since = JournalCommand::sinceFromText(value, QDateTime::currentDateTime());
-        else if (option == QLatin1String("--with"))
-            with = value;
-        else
-            return answer(ExitUsage, QStringLiteral("Неизвестный параметр: %1").arg(word));
-        if (option == QLatin1String("--since") ? !since.isValid() : Global::filterName(with).isEmpty())
-            return answer(ExitUsage,
-                          QStringLiteral("Значение параметра %1 задано неверно: %2").arg(option, value));
+    if (line.has("since"))
+        since = JournalCommand::sinceFromText(line.value("since"), QDateTime::currentDateTime());
+    for (const char *option : {"since", "with"}) {
+        const bool isGood = option == QByteArray("since") ? since.isValid()
+                                                          : !Global::filterName(line.value("with")).isEmpty();
+        if (line.has(option) && !isGood)
+            return refuse(line, QStringLiteral("Значение параметра --%1 задано неверно: %2")
+                                    .arg(QLatin1String(option), line.value(option)));
     }
-    return JournalCommand::show(since, with, isJson);
+    return JournalCommand::show(since, line.value("with"), line.has("json"));
 }
