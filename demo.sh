@@ -40,12 +40,17 @@ for name in anna boris; do
     cp -r "$root/build/release/bin" "$place/$name/bin"
     port=$(free_port) || fail "нет свободного порта"
     "$place/$name/bin/abonent" settings set "port=$port" || fail "настройки $name"
+    eval "port_$name=$port"
 done
 "$place/boris/bin/abonent" settings show | head -n 6
 
+step "abonent contact: они знают друг друга по именам"
+"$place/anna/bin/abonent" contact add Борис "127.0.0.1:$port_boris" || fail "контакт Борис"
+"$place/boris/bin/abonent" contact add Анна "127.0.0.1:$port_anna" || fail "контакт Анна"
+
 step "abonent send: Бориса еще нет, сообщение остается в исходящих"
 absent='Борис, прочтешь, когда появишься.'
-"$place/anna/bin/abonent" send Борис "127.0.0.1:$port" --name Анна --text "$absent" 2>&1 | sed -u 's/^/  Анна  | /'
+"$place/anna/bin/abonent" send Борис --name Анна --text "$absent" 2>&1 | sed -u 's/^/  Анна  | /'
 [ "${PIPESTATUS[0]}" = 3 ] || fail "код отправки без ответа ${PIPESTATUS[0]}"
 "$place/anna/bin/abonent" outbox list
 
@@ -62,7 +67,7 @@ step "abonent send: Анна передает Борису текст и фай�
 head -c 100000000 /dev/urandom > "$place/file.bin"
 text='Привет, Борис! Файл следом.'
 set -o pipefail
-timeout 120 "$place/anna/bin/abonent" send Борис "127.0.0.1:$port" --text "$text" "$place/file.bin" 2>&1 |
+timeout 120 "$place/anna/bin/abonent" send Борис --text "$text" "$place/file.bin" 2>&1 |
     sed -u 's/^/  Анна  | /' || fail "передача, код $?"
 
 step "abonent listen по сигналу завершает работу"
@@ -82,5 +87,8 @@ echo "SHA-256 получено:   ${received%% *}"
 [ "$(cat "$inbox"/00000001/text.txt)" = "$absent" ] || fail "первый текст не тот"
 [ "$(cat "$inbox"/00000002/text.txt)" = "$text" ] || fail "текст не тот"
 grep -q "SHA-256: ${sent%% *}" "$inbox"/*/message.txt || fail "описание не то"
+
+step "abonent journal: что записано у Бориса"
+"$place/boris/bin/abonent" journal
 
 step "Готово: тексты и файл получены по одному разу, по порядку и совпадают"

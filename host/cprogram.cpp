@@ -8,7 +8,6 @@
 #include "transportIp/ipsettings.h"
 
 #include <QFile>
-#include <QSysInfo>
 
 #include <atomic>
 #include <sys/resource.h>
@@ -28,15 +27,6 @@ void showQtMessage(QtMsgType type, const QMessageLogContext &context, const QStr
     CConsole *console = gConsole;
     if (console && (type != QtDebugMsg || gIsVerbose))
         console->error(text);
-}
-
-/// How this installation is called when the command line says nothing.
-QString installationName(const GeneralSettings &settings)
-{
-    const QString user = Global::currentSystemUserName();
-    return !settings.ownName.isEmpty() ? settings.ownName
-           : !user.isEmpty()           ? user
-                                       : QSysInfo::machineHostName();
 }
 
 quint16 ownPort()
@@ -73,7 +63,7 @@ CProgram::CProgram(const CommandLine &line, Role chosenRole, CConsole &shownOn, 
       monitor(console, chosenRole == Resident || line.has("verbose") ? CConsoleMonitor::Shown
                                                                      : CConsoleMonitor::Silent),
       journal(console), role(chosenRole), settings(GeneralSettings::load()), givenName(line.value("name")),
-      ownName(givenName.isEmpty() ? installationName(settings) : givenName),
+      ownName(GeneralSettings::chosenName(givenName)),
       messages(level, {settings.journalKeepDays, settings.journalKeepRows}), inbox(level),
       unnamed(mostUnnamed(), mostUnnamed() / 2), messenger(console, monitor, context(ping))
 {
