@@ -8,11 +8,13 @@
 #include "host/cprogram.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QThread>
 
 namespace {
 
 constexpr int lockPollMs = 50;
+constexpr int restartMs = 3000; // the one before may be ending
 
 } // namespace
 
@@ -28,17 +30,23 @@ int runListen(const CommandLine &line)
     });
     CTransportLock resident(CTransportLock::Resident);
     CTransportLock transport;
-    if (!resident.tryLock(program.level)) {
+    const auto waitFor = [&](CTransportLock &lock, int limitMs) { // negative: none
+        QElapsedTimer clock;
+        clock.start();
+        while (!lock.tryLock(program.level) && !isInterrupted && (limitMs < 0 || clock.elapsed() < limitMs)) {
+            QCoreApplication::processEvents();
+            QThread::msleep(lockPollMs);
+        }
+        return lock.isLocked();
+    };
+    if (!waitFor(resident, restartMs)) {
         console.error(
             QStringLiteral("Сообщения этой установки уже принимает и передает другой abonent listen"));
         return ExitTrouble;
     }
     if (!transport.tryLock(program.level))
         console.line(QStringLiteral("Ждем, пока закончит работающий abonent send"));
-    while (!transport.tryLock(program.level) && !isInterrupted) {
-        QCoreApplication::processEvents();
-        QThread::msleep(lockPollMs);
-    }
+    waitFor(transport, -1);
     if (isInterrupted)
         return ExitDone;
     if (line.has("to")) {

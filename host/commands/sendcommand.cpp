@@ -25,6 +25,30 @@ namespace {
 
 constexpr int takeOverMs = 1000; // how often to look whether the process that delivers is gone
 
+/// The operands as the system has given them: names of files need not be text.
+class RawArguments
+{
+public:
+    RawArguments()
+    {
+        QFile file(QStringLiteral("/proc/self/cmdline"));
+        if (file.open(QIODevice::ReadOnly))
+            words = file.readAll().split('\0');
+    }
+
+    QByteArray bytesOf(const QString &word)
+    {
+        for (int i = 0; i < words.size(); ++i) {
+            if (QFile::decodeName(words[i]) == word)
+                return words.takeAt(i); // the next one that reads the same is another one
+        }
+        return QFile::encodeName(word);
+    }
+
+private:
+    QList<QByteArray> words;
+};
+
 bool isIpAddress(const QString &text)
 {
     in6_addr bytes{};
@@ -37,8 +61,8 @@ bool isIpAddress(const QString &text)
 bool isAddress(const QString &word, const QString &abonent, CallTarget *target)
 {
     CallTarget tried = *target;
-    if (word == QLatin1String("-") || QFileInfo::exists(word) || QFileInfo(word).isSymLink() ||
-        !tried.setAddress(word))
+    if (word == QLatin1String("-") || word.contains(QChar::ReplacementCharacter) || QFileInfo::exists(word) ||
+        QFileInfo(word).isSymLink() || !tried.setAddress(word))
         return false;
     const std::optional<CContact> contact = CContacts().find(abonent);
     const bool isPlain = word.contains(QLatin1Char(':')) || isIpAddress(word);
@@ -196,6 +220,7 @@ int runSend(const CommandLine &line)
         printError(error);
         return ExitTrouble;
     }
+    RawArguments raw;
     int failed = 0;
     const auto note = [&failed](const QString &trouble) {
         if (trouble.isNull())
@@ -207,7 +232,7 @@ int runSend(const CommandLine &line)
         note(writer.addText(text));
     for (const QString &path : qAsConst(paths))
         note(path == QLatin1String("-") ? writer.addStream(STDIN_FILENO, "stdin")
-                                        : writer.addPath(QFile::encodeName(path)));
+                                        : writer.addPath(raw.bytesOf(path)));
     for (const QString &path : writer.leftOut())
         printError(QStringLiteral("Пропущено, это не файл и не каталог: %1").arg(path));
     if (writer.entry().messages.empty())

@@ -126,11 +126,10 @@ void CPostOffice::consider(Route &way)
 void CPostOffice::call(Route &way)
 {
     AbonentIpSettings settings;
-    for (const std::shared_ptr<COutboxEntry> &entry : way.queue->entries()) {
-        if (settings.address.isEmpty() && entry->hasWaiting()) {
-            settings.address = entry->address;
-            settings.port = entry->port;
-        }
+    const auto [address, port] = way.queue->address();
+    if (!address.isEmpty()) {
+        settings.address = address;
+        settings.port = port;
     }
     if (settings.address.isEmpty()) {
         const std::optional<CContact> contact = around.contacts->find(way.name);
@@ -173,14 +172,9 @@ void CPostOffice::connected(const QString &abonentName, int connectionId)
 
     // Reached by an address that was given with the message: the next time the name will do.
     const std::optional<CContact> contact = around.contacts->find(way.name);
-    if (!contact || !contact->address.isEmpty())
-        return;
-    for (const std::shared_ptr<COutboxEntry> &entry : way.queue->entries()) {
-        if (!entry->address.isEmpty()) {
-            around.contacts->add(way.name, entry->address, entry->port);
-            return;
-        }
-    }
+    const auto [address, port] = way.queue->address();
+    if (contact && contact->address.isEmpty() && !address.isEmpty())
+        around.contacts->add(way.name, address, port);
 }
 
 void CPostOffice::notConnected(const QString &abonentName)
@@ -224,11 +218,7 @@ void CPostOffice::callEnded(Route &way, bool wasUseful)
     }
     if (wasUseful && trouble.code == CSendQueue::NotDelivered)
         return way.retry.start(soonMs); // it goes forward: no reason to wait, or to tell
-    for (const std::shared_ptr<COutboxEntry> &entry : way.queue->entries()) {
-        if (entry->hasWaiting())
-            entry->noteAttempt(trouble.code == CSendQueue::NoRoom ? CSendQueue::NotDelivered : trouble.code,
-                               trouble.reason);
-    }
+    way.queue->noteAttempt(trouble);
     around.journal->addRecord(JournalEvent, sourceName(),
                               QStringLiteral("Сообщения для '%1' ждут: %2. Следующая попытка через %3")
                                   .arg(way.name, trouble.reason, Global::timeStringSec(way.delay)));

@@ -45,13 +45,23 @@ void CSendQueue::retry(const QString &number)
         user->wake();
 }
 
-std::vector<std::shared_ptr<COutboxEntry>> CSendQueue::entries() const
+std::pair<QString, int> CSendQueue::address() const
 {
     const std::lock_guard lock(mutex);
-    std::vector<std::shared_ptr<COutboxEntry>> result;
-    for (const Entry &entry : waiting)
-        result.push_back(entry.entry);
-    return result;
+    for (const Entry &there : waiting) {
+        if (there.entry->hasWaiting() && !there.entry->address.isEmpty())
+            return {there.entry->address, there.entry->port};
+    }
+    return {};
+}
+
+void CSendQueue::noteAttempt(const Trouble &why)
+{
+    const std::lock_guard lock(mutex);
+    for (Entry &there : waiting) {
+        if (there.entry->hasWaiting())
+            there.entry->noteAttempt(why.code == NoRoom ? NotDelivered : why.code, why.reason);
+    }
 }
 
 bool CSendQueue::hasWaiting() const

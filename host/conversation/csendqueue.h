@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 /// A connection that sends.
@@ -37,36 +38,6 @@ public:
         const OutgoingMessage &message() const { return entry->messages[index]; }
     };
 
-    /// @param onChange something is done, or has failed: the post office looks again. Must not wait.
-    explicit CSendQueue(std::function<void()> onChange) : changed(std::move(onChange)) {}
-
-    /// Adds an entry; one that is there already stays as it is.
-    /// @param isOld it may have been under way before, in a process that has ended
-    /// @return whether it was added
-    bool add(const std::shared_ptr<COutboxEntry> &entry, bool isOld);
-
-    /// Takes an entry out, whatever is under way. @return it, or null when it is not there
-    std::shared_ptr<COutboxEntry> withdraw(const QString &number);
-
-    /// What of an entry was refused waits again.
-    void retry(const QString &number);
-
-    std::vector<std::shared_ptr<COutboxEntry>> entries() const;
-    bool hasWaiting() const;
-
-    /// @return whether the connection may send now: one at a time does
-    bool attach(CQueueUser *connection);
-    void detach(CQueueUser *connection);
-    bool isAttached() const;
-
-    /// The next message that is not under way, now under way: texts first, in their order.
-    /// @param mayBeLarge files above @a smallBytes as well
-    Job takeUp(qint64 smallBytes, bool mayBeLarge);
-
-    void sent(const Job &job, qint64 bytes);
-    void stored(const Job &job, const QByteArray &digest);
-    void refused(const Job &job, const QString &reason);
-
     /// Why an attempt has come to nothing. The numbers are in files: see COutboxEntry::noteAttempt().
     enum Code
     {
@@ -81,6 +52,43 @@ public:
         Code code = NoTrouble;
         QString reason;
     };
+
+    /// @param onChange something is done, or has failed: the post office looks again. Must not wait.
+    explicit CSendQueue(std::function<void()> onChange) : changed(std::move(onChange)) {}
+
+    /// Adds an entry; one that is there already stays as it is.
+    /// @param isOld it may have been under way before, in a process that has ended
+    /// @return whether it was added
+    bool add(const std::shared_ptr<COutboxEntry> &entry, bool isOld);
+
+    /// Takes an entry out, whatever is under way. @return it, or null when it is not there
+    std::shared_ptr<COutboxEntry> withdraw(const QString &number);
+
+    /// What of an entry was refused waits again.
+    void retry(const QString &number);
+
+    bool hasWaiting() const;
+
+    /// Where the first entry that waits is to go by what the user said with it; an empty address: nothing was
+    /// said.
+    std::pair<QString, int> address() const;
+
+    /// Notes for those who wait why an attempt has come to nothing.
+    void noteAttempt(const Trouble &why);
+
+    /// @return whether the connection may send now: one at a time does
+    bool attach(CQueueUser *connection);
+    void detach(CQueueUser *connection);
+    bool isAttached() const;
+
+    /// The next message that is not under way, now under way: texts first, in their order.
+    /// @param mayBeLarge files above @a smallBytes as well
+    Job takeUp(qint64 smallBytes, bool mayBeLarge);
+
+    void sent(const Job &job, qint64 bytes);
+    void stored(const Job &job, const QByteArray &digest);
+    void refused(const Job &job, const QString &reason);
+
     void setTrouble(Code code, const QString &reason);
     void setTroubleUnlessSet(Code code, const QString &reason);
     Trouble takeTrouble();

@@ -454,9 +454,16 @@ private Q_SLOTS:
 
         // Input from a pipe, and a look whether it is the right one.
         QProcess shell;
-        shell.start("sh"_s, {"-c"_s, "echo piped | \"$0\" send Альфа-1 -"_s, beta.program()});
+        shell.setWorkingDirectory(beta.directory.path());
+        shell.start("sh"_s,
+                    {"-c"_s,
+                     "n=$(printf 'n\\377'); echo 1 > \"$n\"; echo piped | \"$0\" send Альфа-1 - \"$n\""_s,
+                     beta.program()});
         QVERIFY(shell.waitForFinished(patienceMs));
-        QCOMPARE(alfa.storedFile(alfa.stored("input"_s).last() + "/stdin"_s), QByteArray("piped\n"));
+        const QStringList inbox = alfa.stored("input"_s);
+        QCOMPARE(alfa.storedFile(inbox[inbox.size() - 2] + "/stdin"_s), QByteArray("piped\n"));
+        const QString last = alfa.directory.filePath("data/0/messages/input/"_s + inbox.last());
+        QCOMPARE(::access((QFile::encodeName(last) + "/n\xff").constData(), R_OK), 0);
         QCOMPARE(beta.run("ping Альфа-1"_s), 0);
         QVERIFY(beta.output.contains("Абонент 'Альфа-1' отвечает"_s));
         QCOMPARE(beta.run("ping Гамма %1"_s.arg(nobody)), 3);
