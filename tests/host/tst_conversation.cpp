@@ -27,7 +27,7 @@
 
 namespace {
 
-constexpr int patienceMs = 20000;
+constexpr int patienceMs = 20000; // the limit of one wait; nothing is judged by the time it takes
 
 QString local(int port)
 {
@@ -330,10 +330,11 @@ QByteArray answerOf(quint32 item, AnswerFrame::Verdict verdict, qint64 have, con
 /// Bytes that do not repeat.
 QByteArray contentsOf(int size, quint32 seed)
 {
-    QByteArray bytes(size, Qt::Uninitialized);
+    QByteArray bytes(size + 4, Qt::Uninitialized);
     QRandomGenerator random(seed);
-    for (int i = 0; i < size; ++i)
-        bytes[i] = char(random.bounded(256));
+    for (int at = 0; at < size; at += 4)
+        qToLittleEndian(random.generate(), bytes.data() + at);
+    bytes.chop(4);
     return bytes;
 }
 
