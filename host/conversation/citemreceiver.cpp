@@ -10,7 +10,9 @@ namespace {
 
 constexpr qint64 mostTextBytes = 1024 * 1024;
 constexpr int mostRefusals = 1000; // who goes on offering what we cannot take is not worth a connection
+constexpr int mostToldRefusals = 16;
 constexpr std::size_t mostItems = 1024;
+constexpr qint64 mostListBytes = 2 * TreeLimits::listBytes; // they are kept in memory
 constexpr int shownTextBytes = 2048;
 constexpr qint64 caughtUpAtOnce = 8 * 1024 * 1024;
 
@@ -65,6 +67,13 @@ CItemReceiver::Reaction CItemReceiver::takeOffer(const OfferFrame &offer)
 {
     if (offer.item <= last || items.size() >= mostItems)
         return fault(QStringLiteral("предложение не ко времени"));
+    qint64 listBytes = offer.listSize;
+    for (const auto &[number, under] : items) {
+        Q_UNUSED(number)
+        listBytes += offer.listSize > 0 ? qint64(under.offer.listSize) : 0;
+    }
+    if (listBytes > mostListBytes)
+        return fault(QStringLiteral("слишком много каталогов сразу"));
     last = offer.item;
     Item &item = items[offer.item];
     item.offer = offer;
@@ -199,7 +208,8 @@ CItemReceiver::Reaction CItemReceiver::refuse(Item &item, AnswerFrame::Verdict v
         return fault(QStringLiteral("слишком много отказов"));
     item.message.reset();
     Reaction reaction = answer({item.offer.item, verdict, 0, {}, reason});
-    reaction.notices.push_back({false, item.offer, {}, {}, {}, reason});
+    if (refusals <= mostToldRefusals)
+        reaction.notices.push_back({false, item.offer, {}, {}, {}, reason});
     return reaction;
 }
 

@@ -500,7 +500,8 @@ QByteArray CMessageProtocol::nextFrame(int room)
 
 bool CMessageProtocol::isUnderWay() const
 {
-    return !outbox.isEmpty() || (receiver && receiver->isUnderWay()) ||
+    const bool isAsking = isPlaced && context.ping && !context.ping->isAnswered;
+    return isAsking || !outbox.isEmpty() || (receiver && receiver->isUnderWay()) ||
            (sender && (sender->isUnderWay() || sender->isBusy()));
 }
 

@@ -25,7 +25,7 @@ struct TreeEntry
 };
 
 namespace TreeLimits {
-constexpr int listBytes = 32 * 1024 * 1024;
+constexpr int listBytes = 8 * 1024 * 1024; // some 100 000 files
 constexpr int pathBytes = 4000;
 constexpr int depth = 100;
 } // namespace TreeLimits

@@ -642,6 +642,11 @@ private Q_SLOTS:
             QTest::qWaitFor([&] { return from.stored("output"_s).isEmpty(); }, isLong ? 3600000 : 120000),
             from.heard.right(2000));
 
+        QProcess ping; // a slow answer is an answer
+        ping.start(from.program(), {"ping"_s, "Получатель"_s, local(line.serverPort())});
+        QVERIFY(QTest::qWaitFor([&] { return ping.state() == QProcess::NotRunning; }, patienceMs));
+        QCOMPARE(ping.exitCode(), 0);
+
         QMap<QByteArray, int> arrived;
         QStringList order;
         for (const QString &number : to.stored("input"_s)) {
