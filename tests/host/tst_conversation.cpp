@@ -47,7 +47,13 @@ struct Abonent
         run("settings set port=%1"_s.arg(port));
     }
 
-    ~Abonent() { std::filesystem::remove_all(directory.path().toStdString()); } // Qt cannot name all files
+    ~Abonent()
+    {
+        listener.kill();
+        listener.waitForFinished();
+        std::error_code ignored;
+        std::filesystem::remove_all(directory.path().toStdString(), ignored); // Qt cannot name all files
+    }
 
     // A hard link counts as a place of its own; between file systems it takes a copy.
     static void place(const char *from, const QString &to)
@@ -636,12 +642,12 @@ private Q_SLOTS:
         }
         for (auto &sender : senders)
             QVERIFY(QTest::qWaitFor([&] { return sender->state() == QProcess::NotRunning; }, 6 * patienceMs));
-        line.calmDown();
         from.run("outbox retry"_s);
         QVERIFY2(
             QTest::qWaitFor([&] { return from.stored("output"_s).isEmpty(); }, isLong ? 3600000 : 120000),
             from.heard.right(2000));
 
+        line.calmDown();
         QProcess ping; // a slow answer is an answer
         ping.start(from.program(), {"ping"_s, "Получатель"_s, local(line.serverPort())});
         QVERIFY(QTest::qWaitFor([&] { return ping.state() == QProcess::NotRunning; }, patienceMs));
