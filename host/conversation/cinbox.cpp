@@ -587,7 +587,8 @@ QString CInbox::moveIntoInput(const QByteArray &key, QString *directory)
             continue; // many names in a row are taken: the next call looks anew
         *directory = input.absoluteFilePath(name);
         // A finished message is never empty, so no renaming can replace one.
-        if (::rename(from.constData(), encoded(*directory).constData()) == 0 || errno == ENOENT) {
+        if (::rename(from.constData(), encoded(*directory).constData()) == 0 ||
+            (errno == ENOENT && ::access(from.constData(), F_OK) != 0)) { // moved before
             for (const char *ending : {".offer", ".list"})
                 ::unlinkat(incompleteDescriptor, (key + ending).constData(), 0);
             return QString();
