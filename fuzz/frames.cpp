@@ -26,8 +26,8 @@ void rewrite(std::string_view payload)
 void rewrite(const FrameView &frame)
 {
     switch (frame.type) {
-    case FrameType::Greeting:
-        return rewrite<GreetingFrame>(frame.payload);
+    case FrameType::Hello:
+        return rewrite<HelloFrame>(frame.payload);
     case FrameType::Offer:
         return rewrite<OfferFrame>(frame.payload);
     case FrameType::Answer:
@@ -35,8 +35,7 @@ void rewrite(const FrameView &frame)
     case FrameType::Finish:
         return rewrite<FinishFrame>(frame.payload);
     case FrameType::Bye:
-        byeReason(frame.payload);
-        return;
+        return rewrite<ByeFrame>(frame.payload);
     default:
         return; // no fields
     }

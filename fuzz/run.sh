@@ -11,8 +11,8 @@ build=${FUZZ_BUILD:-build/fuzz}
 mkdir -p "$build"
 cmake -S . -B $build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++-14 \
   -DIPCHANNEL_SANITIZE=fuzzer-no-link,address,undefined >$build.log 2>&1 || { cat $build.log; exit 1; }
-cmake --build $build --target fuzz-frames fuzz-records
-for target in frames records; do
+cmake --build $build --target fuzz-contacts fuzz-frames fuzz-records fuzz-trees
+for target in contacts frames records trees; do
     found=$build/found/$target
     mkdir -p "$found"
     fuzzer=$build/tests/fuzz-$target/bin/fuzz-$target

@@ -90,14 +90,24 @@ void CMessenger::close()
         channel.server->stop();
 }
 
-CChannelServer *CMessenger::server() const
+const CMessenger::Channel *CMessenger::find(int kind) const
 {
-    return channels.front().server.get();
+    const auto found = std::find_if(channels.begin(), channels.end(), [kind](const Channel &channel) {
+        return channel.library->plugin()->type() == kind;
+    });
+    return found == channels.end() ? nullptr : &*found;
 }
 
-CChannelPlugin *CMessenger::plugin() const
+CChannelServer *CMessenger::server(int kind) const
 {
-    return channels.front().library->plugin();
+    const Channel *channel = find(kind);
+    return channel ? channel->server.get() : nullptr;
+}
+
+CChannelPlugin *CMessenger::plugin(int kind) const
+{
+    const Channel *channel = find(kind);
+    return channel ? channel->library->plugin() : nullptr;
 }
 
 void CMessenger::serverFinished()

@@ -44,9 +44,10 @@ public:
     /// Stops them; closed() follows. May be called again.
     void close();
 
-    /// The first channel; valid between open() and closed().
-    CChannelServer *server() const;
-    CChannelPlugin *plugin() const;
+    /// The channel of a kind; the server is valid between open() and closed(). @return null when there is
+    /// none
+    CChannelServer *server(int kind) const;
+    CChannelPlugin *plugin(int kind) const;
 
 Q_SIGNALS:
     /// All servers have stopped and are gone.
@@ -62,6 +63,8 @@ private:
         std::unique_ptr<CChannelLibrary> library;
         std::unique_ptr<CChannelServer> server;
     };
+
+    const Channel *find(int kind) const;
 
     CConsole &console;
     CChannelMonitor &monitor;

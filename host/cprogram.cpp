@@ -4,13 +4,17 @@
 #include "common/logger.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/delivery/fingerprintwords.h"
+#include "transportIp/ipsettings.h"
 
-#include <QSysInfo>
+#include <QFile>
 
 #include <atomic>
 #include <sys/resource.h>
 
 namespace {
+
+constexpr int residentLingerMs = 5000;
 
 // Where Qt's messages go. Set while a program lives.
 std::atomic<CConsole *> gConsole{nullptr};
@@ -25,11 +29,13 @@ void showQtMessage(QtMsgType type, const QMessageLogContext &context, const QStr
         console->error(text);
 }
 
-QString nameOf(const CommandLine &line)
+quint16 ownPort()
 {
-    const QString user = Global::currentSystemUserName();
-    const QString name = line.value("name");
-    return !name.isEmpty() ? name : !user.isEmpty() ? user : QSysInfo::machineHostName();
+    ChannelIpSettings settings;
+    QFile file(Global::channelIpSettingsFilePath());
+    if (file.open(QIODevice::ReadOnly))
+        settings.fromByteArray(file.readAll());
+    return quint16(settings.port);
 }
 
 /// As many descriptors as the system allows: each connection needs two.
@@ -52,12 +58,14 @@ int mostUnnamed()
 
 } // namespace
 
-CProgram::CProgram(const CommandLine &line, CConsoleMonitor::Style monitorStyle, CDelivery *delivery)
-    : monitor(console, monitorStyle), journal(console), store(Global::currentSecrecy()),
-      unnamed(mostUnnamed(), mostUnnamed() / 2), ownName(nameOf(line)),
-      messenger(console, monitor,
-                {ownName, &store, &journal, [this](const QString &label) { return monitor.originOf(label); },
-                 &unnamed, delivery})
+CProgram::CProgram(const CommandLine &line, Role chosenRole, CConsole &shownOn, PingResult *ping)
+    : level(Global::currentSecrecy()), console(shownOn),
+      monitor(console, chosenRole == Resident || line.has("verbose") ? CConsoleMonitor::Shown
+                                                                     : CConsoleMonitor::Silent),
+      journal(console), role(chosenRole), settings(GeneralSettings::load()), givenName(line.value("name")),
+      ownName(GeneralSettings::chosenName(givenName)),
+      messages(level, {settings.journalKeepDays, settings.journalKeepRows}), inbox(level),
+      unnamed(mostUnnamed(), mostUnnamed() / 2), messenger(console, monitor, context(ping))
 {
     gIsVerbose = line.has("verbose");
     gConsole = &console;
@@ -66,8 +74,37 @@ CProgram::CProgram(const CommandLine &line, CConsoleMonitor::Style monitorStyle,
 
 CProgram::~CProgram()
 {
+    if (isStarted)
+        noteRow(JournalRow::Stopped);
     gConsole = nullptr;
     qInstallMessageHandler(nullptr);
+}
+
+CMessageProtocol::Context CProgram::context(PingResult *ping)
+{
+    // Under another name than the installation's nobody is answered: that name is for this call only.
+    const bool isOwn = settings.ownName.isEmpty() || givenName.isEmpty() ||
+                       Global::filterName(givenName) == Global::filterName(settings.ownName);
+    const bool receives = role == Resident || (role == Sender && isOwn);
+    CMessageProtocol::Context around;
+    around.ownName = ownName;
+    around.ownPort = ownPort();
+    around.identity = &identity;
+    around.contacts = &contacts;
+    around.inbox = receives ? &inbox : nullptr;
+    around.queues = role == Asker ? nullptr : &queues;
+    around.journal = &journal;
+    around.messages = &messages;
+    around.originOf = [this](const QString &label) { return monitor.originOf(label); };
+    around.unnamed = &unnamed;
+    around.onStored = [this](const QString &directory) {
+        if (onStored)
+            onStored(directory);
+    };
+    around.lingerMs = role == Resident ? residentLingerMs : 0;
+    around.isWatched = role == Sender;
+    around.ping = ping;
+    return around;
 }
 
 int CProgram::prepare()
@@ -77,7 +114,11 @@ int CProgram::prepare()
                           .arg(ownName));
         return ExitUsage;
     }
-    const QString error = store.prepare();
+    QString error = identity.prepare();
+    if (error.isNull() && role != Asker)
+        error = inbox.prepare();
+    if (error.isNull() && role != Asker && settings.ownName.isEmpty() && !givenName.isEmpty())
+        error = GeneralSettings::set(QStringLiteral("Abonent/name"), givenName);
     if (!error.isNull()) {
         debug(QStringLiteral("CProgram"), error, DebugAlways, DebugFlagFileOnly);
         console.error(error);
@@ -87,5 +128,50 @@ int CProgram::prepare()
         return ExitTrouble;
     console.line(
         QStringLiteral("Абонент '%1', установка %2").arg(ownName, Global::installDir().absolutePath()));
+    if (role == Resident)
+        console.line(QStringLiteral("Свой ключ: %1").arg(shownFingerprint(identity.fingerprint())));
     return ExitDone;
+}
+
+void CProgram::open(const QString &only, const QString &fresh)
+{
+    queues.setListener([this](const QString &filteredName) {
+        const auto tell = [this, filteredName] {
+            if (office)
+                office->queueChanged(filteredName);
+        };
+        QMetaObject::invokeMethod(&messenger, tell, Qt::QueuedConnection);
+    });
+    messenger.open();
+    if (role == Resident) {
+        isStarted = true;
+        noteRow(JournalRow::Started);
+    }
+    if (role == Asker || !messenger.server(ipKind))
+        return;
+    CPostOffice::Around around;
+    around.server = messenger.server(ipKind);
+    around.plugin = messenger.plugin(ipKind);
+    around.contacts = &contacts;
+    around.journal = &journal;
+    around.queues = &queues;
+    around.level = level;
+    around.only = only;
+    around.fresh = fresh;
+    office = std::make_unique<CPostOffice>(around);
+    office->begin();
+}
+
+void CProgram::close()
+{
+    office.reset(); // it uses the servers
+    messenger.close();
+}
+
+void CProgram::noteRow(JournalRow kind)
+{
+    JournalEntry row;
+    row.kind = kind;
+    row.abonent = ownName;
+    messages.add(row);
 }

@@ -1,5 +1,5 @@
-// What `listen` and `send` have in common: console, monitor, journal, store and messenger, built in
-// order and taken down in the reverse order.
+// What the commands that converse have in common: console, monitor, journals, keys, inbox, queues and
+// messenger, built in order and taken down in the reverse order.
 #pragma once
 
 #include "host/cinterruption.h"
@@ -7,34 +7,77 @@
 #include "host/console/cconsole.h"
 #include "host/console/cconsolejournal.h"
 #include "host/console/cconsolemonitor.h"
-#include "host/conversation/cmessagestore.h"
+#include "host/conversation/cinbox.h"
+#include "host/conversation/cpostoffice.h"
+#include "host/conversation/csendqueue.h"
 #include "host/conversation/cunnamedcallers.h"
+#include "host/delivery/ccontacts.h"
+#include "host/delivery/cidentity.h"
+#include "host/delivery/cmessagejournal.h"
+
+#include <memory>
 
 class CommandLine;
 
 class CProgram
 {
 public:
-    /// @param delivery what a placed call delivers; may be null, outlives the program
-    CProgram(const CommandLine &line, CConsoleMonitor::Style monitorStyle, CDelivery *delivery);
+    enum Role
+    {
+        Resident, // receives and sends, until it is interrupted
+        Sender,   // sends, and receives meanwhile if it goes by the installation's own name
+        Asker,    // asks whether somebody is there
+    };
+
+    /// @param ping for an asker; outlives the program, as does the console
+    CProgram(const CommandLine &line, Role role, CConsole &shownOn, PingResult *ping = nullptr);
     ~CProgram();
 
     CProgram(const CProgram &) = delete;
     CProgram &operator=(const CProgram &) = delete;
 
-    /// Checks the name, prepares the store, loads the channels.
+    /// Checks the name, prepares keys and inbox, loads the channels. A resident and a sender hold the
+    /// transport's lock.
     /// @return ExitDone, or the program's exit code; what is wrong has been shown then
     int prepare();
 
-    CConsole console;
+    /// Starts the channels and, for all but an asker, the delivery.
+    /// @param only filtered name of the one abonent to be served; empty: all
+    /// @param fresh see CPostOffice
+    void open(const QString &only = QString(), const QString &fresh = QString());
+
+    /// Stops the delivery and the channels; the messenger says when that is done.
+    void close();
+
+    /// CChannelPlugin::type() of the channel whose records we write.
+    static constexpr int ipKind = 1;
+
+    const int level;
+    CConsole &console;
     CConsoleMonitor monitor;
     CConsoleJournal journal;
     CInterruption interruption;
+    CIdentity identity;
+    CContacts contacts;
+
+    /// Called with the directory of each message that has arrived. [connection thread] Before open()
+    std::function<void(const QString &)> onStored;
 
 private:
-    CMessageStore store;
-    CUnnamedCallers unnamed;
+    CMessageProtocol::Context context(PingResult *ping);
+
+    void noteRow(JournalRow kind);
+
+    const Role role;
+    const GeneralSettings settings;
+    const QString givenName; // --name
     const QString ownName;
+    bool isStarted = false;
+    CMessageJournal messages;
+    CInbox inbox;
+    CUnnamedCallers unnamed;
+    CSendQueues queues;
+    std::unique_ptr<CPostOffice> office;
 
 public:
     CMessenger messenger;

@@ -8,6 +8,7 @@ import os
 import socket
 import subprocess
 
+from messenger import messenger
 from programs import Failed, Server
 
 PROJECT = "project"
@@ -171,5 +172,6 @@ AREAS = {
     "log": (log, 11),
     "saving": (saving, 11),
     "small": (small, 5),
+    "messenger": (messenger, 5),
     "growth": (growth, 1),
 }

@@ -4,6 +4,7 @@ from dataclasses import dataclass
 from typing import Optional
 
 from areas import LOGGING, PROJECT
+from messenger import RSYNC
 
 AT_LEAST = ">="
 AT_MOST = "<="
@@ -93,5 +94,10 @@ def small():
     yield Bar("time stamp hh:mm:ss.zzz", "ns/call", "cached second", AT_MOST, 3, 1.5)
 
 
+def messenger():
+    for case, must in (("one text", 0.7), ("300 files of 4 KiB", 1.0), ("1 GiB", 1.0)):
+        yield Bar(case, "ms", RSYNC, AT_MOST, must)
+
+
 BARS = {function.__name__: list(function())
-        for function in (stream, roundtrip, cycles, burst, live, log, saving, small)}
+        for function in (stream, roundtrip, cycles, burst, live, log, saving, small, messenger)}

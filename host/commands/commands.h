@@ -10,12 +10,24 @@ struct CallTarget;
 /// Is an abonent: answers calls and stores what arrives, until it is interrupted.
 int runListen(const CommandLine &line);
 
-/// Calls an abonent and delivers to it.
+/// Takes messages into the outbox, and waits until they are delivered as far as that goes at once.
 int runSend(const CommandLine &line);
 
-/// Whom to call by a command line whose first two operands are abonent and address.
+/// Whom to send to, and what files. The second operand may be an address.
 /// @return null on success, else what is wrong, in Russian
-QString readTarget(const CommandLine &line, CallTarget *target);
+QString readTarget(const CommandLine &line, CallTarget *target, QStringList *paths);
+
+/// Shows what waits in the outbox, has it tried again, or takes it back.
+int runOutbox(const CommandLine &line);
+
+/// Asks an abonent whether it is there.
+int runPing(const CommandLine &line);
+
+/// Shows and changes whom this installation knows.
+int runContact(const CommandLine &line);
+
+/// Shows what was sent, received and refused.
+int runJournal(const CommandLine &line);
 
 /// Shows or changes the settings.
 int runSettings(const CommandLine &line);

@@ -1,45 +1,200 @@
-// `abonent send`.
+// `abonent send`: takes what is to be sent into the outbox, and waits for it.
+//
+// The installation's resident `listen` delivers it. Where there is none, this process takes its place until
+// its own messages are through.
 #include "host/commands/commands.h"
 
+#include "common/global.h"
+#include "host/commands/calltarget.h"
 #include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
+#include "host/commands/csendwatch.h"
 #include "host/commands/exitcodes.h"
-#include "host/conversation/cdelivery.h"
+#include "host/console/printing.h"
+#include "host/conversation/transporttasks.h"
 #include "host/cprogram.h"
-#include "host/delivery/cdeliverycall.h"
 
 #include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+
+#include <arpa/inet.h>
+#include <unistd.h>
 
 namespace {
 
-constexpr int ipKind = 1; // CChannelPlugin::type() of the channel whose records we write
+constexpr int takeOverMs = 1000; // how often to look whether the process that delivers is gone
 
-int exitCodeOf(CDeliveryCall::End how, int signalNumber)
+/// The operands as the system has given them: names of files need not be text.
+class RawArguments
 {
-    switch (how) {
-    case CDeliveryCall::Delivered:
-        return ExitDone;
-    case CDeliveryCall::NoAnswer:
-        return ExitNoAnswer;
-    case CDeliveryCall::SomebodyElse:
-        return ExitSomebodyElse;
-    case CDeliveryCall::NotDelivered:
-        return ExitNotDelivered;
-    case CDeliveryCall::Cancelled:
-        break;
+public:
+    RawArguments()
+    {
+        QFile file(QStringLiteral("/proc/self/cmdline"));
+        if (file.open(QIODevice::ReadOnly))
+            words = file.readAll().split('\0');
     }
-    return ExitInterrupted + signalNumber;
+
+    QByteArray bytesOf(const QString &word)
+    {
+        for (int i = 0; i < words.size(); ++i) {
+            if (QFile::decodeName(words[i]) == word)
+                return words.takeAt(i); // the next one that reads the same is another one
+        }
+        return QFile::encodeName(word);
+    }
+
+private:
+    QList<QByteArray> words;
+};
+
+bool isIpAddress(const QString &text)
+{
+    in6_addr bytes{};
+    const QByteArray latin = text.toLatin1();
+    return ::inet_pton(AF_INET, latin.constData(), &bytes) == 1 ||
+           ::inet_pton(AF_INET6, latin.constData(), &bytes) == 1;
 }
+
+/// Whether the word behind the name is an address rather than a file.
+bool isAddress(const QString &word, const QString &abonent, CallTarget *target)
+{
+    CallTarget tried = *target;
+    if (word == QLatin1String("-") || word.contains(QChar::ReplacementCharacter) || QFileInfo::exists(word) ||
+        QFileInfo(word).isSymLink() || !tried.setAddress(word))
+        return false;
+    const std::optional<CContact> contact = CContacts().find(abonent);
+    const bool isPlain = word.contains(QLatin1Char(':')) || isIpAddress(word);
+    if (!isPlain && contact && !contact->address.isEmpty())
+        return false;
+    *target = tried;
+    return true;
+}
+
+/// One `send` from the outbox to its end.
+class Sending : public QObject
+{
+public:
+    Sending(const CommandLine &asked, const COutboxEntry &accepted, int retries, int failedInputs)
+        : line(asked), entry(accepted), failed(failedInputs), watch(accepted, retries, console)
+    {
+        connect(&watch, &CSendWatch::over, this, &Sending::over);
+        connect(&takeOver, &QTimer::timeout, this, &Sending::deliver);
+    }
+
+    int run()
+    {
+        deliver();
+        if (isEnded)
+            return exitCode;
+        watch.begin();
+        if (!isEnded)
+            QCoreApplication::exec();
+        return exitCode;
+    }
+
+private:
+    /// Tells the resident; where there is none, becomes what it would be.
+    void deliver()
+    {
+        const int level = Global::currentSecrecy();
+        if (!lock.tryLock(level)) {
+            if (!takeOver.isActive()) {
+                TransportTasks::add(level, {TransportTask::Deliver, entry.number});
+                interruption = std::make_unique<CInterruption>();
+                connect(interruption.get(), &CInterruption::requested, this, &Sending::interrupted);
+                takeOver.start(takeOverMs);
+            }
+            return;
+        }
+        takeOver.stop();
+        interruption.reset();
+        program = std::make_unique<CProgram>(line, CProgram::Sender, console);
+        connect(&program->interruption, &CInterruption::requested, this, &Sending::interrupted);
+        const int code = program->prepare();
+        if (code != ExitDone || !program->messenger.keepOnly(CProgram::ipKind)) {
+            end(code != ExitDone ? code : ExitTrouble);
+            return;
+        }
+        // The server listens as well, if the port is free. If it is not, that is no concern of a sender.
+        if (!line.has("verbose"))
+            program->journal.hide(program->messenger.plugin(CProgram::ipKind)->name());
+        connect(&program->messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
+        program->open(Global::filterName(entry.abonent), entry.number);
+    }
+
+    void interrupted(int signalNumber)
+    {
+        over(ExitInterrupted + signalNumber, QStringLiteral("Ожидание прервано"), true);
+    }
+
+    void over(int code, const QString &text, bool isKept)
+    {
+        if (isEnded)
+            return;
+        if (!text.isNull())
+            console.line(text, code == ExitDone ? CConsole::Results : CConsole::Errors);
+        if (isKept && line.has("now")) {
+            console.error(withdraw()
+                              ? QStringLiteral("Сообщение %1 не доставлено и отозвано").arg(entry.number)
+                              : QStringLiteral("Сообщение %1 не доставлено; отзывается").arg(entry.number));
+        } else if (isKept) {
+            console.error(
+                QStringLiteral("Сообщение %1 остается в исходящих и будет доставлено, когда абонент ответит "
+                               "(нужен работающий abonent listen). Следить: abonent outbox list; отозвать: "
+                               "abonent outbox remove %1")
+                    .arg(entry.number));
+        }
+        end(code == ExitDone && failed > 0 ? int(ExitNotDelivered) : code);
+    }
+
+    bool withdraw()
+    {
+        if (!lock.isLocked())
+            return !TransportTasks::add(Global::currentSecrecy(), {TransportTask::Withdraw, entry.number})
+                        .isNull();
+        COutboxEntry gone;
+        gone.directory = entry.directory;
+        return gone.remove();
+    }
+
+    void end(int code)
+    {
+        isEnded = true;
+        exitCode = code;
+        takeOver.stop();
+        if (program && program->messenger.server(CProgram::ipKind))
+            program->close();
+        else
+            QCoreApplication::quit();
+    }
+
+    const CommandLine &line;
+    const COutboxEntry &entry;
+    const int failed; // files that could not be accepted
+    CTransportLock lock;
+    CConsole console;
+    std::unique_ptr<CInterruption> interruption; // while another process delivers
+    std::unique_ptr<CProgram> program;           // while this one does
+    CSendWatch watch;
+    QTimer takeOver;
+    bool isEnded = false;
+    int exitCode = ExitDone;
+};
 
 } // namespace
 
-QString readTarget(const CommandLine &line, CallTarget *target)
+QString readTarget(const CommandLine &line, CallTarget *target, QStringList *paths)
 {
     target->abonent = line.operands[0];
-    if (target->abonent.isEmpty())
-        return QStringLiteral("Пустое имя абонента");
-    if (!target->setAddress(line.operands[1]))
-        return QStringLiteral("Адрес абонента задан неверно: %1").arg(line.operands[1]);
+    *paths = line.operands.mid(1);
+    if (Global::filterName(target->abonent).isEmpty())
+        return QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр").arg(target->abonent);
+    if (!paths->isEmpty() && isAddress(paths->first(), target->abonent, target))
+        paths->removeFirst();
+    if (paths->isEmpty() && !line.has("text"))
+        return QStringLiteral("Нечего передавать: укажите файлы, каталоги, - или --text");
     if (!line.has("retry"))
         return QString();
     const QString retries = line.value("retry");
@@ -53,52 +208,41 @@ QString readTarget(const CommandLine &line, CallTarget *target)
 int runSend(const CommandLine &line)
 {
     CallTarget target;
-    const QString mistake = readTarget(line, &target);
+    QStringList paths;
+    const QString mistake = readTarget(line, &target, &paths);
     if (!mistake.isNull())
         return refuse(line, mistake);
-    const QStringList files = line.operands.mid(2);
-    if (files.isEmpty() && !line.has("text"))
-        return refuse(line, QStringLiteral("Нечего передавать: укажите файлы или --text"));
-
-    const bool isVerbose = line.has("verbose");
-    CDelivery delivery;
-    CProgram program(line, isVerbose ? CConsoleMonitor::Shown : CConsoleMonitor::Silent, &delivery);
     const QStringList texts = line.values("text");
-    for (const QString &text : texts)
-        delivery.addText(text);
-    for (const QString &file : files)
-        delivery.addFile(file);
-    if (!delivery.hasAny(CDelivery::Waiting)) {
-        for (const CDelivery::Item &item : delivery.items())
-            program.console.error(QStringLiteral("Не передано: %1: %2")
-                                      .arg(item.isText ? item.title : item.path, item.failure));
-        return ExitUsage;
-    }
-    int exitCode = program.prepare();
-    if (exitCode != ExitDone)
-        return exitCode;
-    if (!program.messenger.keepOnly(ipKind))
+
+    COutboxWriter writer(Global::currentSecrecy());
+    const QString error = writer.begin(target.abonent, target.address, target.port);
+    if (!error.isNull()) {
+        printError(error);
         return ExitTrouble;
-
-    // The server listens as well, if the port is free. If it is not, because `listen` of the same
-    // installation has it, that is no concern of a sender.
-    if (!isVerbose)
-        program.journal.hide(program.messenger.plugin()->name());
-    program.messenger.open();
-
-    CDeliveryCall call(target, delivery, *program.messenger.server(), *program.messenger.plugin(),
-                       program.console);
-    int signalNumber = 0;
-    QObject::connect(&call, &CDeliveryCall::over, &program.messenger, [&](CDeliveryCall::End how) {
-        exitCode = exitCodeOf(how, signalNumber);
-        program.messenger.close();
-    });
-    QObject::connect(&program.interruption, &CInterruption::requested, &call, [&](int number) {
-        signalNumber = number;
-        call.cancel();
-    });
-    QObject::connect(&program.messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
-    QMetaObject::invokeMethod(&call, &CDeliveryCall::begin, Qt::QueuedConnection);
-    QCoreApplication::exec();
-    return exitCode;
+    }
+    RawArguments raw;
+    int failed = 0;
+    const auto note = [&failed](const QString &trouble) {
+        if (trouble.isNull())
+            return;
+        ++failed;
+        printError(QStringLiteral("Не передано: %1").arg(trouble));
+    };
+    for (const QString &text : texts)
+        note(writer.addText(text));
+    for (const QString &path : qAsConst(paths))
+        note(path == QLatin1String("-") ? writer.addStream(STDIN_FILENO, "stdin")
+                                        : writer.addPath(raw.bytesOf(path)));
+    for (const QString &path : writer.leftOut())
+        printError(QStringLiteral("Пропущено, это не файл и не каталог: %1").arg(path));
+    if (writer.entry().messages.empty())
+        return ExitUsage;
+    const QString trouble = writer.commit();
+    if (!trouble.isNull()) {
+        printError(trouble);
+        return ExitTrouble;
+    }
+    printLine(QStringLiteral("Принято к отправке: сообщение %1, абонент '%2'")
+                  .arg(writer.entry().number, target.abonent));
+    return Sending(line, writer.entry(), target.retries, failed).run();
 }

@@ -1,4 +1,4 @@
-// `abonent settings`: what the binary record of the IP channel and settings.ini hold.
+// `abonent settings`: what the binary record of the IP channel, settings.ini and generalSettings.ini hold.
 #include "host/commands/commands.h"
 
 #include "common/csettings.h"
@@ -7,6 +7,8 @@
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
 #include "host/console/printing.h"
+#include "host/delivery/generalsettings.h"
+#include "host/text/untrustedtext.h"
 
 #include <QFile>
 
@@ -38,12 +40,18 @@ QString flagText(int value)
     return value ? QStringLiteral("true") : QStringLiteral("false");
 }
 
+void printRow(const QString &name, const QString &value, const QString &normal, const QString &range,
+              const QString &meaning)
+{
+    printLine(QStringLiteral("  %1 %2 %3 %4 %5")
+                  .arg(name.leftJustified(41), value.leftJustified(8), normal.leftJustified(13),
+                       range.leftJustified(13), meaning));
+}
+
 void printRow(const char *name, const QString &value, const QString &normal, const QString &range,
               const char *meaning)
 {
-    printLine(QStringLiteral("  %1 %2 %3 %4 %5")
-                  .arg(QString::fromLatin1(name).leftJustified(41), value.leftJustified(8),
-                       normal.leftJustified(13), range.leftJustified(13), QString::fromUtf8(meaning)));
+    printRow(QString::fromLatin1(name), value, normal, range, QString::fromUtf8(meaning));
 }
 
 void printTitle(const QString &path)
@@ -94,6 +102,11 @@ int show()
         const QString defaultText = key.flag ? flagText(key.defaultValue) : QString::number(key.defaultValue);
         printRow(key.name, value, defaultText, range, key.meaning);
     }
+
+    printLine(QString());
+    printTitle(Global::generalSettingsFilePath());
+    for (const GeneralSettingsKey &key : generalSettingsKeys())
+        printRow(key.name, printable(key.value), key.defaultValue, key.range, key.meaning);
     return error.isNull() ? ExitDone : ExitTrouble;
 }
 
@@ -142,6 +155,12 @@ public:
             ini.insert(name, key.flag ? QVariant(bool(value)) : QVariant(value));
             return error;
         }
+        for (const GeneralSettingsKey &key : generalSettingsKeys()) {
+            if (name != key.name)
+                continue;
+            general.emplace_back(name, text);
+            return GeneralSettings::refusal(name, text);
+        }
         return QStringLiteral("Нет такого ключа: %1. Все ключи показывает abonent settings show").arg(name);
     }
 
@@ -149,6 +168,34 @@ public:
     /// @param repair whether a damaged record may be replaced
     /// @return null on success, else what is wrong
     QString make(bool repair)
+    {
+        QFile generalFile(Global::generalSettingsFilePath());
+        const bool hadGeneral = generalFile.open(QIODevice::ReadOnly);
+        const QByteArray oldGeneral = hadGeneral ? generalFile.readAll() : QByteArray();
+        QString error = saveGeneral();
+        if (error.isNull())
+            error = makeOthers(repair);
+        if (!error.isNull() && !general.empty()) {
+            if (hadGeneral)
+                Global::safeSaving(generalFile.fileName(), oldGeneral);
+            else
+                generalFile.remove();
+        }
+        return error;
+    }
+
+private:
+    QString saveGeneral() const
+    {
+        for (const auto &[key, text] : general) {
+            const QString error = GeneralSettings::set(key, text);
+            if (!error.isNull())
+                return error;
+        }
+        return QString();
+    }
+
+    QString makeOthers(bool repair)
     {
         const ChannelSettingsFile old = ChannelSettingsFile::read();
         QString error = record.empty() ? QString() : saveRecord(old, repair);
@@ -160,7 +207,6 @@ public:
         return error;
     }
 
-private:
     QString saveRecord(const ChannelSettingsFile &old, bool repair)
     {
         if (!old.error.isNull())
@@ -188,6 +234,7 @@ private:
 
     std::vector<std::pair<const RecordKey *, int>> record;
     QHash<QString, QVariant> ini;
+    std::vector<std::pair<QString, QString>> general;
 };
 
 /// What a file that was made anew holds: nobody has named all of it.
@@ -231,6 +278,8 @@ QStringList settingsCompletions()
         keys << QLatin1String(key.name) + QLatin1Char('=');
     for (const SettingsKey &key : settingsKeys)
         keys << QLatin1String(key.name) + QLatin1Char('=');
+    for (const GeneralSettingsKey &key : generalSettingsKeys())
+        keys << key.name + QLatin1Char('=');
     return keys;
 }
 

@@ -1,44 +1,97 @@
-// The receiving side of a conversation: items that the other side offers go into the store.
+// The receiving side of a conversation: messages that the other side offers go into the inbox.
+//
+//   Offer --Later, Refused, Stored--> passed over
+//         --Send--> Data ... Finish --> waiting for its group --settle()--> Stored
 //
 // Knows neither channel nor clock. Lives in the connection thread.
 #pragma once
 
-#include "host/conversation/cmessagestore.h"
-#include "host/conversation/csha256.h"
+#include "host/conversation/cinbox.h"
 #include "host/conversation/messageframe.h"
+#include "host/delivery/generalsettings.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
 
 class CItemReceiver
 {
 public:
-    explicit CItemReceiver(CMessageStore *inStore) : store(inStore) {}
-
-    /// What has to follow a frame.
-    struct Reaction
+    /// Whom the messages come from.
+    struct Sender
     {
-        QByteArray reply;    // a frame for the other side, or empty
-        QString event;       // for people, or null
-        QString error;       // for people: an item was lost; or null
-        QString fault;       // the other side broke the protocol: how; or null
-        bool stored = false; // an item is safe now
+        QString name;
+        QByteArray key; // fingerprint
+        bool isStranger = false;
+        StrangerQuotas quotas; // for strangers
+        int messagesToday = 0; // from this one so far
     };
 
-    /// @param sender the name of the other side, for the message's description
-    Reaction takeOffer(const OfferFrame &offer, const QString &sender);
-    Reaction takeData(std::string_view bytes);
+    /// What people should know.
+    struct Notice
+    {
+        bool isStored = false;
+        OfferFrame offer;
+        QByteArray digest;
+        QString text;      // beginning of a text
+        QString directory; // when stored
+        QString reason;    // when not
+    };
+
+    /// What has to follow.
+    struct Reaction
+    {
+        QByteArray reply; // frames for the other side, or empty
+        QString fault;    // the other side broke the protocol: how; or null
+        std::vector<Notice> notices;
+    };
+
+    /// @param inbox outlives the receiver
+    /// @param onSuperseded see CInboxSession
+    CItemReceiver(CInbox &inbox, const Sender &sender, std::function<void()> onSuperseded);
+
+    Reaction takeOffer(const OfferFrame &offer);
+    Reaction takeData(quint32 item, std::string_view bytes);
     Reaction takeFinish(const FinishFrame &finish);
 
-private:
-    Reaction refuse(const QString &reason);
-    QByteArray description(const QByteArray &digest) const;
-    QString title() const;
+    /// Reads some of what is on the disk of messages that go on. Call again while isBusy().
+    Reaction work();
+    bool isBusy() const { return !catchingUp.empty(); }
 
-    CMessageStore *store;
-    OfferFrame current;
-    QString from;
-    std::unique_ptr<CIncomingMessage> message; // null: nothing under way, or the rest is passed over
-    bool isOpen = false;                       // between an accepted offer and its end
-    qint64 arrived = 0;
-    int refusals = 0;     // of this connection
-    QByteArray beginning; // of a text, to show it
-    CSha256 sha;
+    /// Stores what is complete, as a group; blocks until it is on the disk.
+    Reaction settle();
+    bool wantsToSettle() const { return finished.size() >= groupSize; }
+
+    /// Whether anything is arriving.
+    bool isUnderWay() const { return !items.empty(); }
+
+private:
+    static constexpr std::size_t groupSize = 256;
+
+    struct Item
+    {
+        OfferFrame offer;
+        std::unique_ptr<CIncomingMessage> message; // null: passed over
+        qint64 arrived = 0;                        // in this connection and before
+        bool isAnswered = false;                   // large ones: it may send
+        QByteArray beginning;                      // of a text, to show it
+        QByteArray digest;                         // when finished
+    };
+
+    Reaction refuse(Item &item, AnswerFrame::Verdict verdict, const QString &reason);
+    QString unacceptable(const OfferFrame &offer) const;
+    QString overQuota(const OfferFrame &offer);
+    QByteArray description(const Item &item) const;
+
+    CInbox &box;
+    const Sender from;
+    CInboxSession session;
+    std::map<quint32, Item> items;
+    std::vector<quint32> catchingUp;
+    std::vector<quint32> finished; // in the order they came
+    quint32 last = 0;
+    int refusals = 0;  // of this connection
+    int taken = 0;     // messages of this connection
+    QString heldTexts; // one had no room: no more texts are taken, so that they keep their order
 };

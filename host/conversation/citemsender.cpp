@@ -1,150 +1,215 @@
 #include "host/conversation/citemsender.h"
 
-#include "common/global.h"
-
-#include <QFile>
-
-#include <cerrno>
+#include <algorithm>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-CItemSender::CItemSender(CDelivery &ofDelivery) : delivery(ofDelivery)
+namespace {
+
+constexpr qint64 smallBytes = 256 * 1024; // sent without waiting for an answer
+constexpr qint64 askedBytes = 4 * 1024;   // not more than the question
+constexpr std::size_t mostFlights = 512;
+constexpr qint64 mostEagerBytes = 16 * 1024 * 1024;
+constexpr int mostLargeOffers = 2;
+constexpr int mostPostponed = 16;              // the other side has no room: going on would be in vain
+constexpr int checkedAtOnce = 8 * 1024 * 1024; // read before other events get their turn
+constexpr int readBytes = 256 * 1024;
+
+} // namespace
+
+CItemSender::CItemSender(std::shared_ptr<CSendQueue> fromQueue) : queue(std::move(fromQueue))
 {
-    frame.reserve(FrameLimits::headerSize + FrameLimits::dataBytes); // a reserved array keeps its memory
+    frame.reserve(FrameLimits::dataHeaderSize + FrameLimits::dataBytes); // a reserved array keeps its memory
 }
 
-CItemSender::~CItemSender()
-{
-    closeFile();
-}
+CItemSender::~CItemSender() = default;
 
 QByteArray CItemSender::nextFrame(int room)
 {
     frame.resize(0);
-    if (state == Nothing && openNext())
-        return offer();
-    if (state != Sending)
-        return frame;
-    if (done == item->size)
-        return finish();
-    makeData(room);
-    return frame;
-}
-
-/// Opens the next item that can be opened; those before it have failed.
-bool CItemSender::openNext()
-{
-    for (int index = delivery.beginNext(); index >= 0; index = delivery.beginNext()) {
-        item = &delivery.items()[std::size_t(index)];
-        if (openItem())
-            return true;
-        delivery.failItem(spoiled);
-        closeFile();
+    busy = false;
+    auto flight = flights.find(current);
+    if (flight == flights.end()) {
+        flight = std::find_if(flights.begin(), flights.end(), [](const auto &each) {
+            return each.second.state == Checking || each.second.state == Ready;
+        });
+        if (flight == flights.end())
+            return postponed > mostPostponed ? QByteArray() : offerNext();
+        current = flight->first;
+        if (flight->second.state == Ready)
+            flight->second.state = Sending;
     }
-    state = Over;
-    return false;
+    if (flight->second.job.entry->isWithdrawn && !flight->second.isAtOnce) {
+        giveUp(flight, QString());
+        busy = true;
+        return frame;
+    }
+    return flight->second.state == Checking ? check(flight) : send(flight, room);
 }
 
-bool CItemSender::openItem()
+QByteArray CItemSender::offerNext()
 {
-    done = 0;
-    spoiled = QString();
-    sha.take(); // of an item that was broken off
-    if (item->isText)
-        return true;
-    file = ::open(QFile::encodeName(item->path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    struct stat status
-    {};
-    if (file < 0 || ::fstat(file, &status) != 0)
-        spoiled = qt_error_string(errno);
-    else if (!S_ISREG(status.st_mode) || status.st_size != item->size)
-        spoiled = QStringLiteral("файл изменился");
-    return spoiled.isNull();
+    if (flights.size() >= mostFlights || eagerBytes >= mostEagerBytes)
+        return QByteArray();
+    const CSendQueue::Job job = queue->takeUp(smallBytes, largeOffers < mostLargeOffers);
+    return job.entry ? offer(job, false) : QByteArray();
 }
 
-QByteArray CItemSender::offer()
+QByteArray CItemSender::offer(const CSendQueue::Job &job, bool isAnew)
 {
-    OfferFrame question;
-    question.item = ++number;
-    question.kind = item->isText ? OfferFrame::Text : OfferFrame::File;
-    question.size = item->size;
-    question.name = item->isText ? QString() : item->title;
-    state = Offered;
+    Flight flight;
+    flight.job = job;
+    OfferFrame question = job.message().offer;
+    question.item = ++last;
+    question.isAnew = isAnew;
+    // What was under way before may be stored there, though we have not heard: better ask than send it again.
+    const bool mayBeThere = job.isAgain && question.size > askedBytes;
+    question.isAtOnce = flight.isAtOnce =
+        question.size <= smallBytes && question.kind != OfferFrame::Tree && !mayBeThere;
+    flight.offeredSize = question.size;
+    flight.reader = std::make_unique<COutgoingReader>(job.entry->directory, job.message());
+    if (flight.isAtOnce) {
+        flight.state = Sending;
+        eagerBytes += question.size;
+        current = last;
+    } else if (question.size > smallBytes) {
+        ++largeOffers;
+    }
+    flights.emplace(last, std::move(flight));
     return question.toBytes();
 }
 
-void CItemSender::makeData(int room)
+/// @return whether the bytes were read; otherwise the flight is over, and *anew is what to send instead
+bool CItemSender::isRead(Flights::iterator flight, char *bytes, int size, QByteArray *anew)
 {
-    const qint64 wanted = qBound(1, room - FrameLimits::headerSize, FrameLimits::dataBytes);
-    const int size = int(qMin(wanted, item->size - done));
-    char *payload = startDataFrame(&frame, size);
-    if (item->isText)
-        std::memcpy(payload, item->text.constData() + done, std::size_t(size));
-    else
-        fillFromFile(payload, size);
-    sha.add({payload, std::size_t(size)});
-    done += size;
-    delivery.addSent(size);
-}
-
-void CItemSender::fillFromFile(char *payload, int size)
-{
-    int filled = 0;
-    while (filled < size && spoiled.isNull()) {
-        const ssize_t count = ::read(file, payload + filled, std::size_t(size - filled));
-        if (count == 0)
-            spoiled = QStringLiteral("файл изменился");
-        else if (count < 0 && errno != EINTR)
-            spoiled = qt_error_string(errno);
-        filled += int(qMax<ssize_t>(count, 0));
+    const COutgoingReader::Result result = flight->second.reader->read(bytes, size);
+    if (result == COutgoingReader::Good) {
+        flight->second.sha.add({bytes, std::size_t(size)});
+        flight->second.done += size;
+        return true;
     }
-    std::memset(payload + filled, 0, std::size_t(size - filled));
+    const CSendQueue::Job job = flight->second.job;
+    QString why = flight->second.reader->reason();
+    if (result == COutgoingReader::Changed) {
+        why = job.entry->refresh(job.index);
+        if (why.isNull()) {
+            giveUp(flight, QString());
+            *anew = offer(job, false); // another stamp: the other side forgets what it has
+            return false;
+        }
+    }
+    queue->refused(job, why);
+    giveUp(flight, why);
+    return false;
 }
 
-QByteArray CItemSender::finish()
+/// Reads what the other side has already, to see whether it is the same.
+QByteArray CItemSender::check(Flights::iterator flight)
 {
-    digest = sha.take();
-    if (!spoiled.isNull())
-        digest.fill('\0');
-    state = Finished;
-    closeFile();
+    QByteArray bytes(readBytes, Qt::Uninitialized);
+    Flight &now = flight->second;
+    for (int budget = checkedAtOnce; budget > 0 && now.done < now.have; budget -= readBytes) {
+        QByteArray anew;
+        if (!isRead(flight, bytes.data(), int(qMin<qint64>(bytes.size(), now.have - now.done)), &anew)) {
+            busy = anew.isEmpty();
+            return anew;
+        }
+    }
+    if (now.done == now.have) {
+        if (now.sha.soFar() != now.haveDigest) {
+            const CSendQueue::Job job = now.job;
+            giveUp(flight, QString());
+            return offer(job, true);
+        }
+        now.state = Sending;
+        return send(flight, readBytes);
+    }
+    busy = true;
+    return QByteArray();
+}
+
+QByteArray CItemSender::send(Flights::iterator flight, int room)
+{
+    Flight &now = flight->second;
+    const qint64 left = now.job.message().offer.size - now.done;
+    if (left > 0) {
+        const qint64 wanted = qBound(1, room - FrameLimits::dataHeaderSize, FrameLimits::dataBytes);
+        const int size = int(qMin(wanted, left));
+        QByteArray anew;
+        if (!isRead(flight, startDataFrame(&frame, flight->first, size), size, &anew)) {
+            frame.resize(0);
+            busy = anew.isEmpty();
+            return anew;
+        }
+        queue->sent(now.job, now.done);
+        return frame;
+    }
+    current = 0;
+    const QByteArray digest = now.digest = now.sha.soFar();
+    const quint32 number = flight->first;
+    now.state = Finished;
+    now.reader.reset();
+    if (now.isOver)
+        giveUp(flight, QString());
     return FinishFrame{number, digest}.toBytes();
 }
 
-QString CItemSender::takeAnswer(const AnswerFrame &answer, QString *event)
+/// The flight is over. @param why null: there is nothing to tell
+void CItemSender::giveUp(Flights::iterator flight, const QString &why)
 {
-    if (state == Nothing || state == Over || answer.item != number)
-        return QStringLiteral("ответ без вопроса");
-    if (answer.verdict == AnswerFrame::Refused) {
-        delivery.failItem(spoiled.isNull() ? QStringLiteral("абонент не принял: %1").arg(answer.reason)
-                                           : spoiled);
-        endItem();
-    } else if (state == Offered && answer.verdict == AnswerFrame::Welcome) {
-        state = Sending;
-    } else if (state == Finished && answer.verdict == AnswerFrame::Stored) {
-        if (answer.digest != digest)
-            return QStringLiteral("подтверждена чужая контрольная сумма");
-        *event = QStringLiteral("Абонент сохранил: %1, %2, SHA-256 %3")
-                     .arg(item->title, Global::sizeString(item->size), QString::fromLatin1(digest.toHex()));
-        delivery.confirm();
-        endItem();
-    } else {
-        return QStringLiteral("ответ не ко времени");
+    if (!why.isNull())
+        ownNotices.push_back({flight->second.job, false, {}, why});
+    if (flight->second.isAtOnce)
+        eagerBytes -= flight->second.offeredSize;
+    else if (flight->second.offeredSize > smallBytes)
+        --largeOffers;
+    if (current == flight->first)
+        current = 0;
+    flights.erase(flight);
+}
+
+QString CItemSender::takeAnswer(const AnswerFrame &answer, std::vector<Notice> *notices)
+{
+    const auto flight = flights.find(answer.item);
+    if (flight == flights.end() || flight->second.isOver) // given up meanwhile, or never offered
+        return answer.item == 0 || answer.item > last ? QStringLiteral("ответ без вопроса") : QString();
+    Flight &now = flight->second;
+    const CSendQueue::Job job = now.job;
+
+    if (answer.verdict == AnswerFrame::Send) {
+        if (now.state != Offered || now.isAtOnce)
+            return QStringLiteral("ответ не ко времени");
+        now.have = qMin(answer.have, job.message().offer.size);
+        now.haveDigest = answer.digest;
+        now.state = now.have > 0 ? Checking : Ready;
+        return QString();
     }
+    if (answer.verdict == AnswerFrame::Stored) {
+        if (now.state == Finished && answer.digest != now.digest && now.isAtOnce)
+            return QStringLiteral("подтверждена чужая контрольная сумма");
+        notices->push_back({job, true, answer.digest, QString()});
+        queue->stored(job, answer.digest);
+    } else if (answer.verdict == AnswerFrame::Refused) {
+        notices->push_back({job, false, {}, answer.reason});
+        queue->refused(job, answer.reason);
+    } else {
+        ++postponed; // it stays under way for the queue, so it is not offered again here
+        reason = answer.reason;
+    }
+    // Bytes that are to follow at once follow to their end: the other side passes over them.
+    if (now.isAtOnce && now.state == Sending)
+        now.isOver = true;
+    else
+        giveUp(flight, QString());
     return QString();
 }
 
-void CItemSender::endItem()
+qint64 CItemSender::unconfirmed() const
 {
-    state = Nothing;
-    closeFile();
-}
-
-void CItemSender::closeFile()
-{
-    if (file >= 0)
-        ::close(file);
-    file = -1;
+    qint64 sum = 0;
+    for (const auto &[number, flight] : flights) {
+        Q_UNUSED(number)
+        if (flight.state == Finished)
+            sum += flight.done;
+    }
+    return sum;
 }

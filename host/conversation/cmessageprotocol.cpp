@@ -1,11 +1,15 @@
 #include "host/conversation/cmessageprotocol.h"
 
+#include "common/buildconstants.h"
 #include "common/global.h"
 #include "common/terminationguard.h"
-#include "host/conversation/cdelivery.h"
+#include "host/conversation/csendqueue.h"
+#include "host/delivery/cidentity.h"
+#include "host/delivery/cmessagejournal.h"
 #include "interfaces/cjournal.h"
 
 #include <QAbstractEventDispatcher>
+#include <QFile>
 
 #include <utility>
 
@@ -13,19 +17,45 @@ namespace {
 
 constexpr int answeredGreetingMs = 5000;
 constexpr int placedGreetingMs = 15000;
-constexpr int clockMs = 20000; // how often a quiet connection is looked at
-constexpr int silenceLimitMs = 60000;
+constexpr int quietClockMs = 20000; // how often a connection without anything under way is looked at
+constexpr int busyClockMs = 2000;
+constexpr int quietLimitMs = 60000;
+constexpr int busyPingMs = 4000;
+constexpr int busyLimitMs = 15000;
+constexpr qint64 slowestDiskBytesPerMs = 4 * 1024; // the other side may be waiting for its disk
 
 constexpr int readBytes = 256 * 1024;
 constexpr int readBytesBeforeGreeting = 8 * 1024;
-constexpr int turnBytes = 1024 * 1024; // read or written before other events get their turn
-constexpr int outboxLimit = 16 * 1024; // beyond it we do not read on: who does not listen is not heard
-constexpr int leastRoom = 512;         // smaller pieces are not worth sending
+constexpr int turnBytes = 1024 * 1024;  // read or written before other events get their turn
+constexpr int outboxLimit = 256 * 1024; // beyond it we do not read on: who does not listen is not heard
+constexpr int leastRoom = 512;          // smaller pieces are not worth sending
+constexpr qint64 usefulBytes = 64 * 1024;
+constexpr int shownTextLength = 500;
+
+QString titleOf(const OfferFrame &offer, const QString &text)
+{
+    if (offer.kind == OfferFrame::Text)
+        return QStringLiteral("текст \"%1\"").arg(Global::cut(text, shownTextLength));
+    const QString name = QFile::decodeName(offer.name);
+    return (offer.kind == OfferFrame::Tree ? QStringLiteral("каталог '%1'") : QStringLiteral("файл '%1'"))
+        .arg(name);
+}
+
+JournalEntry rowOf(JournalRow kind, const QString &abonent, const OfferFrame &offer)
+{
+    JournalEntry row;
+    row.kind = kind;
+    row.abonent = abonent;
+    row.name = offer.kind == OfferFrame::Text ? QString() : QFile::decodeName(offer.name);
+    row.size = offer.size;
+    row.message = QString::fromLatin1(offer.identity.toHex());
+    return row;
+}
 
 } // namespace
 
 CMessageProtocol::CMessageProtocol(CChannel *ownedChannel, const Context &around)
-    : CAbstractProtocol(ownedChannel), context(around), receiver(around.store)
+    : CAbstractProtocol(ownedChannel), context(around)
 {
     deadline.setSingleShot(true);
     connect(&deadline, &QTimer::timeout, this, &CMessageProtocol::lookAtClock);
@@ -34,17 +64,20 @@ CMessageProtocol::CMessageProtocol(CChannel *ownedChannel, const Context &around
 CMessageProtocol::~CMessageProtocol()
 {
     context.unnamed->remove(this);
+    if (queue)
+        queue->detach(this);
 }
 
 void CMessageProtocol::start()
 {
     CAbstractProtocol::start();
     isPlaced = !remoteAbonentName.isEmpty();
+    calledFilteredName = remoteAbonentFilteredName;
     sinceExchange.start();
     deadline.start(isPlaced ? placedGreetingMs : answeredGreetingMs);
-    if (isPlaced)
-        outbox = GreetingFrame{GreetingFrame::currentVersion, context.ownName}.toBytes();
-    else
+    tls = std::make_unique<CTlsSession>(isPlaced ? CTlsSession::Calling : CTlsSession::Answering,
+                                        *context.identity);
+    if (!isPlaced)
         context.unnamed->add(this, context.originOf(label));
 
     connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
@@ -54,14 +87,29 @@ void CMessageProtocol::start()
 
 void CMessageProtocol::stop()
 {
-    request = Stop;
-    QMetaObject::invokeMethod(this, &CMessageProtocol::work, Qt::QueuedConnection);
+    leaveWord(Stop);
 }
 
 void CMessageProtocol::giveWay()
 {
-    int none = NoRequest;
-    request.compare_exchange_strong(none, GiveWay);
+    leaveWord(GiveWay);
+}
+
+void CMessageProtocol::superseded()
+{
+    leaveWord(Superseded);
+}
+
+void CMessageProtocol::wake()
+{
+    leaveWord(NoRequest);
+}
+
+void CMessageProtocol::leaveWord(int what)
+{
+    int known = request;
+    while (known < what && !request.compare_exchange_weak(known, what)) {
+    }
     QMetaObject::invokeMethod(this, &CMessageProtocol::work, Qt::QueuedConnection);
 }
 
@@ -74,15 +122,25 @@ void CMessageProtocol::work()
     if (isEnded)
         return;
     if (request == Stop)
-        return sayGoodbye(QStringLiteral("Абонент завершает работу"));
+        return sayGoodbye(ByeFrame::Stopping, QStringLiteral("Абонент завершает работу"));
     if (request == GiveWay)
         return breakOff(QStringLiteral("слишком много соединений, в которых абонент не назвался"));
+    if (request == Superseded)
+        return breakOff(QStringLiteral("абонент вызвал снова"));
 
     receive();
     if (!isEnded)
         transmit();
     if (!isEnded && !channel->isConnected() && !isWorkQueued)
-        end(QStringLiteral("Соединение потеряно"));
+        end(CSendQueue::NotDelivered, QStringLiteral("Соединение потеряно"));
+    if (!isEnded && isGreeted && deadline.interval() != clockMs())
+        deadline.start(clockMs());
+}
+
+/// How soon the clock is to be looked at.
+int CMessageProtocol::clockMs() const
+{
+    return isUnderWay() ? busyClockMs : isPlaced ? qBound(1, context.lingerMs, quietClockMs) : quietClockMs;
 }
 
 void CMessageProtocol::workAgain()
@@ -96,43 +154,101 @@ void CMessageProtocol::workAgain()
 void CMessageProtocol::receive()
 {
     int turn = turnBytes;
-    while (!isEnded && outbox.size() < outboxLimit) {
+    bool isDry = false; // nothing more has come
+    while (!isEnded && !isDry && outbox.size() < outboxLimit) {
         FrameView frame{};
         const CFrameReader::Step step = reader.next(&frame);
-        if (step == CFrameReader::Ready) {
-            take(frame);
-            continue;
-        }
         if (step == CFrameReader::Malformed)
             return breakOff(QStringLiteral("это не протокол абонента"));
-        if (turn <= 0)
+        if (step == CFrameReader::Ready)
+            take(frame);
+        else if (turn <= 0)
             return workAgain();
-        const QByteArray bytes = channel->read(isGreeted ? readBytes : readBytesBeforeGreeting);
-        if (bytes.isEmpty())
-            return;
-        turn -= bytes.size();
-        sinceExchange.start();
-        reader.feed(bytes);
+        else
+            isDry = !takeBytes(&turn);
+        if (!isEnded && receiver && receiver->wantsToSettle())
+            react(receiver->settle());
     }
+    // All that has come together is stored together: one wait for the disk.
+    if (!isEnded && receiver)
+        react(receiver->settle());
+    if (!isEnded && receiver && receiver->isBusy()) {
+        react(receiver->work());
+        workAgain();
+    }
+}
+
+/// Takes what the channel has and gives the reader what TLS makes of it. @return whether there was anything
+bool CMessageProtocol::takeBytes(int *turn)
+{
+    QByteArray plain = tls->takePlain(readBytes);
+    if (plain.isEmpty()) {
+        const QByteArray bytes = channel->read(isGreeted ? readBytes : readBytesBeforeGreeting);
+        if (!bytes.isEmpty()) {
+            sinceExchange.start();
+            const bool wasEstablished = tls->isEstablished();
+            if (!wasEstablished && firstBytes.size() < 8)
+                firstBytes += bytes.left(8);
+            tls->feed(bytes);
+            *turn -= bytes.size();
+            if (!wasEstablished && tls->isEstablished())
+                secured();
+            plain = tls->takePlain(readBytes);
+            if (plain.isEmpty() && tls->trouble().isNull())
+                return true;
+        }
+    }
+    if (!plain.isEmpty()) {
+        reader.feed(plain);
+        return true;
+    }
+    if (!tls->trouble().isNull()) {
+        if (!isPlaced && isVersion1(firstBytes))
+            refuseVersion1();
+        else
+            breakOff(tls->trouble());
+    }
+    return false;
+}
+
+/// The other side has proved which key it has. Who has called speaks first.
+void CMessageProtocol::secured()
+{
+    if (isPlaced)
+        outbox += HelloFrame{HelloFrame::currentVersion, context.ownPort, context.ownName,
+                             QLatin1String(BuildConstants::version)}
+                      .toBytes();
 }
 
 void CMessageProtocol::take(const FrameView &frame)
 {
-    if (!isGreeted && frame.type != FrameType::Greeting && frame.type != FrameType::Bye)
+    if (!isGreeted && frame.type != FrameType::Hello && frame.type != FrameType::Bye)
         return breakOff(QStringLiteral("абонент не назвался"));
 
     switch (frame.type) {
-    case FrameType::Greeting:
-        return takeGreeting(GreetingFrame::fromPayload(frame.payload));
+    case FrameType::Hello:
+        return takeHello(HelloFrame::fromPayload(frame.payload));
     case FrameType::Offer:
-        if (const auto offer = OfferFrame::fromPayload(frame.payload))
-            return react(receiver.takeOffer(*offer, remoteAbonentName));
+        if (const auto offer = OfferFrame::fromPayload(frame.payload)) {
+            if (receiver)
+                return react(receiver->takeOffer(*offer));
+            outbox +=
+                AnswerFrame{offer->item, AnswerFrame::Later, 0, {}, QStringLiteral("Здесь не принимают")}
+                    .toBytes();
+            return;
+        }
         break;
     case FrameType::Data:
-        return react(receiver.takeData(frame.payload));
+        moved += qint64(frame.payload.size());
+        if (receiver)
+            react(receiver->takeData(frame.item, frame.payload));
+        return;
     case FrameType::Finish:
-        if (const auto finish = FinishFrame::fromPayload(frame.payload))
-            return react(receiver.takeFinish(*finish));
+        if (const auto finish = FinishFrame::fromPayload(frame.payload)) {
+            if (receiver)
+                react(receiver->takeFinish(*finish));
+            return;
+        }
         break;
     case FrameType::Answer:
         if (const auto answer = AnswerFrame::fromPayload(frame.payload))
@@ -143,95 +259,229 @@ void CMessageProtocol::take(const FrameView &frame)
         return;
     case FrameType::Pong:
         isPingSent = false;
+        if (isPlaced && context.ping) {
+            context.ping->isAnswered = true;
+            context.ping->roundTripUs = sincePing.nsecsElapsed() / 1000;
+            sayGoodbye(ByeFrame::Done, QString());
+        }
         return;
     case FrameType::Bye:
-        if (const auto reason = byeReason(frame.payload)) {
-            channel->disconnectFromAbonent();
-            return end(reason->isEmpty() ? QStringLiteral("Абонент закончил разговор") : *reason);
-        }
+        if (const auto bye = ByeFrame::fromPayload(frame.payload))
+            return takeBye(*bye);
         break;
     }
     breakOff(QStringLiteral("неверное содержание кадра %1").arg(int(frame.type)));
 }
 
-void CMessageProtocol::takeGreeting(const std::optional<GreetingFrame> &greeting)
+void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
 {
-    if (isGreeted || !greeting)
+    if (isGreeted || !hello)
         return breakOff(QStringLiteral("неверное приветствие"));
-    if (greeting->version != GreetingFrame::currentVersion) {
-        return sayGoodbye(QStringLiteral("Версия протокола %1 не поддерживается, нужна %2")
-                              .arg(greeting->version)
-                              .arg(GreetingFrame::currentVersion));
+    if (hello->version != HelloFrame::currentVersion) {
+        return sayGoodbye(ByeFrame::Unreadable,
+                          QStringLiteral("Версия протокола %1 не поддерживается, нужна %2")
+                              .arg(hello->version)
+                              .arg(HelloFrame::currentVersion));
     }
-    const QString filteredName = Global::filterName(greeting->name);
+    const QString filteredName = Global::filterName(hello->name);
     if (filteredName.isEmpty())
         return breakOff(QStringLiteral("в имени абонента нет ни букв, ни цифр"));
 
     isGreeted = true;
-    const bool isSomebodyElse = isPlaced && filteredName != remoteAbonentFilteredName;
-    remoteAbonentName = greeting->name;
+    const bool isSomebodyElse = isPlaced && filteredName != calledFilteredName;
+    remoteAbonentName = hello->name;
     remoteAbonentFilteredName = filteredName;
     if (isSomebodyElse) {
-        const QString text = QStringLiteral("Ответил другой абонент: '%1'").arg(greeting->name);
-        if (context.delivery)
-            context.delivery->refuseAbonent(text);
-        return sayGoodbye(QStringLiteral("Вызван другой абонент"));
+        const QString text = QStringLiteral("Ответил другой абонент: '%1'").arg(hello->name);
+        if (context.ping)
+            context.ping->trouble = text;
+        if (context.queues)
+            context.queues->of(calledFilteredName)->setTrouble(CSendQueue::SomebodyElse, text);
+        return sayGoodbye(ByeFrame::WrongOne, QStringLiteral("Вызван другой абонент"));
+    }
+    if (!isPlaced && !context.inbox)
+        return sayGoodbye(ByeFrame::Stopping, QStringLiteral("Абонент сейчас не принимает вызовы"));
+    believe(*hello, context.contacts->judge(hello->name, tls->peerFingerprint(),
+                                            isPlaced ? CContacts::Placed : CContacts::Answered));
+}
+
+/// Goes on with an abonent whose name and key fit, or ends.
+void CMessageProtocol::believe(const HelloFrame &hello, const Judgement &judgement)
+{
+    if (!judgement.text.isNull())
+        context.journal->addRecord(judgement.mayGoOn() ? JournalEvent : JournalError, label, judgement.text);
+    if (!judgement.mayGoOn()) {
+        JournalEntry row;
+        row.kind = judgement.verdict == Verdict::KeyChanged || judgement.verdict == Verdict::NameTaken
+                       ? JournalRow::KeyChanged
+                       : JournalRow::Refused;
+        row.abonent = hello.name;
+        row.text = judgement.text;
+        if (context.messages)
+            context.messages->add(row);
+        if (context.ping)
+            context.ping->trouble = judgement.text;
+        if (isPlaced && context.queues)
+            context.queues->of(calledFilteredName)->setTrouble(CSendQueue::SomebodyElse, judgement.text);
+        const bool isKey = row.kind == JournalRow::KeyChanged;
+        return sayGoodbye(ByeFrame::Unwelcome,
+                          isKey ? QStringLiteral("Это имя здесь записано с другим ключом")
+                                : QStringLiteral("Вызываемый абонент не принимает от вас"));
     }
     context.unnamed->remove(this);
-    deadline.start(clockMs);
     if (!isPlaced)
-        outbox += GreetingFrame{GreetingFrame::currentVersion, context.ownName}.toBytes();
-    else if (context.delivery)
-        sender = std::make_unique<CItemSender>(*context.delivery);
+        outbox += HelloFrame{HelloFrame::currentVersion, context.ownPort, context.ownName,
+                             QLatin1String(BuildConstants::version)}
+                      .toBytes();
     emit remoteAbonentNameChanged(remoteAbonentName);
+    if (isPlaced && context.ping) {
+        context.ping->name = hello.name;
+        context.ping->program = hello.program;
+        context.ping->key = tls->peerFingerprint();
+        sincePing.start();
+        outbox += emptyFrame(FrameType::Ping);
+        return;
+    }
+    if (context.inbox) {
+        CItemReceiver::Sender from;
+        from.name = hello.name;
+        from.key = tls->peerFingerprint();
+        const GeneralSettings settings = GeneralSettings::load();
+        from.isStranger = judgement.isStranger() && settings.policy != WritingPolicy::All;
+        if (from.isStranger) {
+            const QDateTime today(QDate::currentDate(), QTime(0, 0));
+            from.quotas = settings.quotas;
+            from.messagesToday = CMessageJournal::received(Global::journalsFilePath(Global::currentSecrecy()),
+                                                           today, hello.name)
+                                     .messages;
+        }
+        receiver = std::make_unique<CItemReceiver>(*context.inbox, from, [this] { superseded(); });
+    }
+    if (context.queues) {
+        queue = context.queues->of(remoteAbonentFilteredName);
+        if (queue->attach(this))
+            sender = std::make_unique<CItemSender>(queue);
+        else
+            queue.reset(); // another connection sends
+    }
+}
+
+void CMessageProtocol::takeBye(const ByeFrame &bye)
+{
+    channel->disconnectFromAbonent();
+    const QString reason = bye.reason.isEmpty() ? QStringLiteral("Абонент закончил разговор") : bye.reason;
+    if (bye.code != ByeFrame::Done && bye.code != ByeFrame::Stopping)
+        context.journal->addRecord(JournalError, label, QStringLiteral("Абонент отказался: %1").arg(reason));
+    if (context.ping && isPlaced)
+        context.ping->trouble = reason;
+    end(bye.code == ByeFrame::WrongOne ? CSendQueue::SomebodyElse : CSendQueue::NotDelivered, reason);
 }
 
 void CMessageProtocol::takeAnswer(const AnswerFrame &answer)
 {
-    QString event;
-    const QString fault = sender ? sender->takeAnswer(answer, &event) : QStringLiteral("ответ без вопроса");
+    std::vector<CItemSender::Notice> notices;
+    const QString fault = sender ? sender->takeAnswer(answer, &notices) : QStringLiteral("ответ без вопроса");
     if (!fault.isNull())
         return breakOff(fault);
-    if (!event.isNull()) {
-        wasUseful = true;
-        context.journal->addRecord(JournalEvent, label, event);
-    }
+    for (const CItemSender::Notice &notice : notices)
+        tell(notice);
 }
 
 void CMessageProtocol::react(const CItemReceiver::Reaction &reaction)
 {
     outbox += reaction.reply;
-    wasUseful |= reaction.stored;
-    if (!reaction.event.isNull())
-        context.journal->addRecord(JournalEvent, label, reaction.event);
-    if (!reaction.error.isNull())
-        context.journal->addRecord(JournalError, label, reaction.error);
+    for (const CItemReceiver::Notice &notice : reaction.notices)
+        tell(notice);
     if (!reaction.fault.isNull())
         breakOff(reaction.fault);
 }
 
-/// Writes as much as the channel wants, so that no write has to wait. When it wants nothing more,
-/// bytes of ours are queued in it, and their departure wakes us.
+void CMessageProtocol::tell(const CItemReceiver::Notice &notice)
+{
+    const QString title = titleOf(notice.offer, notice.text);
+    JournalEntry row =
+        rowOf(notice.isStored ? JournalRow::Received : JournalRow::Refused, remoteAbonentName, notice.offer);
+    row.digest = notice.digest;
+    row.text = notice.reason;
+    if (context.messages)
+        context.messages->add(row);
+    if (!notice.isStored) {
+        context.journal->addRecord(
+            JournalError, label,
+            QStringLiteral("Не принято от '%1': %2. %3").arg(remoteAbonentName, title, notice.reason));
+        return;
+    }
+    wasUseful = true;
+    context.journal->addRecord(JournalEvent, label,
+                               QStringLiteral("Принято от '%1': %2, %3, SHA-256 %4, каталог %5")
+                                   .arg(remoteAbonentName, title, Global::sizeString(notice.offer.size),
+                                        QString::fromLatin1(notice.digest.toHex()), notice.directory));
+    if (context.onStored)
+        context.onStored(notice.directory);
+}
+
+void CMessageProtocol::tell(const CItemSender::Notice &notice)
+{
+    const OutgoingMessage &message = notice.job.message();
+    JournalEntry row =
+        rowOf(notice.isStored ? JournalRow::Sent : JournalRow::Refused, remoteAbonentName, message.offer);
+    row.digest = notice.digest;
+    row.text = notice.reason;
+    if (context.messages)
+        context.messages->add(row);
+    wasUseful |= notice.isStored;
+    if (context.isWatched)
+        return;
+    context.journal->addRecord(
+        notice.isStored ? JournalEvent : JournalError, label,
+        notice.isStored ? QStringLiteral("Абонент сохранил: %1, %2, SHA-256 %3")
+                              .arg(message.title(), Global::sizeString(message.offer.size),
+                                   QString::fromLatin1(notice.digest.toHex()))
+                        : QStringLiteral("Не передано: %1. %2").arg(message.title(), notice.reason));
+}
+
+/// Writes as much as the channel wants, so that no write has to wait. When it wants nothing more, bytes of
+/// ours are queued in it, and their departure wakes us.
 void CMessageProtocol::transmit()
 {
     for (int turn = turnBytes; channel->isConnected();) {
         const int room = channel->idealBlockSize();
         if (room < leastRoom)
             return;
+        if (tls->outgoingSize() > 0) {
+            const QByteArray bytes = tls->takeOutgoing(tls->outgoingSize());
+            turn -= bytes.size();
+            channel->write(bytes);
+            continue;
+        }
+        if (!tls->isEstablished())
+            return;
         if (turn <= 0)
             return workAgain();
         const QByteArray frame = nextFrame(room);
         if (frame.isEmpty())
             break;
-        turn -= frame.size();
-        channel->write(frame);
-        sinceExchange.start();
+        if (!tls->write(frame))
+            return breakOff(tls->trouble());
+        if (frame.size() > FrameLimits::headerSize) // a ping is no sign of life
+            sinceExchange.start();
     }
-    if (sender && sender->isDone())
-        sayGoodbye(QString());
+    if (!sender || isEnded)
+        return;
+    const std::vector<CItemSender::Notice> notices = sender->takeNotices();
+    for (const CItemSender::Notice &notice : notices)
+        tell(notice);
+    if (sender->isBusy())
+        return workAgain();
+    if (!sender->isUnderWay() && sender->isPostponed()) {
+        queue->setTrouble(CSendQueue::NoRoom, sender->postponedReason());
+        return sayGoodbye(ByeFrame::Done, QString());
+    }
+    if (isPlaced && context.lingerMs == 0 && !isUnderWay())
+        sayGoodbye(ByeFrame::Done, QString());
 }
 
-/// The next bytes to write: what waits in the outbox, then the items.
+/// The next bytes to write: what waits in the outbox, then the messages.
 QByteArray CMessageProtocol::nextFrame(int room)
 {
     if (isPongDue) {
@@ -240,7 +490,27 @@ QByteArray CMessageProtocol::nextFrame(int room)
     }
     if (!outbox.isEmpty())
         return std::exchange(outbox, QByteArray());
-    return sender ? sender->nextFrame(room) : QByteArray();
+    if (!sender)
+        return QByteArray();
+    const QByteArray frame = sender->nextFrame(room);
+    moved += frame.size();
+    wasUseful |= moved >= usefulBytes;
+    return frame;
+}
+
+bool CMessageProtocol::isUnderWay() const
+{
+    const bool isAsking = isPlaced && context.ping && !context.ping->isAnswered;
+    return isAsking || !outbox.isEmpty() || (receiver && receiver->isUnderWay()) ||
+           (sender && (sender->isUnderWay() || sender->isBusy()));
+}
+
+/// How long the other side may be silent.
+qint64 CMessageProtocol::patienceMs() const
+{
+    if (!isUnderWay())
+        return quietLimitMs;
+    return busyLimitMs + (sender ? sender->unconfirmed() / slowestDiskBytesPerMs : 0);
 }
 
 void CMessageProtocol::lookAtClock()
@@ -252,39 +522,75 @@ void CMessageProtocol::lookAtClock()
         return;
     if (!isGreeted)
         return breakOff(QStringLiteral("абонент не назвался вовремя"));
-    if (silentMs >= silenceLimitMs)
+    if (silentMs >= patienceMs())
         return breakOff(QStringLiteral("абонент молчит"));
-    deadline.start(clockMs);
-    if (isKept && !isPingSent && silentMs >= clockMs / 2) {
+    if (isPlaced && !isUnderWay() && silentMs >= context.lingerMs && !isKept)
+        return sayGoodbye(ByeFrame::Done, QString());
+    deadline.start(clockMs());
+    if (isPingSent ? false : isUnderWay() ? silentMs >= busyPingMs : isKept && silentMs >= quietClockMs / 2) {
         isPingSent = true;
         outbox += emptyFrame(FrameType::Ping);
         workAgain();
     }
 }
 
+void CMessageProtocol::refuseVersion1()
+{
+    const QString reason = QStringLiteral("Абонент говорит по протоколу версии 1, без шифрования: ему нужна "
+                                          "программа с версией протокола %1")
+                               .arg(HelloFrame::currentVersion);
+    channel->write(
+        version1Farewell(QStringLiteral("Версия протокола 1 не поддерживается, нужна %1: обновите программу")
+                             .arg(HelloFrame::currentVersion)));
+    breakOff(reason);
+}
+
 /// Ends a connection that is of no use. The other side hears nothing but the end.
 void CMessageProtocol::breakOff(const QString &how)
 {
+    if (isEnded)
+        return;
     context.journal->addRecord(JournalError, label, QStringLiteral("Соединение разорвано: %1").arg(how));
+    if (context.ping && isPlaced)
+        context.ping->trouble = how;
     channel->disconnectFromAbonent();
-    end(how);
+    end(CSendQueue::NotDelivered, how);
 }
 
 /// Ends a connection in order.
-void CMessageProtocol::sayGoodbye(const QString &reason)
+void CMessageProtocol::sayGoodbye(ByeFrame::Code code, const QString &reason)
 {
-    if (channel->isConnected() && channel->idealBlockSize() >= leastRoom)
-        channel->write(outbox + byeFrame(reason));
+    if (channel->isConnected() && channel->idealBlockSize() >= leastRoom && tls->isEstablished()) {
+        tls->write(std::exchange(outbox, QByteArray()) + ByeFrame{code, reason}.toBytes());
+        tls->close();
+        channel->write(tls->takeOutgoing(tls->outgoingSize()));
+    }
     channel->disconnectFromAbonent();
-    end(reason);
+    end(CSendQueue::NotDelivered, reason);
 }
 
-void CMessageProtocol::end(const QString &trouble)
+/// @param code, @param trouble why what we have for the other side is not delivered, if it is not
+void CMessageProtocol::end(int code, const QString &trouble)
 {
     isEnded = true;
     deadline.stop();
     context.unnamed->remove(this);
-    if (isPlaced && context.delivery)
-        context.delivery->callEnded(trouble);
+    const bool isBroken = isUnderWay();
+    if (isBroken && context.messages && isGreeted) {
+        JournalEntry row;
+        row.kind = JournalRow::BrokenOff;
+        row.abonent = remoteAbonentName;
+        row.text = trouble;
+        context.messages->add(row);
+    }
+    if (context.queues && isPlaced && !trouble.isEmpty()) {
+        const std::shared_ptr<CSendQueue> called = context.queues->of(calledFilteredName);
+        if (called->hasWaiting())
+            called->setTroubleUnlessSet(CSendQueue::Code(code), trouble);
+    }
+    sender.reset();
+    if (queue)
+        std::exchange(queue, nullptr)->detach(this);
+    receiver.reset();
     emit finished();
 }

@@ -1,16 +1,18 @@
-// The conversation over one connection: greetings, items both ways, keep-alive, an orderly end.
+// The conversation over one connection: TLS, greetings, messages both ways, keep-alive, an orderly end.
 //
-//   start --> greeting --both have named themselves--> talking --Bye, stop, silence, fault--> ended
+//   start --> securing --TLS--> greeting --both are believed--> talking --Bye, stop, silence, fault--> ended
 //
 // It holds nothing but a CChannel, and no timer polls it: it looks at the channel whenever its thread's
-// event dispatcher has woken, which is after the bytes have arrived or room to write has come. The
-// same class answers calls and places them; a placed call works off a delivery.
+// event dispatcher has woken, which is after the bytes have arrived or room to write has come. The same
+// class answers calls and places them; either way it sends what waits for the abonent at the other end.
 #pragma once
 
 #include "host/conversation/citemreceiver.h"
 #include "host/conversation/citemsender.h"
 #include "host/conversation/cunnamedcallers.h"
 #include "host/conversation/messageframe.h"
+#include "host/delivery/ccontacts.h"
+#include "host/delivery/ctlssession.h"
 #include "interfaces/cabstractprotocol.h"
 
 #include <QElapsedTimer>
@@ -20,11 +22,25 @@
 #include <functional>
 #include <memory>
 
-class CDelivery;
+class CIdentity;
+class CInbox;
 class CJournal;
-class CMessageStore;
+class CMessageJournal;
+class CSendQueue;
+class CSendQueues;
 
-class CMessageProtocol : public CAbstractProtocol, private CUnnamedCaller
+/// What a program learns by asking an abonent whether it is there. [any thread] writes, one at a time
+struct PingResult
+{
+    bool isAnswered = false;
+    QString name;
+    QString program; // its version
+    QByteArray key;  // fingerprint
+    qint64 roundTripUs = 0;
+    QString trouble; // when not answered; null: the call came to nothing
+};
+
+class CMessageProtocol : public CAbstractProtocol, private CUnnamedCaller, private CQueueUser
 {
     Q_OBJECT
 
@@ -33,12 +49,20 @@ public:
     struct Context
     {
         QString ownName;
-        CMessageStore *store = nullptr;
-        CJournal *journal = nullptr;
+        quint16 ownPort = 0; // shown to others
+        const CIdentity *identity = nullptr;
+        CContacts *contacts = nullptr;
+        CInbox *inbox = nullptr;       // null: this program receives nothing
+        CSendQueues *queues = nullptr; // null: and sends nothing
+        CJournal *journal = nullptr;   // of the channels, for people
+        CMessageJournal *messages = nullptr;
         /// What tells callers of different addresses apart, by channel label; [any thread].
         std::function<QString(const QString &label)> originOf;
         CUnnamedCallers *unnamed = nullptr;
-        CDelivery *delivery = nullptr; // for placed calls; may be null
+        std::function<void(const QString &directory)> onStored; // a message has arrived; may be empty
+        int lingerMs = 0;           // how long a call that we have placed stays when all is said
+        bool isWatched = false;     // somebody else tells people what has been delivered
+        PingResult *ping = nullptr; // only asks whether the abonent is there
     };
 
     CMessageProtocol(CChannel *ownedChannel, const Context &around);
@@ -51,27 +75,41 @@ public:
 
 private:
     void giveWay() override; // [any thread]
+    void wake() override;    // [any thread]
+    void superseded();       // [any thread]
+    void leaveWord(int what);
 
     void work();
     void workAgain();
     void receive();
+    bool takeBytes(int *turn);
+    void secured();
     void take(const FrameView &frame);
-    void takeGreeting(const std::optional<GreetingFrame> &greeting);
+    void takeHello(const std::optional<HelloFrame> &hello);
+    void believe(const HelloFrame &hello, const Judgement &judgement);
+    void takeBye(const ByeFrame &bye);
     void takeAnswer(const AnswerFrame &answer);
     void react(const CItemReceiver::Reaction &reaction);
+    void tell(const CItemReceiver::Notice &notice);
+    void tell(const CItemSender::Notice &notice);
     void transmit();
     QByteArray nextFrame(int room);
     void lookAtClock();
+    bool isUnderWay() const;
+    int clockMs() const;
+    qint64 patienceMs() const;
 
+    void refuseVersion1();
     void breakOff(const QString &how);
-    void sayGoodbye(const QString &reason);
-    void end(const QString &trouble);
+    void sayGoodbye(ByeFrame::Code code, const QString &reason);
+    void end(int troubleCode, const QString &trouble);
 
     enum Request
     {
         NoRequest,
-        Stop,
         GiveWay,
+        Superseded,
+        Stop,
     };
 
     const Context context;
@@ -84,10 +122,16 @@ private:
     bool isWorkQueued = false;
     bool isPongDue = false;
     bool isPingSent = false; // and not answered yet
+    QString calledFilteredName;
+    std::unique_ptr<CTlsSession> tls;
+    QByteArray firstBytes; // of the other side, until TLS is established
     CFrameReader reader;
-    CItemReceiver receiver;
-    std::unique_ptr<CItemSender> sender; // null: nothing to send
-    QByteArray outbox;                   // short frames that wait for room
+    std::unique_ptr<CItemReceiver> receiver; // null: before the greeting, or this program receives nothing
+    std::shared_ptr<CSendQueue> queue;       // null: we do not send
+    std::unique_ptr<CItemSender> sender;     // null: likewise
+    QByteArray outbox;                       // short frames that wait for room
     QTimer deadline;
     QElapsedTimer sinceExchange; // since bytes moved last, either way
+    QElapsedTimer sincePing;
+    qint64 moved = 0; // bytes of messages in this connection
 };

@@ -17,6 +17,13 @@ void CSha256::add(std::string_view bytes)
     EVP_DigestUpdate(context.get(), bytes.data(), bytes.size());
 }
 
+QByteArray CSha256::soFar() const
+{
+    CSha256 copy;
+    EVP_MD_CTX_copy_ex(copy.context.get(), context.get());
+    return copy.take();
+}
+
 QByteArray CSha256::take()
 {
     QByteArray digest(EVP_MAX_MD_SIZE, '\0');

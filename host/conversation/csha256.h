@@ -15,6 +15,9 @@ public:
 
     void add(std::string_view bytes);
 
+    /// @return the digest of what has been added so far, 32 bytes
+    QByteArray soFar() const;
+
     /// @return the digest, 32 bytes; the object starts anew
     QByteArray take();
 

@@ -19,15 +19,22 @@ struct Bounds
 // The length of a payload, by type. Nothing is kept or allocated before it has been checked here.
 constexpr Bounds noBounds{1, 0};
 constexpr Bounds bounds[] = {
-    noBounds,                                       // 0 is no type
-    {8 + 1, 8 + nameBytes},                         // Greeting
-    {16, 16 + nameBytes},                           // Offer
-    {5 + digestSize, 5 + digestSize + reasonBytes}, // Answer
-    {1, dataBytes},                                 // Data
-    {4 + digestSize, 4 + digestSize},               // Finish
-    {0, 0},                                         // Ping
-    {0, 0},                                         // Pong
-    {0, reasonBytes},                               // Bye
+    noBounds,                                // 0 is no type
+    {12 + 1, 12 + nameBytes + programBytes}, // Hello
+    {52, 52 + fileNameBytes},                // Offer
+    {48, 48 + reasonBytes},                  // Answer
+    {4 + 1, 4 + dataBytes},                  // Data
+    {4 + digestSize, 4 + digestSize},        // Finish
+    {0, 0},                                  // Ping
+    {0, 0},                                  // Pong
+    {1, 1 + reasonBytes},                    // Bye
+};
+
+enum OfferFlags : quint8
+{
+    Executable = 1,
+    Anew = 2,
+    AtOnce = 4,
 };
 
 /// Puts a frame together.
@@ -117,44 +124,58 @@ QByteArray cutUtf8(const QString &text, int limit)
 
 } // namespace
 
-QByteArray GreetingFrame::toBytes() const
+QByteArray HelloFrame::toBytes() const
 {
     const QByteArray nameText = cutUtf8(name, nameBytes);
-    return Writer(FrameType::Greeting)
+    const QByteArray programText = cutUtf8(program, programBytes);
+    return Writer(FrameType::Hello)
         .raw(QByteArray(magic, sizeof(magic)))
         .number(version)
+        .number(port)
         .number(quint16(nameText.size()))
+        .number(quint16(programText.size()))
         .raw(nameText)
+        .raw(programText)
         .done();
 }
 
-std::optional<GreetingFrame> GreetingFrame::fromPayload(std::string_view payload)
+std::optional<HelloFrame> HelloFrame::fromPayload(std::string_view payload)
 {
-    if (!fits(FrameType::Greeting, payload))
+    if (!fits(FrameType::Hello, payload))
         return std::nullopt;
     Fields fields(payload);
     if (fields.raw(sizeof(magic)) != QByteArray(magic, sizeof(magic)))
         return std::nullopt;
-    GreetingFrame greeting;
-    greeting.version = fields.number<quint16>();
-    const quint16 size = fields.number<quint16>();
-    if (size == 0 || size > fields.left())
+    HelloFrame hello;
+    hello.version = fields.number<quint16>();
+    hello.port = fields.number<quint16>();
+    const quint16 nameSize = fields.number<quint16>();
+    const quint16 programSize = fields.number<quint16>();
+    if (nameSize == 0 || std::size_t(nameSize) + programSize > fields.left())
         return std::nullopt;
-    const std::optional<QString> name = textOf(fields.raw(size));
-    if (!name)
+    const std::optional<QString> nameText = textOf(fields.raw(nameSize));
+    const std::optional<QString> programText = textOf(fields.raw(programSize));
+    if (!nameText || !programText)
         return std::nullopt;
-    greeting.name = *name;
-    return greeting;
+    hello.name = *nameText;
+    hello.program = *programText;
+    return hello;
 }
 
 QByteArray OfferFrame::toBytes() const
 {
+    const int flags = (isExecutable ? Executable : 0) | (isAnew ? Anew : 0) | (isAtOnce ? AtOnce : 0);
     return Writer(FrameType::Offer)
         .number(item)
         .number(quint8(kind))
-        .raw(QByteArray(3, '\0'))
+        .number(quint8(flags))
+        .number(quint16(0))
+        .raw(identity)
+        .number(stamp)
         .number(size)
-        .raw(cutUtf8(name, nameBytes))
+        .number(modifiedNs)
+        .number(listSize)
+        .raw(name.left(fileNameBytes))
         .done();
 }
 
@@ -166,13 +187,22 @@ std::optional<OfferFrame> OfferFrame::fromPayload(std::string_view payload)
     OfferFrame offer;
     offer.item = fields.number<quint32>();
     const quint8 kind = fields.number<quint8>();
-    const bool zeros = fields.raw(3) == QByteArray(3, '\0');
+    const quint8 flags = fields.number<quint8>();
+    const quint16 zero = fields.number<quint16>();
+    offer.identity = fields.raw(identitySize);
+    offer.stamp = fields.number<quint64>();
     offer.size = fields.number<qint64>();
-    const std::optional<QString> name = textOf(fields.raw(fields.left()));
-    if ((kind != Text && kind != File) || !zeros || offer.size < 0 || !name)
+    offer.modifiedNs = fields.number<qint64>();
+    offer.listSize = fields.number<quint32>();
+    offer.name = fields.raw(fields.left());
+    if (kind < Text || kind > Tree || flags > (Executable | Anew | AtOnce) || zero != 0 || offer.size < 0)
+        return std::nullopt;
+    if (kind == Tree ? offer.listSize > offer.size : offer.listSize != 0)
         return std::nullopt;
     offer.kind = Kind(kind);
-    offer.name = *name;
+    offer.isExecutable = flags & Executable;
+    offer.isAnew = flags & Anew;
+    offer.isAtOnce = flags & AtOnce;
     return offer;
 }
 
@@ -181,6 +211,8 @@ QByteArray AnswerFrame::toBytes() const
     return Writer(FrameType::Answer)
         .number(item)
         .number(quint8(verdict))
+        .raw(QByteArray(3, '\0'))
+        .number(have)
         .raw(digest.size() == digestSize ? digest : QByteArray(digestSize, '\0'))
         .raw(cutUtf8(reason, reasonBytes))
         .done();
@@ -194,9 +226,11 @@ std::optional<AnswerFrame> AnswerFrame::fromPayload(std::string_view payload)
     AnswerFrame answer;
     answer.item = fields.number<quint32>();
     const quint8 verdict = fields.number<quint8>();
+    const bool zeros = fields.raw(3) == QByteArray(3, '\0');
+    answer.have = fields.number<qint64>();
     answer.digest = fields.raw(digestSize);
     const std::optional<QString> reason = textOf(fields.raw(fields.left()));
-    if (verdict > Refused || !reason)
+    if (verdict > Refused || !zeros || answer.have < 0 || !reason)
         return std::nullopt;
     answer.verdict = Verdict(verdict);
     answer.reason = *reason;
@@ -219,30 +253,48 @@ std::optional<FinishFrame> FinishFrame::fromPayload(std::string_view payload)
     return finish;
 }
 
+QByteArray ByeFrame::toBytes() const
+{
+    return Writer(FrameType::Bye).number(quint8(code)).raw(cutUtf8(reason, reasonBytes)).done();
+}
+
+std::optional<ByeFrame> ByeFrame::fromPayload(std::string_view payload)
+{
+    if (!fits(FrameType::Bye, payload))
+        return std::nullopt;
+    Fields fields(payload);
+    const quint8 code = fields.number<quint8>();
+    const std::optional<QString> reason = textOf(fields.raw(fields.left()));
+    if (code > Unreadable || !reason)
+        return std::nullopt;
+    return ByeFrame{Code(code), *reason};
+}
+
 QByteArray emptyFrame(FrameType type)
 {
     return Writer(type).done();
 }
 
-QByteArray byeFrame(const QString &reason)
+char *startDataFrame(QByteArray *frame, quint32 item, int size)
 {
-    return Writer(FrameType::Bye).raw(cutUtf8(reason, reasonBytes)).done();
-}
-
-std::optional<QString> byeReason(std::string_view payload)
-{
-    return fits(FrameType::Bye, payload) ? textOf(QByteArray(payload.data(), int(payload.size())))
-                                         : std::nullopt;
-}
-
-char *startDataFrame(QByteArray *frame, int size)
-{
-    frame->resize(headerSize + size);
+    frame->resize(dataHeaderSize + size);
     char *bytes = frame->data();
     std::memset(bytes, 0, headerSize);
     bytes[0] = char(FrameType::Data);
-    qToBigEndian(quint32(size), bytes + 4);
-    return bytes + headerSize;
+    qToBigEndian(quint32(4 + size), bytes + 4);
+    qToBigEndian(item, bytes + headerSize);
+    return bytes + dataHeaderSize;
+}
+
+bool isVersion1(const QByteArray &beginning)
+{
+    static const char greeting[] = {1, 0, 0, 0}; // its first frame; TLS begins with 22
+    return beginning.startsWith(QByteArray::fromRawData(greeting, sizeof(greeting)));
+}
+
+QByteArray version1Farewell(const QString &reason)
+{
+    return Writer(FrameType::Bye).raw(cutUtf8(reason, reasonBytes)).done();
 }
 
 void CFrameReader::feed(const QByteArray &bytes)
@@ -264,7 +316,7 @@ CFrameReader::Step CFrameReader::next(FrameView *frame)
             const int size = qMin(dataLeft, chunk.size() - position);
             if (size == 0)
                 return NeedMore;
-            *frame = {FrameType::Data, {chunk.constData() + position, std::size_t(size)}};
+            *frame = {FrameType::Data, {chunk.constData() + position, std::size_t(size)}, dataItem};
             position += size;
             dataLeft -= size;
             return Ready;
@@ -277,8 +329,15 @@ CFrameReader::Step CFrameReader::next(FrameView *frame)
         }
         if (!collect(frameSize))
             return NeedMore;
-        *frame = {FrameType(kept.at(0)),
-                  {kept.constData() + headerSize, std::size_t(frameSize - headerSize)}};
+        if (FrameType(kept.at(0)) == FrameType::Data) {
+            dataItem = qFromBigEndian<quint32>(kept.constData() + headerSize);
+            dataLeft = int(qFromBigEndian<quint32>(kept.constData() + 4)) - 4;
+            kept.resize(0);
+            frameSize = 0;
+            continue;
+        }
+        *frame = {
+            FrameType(kept.at(0)), {kept.constData() + headerSize, std::size_t(frameSize - headerSize)}, 0};
         frameTaken = true;
         return Ready;
     }
@@ -302,11 +361,6 @@ bool CFrameReader::readHeader()
         return false;
     if (length < bounds[type].least || length > bounds[type].most)
         return false;
-    if (FrameType(type) == FrameType::Data) {
-        dataLeft = int(length);
-        kept.resize(0);
-    } else {
-        frameSize = headerSize + int(length);
-    }
+    frameSize = FrameType(type) == FrameType::Data ? dataHeaderSize : headerSize + int(length);
     return true;
 }

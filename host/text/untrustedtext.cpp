@@ -1,13 +1,10 @@
 #include "host/text/untrustedtext.h"
 
-#include "common/global.h"
-
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QVector>
 
 namespace {
-
-constexpr int fileNameBytes = 200;
-constexpr int longestEnding = 20;
 
 /// Whether a character shows as itself.
 bool isShown(uint character)
@@ -61,28 +58,19 @@ QString printable(const QString &text)
     return result;
 }
 
-QString safeFileName(const QString &name)
+QString jsonLine(const QJsonObject &object)
 {
-    QString last = name;
-    last.replace(QLatin1Char('\\'), QLatin1Char('/'));
-    last = Global::filterNotValidSymbols(last.section(QLatin1Char('/'), -1));
-
-    QString shown;
-    const QVector<uint> characters = codePoints(last);
+    QString result;
+    const QVector<uint> characters =
+        codePoints(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
     for (const uint character : characters) {
-        if (isShown(character))
-            shown += fromCode(character);
+        const QString text = fromCode(character);
+        for (const QChar &unit : text) {
+            if (isShown(character))
+                result += unit;
+            else
+                result += QStringLiteral("\\u%1").arg(unit.unicode(), 4, 16, QLatin1Char('0'));
+        }
     }
-    shown = shown.trimmed();
-    while (shown.startsWith(QLatin1Char('.')))
-        shown.remove(0, 1);
-
-    // Cut in the middle, so that the file still opens with the right program.
-    const int dot = shown.lastIndexOf(QLatin1Char('.'));
-    QString ending = dot > 0 && shown.size() - dot <= longestEnding ? shown.mid(dot) : QString();
-    QString stem = shown.left(shown.size() - ending.size());
-    while (stem.toUtf8().size() + ending.toUtf8().size() > fileNameBytes)
-        stem.chop(stem.size() > 1 && stem.at(stem.size() - 1).isLowSurrogate() ? 2 : 1);
-    shown = stem + ending;
-    return shown.isEmpty() ? QStringLiteral("файл") : shown;
+    return result;
 }

@@ -22,8 +22,8 @@ while read -r line; do
     for room in $line; do above="$above${above:+|}$([ "$room" = . ] && echo '[^/]*"' || echo "$room/")"; done
 done <<'ROOMS'
 . commands check
-delivery
 conversation
+delivery
 console
 text
 ROOMS

@@ -1,5 +1,6 @@
 // Frames against bytes drawn by hand: whole, in pieces, cut, and damaged.
 #include "host/conversation/messageframe.h"
+#include "host/conversation/treelist.h"
 #include "tests/support/testinstallation.h"
 
 #include <QtTest>
@@ -15,6 +16,7 @@ QByteArray hex(const QByteArray &text)
 
 const QByteArray digest(FrameLimits::digestSize, '\x5a');
 const QByteArray digestHex = digest.toHex();
+const QByteArray identity(FrameLimits::identitySize, '\xa5');
 
 /// What a reader makes of a stream that comes in pieces: "type:payload" of each frame, Data pieces joined.
 QByteArray readAll(const QByteArray &stream, int pieceSize)
@@ -48,31 +50,34 @@ private Q_SLOTS:
     void makesAndReadsTheDrawnBytes()
     {
         QByteArray data;
-        std::memcpy(startDataFrame(&data, 3), "abc", 3);
+        std::memcpy(startDataFrame(&data, 7, 3), "abc", 3);
         const QByteArray zeros(64, '0');
+        OfferFrame text{7, OfferFrame::Text, false, false, true, identity, 9, 5, -1, 0, {}};
+        OfferFrame tree{7, OfferFrame::Tree, true, true, false, identity, 9, qint64(1) << 40, 1, 3, "a"};
         const QPair<QByteArray, QByteArray> frames[] = {
-            {GreetingFrame{1, "Я"_s}.toBytes(), "01000000 0000000a 41424e54 0001 0002 d0af"},
-            {OfferFrame{7, OfferFrame::Text, 5, QString()}.toBytes(),
-             "02000000 00000010 00000007 01 000000 0000000000000005"},
-            {OfferFrame{7, OfferFrame::File, qint64(1) << 40, "a"_s}.toBytes(),
-             "02000000 00000011 00000007 02 000000 0000010000000000 61"},
-            {AnswerFrame{7, AnswerFrame::Welcome, {}, {}}.toBytes(), "03000000 00000025 00000007 00" + zeros},
-            {AnswerFrame{7, AnswerFrame::Stored, digest, {}}.toBytes(),
-             "03000000 00000025 00000007 01" + digestHex},
-            {AnswerFrame{7, AnswerFrame::Refused, {}, "n"_s}.toBytes(),
-             "03000000 00000026 00000007 02" + zeros + "6e"},
-            {data, "04000000 00000003 616263"},
+            {HelloFrame{2, 18001, "Я"_s, "3"_s}.toBytes(),
+             "01000000 0000000f 41424e54 0002 4651 0002 0001 d0af 33"},
+            {text.toBytes(), "02000000 00000034 00000007 01 04 0000" + identity.toHex() +
+                                 "0000000000000009 0000000000000005 ffffffffffffffff 00000000"},
+            {tree.toBytes(), "02000000 00000035 00000007 03 03 0000" + identity.toHex() +
+                                 "0000000000000009 0000010000000000 0000000000000001 00000003 61"},
+            {AnswerFrame{7, AnswerFrame::Send, 5, digest, {}}.toBytes(),
+             "03000000 00000030 00000007 00 000000 0000000000000005" + digestHex},
+            {AnswerFrame{7, AnswerFrame::Later, 0, {}, "n"_s}.toBytes(),
+             "03000000 00000031 00000007 02 000000 0000000000000000" + zeros + "6e"},
+            {data, "04000000 00000007 00000007 616263"},
             {FinishFrame{7, digest}.toBytes(), "05000000 00000024 00000007" + digestHex},
             {emptyFrame(FrameType::Ping), "06000000 00000000"},
-            {byeFrame("z"_s), "08000000 00000001 7a"},
+            {ByeFrame{ByeFrame::WrongOne, "z"_s}.toBytes(), "08000000 00000002 02 7a"},
         };
-        for (const auto &[made, text] : frames) {
-            const QByteArray drawn = hex(text);
+        for (const auto &[made, drawing] : frames) {
+            const QByteArray drawn = hex(drawing);
             QCOMPARE(made.toHex(), drawn.toHex());
             // Twice in a row, so that what a frame leaves behind would show in the next.
             const bool isData = drawn[0] == '\4';
-            const QByteArray once = ' ' + QByteArray::number(int(drawn[0])) + ':' + drawn.mid(8).toHex();
-            const QByteArray twice = once + (isData ? drawn.mid(8).toHex() : once);
+            const QByteArray once =
+                ' ' + QByteArray::number(int(drawn[0])) + ':' + drawn.mid(isData ? 12 : 8).toHex();
+            const QByteArray twice = once + (isData ? drawn.mid(12).toHex() : once);
             for (const int piece : {1, 7, 1000})
                 QCOMPARE(readAll(drawn + drawn, piece), twice);
             // Cut at each byte: what is missing is waited for, and nothing but Data is handed out early.
@@ -97,8 +102,8 @@ private Q_SLOTS:
             reader.feed(hex("06000000 00000000")); // a good frame behind a bad one changes nothing
             return !isMalformed || reader.next(&frame) != CFrameReader::Malformed;
         };
-        const quint32 bounds[][3] = {{1, 9, 1032}, {2, 16, 1040}, {3, 37, 549}, {4, 1, 262144},
-                                     {5, 36, 36},  {6, 0, 0},     {7, 0, 0},    {8, 0, 512}};
+        const quint32 bounds[][3] = {{1, 13, 1100}, {2, 52, 307}, {3, 48, 560}, {4, 5, 262148},
+                                     {5, 36, 36},   {6, 0, 0},    {7, 0, 0},    {8, 1, 513}};
         for (const auto &[type, least, most] : bounds) {
             QVERIFY2(isAccepted(int(type), least) && isAccepted(int(type), most),
                      qPrintable(QString::number(type)));
@@ -115,35 +120,61 @@ private Q_SLOTS:
         const auto view = [](const QByteArray &bytes) {
             return std::string_view(bytes.constData(), std::size_t(bytes.size()));
         };
-        for (const char *greeting : {"41424e55 0001 0001 61",      // another protocol
-                                     "41424e54 0001 0000 61",      // no name
-                                     "41424e54 0001 0002 61",      // a name longer than the frame
-                                     "41424e54 0001 0002 ff61",    // not UTF-8
-                                     "41424e54 0001 0003 eda080"}) // half a surrogate pair
-            QVERIFY2(!GreetingFrame::fromPayload(view(hex(greeting))), greeting);
-        const auto later =
-            GreetingFrame::fromPayload(view(hex("41424e54 0002 0001 61 0102"))); // with more behind it
-        QVERIFY(later && later->version == 2 && later->name == QLatin1String("a"));
+        for (const char *hello : {"41424e55 0002 0000 0001 0000 61",      // another protocol
+                                  "41424e54 0002 0000 0000 0000 61",      // no name
+                                  "41424e54 0002 0000 0002 0000 61",      // a name longer than the frame
+                                  "41424e54 0002 0000 0001 ffff 61",      // a version likewise
+                                  "41424e54 0002 0000 0002 0000 ff61",    // not UTF-8
+                                  "41424e54 0002 0000 0003 0000 eda080"}) // half a surrogate pair
+            QVERIFY2(!HelloFrame::fromPayload(view(hex(hello))), hello);
+        const auto later = HelloFrame::fromPayload(view(hex("41424e54 0003 0000 0001 0001 61 32 0102")));
+        QVERIFY(later && later->version == 3 && later->name == "a"_s && later->program == "2"_s); // and more
 
-        for (const char *offer : {"00000001 00 000000 0000000000000001", // no such kind
-                                  "00000001 03 000000 0000000000000001",
-                                  "00000001 01 000001 0000000000000001",     // not zero
-                                  "00000001 02 000000 ffffffffffffffff",     // a negative size
-                                  "00000001 02 000000 0000000000000001 c3"}) // half a character
-            QVERIFY2(!OfferFrame::fromPayload(view(hex(offer))), offer);
-        QVERIFY(!AnswerFrame::fromPayload(view(hex("00000001 03") + digest)));
-        QVERIFY(!AnswerFrame::fromPayload(view(hex("00000001 02") + digest + "\xff")));
+        const QByteArray fields = identity.toHex() + "0000000000000009";
+        const QByteArray good = "00000001 03 00 0000" + fields + "0000000000000005 0000000000000001 00000005";
+        QVERIFY(OfferFrame::fromPayload(view(hex(good))));
+        const QPair<int, const char *> damages[] = {{4, "00"}, {4, "04"},  {4, "01"}, {5, "08"},
+                                                    {7, "01"}, {32, "80"}, {51, "06"}};
+        for (const auto &[at, byte] :
+             damages) { // kind, flags, zero, size, a list in a text or beyond the size
+            QByteArray bytes = hex(good);
+            bytes[at] = hex(byte)[0];
+            QVERIFY2(!OfferFrame::fromPayload(view(bytes)), byte);
+        }
+        const QByteArray answer = "0000000000000000" + digest.toHex();
+        QVERIFY(!AnswerFrame::fromPayload(view(hex("00000001 04 000000" + answer))));
+        QVERIFY(!AnswerFrame::fromPayload(view(hex("00000001 02 000001" + answer))));
+        QVERIFY(!AnswerFrame::fromPayload(view(hex("00000001 02 000000" + answer + "ff"))));
+        QVERIFY(!ByeFrame::fromPayload(view(hex("05"))));
+    }
+
+    void refusesTreesThatLeaveTheirPlace()
+    {
+        const TreeEntry file{"d/f", false, true, -5, 3};
+        const TreeEntry directory{"d", true, false, 7, 0};
+        const QByteArray bytes = treeToBytes({directory, file});
+        const auto read = treeFromBytes(bytes, 3);
+        QVERIFY(read && read->size() == 2 && (*read)[1].path == "d/f" && (*read)[1].isExecutable &&
+                (*read)[1].modifiedNs == -5 && (*read)[0].isDirectory);
+        QVERIFY(!treeFromBytes(bytes, 2) && !treeFromBytes(bytes, 4));
+        for (int size = 1; size < bytes.size(); ++size)
+            QVERIFY(size == 20 || !treeFromBytes(bytes.left(size), 3));
+        for (const char *path : {"", "/", "/a", "a/", "a//b", "..", "a/../b", ".", "./a", "a/.."})
+            QVERIFY2(!treeFromBytes(treeToBytes({{path, false, false, 0, 0}}), 0), path);
+        QVERIFY(!treeFromBytes(treeToBytes({{QByteArray("a\0b", 3), false, false, 0, 0}}), 0));
+        QVERIFY(!treeFromBytes(treeToBytes({{QByteArray("a/").repeated(100) + 'a', false, false, 0, 0}}), 0));
+        QVERIFY(!treeFromBytes(treeToBytes({{"a", false, false, 0, -1}, {"b", false, false, 0, 1}}), 0));
+        QVERIFY(!treeFromBytes(treeToBytes({{"a", true, false, 0, 1}}), 1)); // a directory has no bytes
     }
 
     void cutsLongTextsBetweenCharacters()
     {
         const QString longText(2000, QChar(0x044f)); // two bytes each
-        const QByteArray greeting = GreetingFrame{1, QLatin1Char('a') + longText}.toBytes();
-        const auto read =
-            GreetingFrame::fromPayload({greeting.constData() + 8, std::size_t(greeting.size() - 8)});
+        const QByteArray hello = HelloFrame{2, 0, QLatin1Char('a') + longText, {}}.toBytes();
+        const auto read = HelloFrame::fromPayload({hello.constData() + 8, std::size_t(hello.size() - 8)});
         QVERIFY(read);
         QCOMPARE(read->name, QLatin1Char('a') + longText.left(511)); // 1023 bytes: 1024 would halve a letter
-        QCOMPARE(byeFrame(longText).size(), 8 + 512);
+        QCOMPARE((ByeFrame{ByeFrame::Done, longText}.toBytes().size()), 8 + 1 + 512);
     }
 };
 

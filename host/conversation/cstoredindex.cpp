@@ -1,0 +1,98 @@
+#include "host/conversation/cstoredindex.h"
+
+#include "common/global.h"
+#include "common/logger.h"
+#include "host/conversation/csha256.h"
+#include "host/conversation/descriptors.h"
+
+#include <QFile>
+#include <QtEndian>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int keySize = 16;
+constexpr int digestSize = 32;
+constexpr int checkedSize = keySize + digestSize + 8;
+constexpr int recordSize = checkedSize + 8;
+constexpr int mostRecords = 1000000;
+
+QByteArray checkOf(const char *record)
+{
+    CSha256 sha;
+    sha.add({record, std::size_t(checkedSize)});
+    return sha.take().left(recordSize - checkedSize);
+}
+
+QByteArray toBytes(const CStoredIndex::Record &record)
+{
+    QByteArray bytes = record.key + record.digest + QByteArray(8, '\0');
+    qToBigEndian(qint64(std::time(nullptr)), bytes.data() + keySize + digestSize);
+    return bytes + checkOf(bytes.constData());
+}
+
+} // namespace
+
+CStoredIndex::~CStoredIndex()
+{
+    closeDescriptor(&file);
+}
+
+QString CStoredIndex::open(const QString &fileName)
+{
+    path = fileName;
+    const QString recovered = Global::recoverSaved(path);
+    if (!recovered.isNull())
+        return recovered;
+    QFile reader(path);
+    QByteArray bytes;
+    if (reader.open(QIODevice::ReadOnly))
+        bytes = reader.readAll();
+    if (bytes.size() > mostRecords * recordSize) {
+        bytes = bytes.right(mostRecords / 2 * recordSize);
+        const QString error = Global::safeSaving(path, bytes);
+        if (!error.isNull())
+            return error;
+    }
+    for (int at = 0; at + recordSize <= bytes.size(); at += recordSize) {
+        const char *record = bytes.constData() + at;
+        if (bytes.mid(at + checkedSize, recordSize - checkedSize) == checkOf(record))
+            digests.insert(bytes.mid(at, keySize), bytes.mid(at + keySize, digestSize));
+    }
+    closeDescriptor(&file);
+    file = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC,
+                  0600);
+    // What a crash has cut off would shift all that follows.
+    if (file < 0 || ::ftruncate(file, bytes.size() / recordSize * recordSize) != 0)
+        return trouble("открыть");
+    Global::setFilePermissions(path);
+    return QString();
+}
+
+QString CStoredIndex::add(const std::vector<Record> &records)
+{
+    QByteArray bytes;
+    for (const Record &record : records)
+        bytes += toBytes(record);
+    const off_t before = ::lseek(file, 0, SEEK_END);
+    if (!writeAll(file, {bytes.constData(), std::size_t(bytes.size())}) || ::fdatasync(file) != 0) {
+        const QString text = trouble("записать");
+        if (::ftruncate(file, before) != 0)
+            debug(QStringLiteral("CStoredIndex"), trouble("укоротить"), DebugAlways, DebugFlagNone);
+        return text;
+    }
+    for (const Record &record : records)
+        digests.insert(record.key, record.digest);
+    return QString();
+}
+
+QString CStoredIndex::trouble(const char *doing) const
+{
+    return QStringLiteral("Не удалось %1 список принятых сообщений %2: %3")
+        .arg(QString::fromUtf8(doing), path, QString::fromLocal8Bit(std::strerror(errno)));
+}
