@@ -122,7 +122,12 @@ struct CLoopbackConnection : QThread
     void stop()
     {
         stopRequested = true; // run() passes it on if the protocol is not there yet
-        withProtocol([](CAbstractProtocol *each) { each->stop(); });
+        withProtocol([this](CAbstractProtocol *each) { passStopOn(each); });
+    }
+    void passStopOn(CAbstractProtocol *to) // under the mutex; a protocol hears of each request once
+    {
+        if (stopRequested.exchange(false))
+            to->stop();
     }
     void run() override
     {
@@ -159,8 +164,7 @@ struct CLoopbackConnection : QThread
         protocol->remoteAbonentFilteredName = Global::filterName(calledName);
         protocol->label = label;
         protocol->start();
-        if (stopRequested)
-            protocol->stop();
+        passStopOn(protocol);
         return true;
     }
     void sayFarewell()

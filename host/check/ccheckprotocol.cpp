@@ -1,8 +1,9 @@
 #include "host/check/ccheckprotocol.h"
 
 #include "common/global.h"
+#include "host/check/cstopwatch.h"
 
-#include <QElapsedTimer>
+#include <QAbstractEventDispatcher>
 
 #include <algorithm>
 
@@ -10,7 +11,7 @@ namespace {
 
 constexpr int pollMs = 2;
 constexpr int readSizes[] = {64 * 1024, 1, 7, 4096};
-constexpr int readLimitMs = 1000; // "never blocks", on a busy machine
+constexpr int promptMs = 250; // asleep, so that a busy machine does not count
 constexpr int mostPieceBytes = 64 * 1024;
 constexpr int floodPieceBytes = 256 * 1024;
 constexpr int mostFloodBytes = 64 * 1024 * 1024;
@@ -23,6 +24,17 @@ char payloadByte(int offset)
 } // namespace
 
 std::atomic<int> CCheckProtocol::lastNumber{0};
+
+template <typename Call>
+auto CCheckProtocol::prompt(const char *what, const Call &call)
+{
+    const CStopwatch watch;
+    const auto result = call();
+    if (const int ms = watch.asleep(); ms > promptMs)
+        recorder.complain("read",
+                          QStringLiteral("%1 держит протокол %2 мс").arg(QLatin1String(what)).arg(ms));
+    return result;
+}
 
 CCheckProtocol::CCheckProtocol(CChannel *ownedChannel, CRecorder &seenBy)
     : CAbstractProtocol(ownedChannel), recorder(seenBy), behaviour(seenBy.behaviour())
@@ -48,13 +60,20 @@ void CCheckProtocol::start()
     recorder.note(What::Start, number, remoteAbonentName);
     if (behaviour.finishesInStart)
         return end();
-    if (isCaller)
+    if (isCaller && room() <= 0 && isStillConnected())
+        recorder.complain("room", QStringLiteral("idealBlockSize() нового соединения равен %1").arg(room()));
+    if (isCaller && !behaviour.isNameless)
         outbox = QStringLiteral("%1|Звонящий %2\n").arg(remoteAbonentName).arg(number).toUtf8();
-    clock.start(pollMs);
+    if (behaviour.isTimeless)
+        connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
+                &CCheckProtocol::work);
+    else
+        clock.start(pollMs);
 }
 
 void CCheckProtocol::stop()
 {
+    recorder.note(What::Stop, number, QString(), hasWorked);
     if (behaviour.finishesInStop) {
         if (!isEnded.exchange(true))
             Q_EMIT finished();
@@ -67,27 +86,38 @@ void CCheckProtocol::work()
 {
     if (isEnded)
         return;
-    const bool wasConnected = channel->isConnected(); // before reading: the last bytes come first
-    if (isCaller || !isGreeted || !behaviour.isDeaf)
+    hasWorked = true;
+    const bool isConnected = isStillConnected(); // before reading: the last bytes come first
+    const bool isDeaf = !isCaller && isGreeted && behaviour.isDeaf && recorder.isDeaf;
+    if (!isDeaf)
         receive();
     transmit();
-    if (!wasConnected)
-        end();
+    if (!isConnected && !behaviour.holdsOut && !(isDeaf && behaviour.hangsUp))
+        end(); // of what has arrived nothing is left
+}
+
+bool CCheckProtocol::isStillConnected()
+{
+    const bool isConnected = prompt("isConnected()", [this] { return channel->isConnected(); });
+    if (isConnected && !wasConnected)
+        recorder.complain("connected", QStringLiteral("isConnected() снова true после false"));
+    wasConnected = isConnected;
+    return isConnected;
+}
+
+int CCheckProtocol::room()
+{
+    return prompt("idealBlockSize()", [this] { return channel->idealBlockSize(); });
 }
 
 void CCheckProtocol::receive()
 {
     constexpr int mostReads = 16;
-    for (int i = 0; i < mostReads; ++i) {
+    for (int i = 0; i < mostReads || behaviour.isTimeless; ++i) {
         const int asked = readSizes[++turn % int(std::size(readSizes))];
-        QElapsedTimer watch;
-        watch.start();
-        const QByteArray bytes = channel->read(asked);
-        if (watch.elapsed() > readLimitMs)
-            recorder.complain("read", QStringLiteral("read() не возвращался %1 мс").arg(watch.elapsed()));
-        if (bytes.size() > asked) {
+        const QByteArray bytes = prompt("read()", [this, asked] { return channel->read(asked); });
+        if (bytes.size() > asked)
             recorder.complain("read", QStringLiteral("read(%1) вернул %2 байт").arg(asked).arg(bytes.size()));
-        }
         if (bytes.isEmpty())
             return;
         readBytes += bytes.size();
@@ -107,7 +137,9 @@ void CCheckProtocol::takeGreeting()
         return;
     isGreeted = true;
     const QString names = QString::fromUtf8(received.left(lineEnd));
-    remoteAbonentName = names.section(QLatin1Char('|'), isCaller ? 0 : 1, isCaller ? 0 : 1);
+    const bool isOther = isCaller && !behaviour.answersAs.isNull();
+    remoteAbonentName =
+        isOther ? behaviour.answersAs : names.section(QLatin1Char('|'), isCaller ? 0 : 1, isCaller ? 0 : 1);
     remoteAbonentFilteredName = Global::filterName(remoteAbonentName);
     recorder.note(What::Named, number, remoteAbonentName);
     Q_EMIT remoteAbonentNameChanged(remoteAbonentName);
@@ -121,19 +153,23 @@ void CCheckProtocol::takeGreeting()
 
 void CCheckProtocol::takePayload(const QByteArray &bytes)
 {
-    if (!isCaller) {
+    if (!isCaller && !behaviour.isSink) {
         outbox += bytes;
         return;
     }
     for (int i = 0; i < bytes.size(); ++i) {
         if (bytes[i] == payloadByte(payloadBack + i))
             continue;
-        recorder.complain("data", QStringLiteral("Байт %1 из %2 пришел назад другим")
-                                      .arg(payloadBack + i)
-                                      .arg(behaviour.payloadBytes));
+        recorder.complain(
+            "data",
+            QStringLiteral("Байт %1 из %2 пришел другим").arg(payloadBack + i).arg(behaviour.payloadBytes));
         break;
     }
     payloadBack += bytes.size();
+    if (payloadBack > behaviour.payloadBytes && behaviour.payloadBytes > 0)
+        recorder.complain(
+            "data",
+            QStringLiteral("Пришло байт: %1, отправлено: %2").arg(payloadBack).arg(behaviour.payloadBytes));
     if (payloadBack >= behaviour.payloadBytes && !wasUseful) {
         wasUseful = true;
         recorder.note(What::Exchanged, number, remoteAbonentName);
@@ -153,24 +189,25 @@ void CCheckProtocol::transmit()
         for (int i = 0; i < outbox.size(); ++i)
             outbox[i] = payloadByte(i);
     }
-    while (!outbox.isEmpty() && channel->isConnected()) {
-        const int room = std::min(channel->idealBlockSize(), mostPieceBytes);
-        if (room <= 0)
-            return;
-        write(outbox.left(room));
-        outbox.remove(0, room);
+    while (!outbox.isEmpty() && isStillConnected()) {
+        const int size = std::min(room(), mostPieceBytes);
+        if (size <= 0)
+            return recorder.note(What::Full, number);
+        write(outbox.left(size));
+        outbox.remove(0, size);
     }
+    if (outbox.isEmpty() && isPayloadQueued && behaviour.hangsUp)
+        end();
 }
 
 void CCheckProtocol::write(const QByteArray &piece)
 {
-    QElapsedTimer watch;
-    watch.start();
+    const CStopwatch watch;
     channel->write(piece);
     writtenBytes += piece.size();
     int longest = recorder.longestWriteMs;
-    while (int(watch.elapsed()) > longest &&
-           !recorder.longestWriteMs.compare_exchange_weak(longest, int(watch.elapsed())))
+    while (watch.elapsed() > longest &&
+           !recorder.longestWriteMs.compare_exchange_weak(longest, watch.elapsed()))
         ;
 }
 
@@ -180,12 +217,16 @@ void CCheckProtocol::end()
         return;
     clock.stop();
     channel->disconnectFromAbonent();
+    if (channel->isConnected())
+        recorder.complain("connected",
+                          QStringLiteral("isConnected() остался true после disconnectFromAbonent()"));
     Q_EMIT finished();
 }
 
 CAbstractProtocol *CCheckProtocolFactory::createProtocol(CChannel *channel)
 {
-    if (recorder.behaviour().refuses) {
+    const unsigned refusals = recorder.behaviour().refusals;
+    if ((refusals >> (recorder.nextConnection() % 32)) & 1U) {
         recorder.note(What::Create, -1);
         return nullptr;
     }

@@ -56,7 +56,9 @@ QString takeOption(const QString &option, const QString &value, CheckArguments *
     if (option == QLatin1String("--only"))
         arguments->only += value.split(QLatin1Char(','), Qt::SkipEmptyParts);
     else if (option == QLatin1String("--child"))
-        arguments->child = value;
+        arguments->child = value.split(QLatin1Char(','));
+    else if (option == QLatin1String("--known"))
+        arguments->known = value.split(QLatin1Char(','));
     else if (option == QLatin1String("--seed"))
         return parseNumber(value, 1, 0xffffffffLL, &arguments->seed);
     else if (option == QLatin1String("--limit"))
@@ -80,10 +82,11 @@ QString takeOption(const QString &option, const QString &value, CheckArguments *
 
 bool takeFlag(const QString &option, CheckArguments *arguments)
 {
-    bool *flag = option == QLatin1String("--list")      ? &arguments->list
-                 : option == QLatin1String("--json")    ? &arguments->json
-                 : option == QLatin1String("--verbose") ? &arguments->verbose
-                                                        : nullptr;
+    bool *flag = option == QLatin1String("--list")       ? &arguments->list
+                 : option == QLatin1String("--json")     ? &arguments->json
+                 : option == QLatin1String("--verbose")  ? &arguments->verbose
+                 : option == QLatin1String("--debugger") ? &arguments->debugger
+                                                         : nullptr;
     if (flag)
         *flag = true;
     return flag;
@@ -116,6 +119,6 @@ CheckArguments parseCheckArguments(const QStringList &words)
     if (arguments.seed == 0)
         arguments.seed = QRandomGenerator::system()->bounded(1U, 0xffffffffU);
     if (arguments.jobs == 0)
-        arguments.jobs = std::clamp(QThread::idealThreadCount(), 1, 8);
+        arguments.jobs = arguments.debugger ? 1 : std::clamp(QThread::idealThreadCount(), 1, 8);
     return arguments;
 }

@@ -21,7 +21,11 @@ struct CheckArguments
     quint32 seed = 0;         // of random-run; never 0 after parsing
     int limitMs = 5000;       // for everything that has to happen, a stop included
     int jobs = 0;             // checks at a time; never 0 after parsing
-    QString child;            // the one check to run in this process; of no use to people
+    bool debugger = false;    // checks wait for one
+
+    // Of no use to people:
+    QStringList child; // the check to run in this process, or rules
+    QStringList known; // rules that are known to be broken
 };
 
 /// Reads the words and the files named by --abonent-file; draws a seed when none is given.

@@ -12,6 +12,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
+#include <QRegularExpression>
 
 #include <algorithm>
 #include <csignal>
@@ -35,24 +37,18 @@ int refuse(const QString &mistake)
     return ExitUsage;
 }
 
+QString row(const Check &check)
+{
+    return QStringLiteral("%1 %2%3").arg(QString::fromLatin1(check.name).leftJustified(20),
+                                         QString::fromUtf8(check.title),
+                                         check.isSlow ? QStringLiteral(" (долго)") : QString());
+}
+
 int list()
 {
     for (const Check &check : checkTable())
-        print(QStringLiteral("%1 %2").arg(QString::fromLatin1(check.name).leftJustified(20),
-                                          QString::fromUtf8(check.title)));
+        print(row(check));
     return ExitDone;
-}
-
-/// @return the first name that is no check's; null: none
-QString unknownCheck(const QStringList &names)
-{
-    for (const QString &name : names) {
-        const auto &table = checkTable();
-        if (std::none_of(table.begin(), table.end(),
-                         [&](const Check &each) { return name == QLatin1String(each.name); }))
-            return name;
-    }
-    return QString();
 }
 
 int countOf(const std::vector<CheckResult> &results, CheckResult::Outcome outcome)
@@ -63,35 +59,83 @@ int countOf(const std::vector<CheckResult> &results, CheckResult::Outcome outcom
 
 void printResult(const CheckResult &result)
 {
-    const char *word = result.outcome == CheckResult::Passed   ? "верно"
-                       : result.outcome == CheckResult::Failed ? "ОШИБКА"
-                                                               : "пропуск";
-    print(QStringLiteral("  %1 %2 %3")
-              .arg(QString::fromUtf8(word).leftJustified(8),
-                   QString::fromLatin1(result.name).leftJustified(20), QString::fromUtf8(result.title)));
-    if (result.outcome == CheckResult::Failed)
+    if (result.outcome == CheckResult::Skipped)
+        return; // all of them in one line at the end
+    const bool isPassed = result.outcome == CheckResult::Passed;
+    print(QStringLiteral("  %1 %2").arg(QString::fromUtf8(isPassed ? "верно" : "ОШИБКА").leftJustified(8),
+                                        row(*result.check)));
+    if (!isPassed)
         print(QStringLiteral("           -> %1").arg(printable(result.text)));
-    else if (result.outcome == CheckResult::Skipped)
-        print(QStringLiteral("              (%1)").arg(printable(result.text)));
 }
 
-void printSummary(const CheckArguments &arguments, const std::vector<CheckResult> &results)
+void printSkipped(const std::vector<CheckResult> &results)
 {
-    const int failed = countOf(results, CheckResult::Failed);
-    print(QStringLiteral("Верно %1, ошибок %2, пропущено %3")
-              .arg(countOf(results, CheckResult::Passed))
-              .arg(failed)
-              .arg(countOf(results, CheckResult::Skipped)));
-    if (failed == 0)
-        return print(QStringLiteral("Канал соответствует договору во всем, что проверено."));
-    QStringList names;
+    QMap<QString, QStringList> names; // by reason
     for (const CheckResult &result : results) {
-        if (result.outcome == CheckResult::Failed)
-            names << QLatin1String(result.name);
+        if (result.outcome == CheckResult::Skipped)
+            names[result.text] << QLatin1String(result.check->name);
     }
-    print(QStringLiteral(
-              "Канал НЕ соответствует договору. Повторить: abonent check %1 --only %2 --seed %3 --verbose")
-              .arg(arguments.channel, names.join(QLatin1Char(',')), QString::number(arguments.seed)));
+    QStringList parts;
+    for (auto it = names.cbegin(); it != names.cend(); ++it)
+        parts << QStringLiteral("%1 (%2)").arg(printable(it.key()), it->join(QLatin1String(", ")));
+    if (!parts.isEmpty())
+        print(QStringLiteral("Пропущено: %1").arg(parts.join(QLatin1String("; "))));
+}
+
+/// As a shell takes it.
+QString quoted(const QString &word)
+{
+    static const QRegularExpression plain(QStringLiteral("^[A-Za-z0-9_./:=,@%+-]+$"));
+    if (plain.match(word).hasMatch())
+        return word;
+    return QLatin1Char('\'') + QString(word).replace(QLatin1Char('\''), QStringLiteral("'\\''")) +
+           QLatin1Char('\'');
+}
+
+/// The command that makes the failed checks once more, with all that they need.
+QString repetition(const CheckArguments &arguments, const QStringList &words, const QStringList &failed)
+{
+    QStringList list{QStringLiteral("abonent"), QStringLiteral("check")};
+    for (int i = 0; i < words.size(); ++i) {
+        const QString option = words[i].section(QLatin1Char('='), 0, 0);
+        const bool isReplaced = option == QLatin1String("--only") || option == QLatin1String("--seed");
+        const bool isDropped = option == QLatin1String("--json") || option == QLatin1String("--verbose");
+        if (isReplaced && option == words[i])
+            ++i; // its value
+        else if (!isReplaced && !isDropped)
+            list << quoted(words[i]);
+    }
+    list << QStringLiteral("--only") << failed.join(QLatin1Char(',')) << QStringLiteral("--seed")
+         << QString::number(arguments.seed) << QStringLiteral("--verbose");
+    return list.join(QLatin1Char(' '));
+}
+
+void printSummary(const CCheckRun &run, const CheckArguments &arguments, const QStringList &words)
+{
+    printSkipped(run.results);
+    if (!run.fixedAddress().isNull())
+        print(QStringLiteral("Проверки шли по одной: у канала постоянный адрес %1")
+                  .arg(printable(run.fixedAddress())));
+    const int passed = countOf(run.results, CheckResult::Passed);
+    print(QStringLiteral("Верно %1, ошибок %2, пропущено %3")
+              .arg(passed)
+              .arg(countOf(run.results, CheckResult::Failed))
+              .arg(countOf(run.results, CheckResult::Skipped)));
+    QStringList failed;
+    for (const CheckResult &result : run.results) {
+        if (result.outcome == CheckResult::Failed)
+            failed << QLatin1String(result.check->name);
+    }
+    if (!failed.isEmpty()) {
+        print(QStringLiteral("Канал НЕ соответствует договору. Повторить: %1")
+                  .arg(repetition(arguments, words, failed)));
+        print(
+            QStringLiteral("С --debugger каждая проверка ждет, пока к ее процессу присоединится отладчик."));
+    } else if (passed == 0) {
+        print(QStringLiteral("Ничего не проверено."));
+    } else {
+        print(QStringLiteral("Канал соответствует договору во всем, что проверено."));
+    }
 }
 
 void printJson(const CheckArguments &arguments, const std::vector<CheckResult> &results)
@@ -99,7 +143,7 @@ void printJson(const CheckArguments &arguments, const std::vector<CheckResult> &
     static constexpr const char *words[] = {"waiting", "running", "passed", "failed", "skipped"};
     QJsonArray checks;
     for (const CheckResult &result : results) {
-        checks << QJsonObject{{QStringLiteral("name"), QLatin1String(result.name)},
+        checks << QJsonObject{{QStringLiteral("name"), QLatin1String(result.check->name)},
                               {QStringLiteral("result"), QLatin1String(words[result.outcome])},
                               {QStringLiteral("text"), result.text},
                               {QStringLiteral("ms"), result.ms}};
@@ -138,8 +182,10 @@ int runParent(const CheckArguments &arguments, const QStringList &words)
     if (arguments.json)
         printJson(arguments, run.results);
     else
-        printSummary(arguments, run.results);
-    return countOf(run.results, CheckResult::Failed) == 0 ? ExitDone : ExitBadChannel;
+        printSummary(run, arguments, words);
+    if (countOf(run.results, CheckResult::Failed) > 0)
+        return ExitBadChannel;
+    return countOf(run.results, CheckResult::Passed) > 0 ? ExitDone : ExitTrouble;
 }
 
 } // namespace
@@ -151,15 +197,17 @@ int runCheck(const CommandLine &line)
         return refuse(arguments.mistake);
     if (arguments.list)
         return list();
-    if (!arguments.child.isNull()) {
+    if (!arguments.child.isEmpty()) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL); // nobody would be left to end a check that hangs
         CFixture fixture(arguments);
         return runCheckHere(fixture, arguments.child);
     }
-    const QString unknown = unknownCheck(arguments.only);
-    if (!unknown.isNull())
-        return refuse(QStringLiteral("Нет такой проверки: %1. Все проверки показывает abonent check --list")
-                          .arg(unknown));
+    for (const QString &name : arguments.only) {
+        if (!checkNamed(name))
+            return refuse(
+                QStringLiteral("Нет такой проверки: %1. Все проверки показывает abonent check --list")
+                    .arg(name));
+    }
     if (!QFileInfo(arguments.channel).isFile())
         return refuse(QStringLiteral("Нет такого файла: %1").arg(arguments.channel));
     return runParent(arguments, line.operands);
