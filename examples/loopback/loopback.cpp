@@ -79,10 +79,11 @@ public:
         QMutexLocker locker(&line->mutex);
         const QByteArray bytes = line->arrived[end].left(maxSize);
         line->arrived[end].remove(0, bytes.size());
+        if (bytes.isEmpty())
+            return bytes;
         line->wake(1 - end); // there is room again
         locker.unlock();
-        if (!bytes.isEmpty())
-            monitor->addReceived(monitorHandle, bytes.size());
+        monitor->addReceived(monitorHandle, bytes.size());
         return bytes;
     }
     int idealBlockSize() override

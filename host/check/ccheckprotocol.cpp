@@ -87,6 +87,7 @@ void CCheckProtocol::work()
     if (isEnded)
         return;
     hasWorked = true;
+    ++recorder.looks;
     const bool isConnected = isStillConnected(); // before reading: the last bytes come first
     const bool isDeaf = !isCaller && isGreeted && behaviour.isDeaf && recorder.isDeaf;
     if (!isDeaf)

@@ -159,9 +159,8 @@ void CFixture::stop()
     recorder.note(What::StopReturned);
     if (watch.asleep() > promptMs)
         recorder.complain("late", QStringLiteral("stop() вернулся через %1 мс").arg(watch.elapsed()));
-    const bool isFinished = wait([&] { return recorder.count(What::Finished) > finishedBefore; },
-                                 std::max(1, arguments.limitMs - watch.elapsed()));
-    if (!isFinished)
+    const bool isFinished = wait([&] { return recorder.count(What::Finished) > finishedBefore; });
+    if (!isFinished || watch.elapsed() > arguments.limitMs + slackMs)
         throw CheckFailure{
             QStringLiteral("После stop() за %1 мс не пришел сигнал finished()").arg(arguments.limitMs),
             "stop-in-time", true};

@@ -34,6 +34,7 @@ void stopReachesAll(CFixture &fixture);
 void wakeForBytes(CFixture &fixture);
 void wakeForRoom(CFixture &fixture);
 void wakeForEnd(CFixture &fixture);
+void idleIsQuiet(CFixture &fixture);
 void bytesBeforeEnd(CFixture &fixture);
 void boundedWrite(CFixture &fixture);
 

@@ -64,6 +64,19 @@ void Checks::wakeForEnd(CFixture &fixture)
     fixture.stopAndClose();
 }
 
+void Checks::idleIsQuiet(CFixture &fixture)
+{
+    constexpr int idleMs = 300;
+    constexpr int mostLooks = 300; // a busy machine makes them fewer
+    callTimeless(fixture, Behaviour());
+    const int before = fixture.recorder.looks;
+    fixture.pause(idleMs);
+    const int looks = fixture.recorder.looks - before;
+    require(looks <= mostLooks,
+            QStringLiteral("Без дела протоколы разбужены %1 раз за %2 мс").arg(looks).arg(idleMs));
+    fixture.stopAndClose();
+}
+
 void Checks::bytesBeforeEnd(CFixture &fixture)
 {
     Behaviour behaviour;

@@ -174,7 +174,7 @@ void Checks::noDescriptorLeft(CFixture &fixture)
 void Checks::noMemoryLeft(CFixture &fixture)
 {
     constexpr int third = 7;
-    constexpr qint64 allowedBytes = 128; // in each life
+    constexpr qint64 allowedBytes = 512; // in each life
     if (MEMORY_IS_SANITIZED)
         throw CheckSkip{QStringLiteral("программа собрана со своим распределителем памяти")};
     live(fixture, 4);

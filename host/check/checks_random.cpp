@@ -36,6 +36,7 @@ public:
             server.settingsWasChanged();
             break;
         case 7:
+            fixture.recorder.note(What::Call, 0, QStringLiteral("Негодный"));
             server.connectToAbonent(QStringLiteral("Негодный"), QByteArray(1 + draw(20), '\xfe'));
             break;
         case 8:

@@ -95,6 +95,7 @@ void Checks::startStop(CFixture &fixture)
     const int count = fixture.recorder.count(What::Finished);
     require(count == 1, QStringLiteral("На один stop() пришло сигналов finished(): %1").arg(count));
     fixture.close();
+    require(fixture.recorder.complaint("late"));
 }
 
 void Checks::queries(CFixture &fixture)

@@ -121,11 +121,11 @@ void Checks::nobodyNamed(CFixture &fixture)
     callAgain(fixture);
 }
 
-/// The factory refuses both sides of a call, then the first that asks, then the second. Who has got a
+/// The factory refuses the side of a call that asks first, then the second, then both. Who has got a
 /// protocol has to see the end of the connection.
 void Checks::refusedProtocol(CFixture &fixture)
 {
-    for (const unsigned refusals : {~0U, 1U, 2U}) {
+    for (const unsigned refusals : {1U, 2U, ~0U}) {
         Behaviour behaviour;
         behaviour.refusals = refusals;
         behaviour.isNameless = true;

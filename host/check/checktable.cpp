@@ -115,6 +115,7 @@ const std::vector<Check> &checkTable()
         {"wake-for-bytes", call, "протокол без таймера разбужен, когда пришли байты", Checks::wakeForBytes},
         {"wake-for-room", call, "протокол без таймера разбужен, когда снова есть место", Checks::wakeForRoom},
         {"wake-for-end", call, "протокол без таймера разбужен, когда соединение закончилось", Checks::wakeForEnd},
+        {"idle-is-quiet", call, "без дела канал никого не будит", Checks::idleIsQuiet},
         {"bytes-before-end", call, "после isConnected() == false пришедшее можно дочитать", Checks::bytesBeforeEnd},
         {"bounded-write", call, "write() абоненту, который не читает, ограничен временем", Checks::boundedWrite, true, slow},
         {"quiet-for-long", call, "и тогда, если подождать подольше", Checks::quietForLong, true, slow},

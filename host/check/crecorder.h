@@ -124,6 +124,7 @@ public:
 
     std::atomic<bool> mayExchange{true};     // false holds the callers' payload back
     std::atomic<bool> isDeaf{true};          // whether Behaviour::isDeaf is in force
+    std::atomic<int> looks{0};               // of all protocols at their channels
     std::atomic<int> longestWriteMs{0};      // of all channels
     std::atomic<QMutex *> logMutex{nullptr}; // set: every call of the channel tries it
     int kind = 0;                            // the plug-in's; set before anything runs

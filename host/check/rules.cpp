@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <utility>
 
 namespace {
 
@@ -105,14 +106,16 @@ QString Rules::protocolThread(const CRecorder &recorder)
 QString Rules::protocolStop(const CRecorder &recorder)
 {
     int requests = 0; // that can have reached a protocol
-    std::map<int, int> left;
+    std::map<int, int> stops;
+    std::map<int, int> lastRequest; // that reached a protocol from the server's thread
     std::map<int, int> threads;
     for (const Event &event : recorder.events()) {
         if (event.what == What::Disconnect || event.what == What::StopAsked) {
             ++requests;
         } else if (event.what == What::Started) {
             requests = 0;
-            left.clear();
+            stops.clear();
+            lastRequest.clear();
         } else if (event.what == What::Create) {
             threads[event.number] = event.thread;
         } else if (event.what == What::Stop) {
@@ -122,10 +125,10 @@ QString Rules::protocolStop(const CRecorder &recorder)
             if (event.thread != recorder.serverThread && !(isOwn && event.value == 0))
                 return QStringLiteral("stop() протокола пришел %1, а не из потока, который останавливает")
                     .arg(isOwn ? QStringLiteral("из потока соединения") : QStringLiteral("из чужого потока"));
-            if (++left[event.number] > requests)
-                return QStringLiteral("stop() протокола вызван %1 раз, остановок было %2")
-                    .arg(left[event.number])
-                    .arg(requests);
+            const bool isTwice = !isOwn && std::exchange(lastRequest[event.number], requests) == requests;
+            if (++stops[event.number] > requests || isTwice)
+                return QStringLiteral("stop() протокола вызван %1 раз, и не по разу на каждую остановку")
+                    .arg(stops[event.number]);
         }
     }
     return QString();
@@ -134,20 +137,24 @@ QString Rules::protocolStop(const CRecorder &recorder)
 /// The numbers by which a host ends and keeps its connections.
 QString Rules::connectionNumbers(const CRecorder &recorder)
 {
-    std::multimap<QString, int> numbers;
+    std::map<QString, std::vector<int>> connected;
+    std::map<QString, std::vector<int>> disconnected;
     for (const Event &event : recorder.events()) {
-        const auto [first, last] = numbers.equal_range(event.text);
-        if (event.what == What::Connected) {
-            if (event.number < 1)
-                return QStringLiteral("Номер соединения %1 меньше 1").arg(event.number);
-            numbers.emplace(event.text, event.number);
-        } else if (event.what == What::Disconnected && first != last &&
-                   std::none_of(first, last, [&](const auto &each) { return each.second == event.number; })) {
+        if (event.what == What::Connected && event.number < 1)
+            return QStringLiteral("Номер соединения %1 меньше 1").arg(event.number);
+        if (event.what == What::Connected)
+            connected[event.text].push_back(event.number);
+        else if (event.what == What::Disconnected)
+            disconnected[event.text].push_back(event.number);
+    }
+    for (const auto &[name, numbers] :
+         connected) { // of a name that comes twice it is not known which is which
+        const std::vector<int> &ended = disconnected[name];
+        if (numbers.size() == 1 && ended.size() == 1 && numbers != ended)
             return QStringLiteral("connected('%1') дал номер %2, а disconnected - %3")
-                .arg(event.text)
-                .arg(first->second)
-                .arg(event.number);
-        }
+                .arg(name)
+                .arg(numbers.front())
+                .arg(ended.front());
     }
     return QString();
 }
