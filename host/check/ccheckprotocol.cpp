@@ -16,9 +16,14 @@ constexpr int mostPieceBytes = 64 * 1024;
 constexpr int floodPieceBytes = 256 * 1024;
 constexpr int mostFloodBytes = 64 * 1024 * 1024;
 
-char payloadByte(int offset)
+/// @return bytes of the payload, in which each place looks different from those nearby
+QByteArray payload(int offset, int size)
 {
-    return char((offset * 31 + offset / 251) & 0xff);
+    QByteArray bytes(size, Qt::Uninitialized);
+    char *byte = bytes.data();
+    for (int i = offset; i < offset + size; ++i)
+        *byte++ = char((i * 31 + i / 251) & 0xff);
+    return bytes;
 }
 
 } // namespace
@@ -158,14 +163,12 @@ void CCheckProtocol::takePayload(const QByteArray &bytes)
         outbox += bytes;
         return;
     }
-    for (int i = 0; i < bytes.size(); ++i) {
-        if (bytes[i] == payloadByte(payloadBack + i))
-            continue;
-        recorder.complain(
-            "data",
-            QStringLiteral("Байт %1 из %2 пришел другим").arg(payloadBack + i).arg(behaviour.payloadBytes));
-        break;
-    }
+    const QByteArray wanted = payload(payloadBack, bytes.size());
+    const auto different = std::mismatch(bytes.begin(), bytes.end(), wanted.begin());
+    if (different.first != bytes.end())
+        recorder.complain("data", QStringLiteral("Байт %1 из %2 пришел другим")
+                                      .arg(payloadBack + int(different.first - bytes.begin()))
+                                      .arg(behaviour.payloadBytes));
     payloadBack += bytes.size();
     if (payloadBack > behaviour.payloadBytes && behaviour.payloadBytes > 0)
         recorder.complain(
@@ -184,21 +187,25 @@ void CCheckProtocol::transmit()
             write(QByteArray(floodPieceBytes, 'x'));
         return;
     }
-    if (isCaller && isGreeted && !isPayloadQueued && recorder.mayExchange) {
-        isPayloadQueued = true;
-        outbox.resize(behaviour.payloadBytes);
-        for (int i = 0; i < outbox.size(); ++i)
-            outbox[i] = payloadByte(i);
-    }
-    while (!outbox.isEmpty() && isStillConnected()) {
+    const bool mayExchange = isCaller && isGreeted && recorder.mayExchange;
+    for (;;) {
+        const int payloadLeft = mayExchange ? behaviour.payloadBytes - payloadSent : 0;
+        const bool isDone = outbox.isEmpty() && payloadLeft == 0;
+        if (isDone && mayExchange && behaviour.hangsUp)
+            end();
+        if (isDone || !isStillConnected())
+            return;
         const int size = std::min(room(), mostPieceBytes);
         if (size <= 0)
             return recorder.note(What::Full, number);
-        write(outbox.left(size));
-        outbox.remove(0, size);
+        if (!outbox.isEmpty()) {
+            write(outbox.left(size));
+            outbox.remove(0, size);
+        } else {
+            write(payload(payloadSent, std::min(size, payloadLeft)));
+            payloadSent += std::min(size, payloadLeft);
+        }
     }
-    if (outbox.isEmpty() && isPayloadQueued && behaviour.hangsUp)
-        end();
 }
 
 void CCheckProtocol::write(const QByteArray &piece)

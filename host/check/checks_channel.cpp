@@ -38,7 +38,7 @@ void Checks::wakeForBytes(CFixture &fixture)
 void Checks::wakeForRoom(CFixture &fixture)
 {
     Behaviour behaviour;
-    behaviour.payloadBytes = 16 * 1024 * 1024; // more than any queue on the way takes
+    behaviour.payloadBytes = 8 * 1024 * 1024; // more than any queue on the way takes
     behaviour.isDeaf = behaviour.isSink = true;
     callTimeless(fixture, behaviour);
     fixture.recorder.mayExchange = true;

@@ -109,7 +109,9 @@ void Checks::queries(CFixture &fixture)
         fixture.ask(QStringLiteral("hasFreeChannel()"), [=] { return server->hasFreeChannel(); });
     require(isFree || !isHardwareOn,
             QStringLiteral("Сервер без единого соединения отвечает, что свободного канала нет"));
-    fixture.stopAndClose();
+    require(fixture.recorder.complaint("prompt"));
+    fixture.stop();
+    fixture.close();
 }
 
 void Checks::callConnects(CFixture &fixture)

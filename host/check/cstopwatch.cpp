@@ -17,7 +17,10 @@ int CStopwatch::asleep() const
     constexpr int worthAskingMs = 20; // the question costs a few system calls
     if (elapsed() < worthAskingMs)
         return 0;
-    return int(std::max<qint64>(0, elapsed() - (scheduledNs() - scheduledBefore) / nsPerMs));
+    const qint64 scheduledNow = scheduledNs();
+    if (scheduledBefore == 0 || scheduledNow == 0)
+        return elapsed();
+    return int(std::max<qint64>(0, elapsed() - (scheduledNow - scheduledBefore) / nsPerMs));
 }
 
 /// schedstat: nanoseconds on a processor, nanoseconds waiting for one, times scheduled.

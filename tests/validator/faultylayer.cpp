@@ -234,6 +234,10 @@ public:
             inner.get(), &CAbstractProtocol::finished, this,
             [this] {
                 takeBack();
+                const bool isInStop = QThread::currentThread() != thread();
+                if ((isStarting && FaultyLayer::fault("protocol.finished", "inStart")) ||
+                    (isInStop && FaultyLayer::fault("protocol.finished", "inStop")))
+                    return;
                 at("protocol.finished", [this] { Q_EMIT finished(); });
             },
             Qt::DirectConnection);
@@ -265,8 +269,10 @@ public:
         inner->remoteAbonentFilteredName = value("preset.filtered", remoteAbonentFilteredName);
         inner->label = value("preset.label", label);
         CAbstractProtocol *const host = inner.get();
+        isStarting = true;
         if (!FaultyLayer::fault("presets", "late"))
             at("protocol.start", [=] { host->start(); });
+        isStarting = false;
         takeBack();
     }
     void stop() override
@@ -291,6 +297,7 @@ private:
         wasUseful = value("protocol.useful", inner->wasUseful);
     }
     std::unique_ptr<CAbstractProtocol> inner;
+    bool isStarting = false;
 };
 
 class Server;
@@ -321,13 +328,18 @@ public:
         connect(
             good, &CChannelServer::connected, this,
             [this](const QString &name, int id) {
-                at("signal.connected",
-                   [=] { Q_EMIT connected(value("connected.name", name), value("connected.id", id)); });
+                isCalling = false;
+                wasAnswered = true;
+                at("signal.connected", [=] {
+                    Q_EMIT connected(value("connected.name", name), value("connected.id", capped(id)));
+                });
             },
             direct);
         connect(
             good, &CChannelServer::notConnected, this,
             [this](const QString &name) {
+                if (wasAnswered && FaultyLayer::fault("signal.notConnected", "answered"))
+                    return;
                 at("signal.notConnected", [=] { Q_EMIT notConnected(value("notConnected.name", name)); });
             },
             direct);
@@ -335,7 +347,8 @@ public:
             good, &CChannelServer::disconnected, this,
             [this](const QString &name, int id, bool wasUseful) {
                 at("signal.disconnected", [=] {
-                    Q_EMIT disconnected(value("disconnected.name", name), value("disconnected.id", id),
+                    Q_EMIT disconnected(value("disconnected.name", name),
+                                        value("disconnected.id", capped(id)),
                                         value("disconnected.useful", wasUseful));
                 });
                 if (FaultyLayer::fault("signal.disconnected", "notConnected"))
@@ -388,6 +401,8 @@ public:
     }
     void stop() override
     {
+        if (FaultyLayer::fault("server.stop", "soon") && isCalling)
+            return;
         at("server.stop", [=] { inner->stop(); });
         if (FaultyLayer::fault("server.stop", "waits")) {
             QEventLoop loop;
@@ -400,11 +415,16 @@ public:
     void settingsWasChanged() override
     {
         at("server.settings", [=] { inner->settingsWasChanged(); });
+        if (FaultyLayer::fault("server.settings", "busy") && protocols.size() > 4)
+            monitor->removeConnection(424242);
+        if (FaultyLayer::fault("server.settings", "often") && ++settingsChanges == 100)
+            inner->disconnectFromAbonent(QString(), 1);
         if (FaultyLayer::fault("server.settings", "disconnects"))
             inner->disconnectFromAbonent(QString(), 1);
     }
     void connectToAbonent(const QString &name, const QByteArray &data) override
     {
+        isCalling = true;
         at("server.connect", [=] { inner->connectToAbonent(value("called.name", name), data); });
         if (FaultyLayer::fault("server.connect", "garbage") && data.size() > 60000)
             std::abort();
@@ -472,6 +492,11 @@ public:
     }
 
 private:
+    static int capped(int id)
+    {
+        constexpr int most = 9;
+        return FaultyLayer::fault("id", "cap") ? std::min(id, most) : id;
+    }
     void equip()
     {
         inner->monitorHandle = monitorHandle;
@@ -499,6 +524,9 @@ private:
     std::unique_ptr<CChannelServer> inner;
     QMutex mutex; // guards the list
     std::vector<Protocol *> protocols;
+    int settingsChanges = 0;
+    bool isCalling = false; // nobody has answered since the last call
+    bool wasAnswered = false;
 };
 
 CAbstractProtocol *Factory::createProtocol(CChannel *given)
