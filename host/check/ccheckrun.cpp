@@ -1,13 +1,13 @@
 #include "host/check/ccheckrun.h"
 
+#include "host/check/placefile.h"
+
 #include <QCoreApplication>
 #include <QDir>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-
-#include <unistd.h>
 
 namespace {
 
@@ -16,12 +16,6 @@ constexpr int shownStepBytes = 1000;
 
 // Short enough for a check that waits for it.
 constexpr char usualSettings[] = "[Details]\nmaxWritingTime=500\n";
-
-/// Puts a file in place; a hard link counts as a place of its own, a symbolic one would not.
-bool place(const QString &from, const QString &to)
-{
-    return ::link(from.toUtf8().constData(), to.toUtf8().constData()) == 0 || QFile::copy(from, to);
-}
 
 QString withoutMeaning(const char *check)
 {
@@ -88,7 +82,7 @@ QString CCheckRun::prepareSlot(Slot *slot, int number)
     const QString source = number == 0 ? QCoreApplication::applicationFilePath()
                                        : directory.filePath(QStringLiteral("0/bin/abonent"));
     if (!directory.isValid() || !QDir().mkpath(slot->directory + QStringLiteral("/bin")) ||
-        !place(source, program))
+        !placeFile(source, program))
         return cannotWrite(program);
     return QString();
 }

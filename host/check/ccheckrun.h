@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/check/checkarguments.h"
-#include "host/check/checktable.h"
+#include "host/check/checkresult.h"
 
 #include <QElapsedTimer>
 #include <QEventLoop>
@@ -15,23 +15,6 @@
 #include <functional>
 #include <memory>
 #include <vector>
-
-/// What became of one check.
-struct CheckResult
-{
-    enum Outcome
-    {
-        Waiting,
-        Running,
-        Passed,
-        Failed,
-        Skipped,
-    };
-    const Check *check;
-    Outcome outcome;
-    QString text; // why it has failed or was skipped
-    qint64 ms;
-};
 
 class CCheckRun : public QObject
 {

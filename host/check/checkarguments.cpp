@@ -101,7 +101,14 @@ CheckArguments parseCheckArguments(const QStringList &words)
     while (!rest.isEmpty() && arguments.mistake.isNull()) {
         const QString word = rest.takeFirst();
         const QString option = word.section(QLatin1Char('='), 0, 0);
-        if (!word.startsWith(QLatin1String("--"))) {
+        if (word == QLatin1String("--host")) {
+            arguments.host = rest;
+            rest.clear();
+            if (arguments.host.isEmpty())
+                arguments.mistake = QStringLiteral("Не указана программа");
+            else
+                arguments.host[0] = QFileInfo(arguments.host[0]).absoluteFilePath();
+        } else if (!word.startsWith(QLatin1String("--"))) {
             if (!arguments.channel.isEmpty())
                 arguments.mistake = QStringLiteral("Лишний аргумент: %1").arg(word);
             arguments.channel = QFileInfo(word).absoluteFilePath(); // no search along library paths
@@ -114,7 +121,8 @@ CheckArguments parseCheckArguments(const QStringList &words)
                                &arguments);
         }
     }
-    if (arguments.mistake.isNull() && arguments.channel.isEmpty() && !arguments.list)
+    if (arguments.mistake.isNull() && arguments.channel.isEmpty() && arguments.host.isEmpty() &&
+        !arguments.list)
         arguments.mistake = QStringLiteral("Не указан файл модуля канала");
     if (arguments.seed == 0)
         arguments.seed = QRandomGenerator::system()->bounded(1U, 0xffffffffU);

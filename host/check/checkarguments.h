@@ -7,8 +7,9 @@
 
 struct CheckArguments
 {
-    QString mistake; // what is wrong, in Russian; null when nothing is
-    QString channel; // file name of the library
+    QString mistake;  // what is wrong, in Russian; null when nothing is
+    QString channel;  // file name of the library
+    QStringList host; // program and arguments: a host is checked, not a channel
     bool list = false;
     bool json = false;
     bool verbose = false;        // what the channel prints goes to standard error
