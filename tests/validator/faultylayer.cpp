@@ -171,6 +171,8 @@ public:
         QByteArray sent = data;
         if (FaultyLayer::fault("channel.write", "damage") && !data.isEmpty())
             sent[sent.size() - 1] = char(~sent.back());
+        if (FaultyLayer::fault("channel.write", "big"))
+            sent.append(QByteArray(100000, 'x'));
         if (FaultyLayer::fault("channel.write", "cut"))
             sent.chop(1);
         if (FaultyLayer::fault("channel.write", "flood") && data.size() > 200000)
@@ -236,8 +238,11 @@ public:
                 takeBack();
                 const bool isInStop = QThread::currentThread() != thread();
                 if ((isStarting && FaultyLayer::fault("protocol.finished", "inStart")) ||
-                    (isInStop && FaultyLayer::fault("protocol.finished", "inStop")))
+                    (isInStop && FaultyLayer::fault("protocol.finished", "inStop")) ||
+                    (!isStopAsked && FaultyLayer::fault("protocol.finished", "inEnd")))
                     return;
+                if (FaultyLayer::fault("protocol.finished", "deletes"))
+                    QTimer::singleShot(0, this, [this] { delete this; });
                 at("protocol.finished", [this] { Q_EMIT finished(); });
             },
             Qt::DirectConnection);
@@ -277,6 +282,7 @@ public:
     }
     void stop() override
     {
+        isStopAsked = true;
         CAbstractProtocol *const host = inner.get();
         if (FaultyLayer::fault("protocol.stop", "own"))
             QMetaObject::invokeMethod(
@@ -298,6 +304,7 @@ private:
     }
     std::unique_ptr<CAbstractProtocol> inner;
     bool isStarting = false;
+    std::atomic<bool> isStopAsked{false};
 };
 
 class Server;
@@ -394,8 +401,8 @@ public:
     }
     void start() override
     {
-        if (FaultyLayer::fault("server.start", "early")) // a host that sets the members too late
-            inner->start();
+        if (FaultyLayer::fault("server.start", "connects"))
+            inner->connectToAbonent(QString(), QByteArray());
         equip();
         at("server.start", [=] { inner->start(); });
     }
@@ -409,6 +416,10 @@ public:
             connect(this, &CChannelServer::finished, &loop, &QEventLoop::quit);
             loop.exec();
         }
+        if (FaultyLayer::fault("server.stop", "connects"))
+            inner->connectToAbonent(QString(), QByteArray());
+        if (FaultyLayer::fault("server.stop", "exits"))
+            std::exit(0);
         if (FaultyLayer::fault("server.stop", "deletes"))
             delete inner.release();
     }
@@ -426,6 +437,8 @@ public:
     {
         isCalling = true;
         at("server.connect", [=] { inner->connectToAbonent(value("called.name", name), data); });
+        if (FaultyLayer::fault("server.connect", "unknown"))
+            inner->keepAliveConnection(77);
         if (FaultyLayer::fault("server.connect", "garbage") && data.size() > 60000)
             std::abort();
     }
@@ -560,9 +573,10 @@ public:
     explicit Plugin(CChannelPlugin *good) : inner(good) {}
     ~Plugin() override
     {
-        at("entry.deleteInstance", [good = inner] { innerDeleteInstance(good); });
         if (FaultyLayer::fault("plugin", "delete"))
             delete inner;
+        else
+            at("entry.deleteInstance", [good = inner] { innerDeleteInstance(good); });
     }
     int type() const override
     {

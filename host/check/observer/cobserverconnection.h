@@ -59,6 +59,7 @@ private:
 
     // The connection thread's own.
     bool isChannelGone = false;
+    bool isBound = false;
     bool isDeleting = false;
     bool isAtEnd = false; // the script is over
     int turn = 0;         // of the script

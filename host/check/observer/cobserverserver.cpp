@@ -16,7 +16,7 @@ constexpr int userThreads = 8;
 constexpr int userRounds = 50;
 
 std::atomic<int> serversAlive{0};
-std::atomic<int> serversStarted{0};
+std::atomic<int> serversStarted{0}; // and not stopped
 
 bool answersCalls()
 {
@@ -45,9 +45,14 @@ CObserverServer::~CObserverServer()
         each->wait();
 }
 
+bool CObserverServer::areAllStopped()
+{
+    return serversStarted == 0;
+}
+
 void CObserverServer::judgeLeft()
 {
-    if (serversStarted > 0)
+    if (areAllStopped()) // else it is worse: they were not stopped
         Report::judge("server-deleted", serversAlive == 0,
                       QStringLiteral("К концу программы не удалено серверов: %1").arg(serversAlive));
 }
@@ -99,17 +104,19 @@ void CObserverServer::start()
         missing << QStringLiteral("journal");
     Report::judge("members-set", missing.isEmpty(),
                   QStringLiteral("К start() не заданы: %1").arg(missing.join(QLatin1String(", "))));
-    if (!missing.isEmpty())
-        return;
     ++serversStarted;
     state = Running;
+    QMetaObject::invokeMethod(
+        this, [this] { clock.start(turnMs); }, Qt::QueuedConnection);
+    isInert = !missing.isEmpty();
+    if (isInert)
+        return;
     hostCall("monitor-threads", QStringLiteral("setState()"),
              [this] { monitor->setState(monitorHandle, QStringLiteral("Работает")); });
     useFromManyThreads();
     for (const FarEnd farEnd :
          {FarEnd::Silent, FarEnd::Closing, FarEnd::Flood, FarEnd::Deaf, FarEnd::Closing})
         open(farEnd, std::make_shared<CObserverLine>(), QString());
-    clock.start(turnMs);
 }
 
 void CObserverServer::useFromManyThreads()
@@ -117,7 +124,9 @@ void CObserverServer::useFromManyThreads()
     for (int i = 0; i < userThreads; ++i) {
         users.emplace_back(QThread::create([this, i] {
             const QString label = QStringLiteral("Поток %1").arg(i);
-            for (int round = 0; round < userRounds; ++round) {
+            for (int round = 0; round < userRounds && !Report::isBroken("monitor-threads") &&
+                                !Report::isBroken("journal-threads");
+                 ++round) {
                 hostCall("monitor-threads", QStringLiteral("Монитор"), [&] {
                     const int handle = monitor->addConnection(observerKind, label, label);
                     monitor->setState(handle, label);
@@ -162,7 +171,7 @@ void CObserverServer::answerCalls()
 {
     const QString name = waiting.front();
     waiting.erase(waiting.begin());
-    if (!answersCalls()) {
+    if (!answersCalls() || isInert) {
         Q_EMIT notConnected(name);
         return;
     }
@@ -203,9 +212,11 @@ void CObserverServer::turnOfStop()
     users.clear();
     connections.clear();
     clock.stop();
-    hostCall("monitor-threads", QStringLiteral("setState()"),
-             [this] { monitor->setState(monitorHandle, QStringLiteral("Выключен")); });
+    if (!isInert)
+        hostCall("monitor-threads", QStringLiteral("setState()"),
+                 [this] { monitor->setState(monitorHandle, QStringLiteral("Выключен")); });
     state = Finished;
+    --serversStarted;
     Report::kept("stopped");
     Q_EMIT finished(); // the host may delete the server here
 }

@@ -30,6 +30,7 @@ public:
 
     /// What has to be true when the process ends.
     static void judgeLeft();
+    static bool areAllStopped();
 
 private:
     enum State
@@ -56,5 +57,6 @@ private:
     std::vector<QString> waiting;                                  // calls, until the far ends have played
     std::set<int> known;                                           // numbers that the host may name
     QTimer clock;
+    bool isInert = false; // members are missing
     QElapsedTimer sinceStop;
 };

@@ -46,8 +46,9 @@ public:
 void judgeAtExit()
 {
     CObserverServer::judgeLeft();
-    Report::judge("delete-instance", pluginsAlive == 0,
-                  QStringLiteral("К концу программы объект канала не отдан deleteInstance()"));
+    if (CObserverServer::areAllStopped())
+        Report::judge("delete-instance", pluginsAlive == 0,
+                      QStringLiteral("К концу программы объект канала не отдан deleteInstance()"));
 }
 
 } // namespace

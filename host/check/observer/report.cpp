@@ -3,11 +3,15 @@
 #include <cstdlib>
 #include <mutex>
 #include <set>
+#include <string>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace {
+
+std::mutex brokenMutex;
+std::set<std::string> *const brokenRules = new std::set<std::string>; // never destroyed, as below
 
 /// Each line once.
 void tell(const QString &line)
@@ -33,7 +37,17 @@ void Report::kept(const char *rule)
 
 void Report::broken(const char *rule, const QString &text)
 {
+    {
+        const std::lock_guard<std::mutex> locker(brokenMutex);
+        brokenRules->insert(rule);
+    }
     tell(QStringLiteral("broken %1 %2").arg(QLatin1String(rule), text));
+}
+
+bool Report::isBroken(const char *rule)
+{
+    const std::lock_guard<std::mutex> locker(brokenMutex);
+    return brokenRules->count(rule) > 0;
 }
 
 void Report::idle()

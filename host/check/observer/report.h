@@ -15,6 +15,7 @@ namespace Report {
 void kept(const char *rule);
 void broken(const char *rule, const QString &text);
 void idle();
+bool isBroken(const char *rule);
 
 /// One of the two.
 void judge(const char *rule, bool isKept, const QString &text);
