@@ -44,7 +44,7 @@ if [ -n "$sanitizers" ]; then
     run dev-asan -LE 'style|counts|kit|heavy'
     # Only the tests in which threads meet; the sanitizer has no use for the others.
     build dev-tsan tst_cipserver tst_foreignhost tst_fire tst_race
-    run dev-tsan -L threads -E host60
+    run dev-tsan -L threads -E smallhost
 fi
 [ -z "$long" ] || packaging/check.sh
 step "All tests passed"

@@ -21,18 +21,18 @@ run() {
     local home=$work/run
     rm -rf "$home"
     mkdir -p "$home/bin/channelPlugins"
-    cp "$1/host60" "$moved/bin/abonent" "$home/bin"
+    cp "$1/smallhost" "$moved/bin/abonent" "$home/bin"
     cp "$1/libloopback.so" "$moved/bin/channelPlugins/libtransportIp.so" "$home/bin/channelPlugins"
     local port=$((20000 + RANDOM % 10000))
     while (: >"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
     "$home/bin/abonent" settings set port=$port >"$work/log"
     for channel in loopback transportIp; do
-        "$home/bin/host60" "$home/bin/channelPlugins/lib$channel.so" $port >"$work/said" 2>&1 ||
-            { echo "host60 with $channel from $1: $?" >&2; cat "$work/said" >&2; return 1; }
+        "$home/bin/smallhost" "$home/bin/channelPlugins/lib$channel.so" $port >"$work/said" 2>&1 ||
+            { echo "smallhost with $channel from $1: $?" >&2; cat "$work/said" >&2; return 1; }
         grep -q "Вызываем абонента 'Борис'" "$work/said"
     done
     grep -q "Установлено соединение с 'Анна'" "$work/said"
-    [ -s "$home/settings/settings.ini" ] && ls "$home"/data/0/log/host60_*.log >/dev/null
+    [ -s "$home/settings/settings.ini" ] && ls "$home"/data/0/log/smallhost_*.log >/dev/null
 }
 
 # Shows the four entries and nothing else, keeps to its own symbols, stays in memory.
@@ -93,7 +93,7 @@ add_subdirectory("$source" ipChannel)
 add_subdirectory("$source/examples" examples)
 END
 configure -S "$work/outside" -B "$work/added"
-make_all "$work/added" "loopback host60 transportIp"
+make_all "$work/added" "loopback smallhost transportIp"
 check_module "$work/added/examples/libloopback.so"
 [ -f "$work/added/ipChannel/bin/channelPlugins/libtransportIp.so" ]
 run "$work/added/examples"

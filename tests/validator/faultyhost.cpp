@@ -27,6 +27,8 @@ public:
                                      : reinterpret_cast<QFunctionPointer>(FaultyLayer::deleteInstance);
     }
 
+    QString errorString() const { return library.errorString(); }
+
 private:
     QLibrary library;
 };
@@ -34,4 +36,4 @@ private:
 } // namespace
 
 #define QLibrary LayeredLibrary
-#include "examples/host60/main.cpp"
+#include "examples/smallhost/main.cpp"

@@ -160,7 +160,7 @@ public:
         if (FaultyLayer::fault("wake", "always"))
             QAbstractEventDispatcher::instance()->wakeUp();
         if (!good && FaultyLayer::fault("channel.isConnected", "flicker"))
-            return ++asked % 2 == 0;
+            return ++asked > 1;
         if (!good && !isEnded && FaultyLayer::fault("wake", "end"))
             return !sinceEnd.isOver();
         return value("channel.isConnected", good) ||

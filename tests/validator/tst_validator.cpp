@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int patienceMs = 300000;
-constexpr int runsAtOnce = 8; // most of a run is waiting
+constexpr int runsAtOnce = 24; // most of a run is waiting
 
 struct Answer
 {
@@ -70,8 +70,9 @@ template <typename Make>
 QStringList judge(const Seed *table, std::size_t count, const Make &make, int exitCode)
 {
     std::vector<Answer> answers(count);
-    Forked::inThreads(runsAtOnce, [&](int first) {
-        for (std::size_t i = std::size_t(first); i < count; i += runsAtOnce)
+    const int threads = isLong() ? 3 : runsAtOnce;
+    Forked::inThreads(threads, [&](int first) {
+        for (std::size_t i = std::size_t(first); i < count; i += std::size_t(threads))
             answers[i] = make(table[i]);
     });
     QStringList troubles;
@@ -112,34 +113,31 @@ private Q_SLOTS:
         QVERIFY(checks > 0);
     }
 
-    void passesGoodChannels_data()
-    {
-        QTest::addColumn<QStringList>("words");
-        QTest::newRow("IP") << QStringList{QStringLiteral(CHANNEL_FILE)};
-        QTest::newRow("loop-back") << loopback(LOOPBACK_FILE);
-        QTest::newRow("layer without a fault") << loopback(FAULTY_FILE);
-    }
-
     void passesGoodChannels()
     {
-        QFETCH(QStringList, words);
+        const QList<QStringList> channels{
+            {QStringLiteral(CHANNEL_FILE)}, loopback(LOOPBACK_FILE), loopback(FAULTY_FILE)};
         std::atomic<bool> isOver{false};
         std::vector<std::thread> load; // both processors are busy in the long form
         for (int i = 0; i < (isLong() ? QThread::idealThreadCount() : 0); ++i)
-            load.emplace_back([&] {
+            load.emplace_back([&isOver] {
                 while (!isOver)
                     ;
             });
-        QStringList troubles;
-        for (int i = 0; i < (isLong() ? 20 : 1); ++i) {
-            const Answer answer = check(words + QStringList("--json"_s));
-            if (answer.exitCode != 0 || answer.by["passed"_s].size() < checks - 1) // memory may be skipped
-                troubles << answer.output;
-        }
+        QStringList troubles[3];
+        Forked::inThreads(3, [&](int which) {
+            for (int i = 0; i < (isLong() ? 20 : 1); ++i) {
+                const Answer answer = check(channels[which] + QStringList("--json"_s));
+                if (answer.exitCode != 0 ||
+                    answer.by["passed"_s].size() < checks - 1) // memory may be skipped
+                    troubles[which] << answer.output;
+            }
+        });
         isOver = true;
         for (std::thread &each : load)
             each.join();
-        QVERIFY2(troubles.isEmpty(), qPrintable(troubles.join(QLatin1Char('\n'))));
+        for (const QStringList &each : troubles)
+            QVERIFY2(each.isEmpty(), qPrintable(each.join(QLatin1Char('\n'))));
     }
 
     void namesEveryFaultOfAChannel()
@@ -178,28 +176,20 @@ private Q_SLOTS:
         QCOMPARE(unproved.join(QLatin1Char(',')), "entry-points"_s); // the library that is incomplete
     }
 
-    void passesGoodHosts_data()
-    {
-        QTest::addColumn<QStringList>("words");
-        QTest::newRow("listen") << QStringList{QStringLiteral(ABONENT_FILE), "listen"_s, "--name"_s,
-                                               "Борис"_s};
-        QTest::newRow("send") << QStringList{QStringLiteral(ABONENT_FILE),
-                                             "send"_s,
-                                             "Борис"_s,
-                                             "127.0.0.1"_s,
-                                             "--name"_s,
-                                             "Борис"_s,
-                                             "--text"_s,
-                                             "Привет"_s};
-        QTest::newRow("example") << QStringList{QStringLiteral(HOST_FILE), "{}"_s};
-        QTest::newRow("layer without a fault") << QStringList{QStringLiteral(FAULTY_HOST_FILE), "{}"_s};
-    }
-
     void passesGoodHosts()
     {
-        QFETCH(QStringList, words);
-        const Answer answer = check(QStringList{"--json"_s, "--host"_s} + words);
-        QVERIFY2(answer.exitCode == 0 && answer.by["passed"_s].size() > 25, qPrintable(answer.output));
+        const QString abonent = QStringLiteral(ABONENT_FILE);
+        const QList<QStringList> hosts{
+            {abonent, "listen"_s, "--name"_s, "Борис"_s},
+            {abonent, "send"_s, "Борис"_s, "127.0.0.1"_s, "--name"_s, "Борис"_s, "--text"_s, "Привет"_s},
+            {QStringLiteral(HOST_FILE), "{}"_s},
+            {QStringLiteral(FAULTY_HOST_FILE), "{}"_s}}; // without a fault
+        Answer answers[4];
+        Forked::inThreads(4, [&](int which) {
+            answers[which] = check(QStringList{"--json"_s, "--host"_s} + hosts[which]);
+        });
+        for (const Answer &each : answers)
+            QVERIFY2(each.exitCode == 0 && each.by["passed"_s].size() > 25, qPrintable(each.output));
     }
 
     void repeatsARandomRun()

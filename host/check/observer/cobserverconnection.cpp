@@ -4,8 +4,6 @@
 #include "common/namefilter.h"
 #include "host/check/observer/hostcall.h"
 
-#include <QEventLoop>
-
 #include <utility>
 
 namespace {
@@ -57,9 +55,8 @@ void CObserverConnection::run()
              [&] { server->journal->addRecord(JournalEvent, label, text); });
     if (begin(handle)) {
         exec(); // until the protocol says finished()
-        QEventLoop afterwards;
-        QTimer::singleShot(afterwardsMs, &afterwards, &QEventLoop::quit);
-        afterwards.exec();
+        QTimer::singleShot(afterwardsMs, script, [this] { quit(); });
+        exec(); // for what comes too often
         reportEnd();
         end();
     } else if (!calledName.isNull()) {
