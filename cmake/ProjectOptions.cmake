@@ -45,6 +45,7 @@ function(add_object_kit name)
   target_include_directories(${name}Objects PUBLIC ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name}Objects PUBLIC Qt5::Core)
   add_library(${name} INTERFACE)
+  add_dependencies(${name} ${name}Objects) # makefiles do not know from where the objects come
   target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} INTERFACE $<TARGET_OBJECTS:${name}Objects> Qt5::Core ${kit_LINK})
 endfunction()

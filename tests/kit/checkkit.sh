@@ -53,6 +53,9 @@ if grep -rIl -e "$work/first" -e "$build" "$moved"; then
     exit 1
 fi
 
+perl "$source/tests/kit/checkdocs.pl" "$moved/share/doc/ipchannel-dev"
+[ "$(du -cb "$moved"/lib*/libipchannel-*.a "$moved"/lib*/*/libipchannel-*.a 2>/dev/null | awk 'END { print $1 }')" -lt 8000000 ]
+
 step() { echo "== $*"; }
 
 step find_package, installed and moved
@@ -72,6 +75,22 @@ if cmake -S "$examples" -B "$work/other" -G Ninja "-DCMAKE_PREFIX_PATH=$moved" -
     exit 1
 fi
 grep -q 'compatible with requested version' "$work/log" || { cat "$work/log" >&2; exit 1; }
+
+# said TEXT: what CMake says of examples/CMakeLists.txt with other first lines; it has to refuse them.
+step find_package and add_channel_kind explain what they cannot do
+mkdir "$work/wrong"
+cp -r "$examples"/loopback "$work/wrong"
+said() {
+    printf 'cmake_minimum_required(VERSION 3.25)\nproject(wrong LANGUAGES CXX)\n%s\n' "$1" >"$work/wrong/CMakeLists.txt"
+    cmake -S "$work/wrong" -B "$work/wrong/build" -G Ninja "-DCMAKE_PREFIX_PATH=$moved" >"$work/log" 2>&1
+}
+if said 'find_package(ipChannel 3 REQUIRED COMPONENTS common)'; then exit 1; fi
+tr -s ' \n' ' ' <"$work/log" | grep -q 'ipChannel has no components; leave COMPONENTS out'
+if said 'find_package(ipChannel 3 REQUIRED)
+add_channel_kind(loopback SOURCES loopback/loopback.cpp LINK No::Such)'; then exit 1; fi
+tr -s ' \n' ' ' <"$work/log" | grep -q 'Call find_package() of the package that brings it'
+said 'find_package(ipChannel 3 REQUIRED)
+add_channel_kind(loopback SOURCES loopback/loopback.cpp LINK Qt5::Network)'
 
 step pkg-config
 # make and pkg-config know no blanks in paths.
@@ -99,6 +118,17 @@ check_module "$work/added/examples/libloopback.so"
 run "$work/added/examples"
 [ "$(ctest --test-dir "$work/added" -N | tail -1)" = "Total Tests: 0" ]
 if cmake --build "$work/added" --target help | grep -E 'tst_|testSupport'; then exit 1; fi
+
+step targets of the tree, with makefiles
+cat >"$work/outside/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.25)
+project(inside LANGUAGES CXX)
+add_subdirectory("$source" ipChannel EXCLUDE_FROM_ALL)
+add_executable(smallhost "$source/examples/smallhost/main.cpp")
+target_link_libraries(smallhost PRIVATE interfaces ipsettings common)
+END
+cmake -S "$work/outside" -B "$work/makefiles" -G "Unix Makefiles" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
+make_all "$work/makefiles"
 
 step the kit works in all ways
 rm -rf "$work"
