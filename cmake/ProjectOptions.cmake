@@ -10,6 +10,7 @@ target_compile_options(projectOptions INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast -Wcast-align
   -Wundef -Wvla -Wextra-semi
   $<$<CXX_COMPILER_ID:GNU>:-Wsuggest-override -Wduplicated-cond -Wlogical-op>
+  $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments> # QSKIP() without values
   $<$<BOOL:${IPCHANNEL_WERROR}>:-Werror>
   # Two builds of one commit are the same, wherever they are made.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)

@@ -51,7 +51,6 @@ private:
     void turnOfStop();
 
     State state = Created;
-    CProtocolFactory *factoryAtStart = nullptr;
     std::vector<std::unique_ptr<CObserverConnection>> connections; // since the last stop
     std::vector<std::unique_ptr<QThread>> users;                   // of the host's objects
     std::vector<QString> waiting;                                  // calls, until the far ends have played
