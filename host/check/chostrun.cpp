@@ -13,9 +13,23 @@
 
 #include <csignal>
 
+#include <sys/prctl.h>
+
 namespace {
 
 constexpr int pollMs = 20;
+/// Begins without what this program does about signals, and ends with it.
+class CHostProcess final : public QProcess
+{
+    void setupChildProcess() override
+    {
+        sigset_t none;
+        ::sigemptyset(&none);
+        ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    }
+};
+
 constexpr int graceMs = 1000; // for a host that ends by itself, when nothing more happens
 
 } // namespace
@@ -88,7 +102,7 @@ QString CHostRun::runOnce(const char *calls)
 {
     const QString place = directory.filePath(QLatin1String(calls));
     heardBytes = 0;
-    isIdle = wasAsked = wasKilled = wasStopped = false;
+    isIdle = wasAsked = wasKilled = wasStopped = isStuck = false;
     const QString error = prepare(place, calls);
     if (!error.isNull())
         return error;
@@ -123,7 +137,7 @@ QString CHostRun::prepare(const QString &place, const char *calls)
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("ABONENT_OBSERVER_REPORT"), reportName);
     environment.insert(QStringLiteral("ABONENT_OBSERVER_CALLS"), QLatin1String(calls));
-    process = std::make_unique<QProcess>();
+    process = std::make_unique<CHostProcess>();
     process->setProcessEnvironment(environment);
     process->setWorkingDirectory(place);
     process->setStandardInputFile(QProcess::nullDevice());
@@ -150,6 +164,7 @@ void CHostRun::waitForEnd()
             sinceChange.start();
         if (!wasAsked && sinceChange.hasExpired(isIdle ? graceMs : 2 * arguments.limitMs)) {
             wasAsked = true;
+            isStuck = wasStopped;
             process->terminate();
             sinceChange.start();
         } else if (wasAsked && sinceChange.hasExpired(2 * arguments.limitMs)) {
@@ -199,7 +214,10 @@ void CHostRun::judgeEnd()
     const bool isCrash = process->exitStatus() == QProcess::CrashExit;
     const bool isBySignal = isCrash && wasAsked && process->exitCode() == SIGTERM;
     if (CheckResult *ends = resultOf(QStringLiteral("ends"))) {
-        if (wasKilled && !isBroken)
+        if (isStuck && !isBroken)
+            *ends = {ends->check, CheckResult::Failed,
+                     QStringLiteral("Сервер остановлен, а программа не заканчивается"), 0};
+        else if (wasKilled && !isBroken)
             *ends = {ends->check, CheckResult::Failed,
                      QStringLiteral("Программа не закончилась ни сама, ни по SIGTERM"), 0};
         else if (isCrash && !isBySignal && !isBroken)

@@ -44,4 +44,5 @@ private:
     bool wasAsked = false; // to end, by a signal
     bool wasKilled = false;
     bool wasStopped = false; // a server has come to its end
+    bool isStuck = false;    // and the program has not
 };

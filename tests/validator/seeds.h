@@ -234,6 +234,6 @@ constexpr Seed hostSeeds[] = {
     {"journal.add throw 20", "throws in its journal", "no-exception"},
     {"monitor.remove throw 20", "throws in its monitor", "no-exception"},
     {"journal.add abort 20", "crashes", "ends", "сигналом 6"},
-    {"server.destroy sleep 60000", "does not end", "ends", "ни по SIGTERM", 1000},
+    {"server.destroy sleep 60000", "does not end", "ends", "не заканчивается", 1000},
 };
 // clang-format on
