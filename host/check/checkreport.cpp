@@ -62,7 +62,8 @@ QString repetition(const CheckArguments &arguments, const QStringList &words, co
     if (host < 0)
         list << QStringLiteral("--seed") << QString::number(arguments.seed);
     list << QStringLiteral("--verbose");
-    for (const QString &word : host < 0 ? QStringList() : words.mid(host))
+    const QStringList hostsOwn = host < 0 ? QStringList() : words.mid(host);
+    for (const QString &word : hostsOwn)
         list << quoted(word);
     return list.join(QLatin1Char(' '));
 }

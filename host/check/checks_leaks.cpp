@@ -186,7 +186,7 @@ void Checks::noMemoryLeft(CFixture &fixture)
     const auto middleFrom = [&sizes](int first) {
         std::nth_element(sizes.begin() + first, sizes.begin() + first + third / 2,
                          sizes.begin() + first + third);
-        return sizes[std::size_t(first + third / 2)];
+        return sizes[std::size_t(first) + third / 2];
     };
     const qint64 leaked = (middleFrom(2 * third) - middleFrom(0)) / (2 * third);
     require(leaked <= allowedBytes,

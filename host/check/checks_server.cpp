@@ -130,8 +130,10 @@ void Checks::callConnects(CFixture &fixture)
     fixture.stop();
     fixture.close();
     const int named = fixture.recorder.count(What::Named);
-    require(connected == named,
-            QStringLiteral("Имен узнано: %1, а сигналов connected: %2").arg(named).arg(connected));
+    if (connected != named)
+        throw CheckFailure{
+            QStringLiteral("Имен узнано: %1, а сигналов connected: %2").arg(named).arg(connected), nullptr,
+            true};
 }
 
 void Checks::conversation(CFixture &fixture)

@@ -182,7 +182,8 @@ void CHostRun::hear()
     const QByteArray bytes = report.readAll();
     const int end = bytes.lastIndexOf('\n') + 1;
     heardBytes += end;
-    for (const QByteArray &line : bytes.left(end).split('\n'))
+    const QList<QByteArray> lines = bytes.left(end).split('\n');
+    for (const QByteArray &line : lines)
         take(QString::fromUtf8(line));
 }
 

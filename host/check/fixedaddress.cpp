@@ -27,7 +27,8 @@ QString internetAddress(const QString &table, const QString &inode)
     constexpr int localField = 1;
     constexpr int remoteField = 2;
     constexpr int inodeField = 9;
-    for (const QByteArray &line : contents(QStringLiteral("/proc/net/") + table).split('\n')) {
+    const QList<QByteArray> lines = contents(QStringLiteral("/proc/net/") + table).split('\n');
+    for (const QByteArray &line : lines) {
         const QList<QByteArray> fields = line.simplified().split(' ');
         if (QString::fromLatin1(fields.value(inodeField)) != inode)
             continue;
@@ -44,7 +45,8 @@ QString unixAddress(const QString &inode)
 {
     constexpr int inodeField = 6;
     constexpr int pathField = 7;
-    for (const QByteArray &line : contents(QStringLiteral("/proc/net/unix")).split('\n')) {
+    const QList<QByteArray> lines = contents(QStringLiteral("/proc/net/unix")).split('\n');
+    for (const QByteArray &line : lines) {
         const QList<QByteArray> fields = line.simplified().split(' ');
         if (QString::fromLatin1(fields.value(inodeField)) != inode || fields.size() <= pathField)
             continue;
@@ -60,8 +62,8 @@ QString fixedAddress()
 {
     constexpr int lastStandardStream = 2;
     const QDir descriptors(QStringLiteral("/proc/self/fd"));
-    for (const QString &number :
-         descriptors.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)) {
+    const QStringList numbers = descriptors.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    for (const QString &number : numbers) {
         if (number.toInt() <= lastStandardStream)
             continue;
         const QString target = QFile::symLinkTarget(descriptors.filePath(number));
