@@ -3,7 +3,7 @@
 #
 #   ./test.sh            the quick forms, also under the sanitizers
 #   ./test.sh --plain    without the sanitizer builds
-#   ./test.sh --long     the long forms of the fault and load tests, and the packages, as well
+#   ./test.sh --long     the long forms of the fault and load tests, clang, and the packages, as well
 set -euo pipefail
 cd "$(dirname "$0")"
 . scripts/prepare.sh
@@ -44,7 +44,11 @@ if [ -n "$sanitizers" ]; then
     run dev-asan -LE 'style|counts|kit|heavy'
     # Only the tests in which threads meet; the sanitizer has no use for the others.
     build dev-tsan tst_cipserver tst_foreignhost tst_fire tst_race
-    run dev-tsan -L threads -E host60
+    run dev-tsan -L threads -E smallhost
 fi
-[ -z "$long" ] || packaging/check.sh
+if [ -n "$long" ]; then
+    prepare clang-14
+    build dev-clang # the other compiler has to be content as well
+    packaging/check.sh
+fi
 step "All tests passed"

@@ -6,6 +6,14 @@
 # Makes the plug-in lib<name>.so over the contract and the runtime. It shows the four entries and no more.
 function(add_channel_kind name)
   cmake_parse_arguments(kind "" "" "SOURCES;LINK" ${ARGN})
+  foreach(library IN LISTS kind_LINK) # Qt5::Network is in the package Qt5Network
+    if(library MATCHES "^Qt5::(.+)$" AND NOT TARGET ${library})
+      find_package(Qt5 5.15 REQUIRED COMPONENTS ${CMAKE_MATCH_1})
+    elseif(library MATCHES "::" AND NOT TARGET ${library})
+      message(FATAL_ERROR "add_channel_kind(${name} LINK ${library}): there is no such target yet. Call find_package() of "
+        "the package that brings it before.")
+    endif()
+  endforeach()
   add_library(${name} MODULE ${kind_SOURCES})
   set_target_properties(${name} PROPERTIES
     AUTOMOC ON

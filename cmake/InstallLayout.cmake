@@ -1,6 +1,7 @@
 # What is installed where, and the kit for authors of hosts and other channels.
 #
 #   PREFIX/HOME/bin/abonent                              component host
+#   PREFIX/HOME/bin/checkPlugins/libobserver.so          component host
 #   PREFIX/HOME/bin/channelPlugins/libtransportIp.so     component plugin
 #   PREFIX/HOME/settings, PREFIX/HOME/data               made by the programs, beside bin/
 #   PREFIX/share/man, PREFIX/share/bash-completion       component host: made by the program
@@ -61,6 +62,8 @@ endif()
 
 # Programs.
 install(TARGETS abonent RUNTIME DESTINATION ${programDir} COMPONENT host)
+# The observer of `abonent check --host`. Not among the channels: it is none to talk through.
+install(TARGETS observer LIBRARY DESTINATION ${programDir}/checkPlugins COMPONENT host)
 install(TARGETS transportIp LIBRARY DESTINATION ${pluginDir} COMPONENT plugin)
 set(hostDocuments ${PROJECT_BINARY_DIR}/host)
 install(FILES ${hostDocuments}/abonent.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)
@@ -75,6 +78,13 @@ foreach(header IN LISTS IPCHANNEL_PUBLIC_HEADERS)
 endforeach()
 install(TARGETS ipChannel_interfaces ipChannel_common ipChannel_ipsettings EXPORT ipChannelTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+# Debug information would name the place of the build, and make ten times the size.
+if(CMAKE_STRIP)
+  install(CODE "
+    file(GLOB archives \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/libipchannel-*.a\")
+    execute_process(COMMAND ${CMAKE_STRIP} --strip-debug --enable-deterministic-archives \${archives} COMMAND_ERROR_IS_FATAL ANY)"
+    COMPONENT development)
+endif()
 install(EXPORT ipChannelTargets NAMESPACE ipChannel:: DESTINATION ${configDir} COMPONENT development)
 install(DIRECTORY examples DESTINATION ${developmentDocDir} COMPONENT development)
 install(DIRECTORY docs/ DESTINATION ${developmentDocDir} COMPONENT development FILES_MATCHING PATTERN *.md)
@@ -106,8 +116,8 @@ function(install_pc pcName pcDescription pcRequires pcFlags pcLibraries)
   configure_file(cmake/ipchannel.pc.in ${built}/ipchannel-${pcName}.pc @ONLY)
   install(FILES ${built}/ipchannel-${pcName}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endfunction()
-install_pc(interfaces "Contract between hosts and channel plug-ins" Qt5Core "-I\${includedir}" "-L\${libdir} -lipchannel-interfaces")
-install_pc(common "Runtime of hosts and channel plug-ins: log, settings, files" Qt5Core "-I\${includedir} -pthread"
+install_pc(interfaces "Contract between hosts and channel plug-ins" Qt5Core "-I\${includedir} -fPIC" "-L\${libdir} -lipchannel-interfaces")
+install_pc(common "Runtime of hosts and channel plug-ins: log, settings, files" Qt5Core "-I\${includedir} -fPIC -pthread"
   "-L\${libdir} -lipchannel-common -pthread")
 install_pc(ipsettings "Byte records of the IP channel" ipchannel-common "" "-L\${libdir} -lipchannel-ipsettings")
 install_pc(kind "What a channel plug-in is built with" "ipchannel-interfaces ipchannel-common" ""

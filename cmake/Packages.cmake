@@ -43,7 +43,7 @@ has to be a member of the group ipchannel.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ipchannel-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "cmake, pkg-config, ipchannel-plugin")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "abonent, cmake, pkg-config, ipchannel-plugin")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "kit for authors of hosts and channel plug-ins
 The contract between hosts and channel plug-ins, the runtime that every module
 links, the documents, and two examples: a loop-back channel and a small host.")

@@ -10,6 +10,7 @@ target_compile_options(projectOptions INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast -Wcast-align
   -Wundef -Wvla -Wextra-semi
   $<$<CXX_COMPILER_ID:GNU>:-Wsuggest-override -Wduplicated-cond -Wlogical-op>
+  $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments> # QSKIP() without values
   $<$<BOOL:${IPCHANNEL_WERROR}>:-Werror>
   # Two builds of one commit are the same, wherever they are made.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)
@@ -45,6 +46,7 @@ function(add_object_kit name)
   target_include_directories(${name}Objects PUBLIC ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name}Objects PUBLIC Qt5::Core)
   add_library(${name} INTERFACE)
+  add_dependencies(${name} ${name}Objects) # makefiles do not know from where the objects come
   target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} INTERFACE $<TARGET_OBJECTS:${name}Objects> Qt5::Core ${kit_LINK})
 endfunction()

@@ -57,12 +57,12 @@ void LogLines::timeStamp(char *out)
     out[11] = char('0' + milliseconds % 10);
 }
 
-std::string LogLines::line(const std::string &source, const std::string &text)
+std::string LogLines::line(const std::string &from, const std::string &said)
 {
     char stamp[12];
     timeStamp(stamp);
     std::string result(stamp, sizeof stamp);
-    result.reserve(64 + text.size());
-    result.append(1 + 25 - source.size(), ' ').append(source).append(4, ' ').append(text).append(1, '\n');
+    result.reserve(64 + said.size());
+    result.append(1 + 25 - from.size(), ' ').append(from).append(4, ' ').append(said).append(1, '\n');
     return result;
 }

@@ -14,7 +14,7 @@ extern const std::string text;   // 72 bytes
 void measure(const char *variant, const std::function<void()> &writeOne);
 
 /// One line as the product lays it out, with its time broken down once a second.
-std::string line(const std::string &source, const std::string &text);
+std::string line(const std::string &from, const std::string &said);
 
 /// "hh:mm:ss.zzz" of this moment, the seconds broken down only when they change. @a out holds 12.
 void timeStamp(char *out);

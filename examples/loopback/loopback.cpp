@@ -79,10 +79,11 @@ public:
         QMutexLocker locker(&line->mutex);
         const QByteArray bytes = line->arrived[end].left(maxSize);
         line->arrived[end].remove(0, bytes.size());
+        if (bytes.isEmpty())
+            return bytes;
         line->wake(1 - end); // there is room again
         locker.unlock();
-        if (!bytes.isEmpty())
-            monitor->addReceived(monitorHandle, bytes.size());
+        monitor->addReceived(monitorHandle, bytes.size());
         return bytes;
     }
     int idealBlockSize() override
@@ -122,7 +123,12 @@ struct CLoopbackConnection : QThread
     void stop()
     {
         stopRequested = true; // run() passes it on if the protocol is not there yet
-        withProtocol([](CAbstractProtocol *each) { each->stop(); });
+        withProtocol([this](CAbstractProtocol *each) { passStopOn(each); });
+    }
+    void passStopOn(CAbstractProtocol *to) // under the mutex; a protocol hears of each request once
+    {
+        if (stopRequested.exchange(false))
+            to->stop();
     }
     void run() override
     {
@@ -159,8 +165,7 @@ struct CLoopbackConnection : QThread
         protocol->remoteAbonentFilteredName = Global::filterName(calledName);
         protocol->label = label;
         protocol->start();
-        if (stopRequested)
-            protocol->stop();
+        passStopOn(protocol);
         return true;
     }
     void sayFarewell()

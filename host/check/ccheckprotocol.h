@@ -28,7 +28,13 @@ private:
     void takePayload(const QByteArray &bytes);
     void transmit();
     void write(const QByteArray &piece);
+    bool isStillConnected();
+    int room();
     void end();
+
+    /// Calls the channel, for which a rule says that it does not keep anybody waiting.
+    template <typename Call>
+    auto prompt(const char *what, const Call &call);
 
     static std::atomic<int> lastNumber;
 
@@ -38,11 +44,13 @@ private:
     QTimer clock; // a channel of any kind can be polled
     bool isCaller = false;
     bool isGreeted = false;
-    bool isPayloadQueued = false;
+    bool wasConnected = true;
+    std::atomic<bool> hasWorked{false};
     std::atomic<bool> isEnded{false}; // finished() has been said, by whatever thread
     int turn = 0;                     // varies the sizes of reads
     QByteArray received;              // until the greeting is complete
     QByteArray outbox;
+    int payloadSent = 0;
     int payloadBack = 0;
     qint64 readBytes = 0;
     qint64 writtenBytes = 0;

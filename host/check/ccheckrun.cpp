@@ -1,14 +1,13 @@
 #include "host/check/ccheckrun.h"
 
-#include "host/check/checktable.h"
+#include "host/check/placefile.h"
 
 #include <QCoreApplication>
 #include <QDir>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
-
-#include <unistd.h>
 
 namespace {
 
@@ -18,10 +17,19 @@ constexpr int shownStepBytes = 1000;
 // Short enough for a check that waits for it.
 constexpr char usualSettings[] = "[Details]\nmaxWritingTime=500\n";
 
-/// Puts a file in place; a hard link counts as a place of its own, a symbolic one would not.
-bool place(const QString &from, const QString &to)
+QString withoutMeaning(const char *check)
 {
-    return ::link(from.toUtf8().constData(), to.toUtf8().constData()) == 0 || QFile::copy(from, to);
+    return QStringLiteral("без %1 не имеет смысла").arg(QLatin1String(check));
+}
+
+void tellDebugger(qint64 process, const char *check)
+{
+    std::fputs(
+        QStringLiteral("Проверка %1 ждет отладчика: gdb -p %2, затем continue. Без него: kill -CONT %2\n")
+            .arg(QLatin1String(check), QString::number(process))
+            .toUtf8()
+            .constData(),
+        stderr);
 }
 
 QString cannotWrite(const QString &path)
@@ -38,7 +46,7 @@ CCheckRun::CCheckRun(const CheckArguments &given, const QStringList &givenWords)
 {
     for (const Check &check : checkTable()) {
         if (given.only.isEmpty() || given.only.contains(QLatin1String(check.name)))
-            results.push_back({check.name, check.title, CheckResult::Waiting, QString(), 0});
+            results.push_back({&check, CheckResult::Waiting, QString(), 0});
     }
 }
 
@@ -74,7 +82,7 @@ QString CCheckRun::prepareSlot(Slot *slot, int number)
     const QString source = number == 0 ? QCoreApplication::applicationFilePath()
                                        : directory.filePath(QStringLiteral("0/bin/abonent"));
     if (!directory.isValid() || !QDir().mkpath(slot->directory + QStringLiteral("/bin")) ||
-        !place(source, program))
+        !placeFile(source, program))
         return cannotWrite(program);
     return QString();
 }
@@ -112,17 +120,19 @@ void CCheckRun::interrupt()
 /// Decides about a check that waits. @return whether it can begin now
 bool CCheckRun::isRunnable(CheckResult *result)
 {
-    const auto &table = checkTable();
-    const auto check = std::find_if(table.begin(), table.end(),
-                                    [&](const Check &each) { return each.name == result->name; });
-    const bool needsAll = check->needs == everyOtherCheck;
+    const Check &check = *result->check;
+    const bool needsAll = check.needs == everyOtherCheck;
     for (const CheckResult &other : results) {
-        const bool isNeeded = check->needs && (needsAll || std::strcmp(other.name, check->needs) == 0);
+        const bool isNeeded = check.needs && (needsAll || std::strcmp(other.check->name, check.needs) == 0);
+        const bool isUnderWay = other.outcome <= CheckResult::Running;
+        // The rules first: what they have found is not told once more by every other check.
+        if (isUnderWay && other.check->isRule() && !check.isRule() && check.needs == other.check->needs)
+            return false;
         if (&other == result || !isNeeded || other.outcome == CheckResult::Passed)
             continue;
         if (other.outcome == CheckResult::Failed) {
             result->outcome = CheckResult::Skipped;
-            result->text = QStringLiteral("без %1 не имеет смысла").arg(QLatin1String(other.name));
+            result->text = withoutMeaning(other.check->name);
             return false;
         }
         if (other.outcome == CheckResult::Skipped && !needsAll) {
@@ -135,13 +145,23 @@ bool CCheckRun::isRunnable(CheckResult *result)
     return true;
 }
 
+/// Whether a server more might be in the way of another one. The first tells whether it may.
+bool CCheckRun::isServerBusy() const
+{
+    return (!isAddressKnown || !address.isNull()) &&
+           std::any_of(results.begin(), results.end(), [](const CheckResult &each) {
+               return each.outcome == CheckResult::Running && each.check->startsServer();
+           });
+}
+
 void CCheckRun::schedule()
 {
-    for (std::size_t i = 0; i < results.size(); ++i) {
+    for (CheckResult &result : results) {
         const auto slot = std::find_if(slotList.begin(), slotList.end(),
                                        [](const std::unique_ptr<Slot> &each) { return !each->process; });
-        if (results[i].outcome == CheckResult::Waiting && isRunnable(&results[i]) && slot != slotList.end())
-            begin(slot->get(), i);
+        if (result.outcome == CheckResult::Waiting && isRunnable(&result) && slot != slotList.end() &&
+            !(result.check->startsServer() && isServerBusy()))
+            begin(slot->get(), &result);
     }
     while (told < results.size() && results[told].outcome > CheckResult::Running)
         tellResult(results[told++]);
@@ -149,18 +169,25 @@ void CCheckRun::schedule()
         loop.quit();
 }
 
-void CCheckRun::begin(Slot *slot, std::size_t check)
+void CCheckRun::begin(Slot *slot, CheckResult *result)
 {
-    results[check].outcome = CheckResult::Running;
-    const QString error = renewInstallation(*slot);
-    if (!error.isNull())
-        return finish(check, CheckResult::Failed, error);
-
-    const QString name = QLatin1String(results[check].name);
     const QString directoryOfSlot = slot->directory;
     *slot = Slot();
     slot->directory = directoryOfSlot;
-    slot->check = check;
+    for (CheckResult &other : results) {
+        if (&other == result ||
+            (result->check->isRule() && other.check->isRule() && other.outcome == CheckResult::Waiting)) {
+            other.outcome = CheckResult::Running;
+            slot->checks.push_back(&other);
+        }
+    }
+    const QString error = renewInstallation(*slot);
+    if (!error.isNull()) {
+        for (CheckResult *each : slot->checks)
+            *each = {each->check, CheckResult::Failed, error, 0};
+        QMetaObject::invokeMethod(this, &CCheckRun::schedule, Qt::QueuedConnection);
+        return;
+    }
     slot->clock.start();
     slot->silence = std::make_unique<QTimer>();
     slot->silence->setSingleShot(true);
@@ -180,14 +207,45 @@ void CCheckRun::begin(Slot *slot, std::size_t check)
         if (what == QProcess::FailedToStart)
             judge(slot);
     });
-    slot->silence->start(2 * arguments.limitMs);
-    slot->process->start(slot->directory + QStringLiteral("/bin/abonent"),
-                         QStringList(QStringLiteral("check"))
-                             << words << QStringLiteral("--child") << name << QStringLiteral("--seed")
-                             << QString::number(arguments.seed));
+    if (!arguments.debugger)
+        slot->silence->start(2 * arguments.limitMs);
+    slot->process->start(slot->directory + QStringLiteral("/bin/abonent"), childArguments(*slot));
+    if (arguments.debugger)
+        tellDebugger(slot->process->processId(), result->check->name);
 }
 
-/// Takes the child's lines: "@step text", "@result pass|fail|skip text"; the channel's own are ignored.
+QStringList CCheckRun::childArguments(const Slot &slot) const
+{
+    QStringList names;
+    QStringList broken;
+    for (const CheckResult *each : slot.checks)
+        names << QLatin1String(each->check->name);
+    for (const CheckResult &each : results) {
+        if (each.check->isRule() && each.outcome == CheckResult::Failed)
+            broken << QLatin1String(each.check->name);
+    }
+    QStringList list{QStringLiteral("check")};
+    list << words << QStringLiteral("--child") << names.join(QLatin1Char(',')) << QStringLiteral("--seed")
+         << QString::number(arguments.seed);
+    if (!broken.isEmpty())
+        list << QStringLiteral("--known") << broken.join(QLatin1Char(','));
+    return list;
+}
+
+CheckResult *CCheckRun::resultOf(const QString &name)
+{
+    const auto it = std::find_if(results.begin(), results.end(), [&](const CheckResult &each) {
+        return name == QLatin1String(each.check->name);
+    });
+    return it == results.end() ? nullptr : &*it;
+}
+
+/// Takes the child's lines, below; the channel's own are ignored.
+///
+///   @step TEXT                        what is being done now
+///   @address TEXT                     the server has an address that no second one could have
+///   @result NAME pass|fail|skip TEXT  a check is over
+///   @result NAME broken RULE TEXT     it could not be made, since a rule was broken
 void CCheckRun::hear(Slot *slot)
 {
     slot->unread += slot->process->readAllStandardOutput();
@@ -196,15 +254,41 @@ void CCheckRun::hear(Slot *slot)
         slot->unread.remove(0, end + 1);
         if (line.startsWith(QLatin1String("@step "))) {
             slot->lastStep = line.section(QLatin1Char(' '), 1).left(shownStepBytes);
-            slot->silence->start();
+            if (slot->silence->isActive())
+                slot->silence->start();
+        } else if (line.startsWith(QLatin1String("@address "))) {
+            address = line.section(QLatin1Char(' '), 1);
         } else if (line.startsWith(QLatin1String("@result "))) {
-            slot->verdict = line.section(QLatin1Char(' '), 1, 1);
-            slot->text = line.section(QLatin1Char(' '), 2);
+            hearResult(slot, line);
         }
     }
     constexpr int mostUnread = 1024 * 1024;
     if (slot->unread.size() > mostUnread)
         slot->unread.clear();
+}
+
+void CCheckRun::hearResult(Slot *slot, const QString &line)
+{
+    CheckResult *const result = resultOf(line.section(QLatin1Char(' '), 1, 1));
+    const QString verdict = line.section(QLatin1Char(' '), 2, 2);
+    if (!result || result->outcome > CheckResult::Running)
+        return;
+    result->text = line.section(QLatin1Char(' '), 3);
+    result->ms = slot->clock.elapsed();
+    if (verdict == QLatin1String("pass")) {
+        result->outcome = CheckResult::Passed;
+    } else if (verdict == QLatin1String("skip")) {
+        result->outcome = CheckResult::Skipped;
+    } else if (verdict == QLatin1String("broken")) {
+        const QString rule = result->text.section(QLatin1Char(' '), 0, 0);
+        const CheckResult *const other = resultOf(rule);
+        const bool isTold = other && other->outcome == CheckResult::Failed;
+        result->outcome = isTold ? CheckResult::Skipped : CheckResult::Failed;
+        result->text = isTold ? withoutMeaning(other->check->name)
+                              : QStringLiteral("%1: %2").arg(rule, result->text.section(QLatin1Char(' '), 1));
+    } else {
+        result->outcome = CheckResult::Failed;
+    }
 }
 
 /// The child has ended.
@@ -214,29 +298,24 @@ void CCheckRun::judge(Slot *slot)
     slot->silence->stop();
     const QProcess &process = *slot->process;
     const QString step = QStringLiteral(" Последнее действие: %1.").arg(slot->lastStep);
-    CheckResult::Outcome outcome = CheckResult::Failed;
-    QString text = slot->text;
+    QString text =
+        QStringLiteral("Процесс проверки завершился сам с кодом %1.").arg(process.exitCode()) + step;
     if (process.error() == QProcess::FailedToStart)
         text = QStringLiteral("Не удалось запустить проверку. ") + process.errorString();
     else if (slot->wasSilent)
         text = QStringLiteral("Канал молчит %1 мс.").arg(2 * arguments.limitMs) + step;
-    else if (slot->verdict == QLatin1String("fail"))
-        text = slot->text;
     else if (process.exitStatus() == QProcess::CrashExit)
         text = QStringLiteral("Процесс проверки завершен сигналом %1.").arg(process.exitCode()) + step;
-    else if (process.exitCode() != 0 || slot->verdict.isNull())
-        text = QStringLiteral("Процесс проверки завершился сам с кодом %1.").arg(process.exitCode()) + step;
-    else
-        outcome = slot->verdict == QLatin1String("skip") ? CheckResult::Skipped : CheckResult::Passed;
-
-    results[slot->check].ms = slot->clock.elapsed();
+    const bool isOrderly = process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    for (CheckResult *each : slot->checks) {
+        const bool isTold = each->outcome == CheckResult::Failed || each->outcome == CheckResult::Skipped;
+        if (isTold || (isOrderly && each->outcome == CheckResult::Passed))
+            continue;
+        const bool isFirst = each == slot->checks.front();
+        *each = {each->check, isFirst ? CheckResult::Failed : CheckResult::Skipped,
+                 isFirst ? text : withoutMeaning(slot->checks.front()->check->name), slot->clock.elapsed()};
+    }
+    isAddressKnown = isAddressKnown || slot->checks.front()->check->startsServer();
     slot->process.release()->deleteLater(); // this is called from one of its signals
-    finish(slot->check, outcome, text);
-}
-
-void CCheckRun::finish(std::size_t check, CheckResult::Outcome outcome, const QString &text)
-{
-    results[check].outcome = outcome;
-    results[check].text = text;
     QMetaObject::invokeMethod(this, &CCheckRun::schedule, Qt::QueuedConnection);
 }

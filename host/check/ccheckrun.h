@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/check/checkarguments.h"
+#include "host/check/checkresult.h"
 
 #include <QElapsedTimer>
 #include <QEventLoop>
@@ -14,24 +15,6 @@
 #include <functional>
 #include <memory>
 #include <vector>
-
-/// What became of one check.
-struct CheckResult
-{
-    enum Outcome
-    {
-        Waiting,
-        Running,
-        Passed,
-        Failed,
-        Skipped,
-    };
-    const char *name;
-    const char *title;
-    Outcome outcome;
-    QString text; // why it has failed or was skipped
-    qint64 ms;
-};
 
 class CCheckRun : public QObject
 {
@@ -53,6 +36,9 @@ public:
     /// Ends run() early.
     void interrupt();
 
+    /// @return the address because of which checks have run one after another; null: none
+    QString fixedAddress() const { return address; }
+
     std::vector<CheckResult> results;
 
 private:
@@ -62,12 +48,10 @@ private:
         QString directory; // the installation
         std::unique_ptr<QProcess> process;
         std::unique_ptr<QTimer> silence;
-        std::size_t check = 0; // index in results
+        std::vector<CheckResult *> checks; // one, or all rules that were asked for
         QElapsedTimer clock;
         QByteArray unread;
         QString lastStep;
-        QString verdict; // "pass", "fail", "skip"; null: not told yet
-        QString text;
         bool wasSilent = false;
     };
 
@@ -75,16 +59,21 @@ private:
     QString renewInstallation(const Slot &slot) const;
     void schedule();
     bool isRunnable(CheckResult *result);
-    void begin(Slot *slot, std::size_t check);
+    bool isServerBusy() const;
+    void begin(Slot *slot, CheckResult *result);
+    QStringList childArguments(const Slot &slot) const;
     void hear(Slot *slot);
+    void hearResult(Slot *slot, const QString &line);
     void judge(Slot *slot);
-    void finish(std::size_t check, CheckResult::Outcome outcome, const QString &text);
+    CheckResult *resultOf(const QString &name);
 
     const CheckArguments arguments;
     const QStringList words;
     QTemporaryDir directory;
     std::vector<std::unique_ptr<Slot>> slotList;
     std::function<void(const CheckResult &)> tellResult;
-    std::size_t told = 0; // results that have been shown
+    std::size_t told = 0;        // results that have been shown
+    bool isAddressKnown = false; // a server has been started
+    QString address;             // that all servers have; null: none
     QEventLoop loop;
 };

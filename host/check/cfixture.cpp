@@ -3,11 +3,15 @@
 #include "common/global.h"
 #include "common/logger.h"
 #include "host/check/ccheckprotocol.h"
+#include "host/check/fixedaddress.h"
+#include "host/check/rules.h"
 #include "transportIp/ipsettings.h"
 
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTimer>
 
+#include <algorithm>
 #include <cstdio>
 
 #include <netinet/in.h>
@@ -18,6 +22,8 @@ namespace {
 
 constexpr int ipKind = 1;
 constexpr int pollMs = 2;
+constexpr int promptMs = 1000; // asleep, so that a busy machine does not count
+constexpr int slackMs = 300;   // between two looks, on a busy machine
 
 /// Binds a socket to a free loopback port outside the range that the system gives to callers.
 /// @return its descriptor, -1 when none is free
@@ -66,12 +72,10 @@ CFixture::~CFixture()
     server.release(); // NOLINT: what a failed check leaves running is still used by its threads
 }
 
-QString CFixture::load()
+void CFixture::load()
 {
     step(QStringLiteral("загрузка модуля"));
-    const QString error = library.load(arguments.channel);
-    if (!error.isNull())
-        return error;
+    require(library.load(arguments.channel));
     recorder.kind = library.plugin()->type();
     ownRecord = arguments.abonentData;
     silentRecord = arguments.silentAbonent;
@@ -80,7 +84,6 @@ QString CFixture::load()
         noCalls = prepareIp();
     else if (!arguments.hasAbonentData)
         noCalls = QStringLiteral("неизвестно, как вызвать абонента: нужны --abonent-data или --abonent-file");
-    return QString();
 }
 
 /// The kind that this program knows: a free port in channelIp.conf, a record that leads to it.
@@ -101,6 +104,7 @@ QString CFixture::prepareIp()
     QFile file(Global::channelIpSettingsFilePath());
     if (!file.exists()) { // else the user's own
         settings.port = freePort;
+        isAddressOurs = true;
         const QByteArray bytes = settings.toByteArray();
         if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
             return QStringLiteral("не удалось записать %1. %2").arg(file.fileName(), file.errorString());
@@ -111,12 +115,11 @@ QString CFixture::prepareIp()
     return QString();
 }
 
-QString CFixture::open()
+void CFixture::open()
 {
     step(QStringLiteral("создание сервера"));
     server.reset(library.plugin()->create());
-    if (!server)
-        return QStringLiteral("create() вернул нулевой указатель");
+    require(server != nullptr, QStringLiteral("create() вернул нулевой указатель"));
     server->monitorHandle = CRecorder::ownHandle;
     server->monitor = &recorder;
     server->journal = &recorder;
@@ -133,44 +136,58 @@ QString CFixture::open()
                          seen->note(What::Disconnected, id, name, wasUseful);
                      });
     QObject::connect(server.get(), &CChannelServer::finished, [seen] { seen->note(What::Finished); });
-    return QString();
 }
 
-void CFixture::start()
+void CFixture::start(const Behaviour &behaviour)
 {
-    step(QStringLiteral("start()"));
+    recorder.setBehaviour(behaviour);
+    if (!server)
+        open();
     recorder.note(What::Started);
-    server->start();
+    ask(QStringLiteral("start()"), [this] { server->start(); });
+    if (!isAddressOurs)
+        tellAddresses();
 }
 
-QString CFixture::stop()
+void CFixture::stop()
 {
     step(QStringLiteral("stop()"));
     const int finishedBefore = recorder.count(What::Finished);
+    const CStopwatch watch;
     recorder.note(What::StopAsked);
     server->stop();
     recorder.note(What::StopReturned);
-    if (!wait([&] { return recorder.count(What::Finished) > finishedBefore; }))
-        return QStringLiteral("После stop() за %1 мс не пришел сигнал finished()").arg(arguments.limitMs);
-    return QString();
+    if (watch.asleep() > promptMs)
+        recorder.complain("late", QStringLiteral("stop() вернулся через %1 мс").arg(watch.elapsed()));
+    const bool isFinished = wait([&] { return recorder.count(What::Finished) > finishedBefore; });
+    if (!isFinished || watch.elapsed() > arguments.limitMs + slackMs)
+        throw CheckFailure{
+            QStringLiteral("После stop() за %1 мс не пришел сигнал finished()").arg(arguments.limitMs),
+            "stop-in-time", true};
 }
 
 void CFixture::close()
 {
-    step(QStringLiteral("удаление сервера"));
-    recorder.note(What::ServerGone);
-    server.reset();
+    ask(QStringLiteral("удаление сервера"), [this] {
+        recorder.note(What::ServerGone);
+        server.reset();
+    });
 }
 
-QString CFixture::stopAndClose()
+void CFixture::judge() const
+{
+    const BrokenRule broken = firstBroken(recorder, arguments.known, Moment::AtTheEnd);
+    if (broken.name)
+        fail(broken.text, broken.name);
+}
+
+void CFixture::stopAndClose()
 {
     constexpr int afterwardsMs = 30; // whatever a channel does too late
-    const QString error = stop();
-    if (!error.isNull())
-        return error;
+    stop();
     pause(afterwardsMs);
     close();
-    return QString();
+    judge();
 }
 
 QString CFixture::calledName(int number)
@@ -180,36 +197,52 @@ QString CFixture::calledName(int number)
 
 void CFixture::call(int number)
 {
-    step(QStringLiteral("вызов %1").arg(number));
-    server->connectToAbonent(calledName(number), ownRecord);
+    recorder.note(What::Call, 0, calledName(number));
+    ask(QStringLiteral("вызов %1").arg(number),
+        [&] { server->connectToAbonent(calledName(number), ownRecord); });
 }
 
-QString CFixture::waitConnected(int number)
+void CFixture::disconnect(const QString &name, int connectionId)
+{
+    recorder.note(What::Disconnect);
+    ask(QStringLiteral("disconnectFromAbonent('%1', %2)").arg(name).arg(connectionId),
+        [&] { server->disconnectFromAbonent(name, connectionId); });
+}
+
+CFixture::Prompt::~Prompt()
+{
+    if (watch.asleep() > promptMs)
+        fixture->recorder.complain("prompt",
+                                   QStringLiteral("%1: вернулся через %2 мс").arg(what).arg(watch.elapsed()));
+}
+
+void CFixture::waitConnected(int number)
 {
     const QString name = calledName(number);
-    const bool isConnected = wait([&] {
+    const auto isConnected = [&] {
         return recorder.count(What::Connected, name) > 0 &&
                recorder.count(What::Connected) >= recorder.count(What::Named);
+    };
+    expect(isConnected, [&] {
+        return QStringLiteral("Вызов абонента '%1': за %2 мс нет сигнала connected (всего connected: %3, "
+                              "notConnected: %4, протоколов создано: %5, имен узнано: %6)")
+            .arg(name)
+            .arg(arguments.limitMs)
+            .arg(recorder.count(What::Connected))
+            .arg(recorder.count(What::NotConnected))
+            .arg(recorder.count(What::Create))
+            .arg(recorder.count(What::Named));
     });
-    if (isConnected)
-        return QString();
-    return QStringLiteral("Вызов абонента '%1': за %2 мс нет сигнала connected (всего connected: %3, "
-                          "notConnected: %4, протоколов создано: %5, имен узнано: %6)")
-        .arg(name)
-        .arg(arguments.limitMs)
-        .arg(recorder.count(What::Connected))
-        .arg(recorder.count(What::NotConnected))
-        .arg(recorder.count(What::Create))
-        .arg(recorder.count(What::Named));
 }
 
-QString CFixture::waitExchanged(int number)
+void CFixture::waitExchanged(int number)
 {
-    if (wait([&] { return recorder.count(What::Exchanged, calledName(number)) > 0; }))
-        return QString();
-    return QStringLiteral("Данные вызова %1 за %2 мс не вернулись целиком")
-        .arg(number)
-        .arg(arguments.limitMs);
+    expect([&] { return recorder.count(What::Exchanged, calledName(number)) > 0; },
+           [&] {
+               return QStringLiteral("Данные вызова %1 за %2 мс не вернулись целиком")
+                   .arg(number)
+                   .arg(arguments.limitMs);
+           });
 }
 
 int CFixture::connectionOf(int number) const
@@ -224,19 +257,24 @@ int CFixture::connectionOf(int number) const
 
 bool CFixture::wait(const std::function<bool()> &condition, int limitMs)
 {
+    const int limit = limitMs > 0 ? limitMs : arguments.limitMs;
+    QElapsedTimer clock;
+    clock.start();
     QEventLoop loop;
     QTimer poll;
-    QTimer limit;
-    limit.setSingleShot(true);
     QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
-        if (condition())
+        if (clock.hasExpired(limit) || condition())
             loop.quit();
     });
-    QObject::connect(&limit, &QTimer::timeout, &loop, &QEventLoop::quit);
     poll.start(pollMs);
-    limit.start(limitMs > 0 ? limitMs : arguments.limitMs);
     loop.exec();
-    return condition();
+    return clock.elapsed() <= limit + slackMs && condition();
+}
+
+void CFixture::expect(const std::function<bool()> &condition, const std::function<QString()> &text)
+{
+    if (!wait(condition))
+        throw CheckFailure{text(), nullptr, true};
 }
 
 void CFixture::pause(int ms)
@@ -248,4 +286,13 @@ void CFixture::step(const QString &text)
 {
     std::fputs(QStringLiteral("@step %1\n").arg(text).toUtf8().constData(), stdout);
     std::fflush(stdout);
+}
+
+/// Two checks at a time would be in each other's way at an address that the channel does not choose
+/// anew. Tells the parent that there is one: a listening or bound socket, or an opened device.
+void CFixture::tellAddresses() const
+{
+    const QString address = fixedAddress();
+    if (!address.isNull())
+        std::fputs(QStringLiteral("@address %1\n").arg(address).toUtf8().constData(), stdout);
 }

@@ -80,22 +80,39 @@ QString takeNumbers(const CommandLine &line, CheckArguments *arguments)
     return error;
 }
 
+/// Names that stand behind an option, separated by commas.
+QStringList namesOf(const CommandLine &line, const char *option)
+{
+    return line.values(option).join(QLatin1Char(',')).split(QLatin1Char(','), Qt::SkipEmptyParts);
+}
+
 } // namespace
 
 CheckArguments readCheckArguments(const CommandLine &line)
 {
     CheckArguments arguments;
-    if (!line.operands.isEmpty())
-        arguments.channel =
-            QFileInfo(line.operands.first()).absoluteFilePath(); // no search along library paths
+    if (line.has("host"))
+        arguments.host = line.operands;
+    else if (!line.operands.isEmpty())
+        arguments.channel = line.operands.first();
+    for (QString *file : {&arguments.channel, arguments.host.isEmpty() ? nullptr : &arguments.host.first()}) {
+        if (file && !file->isEmpty())
+            *file = QFileInfo(*file).absoluteFilePath(); // no search along library paths
+    }
     arguments.list = line.has("list");
     arguments.json = line.has("json");
     arguments.verbose = line.has("verbose");
-    arguments.child = line.value("child");
-    arguments.only = line.values("only").join(QLatin1Char(',')).split(QLatin1Char(','), Qt::SkipEmptyParts);
+    arguments.debugger = line.has("debugger");
+    arguments.child = namesOf(line, "child");
+    arguments.known = namesOf(line, "known");
+    arguments.only = namesOf(line, "only");
     arguments.settings = line.values("settings");
 
-    if (arguments.channel.isEmpty() && !arguments.list)
+    if (!line.has("host") && line.operands.size() > 1)
+        arguments.mistake = QStringLiteral("Лишний аргумент: %1").arg(line.operands[1]);
+    else if (line.has("host") && arguments.host.isEmpty())
+        arguments.mistake = QStringLiteral("Не указана программа");
+    else if (line.operands.isEmpty() && !arguments.list)
         arguments.mistake = QStringLiteral("Не указан файл модуля канала");
     for (const QString &assignment : qAsConst(arguments.settings)) {
         if (arguments.mistake.isNull())
@@ -108,6 +125,6 @@ CheckArguments readCheckArguments(const CommandLine &line)
     if (arguments.seed == 0)
         arguments.seed = QRandomGenerator::system()->bounded(1U, 0xffffffffU);
     if (arguments.jobs == 0)
-        arguments.jobs = std::clamp(QThread::idealThreadCount(), 1, 8);
+        arguments.jobs = arguments.debugger ? 1 : std::clamp(QThread::idealThreadCount(), 1, 8);
     return arguments;
 }

@@ -39,17 +39,16 @@ QByteArray described(const QMetaMethod &method)
     return text;
 }
 
-QString compareMembers(const CChannelServer &server)
+void requireFreshMembers(const CChannelServer &server)
 {
-    if (server.parent() || server.thread() != QThread::currentThread())
-        return QStringLiteral("Новый сервер имеет родителя или живет в чужом потоке");
-    if (server.hostValue != 1 || server.monitorHandle != 0)
-        return QStringLiteral("Первые члены нового сервера равны %1 и %2, а должны быть 1 и 0")
-            .arg(server.hostValue)
-            .arg(server.monitorHandle);
-    if (server.protocolFactory || server.monitor || server.journal)
-        return QStringLiteral("У нового сервера уже заданы фабрика протоколов, монитор или журнал");
-    return QString();
+    require(!server.parent() && server.thread() == QThread::currentThread(),
+            QStringLiteral("Новый сервер имеет родителя или живет в чужом потоке"));
+    require(server.hostValue == 1 && server.monitorHandle == 0,
+            QStringLiteral("Первые члены нового сервера равны %1 и %2, а должны быть 1 и 0")
+                .arg(server.hostValue)
+                .arg(server.monitorHandle));
+    require(!server.protocolFactory && !server.monitor && !server.journal,
+            QStringLiteral("У нового сервера уже заданы фабрика протоколов, монитор или журнал"));
 }
 
 /// What one of several threads does with the plug-in.
@@ -71,49 +70,41 @@ QString usePlugin(const EntryPoints &entries, int type, const QString &name)
 
 } // namespace
 
-QString Checks::entryPoints(CFixture &fixture)
+void Checks::entryPoints(CFixture &fixture)
 {
     QLibrary file(fixture.arguments.channel);
     file.setLoadHints(QLibrary::ResolveAllSymbolsHint | QLibrary::PreventUnloadHint);
-    if (!file.load())
-        return QStringLiteral("Библиотека не загружается. %1").arg(file.errorString());
+    require(file.load(), QStringLiteral("Библиотека не загружается. %1").arg(file.errorString()));
     QStringList missing;
     for (const char *symbol : {apiVersionSymbol, initDebugSymbol, instanceSymbol, deleteInstanceSymbol}) {
         if (!file.resolve(symbol))
             missing << QLatin1String(symbol);
     }
-    return missing.isEmpty() ? QString()
-                             : QStringLiteral("Нет функций: %1").arg(missing.join(QLatin1String(", ")));
+    require(missing.isEmpty(), QStringLiteral("Нет функций: %1").arg(missing.join(QLatin1String(", "))));
 }
 
-QString Checks::apiVersion(CFixture &fixture)
+void Checks::apiVersion(CFixture &fixture)
 {
-    // The program's own gate, so that its refusals are what is checked.
-    const QString error = fixture.load();
-    if (!error.isNull())
-        return error;
+    fixture.load(); // the program's own gate, so that its refusals are what is checked
     const int again = ::entryPoints(fixture.arguments.channel).apiVersion();
-    return again == channelApiVersion ? QString()
-                                      : QStringLiteral("Второй вызов apiVersion() дал %1").arg(again);
+    require(again == channelApiVersion, QStringLiteral("Второй вызов apiVersion() дал %1").arg(again));
 }
 
-QString Checks::pluginObject(CFixture &fixture)
+void Checks::pluginObject(CFixture &fixture)
 {
     const EntryPoints entries = ::entryPoints(fixture.arguments.channel);
     const PluginPointer one = makePlugin(entries);
     const PluginPointer other = makePlugin(entries);
-    if (!one || !other || one == other)
-        return QStringLiteral("Два вызова instance() не дали двух разных объектов");
-    if (one->type() != other->type() || one->name() != other->name())
-        return QStringLiteral("Объекты одного модуля отвечают на type() и name() по-разному");
-    if (one->name().isEmpty())
-        return QStringLiteral("Имя канала пустое");
+    require(one && other && one != other,
+            QStringLiteral("Два вызова instance() не дали двух разных объектов"));
+    require(one->type() == other->type() && one->name() == other->name(),
+            QStringLiteral("Объекты одного модуля отвечают на type() и name() по-разному"));
+    require(!one->name().isEmpty(), QStringLiteral("Имя канала пустое"));
     fixture.step(QStringLiteral("deleteInstance() с нулевым указателем"));
     entries.deleteInstance(nullptr);
-    return QString();
 }
 
-QString Checks::pluginThreads(CFixture &fixture)
+void Checks::pluginThreads(CFixture &fixture)
 {
     const EntryPoints entries = ::entryPoints(fixture.arguments.channel);
     const int type = fixture.library.plugin()->type();
@@ -121,18 +112,16 @@ QString Checks::pluginThreads(CFixture &fixture)
     constexpr int count = 4;
     QString errors[count];
     std::vector<std::thread> threads;
+    threads.reserve(count);
     for (QString &error : errors)
         threads.emplace_back([&] { error = usePlugin(entries, type, name); });
     for (std::thread &thread : threads)
         thread.join();
-    for (const QString &error : errors) {
-        if (!error.isNull())
-            return error;
-    }
-    return QString();
+    for (const QString &error : errors)
+        require(error);
 }
 
-QString Checks::callDelay(CFixture &fixture)
+void Checks::callDelay(CFixture &fixture)
 {
     constexpr int mostSteps = 1000;
     const CChannelPlugin *plugin = fixture.library.plugin();
@@ -142,59 +131,47 @@ QString Checks::callDelay(CFixture &fixture)
             const int before = delay;
             (plugin->*step)(&delay);
             if (delay == before)
-                return QString();
-            if ((delay > before) != (direction > 0))
-                return QStringLiteral("Пауза %1 изменена не в ту сторону: %2").arg(before).arg(delay);
+                return;
+            require((delay > before) == (direction > 0),
+                    QStringLiteral("Пауза %1 изменена не в ту сторону: %2").arg(before).arg(delay));
         }
-        return QStringLiteral("За %1 шагов пауза не дошла до границы").arg(mostSteps);
+        fail(QStringLiteral("За %1 шагов пауза не дошла до границы").arg(mostSteps));
     };
-    QString error = walk(&CChannelPlugin::decCallTimeout, -1);
+    walk(&CChannelPlugin::decCallTimeout, -1);
     const int least = delay;
-    if (error.isNull() && least < 0)
-        error = QStringLiteral("Наименьшая пауза отрицательна: %1").arg(least);
-    if (error.isNull())
-        error = walk(&CChannelPlugin::incCallTimeout, +1);
-    if (error.isNull() && delay == least)
-        error = QStringLiteral("incCallTimeout() не увеличивает паузу %1").arg(delay);
-    if (error.isNull())
-        error = walk(&CChannelPlugin::decCallTimeout, -1);
-    if (error.isNull() && delay != least)
-        error = QStringLiteral("Пауза вернулась к %1, а не к %2").arg(delay).arg(least);
-    return error;
+    require(least >= 0, QStringLiteral("Наименьшая пауза отрицательна: %1").arg(least));
+    walk(&CChannelPlugin::incCallTimeout, +1);
+    require(delay != least, QStringLiteral("incCallTimeout() не увеличивает паузу %1").arg(delay));
+    walk(&CChannelPlugin::decCallTimeout, -1);
+    require(delay == least, QStringLiteral("Пауза вернулась к %1, а не к %2").arg(delay).arg(least));
 }
 
-QString Checks::metaObject(CFixture &fixture)
+void Checks::metaObject(CFixture &fixture)
 {
     const std::unique_ptr<CChannelServer> server(fixture.library.plugin()->create());
+    require(server != nullptr, QStringLiteral("create() вернул нулевой указатель"));
     // A slot that the channel's class declares anew stands once more in that class; hosts count in the base.
     const QMetaObject *base = server->metaObject();
     while (base && base->superClass() != &QObject::staticMetaObject)
         base = base->superClass();
-    if (!base)
-        return QStringLiteral("Мета-объект сервера не знает класса CChannelServer");
+    require(base, QStringLiteral("Мета-объект сервера не знает класса CChannelServer"));
     int index = base->methodOffset();
     for (const char *wanted : methods) {
         const QByteArray found = described(base->method(index++));
-        if (found != wanted)
-            return QStringLiteral("На месте '%1' стоит '%2'")
-                .arg(QLatin1String(wanted), QLatin1String(found));
+        require(found == wanted,
+                QStringLiteral("На месте '%1' стоит '%2'").arg(QLatin1String(wanted), QLatin1String(found)));
     }
-    return QString();
 }
 
-QString Checks::freshServer(CFixture &fixture)
+void Checks::freshServer(CFixture &fixture)
 {
     const EntryPoints entries = ::entryPoints(fixture.arguments.channel);
     PluginPointer plugin = makePlugin(entries);
     const std::unique_ptr<CChannelServer> one(plugin->create());
     const std::unique_ptr<CChannelServer> other(plugin->create());
-    if (!one || !other || one == other)
-        return QStringLiteral("Два вызова create() не дали двух разных серверов");
-    const QString error = compareMembers(*one);
-    if (!error.isNull())
-        return error;
+    require(one && other && one != other, QStringLiteral("Два вызова create() не дали двух разных серверов"));
+    requireFreshMembers(*one);
     fixture.step(QStringLiteral("сервер без объекта канала"));
     plugin.reset();
     one->isHardwareOn();
-    return QString();
 }

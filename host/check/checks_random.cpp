@@ -1,7 +1,6 @@
 // A random life of a host. What is done depends on the seed alone, so a run can be repeated.
 #include "host/check/cfixture.h"
 #include "host/check/checks.h"
-#include "host/check/rules.h"
 
 #include <random>
 
@@ -13,10 +12,9 @@ constexpr int mostCalls = 12; // between two stops
 class RandomHost
 {
 public:
-    explicit RandomHost(CFixture &theStage) : fixture(theStage), random(theStage.arguments.seed) {}
+    explicit RandomHost(CFixture &theFixture) : fixture(theFixture), random(theFixture.arguments.seed) {}
 
-    /// One operation. @return null, else what is wrong
-    QString act()
+    void act()
     {
         CChannelServer &server = *fixture.server;
         switch (draw(10)) {
@@ -26,10 +24,10 @@ public:
             place();
             break;
         case 3:
-            server.disconnectFromAbonent(someName(), -1);
+            fixture.disconnect(someName(), -1);
             break;
         case 4:
-            server.disconnectFromAbonent(someName(), 1 + draw(2 * mostCalls));
+            fixture.disconnect(someName(), 1 + draw(2 * mostCalls));
             break;
         case 5:
             server.keepAliveConnection(1 + draw(2 * mostCalls));
@@ -38,15 +36,17 @@ public:
             server.settingsWasChanged();
             break;
         case 7:
+            fixture.recorder.note(What::Call, 0, QStringLiteral("Негодный"));
             server.connectToAbonent(QStringLiteral("Негодный"), QByteArray(1 + draw(20), '\xfe'));
             break;
         case 8:
             fixture.pause(1 + draw(20));
             break;
         case 9:
-            return draw(3) == 0 ? restart() : QString();
+            if (draw(3) == 0)
+                restart();
+            break;
         }
-        return QString();
     }
 
 private:
@@ -61,17 +61,15 @@ private:
         behaviour.payloadBytes = draw(3) == 0 ? 0 : draw(50000);
         if (calls == mostCalls)
             return;
-        fixture.recorder.setConduct(behaviour);
+        fixture.recorder.setBehaviour(behaviour);
         fixture.call(++calls);
     }
 
-    QString restart()
+    void restart()
     {
         calls = 0;
-        const QString error = fixture.stop();
-        if (error.isNull())
-            fixture.start();
-        return error;
+        fixture.stop();
+        fixture.start();
     }
 
     CFixture &fixture;
@@ -81,22 +79,17 @@ private:
 
 } // namespace
 
-QString Checks::randomRun(CFixture &fixture)
+void Checks::randomRun(CFixture &fixture)
 {
-    QString error = fixture.open();
-    if (!error.isNull())
-        return error;
     fixture.start();
     RandomHost host(fixture);
-    for (int i = 1; i <= operations && error.isNull(); ++i) {
-        fixture.step(QStringLiteral("действие %1 из %2").arg(i).arg(operations));
-        error = host.act();
+    try {
+        for (int i = 1; i <= operations; ++i) {
+            fixture.step(QStringLiteral("действие %1 из %2").arg(i).arg(operations));
+            host.act();
+        }
+        fixture.stopAndClose();
+    } catch (const CheckFailure &failure) {
+        fail(QStringLiteral("Зерно %1: %2").arg(QString::number(fixture.arguments.seed), failure.text));
     }
-    if (error.isNull())
-        error = fixture.stopAndClose();
-    if (error.isNull())
-        error = Rules::always(fixture.recorder);
-    return error.isNull()
-               ? error
-               : QStringLiteral("Зерно %1: %2").arg(QString::number(fixture.arguments.seed), error);
 }

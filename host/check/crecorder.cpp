@@ -67,10 +67,11 @@ std::vector<Presets> CRecorder::presets() const
     return found;
 }
 
-void CRecorder::setConduct(const Behaviour &behaviour)
+void CRecorder::setBehaviour(const Behaviour &behaviour)
 {
     const QMutexLocker locker(&mutex);
     current = behaviour;
+    connections = 0;
 }
 
 Behaviour CRecorder::behaviour() const
@@ -102,6 +103,20 @@ std::vector<int> CRecorder::keptAlive() const
             numbers.push_back(number);
     }
     return numbers;
+}
+
+void CRecorder::nudge() const
+{
+    const QMutexLocker locker(&mutex);
+    for (const auto &each : alive)
+        QMetaObject::invokeMethod(
+            each.second, [] {}, Qt::QueuedConnection); // whatever wakes their loop will do
+}
+
+int CRecorder::nextConnection()
+{
+    const QMutexLocker locker(&mutex);
+    return connections++;
 }
 
 void CRecorder::clear()

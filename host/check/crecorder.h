@@ -18,12 +18,18 @@ class CAbstractProtocol;
 /// How the check's protocols behave.
 struct Behaviour
 {
-    bool refuses = false; // the factory makes no protocol
+    unsigned refusals = 0; // bit n: the factory makes no protocol for connection n, from 0
     bool finishesInStart = false;
     bool finishesInStop = false; // straight from stop(), in the thread that asks
-    bool isDeaf = false;         // who is called reads nothing
+    bool holdsOut = false;       // ends when it is stopped, not with its connection
+    bool isTimeless = false;     // no timer: works when the channel wakes it
+    bool isNameless = false;     // nobody says a name
+    bool isDeaf = false;         // who is called reads nothing, while the recorder's isDeaf is set
+    bool isSink = false;         // who is called sends nothing back but the greeting
     bool floods = false;         // the caller writes without asking for room
+    bool hangsUp = false;        // the caller ends the connection behind its payload
     int payloadBytes = 0;        // what the caller sends and wants back
+    QString answersAs;           // the called side's name; null: the one that was called
 };
 
 enum class What
@@ -37,9 +43,11 @@ enum class What
     Create,           // number: protocol, -1 when refused
     Start,            // number: protocol, text: the name preset, null for none
     Named,            // number: protocol, text: the name it has learned
-    Exchanged,        // number: protocol, text: name; the payload has come back
+    Exchanged,        // number: protocol, text: name; the payload has come back, or to the sink
+    Full,             // number: protocol; idealBlockSize() has no room for the payload now
     Read,             // number: protocol, value: bytes; noted at the protocol's end
     Written,          // number: protocol, value: bytes; noted at the protocol's end
+    Stop,             // number: protocol, value: whether it has worked since its start
     Gone,             // number: protocol, text: its last remote name, value: wasUseful
     FactoryGone,
     Connected,    // number: connection, text: name
@@ -47,6 +55,8 @@ enum class What
     Disconnected, // number: connection, text: name, value: wasUseful
     Finished,
     Started,      // noted before start()
+    Call,         // noted before connectToAbonent(), text: name
+    Disconnect,   // noted before disconnectFromAbonent()
     StopAsked,    // noted before stop() ...
     StopReturned, // ... and after it
     ServerGone,   // noted before the server is deleted
@@ -88,13 +98,19 @@ public:
     void addPresets(const Presets &seen);
     std::vector<Presets> presets() const;
 
-    void setConduct(const Behaviour &behaviour);
+    void setBehaviour(const Behaviour &behaviour);
     Behaviour behaviour() const;
 
     /// The protocols alive, so that keepAliveRequested can be seen.
     void enter(int number, CAbstractProtocol *protocol);
     void leave(int number);
     std::vector<int> keptAlive() const; // numbers of protocols
+
+    /// Wakes the event loops of the protocols alive: those without a timer look at their channels.
+    void nudge() const;
+
+    /// Which connection this is since the behaviour was set, from 0.
+    int nextConnection();
 
     /// Forgets what happened, not who is alive.
     void clear();
@@ -107,6 +123,8 @@ public:
     void addRecord(int kind, const QString &source, const QString &text) override;
 
     std::atomic<bool> mayExchange{true};     // false holds the callers' payload back
+    std::atomic<bool> isDeaf{true};          // whether Behaviour::isDeaf is in force
+    std::atomic<int> looks{0};               // of all protocols at their channels
     std::atomic<int> longestWriteMs{0};      // of all channels
     std::atomic<QMutex *> logMutex{nullptr}; // set: every call of the channel tries it
     int kind = 0;                            // the plug-in's; set before anything runs
@@ -123,5 +141,6 @@ private:
     std::vector<Presets> found;
     std::vector<std::pair<int, CAbstractProtocol *>> alive;
     Behaviour current;
+    int connections = 0; // since the behaviour was set
     int lastHandle = 1000;
 };

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <utility>
 
 namespace {
 
@@ -35,11 +36,16 @@ QStringList namesIn(const CRecorder &recorder, What what)
 QString Rules::presets(const CRecorder &recorder)
 {
     QStringList labels;
+    QStringList called;
+    QStringList preset;
     for (const Event &event : recorder.events()) {
         if (event.what == What::AddConnection)
             labels << event.text;
+        else if (event.what == What::Call)
+            called << event.text;
     }
     for (const Presets &each : recorder.presets()) {
+        preset << each.name;
         if (each.label.isEmpty() || !labels.contains(each.label))
             return QStringLiteral("До start() протоколу не дана метка соединения из монитора: '%1'")
                 .arg(each.label);
@@ -50,7 +56,11 @@ QString Rules::presets(const CRecorder &recorder)
             return QStringLiteral("Вид канала CChannel::kind равен %1, а type() модуля - %2")
                 .arg(each.kind)
                 .arg(recorder.kind);
+        if (!each.name.isEmpty() && !called.contains(each.name))
+            return QStringLiteral("remoteAbonentName задано '%1', а такого никто не вызывал").arg(each.name);
     }
+    if (preset.size() >= 2 * called.size() && !called.isEmpty() && preset.join(QString()).isEmpty())
+        return QStringLiteral("До start() протоколу вызова не дано имя вызванного абонента");
     return QString();
 }
 
@@ -72,14 +82,79 @@ QString Rules::signalThreads(const CRecorder &recorder)
 
 QString Rules::protocolThread(const CRecorder &recorder)
 {
-    std::map<int, int> threads; // of the protocols, by number
+    std::map<int, int> threads; // of the protocols alive, by number
     for (const Event &event : recorder.events()) {
         if (!isProtocols(event))
             continue;
         const int born = threads.emplace(event.number, event.thread).first->second;
+        if (born == recorder.serverThread)
+            return QStringLiteral("Протокол создан в потоке сервера, а нужен поток соединения");
         if (born != event.thread)
             return QStringLiteral("Протокол создан в одном потоке, а %1 - в другом")
                 .arg(event.what == What::Start ? QStringLiteral("запущен") : QStringLiteral("удален"));
+        if (std::count_if(threads.begin(), threads.end(),
+                          [&](const auto &each) { return each.second == born; }) > 1)
+            return QStringLiteral("Два протокола сразу живут в одном потоке");
+        if (event.what == What::Gone)
+            threads.erase(event.number);
+    }
+    return QString();
+}
+
+/// Asked by the thread that stops the server or a connection; by the connection's own when the request
+/// came before the protocol had begun. Once for each request.
+QString Rules::protocolStop(const CRecorder &recorder)
+{
+    int requests = 0; // that can have reached a protocol
+    std::map<int, int> stops;
+    std::map<int, int> lastRequest; // that reached a protocol from the server's thread
+    std::map<int, int> threads;
+    for (const Event &event : recorder.events()) {
+        if (event.what == What::Disconnect || event.what == What::StopAsked) {
+            ++requests;
+        } else if (event.what == What::Started) {
+            requests = 0;
+            stops.clear();
+            lastRequest.clear();
+        } else if (event.what == What::Create) {
+            threads[event.number] = event.thread;
+        } else if (event.what == What::Stop) {
+            const bool isOwn = event.thread == threads[event.number];
+            if (requests == 0)
+                return QStringLiteral("stop() протокола, которого никто не останавливал");
+            if (event.thread != recorder.serverThread && !(isOwn && event.value == 0))
+                return QStringLiteral("stop() протокола пришел %1, а не из потока, который останавливает")
+                    .arg(isOwn ? QStringLiteral("из потока соединения") : QStringLiteral("из чужого потока"));
+            const bool isTwice = !isOwn && std::exchange(lastRequest[event.number], requests) == requests;
+            if (++stops[event.number] > requests || isTwice)
+                return QStringLiteral("stop() протокола вызван %1 раз, и не по разу на каждую остановку")
+                    .arg(stops[event.number]);
+        }
+    }
+    return QString();
+}
+
+/// The numbers by which a host ends and keeps its connections.
+QString Rules::connectionNumbers(const CRecorder &recorder)
+{
+    std::map<QString, std::vector<int>> connected;
+    std::map<QString, std::vector<int>> disconnected;
+    for (const Event &event : recorder.events()) {
+        if (event.what == What::Connected && event.number < 1)
+            return QStringLiteral("Номер соединения %1 меньше 1").arg(event.number);
+        if (event.what == What::Connected)
+            connected[event.text].push_back(event.number);
+        else if (event.what == What::Disconnected)
+            disconnected[event.text].push_back(event.number);
+    }
+    for (const auto &[name, numbers] :
+         connected) { // of a name that comes twice it is not known which is which
+        const std::vector<int> &ended = disconnected[name];
+        if (numbers.size() == 1 && ended.size() == 1 && numbers != ended)
+            return QStringLiteral("connected('%1') дал номер %2, а disconnected - %3")
+                .arg(name)
+                .arg(numbers.front())
+                .arg(ended.front());
     }
     return QString();
 }
@@ -249,18 +324,60 @@ QString Rules::quietAfterFinish(const CRecorder &recorder)
     return QString();
 }
 
-QString Rules::always(const CRecorder &recorder)
+namespace {
+
+template <const char *sort>
+QString complaint(const CRecorder &recorder)
 {
-    for (const auto rule : {everyEndReported, usefulFlag, signalThreads, protocolThread, monitorEntries,
-                            monitorBytes, journalRecords, ownership, stopReturnsFirst}) {
-        const QString error = rule(recorder);
-        if (!error.isNull())
-            return error;
+    return recorder.complaint(sort);
+}
+
+constexpr char data[] = "data";
+constexpr char read[] = "read";
+constexpr char connected[] = "connected";
+constexpr char room[] = "room";
+constexpr char prompt[] = "prompt";
+constexpr char late[] = "late";
+
+} // namespace
+
+const std::vector<Rule> &ruleTable()
+{
+    // Causes before what they lead to.
+    static const auto *const table = new std::vector<Rule>{
+        {"protocol-thread", Rules::protocolThread},
+        {"presets", Rules::presets},
+        {"room", complaint<room>},
+        {"connected-state", complaint<connected>},
+        {"read-limits", complaint<read>},
+        {"prompt-calls", complaint<prompt>},
+        {"protocol-stop", Rules::protocolStop},
+        {"signal-threads", Rules::signalThreads},
+        {"connection-numbers", Rules::connectionNumbers},
+        {"every-end-reported", Rules::everyEndReported},
+        {"useful-flag", Rules::usefulFlag},
+        {"monitor-entries", Rules::monitorEntries},
+        {"monitor-bytes", Rules::monitorBytes},
+        {"journal-records", Rules::journalRecords},
+        {"ownership", Rules::ownership},
+        {"stop-returns-first", Rules::stopReturnsFirst},
+        {"stop-in-time", complaint<late>},
+        {"quiet-after-finish", Rules::quietAfterFinish},
+        {"data-intact", complaint<data>},
+    };
+    return *table;
+}
+
+BrokenRule firstBroken(const CRecorder &recorder, const QStringList &known, Moment moment)
+{
+    for (const Rule &rule : ruleTable()) {
+        const bool isForTheEnd = rule.broken == Rules::everyEndReported ||
+                                 rule.broken == Rules::monitorEntries || rule.broken == Rules::monitorBytes;
+        if (known.contains(QLatin1String(rule.name)) || (isForTheEnd && moment == Moment::Meanwhile))
+            continue;
+        const QString text = rule.broken(recorder);
+        if (!text.isNull())
+            return {rule.name, text};
     }
-    for (const char *sort : {"data", "read"}) {
-        const QString error = recorder.complaint(sort);
-        if (!error.isNull())
-            return error;
-    }
-    return QString();
+    return {nullptr, QString()};
 }

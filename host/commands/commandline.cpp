@@ -47,6 +47,8 @@ QStringList withOptionalValuesJoined(const Command &command, QStringList rest)
         if (word == QLatin1String("--"))
             return result + rest;
         const CommandOption *option = optionOf(command, word);
+        if (option && option->endsOptions)
+            return result << QStringLiteral("--") << rest;
         if (!option || option->isSwitch())
             continue;
         bool isNumber = false;

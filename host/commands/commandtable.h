@@ -20,6 +20,7 @@ struct CommandOption
     const char *value;   // what stands for its value; null: a switch; "[N]": a number that may be left out
     const char *meaning; // null: not for people, left out of the help
     EmptyValue emptyValue = NotEmpty;
+    bool endsOptions = false; // all words behind it are operands
 
     bool isSwitch() const { return !value; }
     bool isValueOptional() const { return value && *value == '['; }

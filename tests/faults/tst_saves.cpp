@@ -126,9 +126,10 @@ private Q_SLOTS:
         for (int kill = 0; kill < kills; ++kill) {
             const int start = *saved + 1;
             const pid_t child = ::fork();
-            for (int number = start; child == 0; *saved = number++) {
-                if (!Global::safeSaving(target, version(number)).isNull())
-                    ::_exit(1);
+            if (child == 0) {
+                for (int number = start; Global::safeSaving(target, version(number)).isNull(); ++number)
+                    *saved = number;
+                ::_exit(1);
             }
             for (int wait = 0; *saved < start && wait < 50000; ++wait) // until it is at work
                 ::usleep(100);

@@ -365,7 +365,7 @@ private Q_SLOTS:
         const QString plugins = alfa.directory.filePath("bin/channelPlugins/"_s);
         QVERIFY(TestInstallation::write(plugins + "broken.so"_s, "not a library"));
         Abonent::place(FAULTY_FILE, plugins + "old.so"_s); // ends the program when asked for more
-        qputenv("FAULT", "version-15");
+        qputenv("FAULT", "entry.apiVersion add -1");
         QVERIFY(alfa.listen());
         QVERIFY(alfa.sees("Не удалось загрузить модуль канала broken.so"_s));
         QVERIFY(alfa.sees("old.so сделан для версии договора 15, а программе нужна версия 16"_s));

@@ -1,6 +1,6 @@
 #!/usr/bin/env perl
 # What documents show is what there is: each code block below "<!-- from: FILE -->" stands in FILE as it is,
-# and every link leads to a file.
+# and every link leads to a file. ROOT is the source tree, or the directory of the installed documents.
 #   checkdocs.pl ROOT
 use strict;
 use warnings;
@@ -16,7 +16,8 @@ sub contents
     return <$file>;
 }
 
-for my $document (glob('*.md docs/*.md docs/*/*.md')) {
+for my $document (glob('*.md */*.md */*/*.md')) {
+    next if $document =~ m{^build/};
     my $text = contents($document);
     while ($text =~ /^<!-- from: (\S+) -->\n```\w*\n(.*?)^```$/msg) {
         my ($name, $block) = ($1, $2);

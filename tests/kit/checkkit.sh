@@ -21,18 +21,18 @@ run() {
     local home=$work/run
     rm -rf "$home"
     mkdir -p "$home/bin/channelPlugins"
-    cp "$1/host60" "$moved/bin/abonent" "$home/bin"
+    cp "$1/smallhost" "$moved/bin/abonent" "$home/bin"
     cp "$1/libloopback.so" "$moved/bin/channelPlugins/libtransportIp.so" "$home/bin/channelPlugins"
     local port=$((20000 + RANDOM % 10000))
     while (: >"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
     "$home/bin/abonent" settings set port=$port >"$work/log"
     for channel in loopback transportIp; do
-        "$home/bin/host60" "$home/bin/channelPlugins/lib$channel.so" $port >"$work/said" 2>&1 ||
-            { echo "host60 with $channel from $1: $?" >&2; cat "$work/said" >&2; return 1; }
+        "$home/bin/smallhost" "$home/bin/channelPlugins/lib$channel.so" $port >"$work/said" 2>&1 ||
+            { echo "smallhost with $channel from $1: $?" >&2; cat "$work/said" >&2; return 1; }
         grep -q "Вызываем абонента 'Борис'" "$work/said"
     done
     grep -q "Установлено соединение с 'Анна'" "$work/said"
-    [ -s "$home/settings/settings.ini" ] && ls "$home"/data/0/log/host60_*.log >/dev/null
+    [ -s "$home/settings/settings.ini" ] && ls "$home"/data/0/log/smallhost_*.log >/dev/null
 }
 
 # Shows the four entries and nothing else, keeps to its own symbols, stays in memory.
@@ -52,6 +52,9 @@ if grep -rIl -e "$work/first" -e "$build" "$moved"; then
     echo "These files of the kit name the place it was made in." >&2
     exit 1
 fi
+
+perl "$source/tests/kit/checkdocs.pl" "$moved/share/doc/ipchannel-dev"
+[ "$(du -cb "$moved"/lib*/libipchannel-*.a "$moved"/lib*/*/libipchannel-*.a 2>/dev/null | awk 'END { print $1 }')" -lt 8000000 ]
 
 step() { echo "== $*"; }
 
@@ -73,6 +76,22 @@ if cmake -S "$examples" -B "$work/other" -G Ninja "-DCMAKE_PREFIX_PATH=$moved" -
 fi
 grep -q 'compatible with requested version' "$work/log" || { cat "$work/log" >&2; exit 1; }
 
+# said TEXT: what CMake says of examples/CMakeLists.txt with other first lines; it has to refuse them.
+step find_package and add_channel_kind explain what they cannot do
+mkdir "$work/wrong"
+cp -r "$examples"/loopback "$work/wrong"
+said() {
+    printf 'cmake_minimum_required(VERSION 3.25)\nproject(wrong LANGUAGES CXX)\n%s\n' "$1" >"$work/wrong/CMakeLists.txt"
+    cmake -S "$work/wrong" -B "$work/wrong/build" -G Ninja "-DCMAKE_PREFIX_PATH=$moved" >"$work/log" 2>&1
+}
+if said 'find_package(ipChannel 3 REQUIRED COMPONENTS common)'; then exit 1; fi
+tr -s ' \n' ' ' <"$work/log" | grep -q 'ipChannel has no components; leave COMPONENTS out'
+if said 'find_package(ipChannel 3 REQUIRED)
+add_channel_kind(loopback SOURCES loopback/loopback.cpp LINK No::Such)'; then exit 1; fi
+tr -s ' \n' ' ' <"$work/log" | grep -q 'Call find_package() of the package that brings it'
+said 'find_package(ipChannel 3 REQUIRED)
+add_channel_kind(loopback SOURCES loopback/loopback.cpp LINK Qt5::Network)'
+
 step pkg-config
 # make and pkg-config know no blanks in paths.
 mv "$moved" "$work/elsewhere/kit"
@@ -93,12 +112,23 @@ add_subdirectory("$source" ipChannel)
 add_subdirectory("$source/examples" examples)
 END
 configure -S "$work/outside" -B "$work/added"
-make_all "$work/added" "loopback host60 transportIp"
+make_all "$work/added" "loopback smallhost transportIp"
 check_module "$work/added/examples/libloopback.so"
 [ -f "$work/added/ipChannel/bin/channelPlugins/libtransportIp.so" ]
 run "$work/added/examples"
 [ "$(ctest --test-dir "$work/added" -N | tail -1)" = "Total Tests: 0" ]
 if cmake --build "$work/added" --target help | grep -E 'tst_|testSupport'; then exit 1; fi
+
+step targets of the tree, with makefiles
+cat >"$work/outside/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.25)
+project(inside LANGUAGES CXX)
+add_subdirectory("$source" ipChannel EXCLUDE_FROM_ALL)
+add_executable(smallhost "$source/examples/smallhost/main.cpp")
+target_link_libraries(smallhost PRIVATE interfaces ipsettings common)
+END
+cmake -S "$work/outside" -B "$work/makefiles" -G "Unix Makefiles" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
+make_all "$work/makefiles"
 
 step the kit works in all ways
 rm -rf "$work"

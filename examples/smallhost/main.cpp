@@ -1,5 +1,6 @@
-// A host in 60 lines: loads a channel, calls itself through it, exchanges names, and ends in order.
-//   host60 CHANNEL.so [PORT]
+// A small host: loads a channel, calls itself through it, exchanges names, and ends in order.
+//   smallhost CHANNEL.so [PORT]
+// It says what it sees. Exit code 0: both ends of the call were told; 1: not; 2: no channel for this host.
 #include "common/logger.h"
 #include "interfaces/cabstractprotocol.h"
 #include "interfaces/cchannelserver.h"
@@ -9,6 +10,9 @@
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QLibrary>
+
+#include <cstdio>
+#include <utility>
 
 // Each side sends its name as a line; the caller begins and, having read the answer, ends.
 struct Protocol : CAbstractProtocol
@@ -25,7 +29,7 @@ struct Protocol : CAbstractProtocol
     }
     void stop() override // from any thread: only leaves word
     {
-        QMetaObject::invokeMethod(this, &Protocol::finished, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(this, &Protocol::end, Qt::QueuedConnection);
     }
     void look()
     {
@@ -37,9 +41,15 @@ struct Protocol : CAbstractProtocol
             isCaller ? channel->disconnectFromAbonent() : channel->write("Борис\n");
         }
         if (!channel->isConnected())
+            end();
+    }
+    void end() // once, whoever wants it
+    {
+        if (!std::exchange(isEnded, true))
             Q_EMIT finished();
     }
     bool isCaller = false;
+    bool isEnded = false;
     QByteArray line;
 };
 struct Factory : CProtocolFactory
@@ -67,8 +77,11 @@ int main(int argc, char *argv[])
     QCoreApplication application(argc, argv);
     QLibrary library(QString::fromLocal8Bit(argc > 1 ? argv[1] : ""));
     const auto apiVersion = reinterpret_cast<ApiVersionFunction>(library.resolve(apiVersionSymbol));
-    if (!apiVersion || apiVersion() != channelApiVersion)
+    if (!apiVersion || apiVersion() != channelApiVersion) {
+        std::fprintf(stderr, "No channel for version %d: %s\n", channelApiVersion,
+                     apiVersion ? "made for another" : qPrintable(library.errorString()));
         return 2;
+    }
     LoggerData::initDebug(nullptr);
     reinterpret_cast<InitDebugFunction>(library.resolve(initDebugSymbol))(LoggerData::debugData());
     CChannelPlugin *plugin = reinterpret_cast<InstanceFunction>(library.resolve(instanceSymbol))();
@@ -93,5 +106,6 @@ int main(int argc, char *argv[])
     application.exec();
     delete server;
     reinterpret_cast<DeleteInstanceFunction>(library.resolve(deleteInstanceSymbol))(plugin);
-    return toEnd;
+    std::printf("Ends of the call that were not told: %d\n", toEnd);
+    return toEnd == 0 ? 0 : 1;
 }
