@@ -2,7 +2,6 @@
 
 #include "common/global.h"
 #include "common/logger.h"
-#include "common/settingsfile.h"
 #include "common/settingslock.h"
 #include "common/terminationguard.h"
 #include "common/trustedfile.h"
@@ -180,8 +179,7 @@ QString noContact(const QString &name)
 } // namespace
 
 CContacts::CContacts(const QString &filePath)
-    : path(filePath.isNull() ? Global::abonentsSettingsFilePath() : filePath),
-      stamp(SettingsFile::Stamp::Unknown)
+    : path(filePath.isNull() ? Global::abonentsSettingsFilePath() : filePath)
 {}
 
 Judgement CContacts::judge(const QString &name, const QByteArray &fingerprint, Direction direction)

@@ -10,6 +10,7 @@
 // 0) can change contacts, hence pin: at other levels first contacts are refused.
 #pragma once
 
+#include "common/settingsfile.h"
 #include "host/delivery/contacttext.h"
 #include "host/delivery/generalsettings.h"
 
@@ -91,7 +92,7 @@ public:
     QString setBlocked(const QString &name, bool isBlocked);
 
     /// Adds what somebody has mailed. Refused when the name has another key already.
-    QString import(const CContact &contact);
+    QString import(const CContact &imported);
 
 private:
     QString refresh();
@@ -100,9 +101,9 @@ private:
 
     const QString path;
 
-    QMutex mutex;               // guards the following
-    QVector<CContact> contacts; // as in the file
-    quint64 stamp;              // of the file that they show
-    bool isFresh = true;        // read so early that its time proves nothing
-    QString state;              // why the file cannot be used or changed; null when it can
+    QMutex mutex;                                 // guards the following
+    QVector<CContact> contacts;                   // as in the file
+    quint64 stamp = SettingsFile::Stamp::Unknown; // of the file that they show
+    bool isFresh = true;                          // read so early that its time proves nothing
+    QString state;                                // why the file cannot be used or changed; null when it can
 };
