@@ -93,8 +93,11 @@ private:
         const int opened = std::min(toOpen, bytes.size());
         bytes.remove(0, opened);
         toOpen -= opened;
-        if (opened > 0 && toOpen == 0 && !timer.isActive())
-            timer.start(0);
+        if (opened > 0 && toOpen == 0) {
+            ++load.opened;
+            if (!timer.isActive())
+                timer.start(0);
+        }
         if (bytes.isEmpty())
             return;
         if (!awaited.startsWith(bytes)) {

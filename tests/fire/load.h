@@ -47,6 +47,7 @@ public:
     int connected = 0;          // those that did
     int closed = 0;             // over, by whom ever
     int dropped = 0;            // ended by the other side
+    int opened = 0;             // openings answered
     int rounds = 0;             // requests answered
     int wrong = 0;              // bytes that were not the answer
     qint64 pushed = 0;          // bytes sent by those that do not read
