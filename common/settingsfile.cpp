@@ -120,8 +120,8 @@ bool replace(const Contents &old, const QByteArray &text, int *modeError)
 void syncDirectory(const Contents &replaced)
 {
     const QByteArray directory = QFile::encodeName(QFileInfo(replaced.path).path());
-    const CDescriptor opened(Io::retried(
-        [&] { return ::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    const CDescriptor opened(
+        Io::retried([&] { return ::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     if (opened.isOpen())
         Io::retried([&] { return ::fsync(opened.get()); });
 }

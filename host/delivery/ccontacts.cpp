@@ -410,8 +410,8 @@ QString CContacts::change(const std::function<QString(QVector<CContact> *)> &mak
         return failed();
     if (isNew)
         Global::setFilePermissions(path);
-    const CDescriptor directory(::open(
-        QFile::encodeName(QFileInfo(path).absolutePath()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const CDescriptor directory(::open(QFile::encodeName(QFileInfo(path).absolutePath()).constData(),
+                                       O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.isOpen())
         ::fsync(directory.get()); // a pin must outlive a loss of power
 

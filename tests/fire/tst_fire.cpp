@@ -344,6 +344,7 @@ private Q_SLOTS:
     {
         constexpr int callers = 300;
         beginAbonent(-256); // it takes what the hard limit gives
+        QVERIFY(serves(30000));
         LoadPlan plan = halfSecured(callers);
         plan.opening = [hello = plan.opening](int n) { return n % 2 == 0 ? QByteArray() : hello(n); };
         plan.dripMs = 1000;
@@ -355,7 +356,7 @@ private Q_SLOTS:
         const auto [first, last] = std::minmax_element(slow.lives.begin(), slow.lives.end());
         const int lines = log().count('\n') - linesBefore;
         std::printf("slow: %d dropped after %d to %d ms, %d log lines\n", callers, *first, *last, lines);
-        QVERIFY(lines <= 2 * callers + 3); // three of the one that was served meanwhile
+        QVERIFY(lines <= 2 * callers + 10); // those of the two that were served among them
     }
 
     void greedy()
