@@ -211,6 +211,13 @@ def quiet(*command):
         raise Failed(f"{' '.join(command)}: {done.stderr.strip()}")
 
 
+def make_hub():
+    """What machines share: a network, and /media, which is carried from one to another."""
+    quiet("ip", "link", "add", "name", "hub", "type", "bridge")
+    quiet("ip", "link", "set", "hub", "up")
+    quiet("mount", "-t", "tmpfs", "-o", "mode=777", "tmpfs", "/media")
+
+
 class Running:
     """A program whose output is read as it comes."""
 
@@ -291,15 +298,14 @@ class Machine:
         self.environment = {"HOME": f"/home/{name}", "USER": name, "LOGNAME": name, "LANG": "C.UTF-8", "TERM": "dumb",
                             "PATH": "/opt/abonent/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"}
 
-    def start(self, command, rights):
+    def command(self, text, rights):
+        """What to start, from outside, so that the machine runs a line of a shell."""
         # Without capabilities even the only user of a namespace is held by owners and modes.
         less = ["setpriv", "--bounding-set=-all", "--inh-caps=-all"]
         if not is_alone():
             less += [f"--reuid={USER}", f"--regid={USER}", "--clear-groups"]
-        less = less if rights == "$" else []
-        return Running(["nsenter", "-t", str(self.holder.pid), "--net", "--mount", "--uts",
-                        *less, "bash", "-c", f"cd; (exit {self.last}); {command}"],
-                       self.environment)
+        return ["nsenter", "-t", str(self.holder.pid), "--net", "--mount", "--uts", *(less if rights == "$" else []),
+                "bash", "-c", f"cd; (exit {self.last}); {text}"]
 
 
 # The run -------------------------------------------------------------------------------------------
@@ -320,9 +326,7 @@ class Run:
         self.machines = {}
         names = {step.machine for step in self.steps}
         if names:
-            quiet("ip", "link", "add", "name", "hub", "type", "bridge")
-            quiet("ip", "link", "set", "hub", "up")
-            quiet("mount", "-t", "tmpfs", "-o", "mode=777", "tmpfs", "/media")  # what is carried from one to another
+            make_hub()
         for name in sorted(names):
             self.machines[name] = Machine(name, options.program)
 
@@ -361,7 +365,7 @@ class Run:
             else:
                 self.compare(step, running, step.shown, step.first, False)
             return
-        running = machine.start(step.command, step.rights)
+        running = Running(machine.command(step.command, step.rights), machine.environment)
         if step.stays:
             machine.stays = running
         self.compare(step, running, step.shown, step.first, not step.stays)
