@@ -69,7 +69,7 @@ set(hostDocuments ${PROJECT_BINARY_DIR}/host)
 install(FILES ${hostDocuments}/abonent.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)
 install(FILES ${hostDocuments}/abonent.bash DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
   COMPONENT host RENAME abonent)
-install(FILES docs/ru/administrator.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/abonent COMPONENT runtime)
+install(DIRECTORY docs/ru/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/abonent COMPONENT runtime FILES_MATCHING PATTERN *.md)
 
 # The kit.
 foreach(header IN LISTS IPCHANNEL_PUBLIC_HEADERS)
@@ -87,7 +87,7 @@ if(CMAKE_STRIP)
 endif()
 install(EXPORT ipChannelTargets NAMESPACE ipChannel:: DESTINATION ${configDir} COMPONENT development)
 install(DIRECTORY examples DESTINATION ${developmentDocDir} COMPONENT development)
-install(DIRECTORY docs/ DESTINATION ${developmentDocDir} COMPONENT development FILES_MATCHING PATTERN *.md)
+install(DIRECTORY docs/ DESTINATION ${developmentDocDir} COMPONENT development FILES_MATCHING PATTERN *.md PATTERN *.svg)
 
 # The package's description, once for the installed tree and once for the build tree, where -DipChannel_DIR=BUILD/cmake
 # finds it.

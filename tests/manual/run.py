@@ -14,13 +14,15 @@ addresses, ports and paths as they are. What an author writes:
   block skips it, with a word, where that program is missing; "root" stands for a run by root.
 - Times, sizes in time, speeds, process numbers and the like differ from run to run. Keys and digests do as well, but
   one that is shown twice has to be the same twice.
-- `abonent ...` within a sentence names a command and options that exist.
+- `abonent ...` within a sentence names a command and options that exist. Below a column "Текст" stands what the
+  programs say.
 
 --renew writes what was seen into the page, wherever it is not what the page shows; look at the difference.
 Exit code: 0 as shown, 1 not, 77 something could not be tried here.
 """
 
 import argparse
+import difflib
 import os
 import re
 import shutil
@@ -51,9 +53,13 @@ class Failed(Exception):
 # The page ------------------------------------------------------------------------------------------
 
 def has(need):
+    """Whether a program is there and, where it asks the kernel, whether that answers."""
     if need == "root":
         return not is_alone()
-    return shutil.which(need, path="/usr/sbin:/sbin:/usr/bin:/bin") is not None
+    path = "/usr/sbin:/sbin:/usr/bin:/bin"
+    asks = {"nft": ["nft", "list", "ruleset"], "ufw": ["iptables", "-L"]}.get(need)
+    return shutil.which(need, path=path) is not None and (
+        not asks or subprocess.run(["env", f"PATH={path}", *asks], capture_output=True, check=False).returncode == 0)
 
 
 class Step:
@@ -118,6 +124,25 @@ def check_mentions(lines, program):
             for option in re.findall(r"--[a-z-]+", mention):
                 if option != "--help" and option not in helps[verb]:
                     raise Failed(f"line {number}: abonent {verb} has no option {option}")
+
+
+def check_texts(lines, directory):
+    """Tables whose first column is "Текст" hold what the programs say; N, M and "..." stand for something."""
+    said, is_table = b"", False
+    for number, line in enumerate(lines, 1):
+        is_table = line.startswith("|") and (is_table or line.startswith("| Текст |"))
+        if not is_table or line.startswith(("| Текст |", "|---")):
+            continue
+        if not said:
+            for folder in (directory, os.path.join(directory, "channelPlugins")):
+                for name in os.listdir(folder):
+                    if os.path.isfile(os.path.join(folder, name)):
+                        with open(os.path.join(folder, name), "rb") as program:
+                            said += program.read()
+        for part in re.split(r"'?\.\.\.'?|\b[NM]\b|: ", line.split("|")[1]):
+            text = part.strip()
+            if len(text) > 4 and text.encode("utf-16-le") not in said and text.encode() not in said:
+                raise Failed(f"line {number}: no program says: {text}")
 
 
 # Comparing -----------------------------------------------------------------------------------------
@@ -188,13 +213,23 @@ class Comparison:
             self.trouble = (self.behind_dots(), None)
 
     def renewed(self):
-        """What is to be shown instead: what was seen, and of what is shown the lines that fit."""
-        left, result = [line for line in self.shown if line != "..."], []
-        for line in self.seen:
-            fits = next((i for i, shown in enumerate(left) if self.values.matches(shown, line)), None)
-            result.append(self.values.as_shown(line) if fits is None else left[fits])
-            left = left[fits + 1:] if fits is not None else left
-        return result
+        """What is to be shown instead: where lines are left out, still those that are shown, as they are now."""
+        result, left = [], list(self.seen)
+        leaves_out = "..." in self.shown
+        for shown in self.shown:
+            if shown == "...":
+                result.append(shown)
+                continue
+            fits = [line for line in left if self.values.matches(shown, line)][:1]
+            line = (fits or difflib.get_close_matches(shown, left, 1, 0.5) or [None])[0]
+            if line is None:
+                continue
+            at = left.index(line)
+            if not leaves_out:
+                result += map(self.values.as_shown, left[:at])
+            result.append(shown if fits else self.values.as_shown(line))
+            del left[:at + 1]
+        return result if leaves_out else result + [self.values.as_shown(line) for line in left]
 
 
 # Machines ------------------------------------------------------------------------------------------
@@ -320,6 +355,7 @@ class Run:
             self.lines = page.read().split("\n")
         self.steps = steps_of(self.lines)
         check_mentions(self.lines, os.path.join(options.program, "abonent"))
+        check_texts(self.lines, options.program)
         self.values = Values()
         self.missing = set()
         self.changes = []  # (first line, number of lines, lines instead)
