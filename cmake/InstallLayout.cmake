@@ -87,7 +87,7 @@ if(CMAKE_STRIP)
 endif()
 install(EXPORT ipChannelTargets NAMESPACE ipChannel:: DESTINATION ${configDir} COMPONENT development)
 install(DIRECTORY examples DESTINATION ${developmentDocDir} COMPONENT development)
-install(DIRECTORY docs/ DESTINATION ${developmentDocDir} COMPONENT development FILES_MATCHING PATTERN *.md PATTERN *.svg)
+install(DIRECTORY docs/ DESTINATION ${developmentDocDir} COMPONENT development FILES_MATCHING PATTERN *.md PATTERN *.svg PATTERN *.csv)
 
 # The package's description, once for the installed tree and once for the build tree, where -DipChannel_DIR=BUILD/cmake
 # finds it.

@@ -220,14 +220,14 @@ class Comparison:
             if shown == "...":
                 result.append(shown)
                 continue
-            fits = [line for line in left if self.values.matches(shown, line)][:1]
-            line = (fits or difflib.get_close_matches(shown, left, 1, 0.5) or [None])[0]
-            if line is None:
+            fits = next((i for i, line in enumerate(left) if self.values.matches(shown, line)), None)
+            as_now = [self.values.as_shown(line) for line in left]
+            close = difflib.get_close_matches(shown, as_now, 1, 0.5) if fits is None else [shown]
+            if not close:
                 continue
-            at = left.index(line)
-            if not leaves_out:
-                result += map(self.values.as_shown, left[:at])
-            result.append(shown if fits else self.values.as_shown(line))
+            at = as_now.index(close[0]) if fits is None else fits
+            result += [] if leaves_out else as_now[:at]
+            result += close
             del left[:at + 1]
         return result if leaves_out else result + [self.values.as_shown(line) for line in left]
 
