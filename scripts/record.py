@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Plays a session between two machines in terminals and draws their screens: record.py BINARIES SVG
 
-The machines are those of the manual's tests. Started by record.sh, which installs and builds what this needs.
+Started by record.sh, which installs and builds what this needs.
 """
 
 import fcntl
@@ -17,8 +17,7 @@ import time
 
 import pyte
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "manual"))
-import run  # noqa: E402
+from machines import Failed, Machine, enter, make_network
 
 COLUMNS = 104
 ROWS = 40  # more than are used: nothing scrolls away, empty ones are not drawn
@@ -46,7 +45,7 @@ class Terminal:
         self.master, slave = pty.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", ROWS, COLUMNS, 0, 0))
         environment = dict(self.machine.environment, TERM="xterm-256color")
-        self.process = subprocess.Popen(self.machine.command(command, "$"), stdin=slave, stdout=slave, stderr=slave,
+        self.process = subprocess.Popen(self.machine.command(command), stdin=slave, stdout=slave, stderr=slave,
                                         env=environment, start_new_session=True)
         os.close(slave)
 
@@ -63,7 +62,7 @@ class Terminal:
             except OSError:  # the program is gone, and with it the other end
                 self.process.wait()
                 return
-        raise run.Failed(f"{self.title}: not done in {PATIENCE} s:\n" + "\n".join(self.screen.display))
+        raise Failed(f"{self.title}: not done in {PATIENCE} s:\n" + "\n".join(self.screen.display))
 
     def run(self, command):
         self.start(command)
@@ -117,13 +116,13 @@ def drawn(terminals):
 
 
 def play(binaries):
-    run.make_hub()
-    anna = Terminal("Анна, 10.0.0.1", run.Machine("anna", binaries))
-    boris = Terminal("Борис, 10.0.0.2", run.Machine("boris", binaries))
+    make_network()
+    anna = Terminal("Анна, 10.0.0.1", Machine("anna", binaries))
+    boris = Terminal("Борис, 10.0.0.2", Machine("boris", binaries))
     for name, terminal in (("Анна", anna), ("Борис", boris)):
-        subprocess.run(terminal.machine.command(f"abonent settings set Abonent/name={name}", "$"), check=True,
+        subprocess.run(terminal.machine.command(f"abonent settings set Abonent/name={name}"), check=True,
                        env=terminal.machine.environment, stdout=subprocess.DEVNULL)
-    subprocess.run(anna.machine.command("head -c 100000000 /dev/zero > отчет.pdf", "$"), check=True,
+    subprocess.run(anna.machine.command("head -c 100000000 /dev/zero > отчет.pdf"), check=True,
                    env=anna.machine.environment)
 
     anna.run("abonent contact add Борис 10.0.0.2")
@@ -137,12 +136,14 @@ def play(binaries):
 
 
 def main():
-    if sys.argv[-1] != "inside":
-        os.execvp("unshare", [*run.namespaces(), sys.executable, "-B", *sys.argv, "inside"])
-    binaries, target = sys.argv[1:3]
+    obstacle = enter()
+    if obstacle:
+        print(obstacle, file=sys.stderr)
+        return 1
+    binaries, target = sys.argv[1:]
     try:
         picture = drawn(play(binaries))
-    except run.Failed as error:
+    except Failed as error:
         print(error, file=sys.stderr)
         return 1
     with open(target, "w", encoding="utf-8") as file:

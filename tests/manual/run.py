@@ -31,11 +31,12 @@ import subprocess
 import sys
 import threading
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "scripts"))
+from machines import Failed, Machine, enter, is_alone, make_network  # noqa: E402
+
 PATIENCE = 60  # seconds; only something that hangs takes so long
 SETTLE = 2  # seconds of silence that mean, while pages are renewed, that nothing more comes
 SKIPPED = 77
-USER = 1000  # of every machine
-ADDRESSES = {"anna": "10.0.0.1", "boris": "10.0.0.2", "boris2": "10.0.0.3"}
 PROMPT = re.compile(r"(\w+)([$#]) (.+)")
 
 # What differs from run to run. Of the second group one value shown is always the same value seen.
@@ -44,10 +45,6 @@ LOOSE = [r"\d\d:\d\d:\d\d(?:\.\d{3})?", r"\d\d:\d\d\b", r"\d\d\.\d\d\.\d{4}", r"
 BOUND = [r"(?:[а-яё]+ ){9}[а-яё]+ \((?:[0-9A-F]{4} ){4}[0-9A-F]{4}\)", r"\b[0-9a-f]{64}\b",
          r"words: (?:[а-яё]+ ){4}[а-яё]+"]
 TOKEN = re.compile("|".join(f"({pattern})" for pattern in BOUND + LOOSE))
-
-
-class Failed(Exception):
-    """The page does not show what there is, or the runner cannot go on."""
 
 
 # The page ------------------------------------------------------------------------------------------
@@ -232,27 +229,6 @@ class Comparison:
         return result if leaves_out else result + [self.values.as_shown(line) for line in left]
 
 
-# Machines ------------------------------------------------------------------------------------------
-
-def is_alone():
-    """Whether nobody but the caller exists in our namespaces: an ordinary user has started the run."""
-    with open("/proc/self/uid_map", encoding="ascii") as uids:
-        return uids.read().split()[2] == "1"
-
-
-def quiet(*command):
-    done = subprocess.run(command, capture_output=True, text=True, check=False)
-    if done.returncode != 0:
-        raise Failed(f"{' '.join(command)}: {done.stderr.strip()}")
-
-
-def make_hub():
-    """What machines share: a network, and /media, which is carried from one to another."""
-    quiet("ip", "link", "add", "name", "hub", "type", "bridge")
-    quiet("ip", "link", "set", "hub", "up")
-    quiet("mount", "-t", "tmpfs", "-o", "mode=777", "tmpfs", "/media")
-
-
 class Running:
     """A program whose output is read as it comes."""
 
@@ -295,54 +271,6 @@ class Running:
                     raise Failed(f"silent for {PATIENCE} s; it has printed\n" + "\n".join(self.lines))
 
 
-class Machine:
-    """Namespaces held by a process that sleeps, a home, and an installation in /opt/abonent."""
-
-    def __init__(self, name, binaries):
-        self.name = name
-        self.last = 0  # exit code
-        self.stays = None
-        script = f"""set -e
-            hostname {name}
-            mount --bind "$1" /mnt
-            for place in /opt /home /tmp /run; do mount -t tmpfs tmpfs $place; done
-            mkdir -p /opt/abonent/bin /home/{name}
-            mount --move /mnt /opt/abonent/bin
-            cp -dR --preserve=mode /etc /run/etc 2>/dev/null || true  # what may be read of it
-            mount --bind /run/etc /etc
-            sed -i "1i {name}:x:{USER}:{USER}::/home/{name}:/bin/bash" /etc/passwd
-            sed -i "1i {name}:x:{USER}:" /etc/group
-            [ "$2" = alone ] || chown -R {USER}:{USER} /home/{name}
-            [ "$2" = alone ] || chown {USER}:{USER} /opt/abonent
-            ip link set lo up
-            echo ready
-            exec sleep infinity"""
-        self.holder = subprocess.Popen(["unshare", "--net", "--mount", "--uts", "sh", "-c", script, "sh", binaries,
-                                        "alone" if is_alone() else ""],
-                                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        said = self.holder.stdout.readline().strip()
-        if said != "ready":
-            raise Failed(f"no machine {name}: {said}")
-        pid = str(self.holder.pid)
-        cable = f"m{len(name)}{name[:8]}"
-        quiet("ip", "link", "add", "name", cable, "type", "veth", "peer", "name", "eth0", "netns", pid)
-        quiet("ip", "link", "set", cable, "master", "hub", "up")
-        enter = ["nsenter", "-t", pid, "--net", "ip"]
-        quiet(*enter, "address", "add", f"{ADDRESSES[name]}/24", "dev", "eth0")
-        quiet(*enter, "link", "set", "eth0", "up")
-        self.environment = {"HOME": f"/home/{name}", "USER": name, "LOGNAME": name, "LANG": "C.UTF-8", "TERM": "dumb",
-                            "PATH": "/opt/abonent/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"}
-
-    def command(self, text, rights):
-        """What to start, from outside, so that the machine runs a line of a shell."""
-        # Without capabilities even the only user of a namespace is held by owners and modes.
-        less = ["setpriv", "--bounding-set=-all", "--inh-caps=-all"]
-        if not is_alone():
-            less += [f"--reuid={USER}", f"--regid={USER}", "--clear-groups"]
-        return ["nsenter", "-t", str(self.holder.pid), "--net", "--mount", "--uts", *(less if rights == "$" else []),
-                "bash", "-c", f"cd; (exit {self.last}); {text}"]
-
-
 # The run -------------------------------------------------------------------------------------------
 
 class Run:
@@ -360,9 +288,11 @@ class Run:
         self.missing = set()
         self.changes = []  # (first line, number of lines, lines instead)
         self.machines = {}
+        self.staying = {}  # name of a machine -> what still runs there
+        self.codes = {}    # name of a machine -> exit code of its last command
         names = {step.machine for step in self.steps}
         if names:
-            make_hub()
+            make_network()
         for name in sorted(names):
             self.machines[name] = Machine(name, options.program)
 
@@ -376,9 +306,8 @@ class Run:
                 self.one(step)
             except Failed as error:
                 raise Failed(f"line {step.line}, {step.command or step.machine}: {error}") from error
-        for machine in self.machines.values():
-            if machine.stays:
-                raise Failed(f"what was started at {machine.name} has never been ended")
+        if self.staying:
+            raise Failed(f"what was started at {', '.join(self.staying)} has never been ended")
         if self.renew and self.changes:
             for first, count, instead in reversed(self.changes):
                 self.lines[first - 1:first - 1 + count] = instead
@@ -386,29 +315,30 @@ class Run:
                 page.write("\n".join(self.lines))
 
     def one(self, step):
-        machine = self.machines[step.machine]
         if step.command is None:
-            running = machine.stays
+            running = self.staying.get(step.machine)
             if not running:
                 raise Failed("nothing has stayed there")
             if "^C" in step.shown:
                 at = step.shown.index("^C")
                 self.compare(step, running, step.shown[:at], step.first, False)
                 os.killpg(running.process.pid, signal.SIGINT)
-                machine.stays = None
+                del self.staying[step.machine]
                 rest = step.shown[at - 1:at] if step.shown[:at][-1:] == ["..."] else []
                 self.compare(step, running, rest + step.shown[at + 1:], step.first + at + 1 - len(rest), True)
             else:
                 self.compare(step, running, step.shown, step.first, False)
             return
-        running = Running(machine.command(step.command, step.rights), machine.environment)
+        machine = self.machines[step.machine]
+        command = f"(exit {self.codes.get(step.machine, 0)}); {step.command}"
+        running = Running(machine.command(command, step.rights == "#"), machine.environment)
         if step.stays:
-            machine.stays = running
+            self.staying[step.machine] = running
         self.compare(step, running, step.shown, step.first, not step.stays)
         if not step.stays:
-            machine.last = running.process.wait()
-            if step.is_hidden and machine.last != 0:
-                raise Failed(f"code {machine.last}: " + "\n".join(running.lines))
+            code = self.codes[step.machine] = running.process.wait()
+            if step.is_hidden and code != 0:
+                raise Failed(f"code {code}: " + "\n".join(running.lines))
 
     def compare(self, step, running, shown, first, until_over):
         comparison = Comparison(self.values, ["..."] if step.is_hidden else shown)
@@ -426,26 +356,16 @@ class Run:
                      "\n    ".join(comparison.seen))
 
 
-def namespaces():
-    """The command that makes the network in which a page runs."""
-    user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
-    return ["unshare", *user, "--net", "--mount", "--uts", "--pid", "--fork", "--kill-child", "--mount-proc"]
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--program", required=True, help="directory of the program abonent and its channels")
     parser.add_argument("--renew", action="store_true", help="write what was seen into the page")
-    parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
     parser.add_argument("page")
     options = parser.parse_args()
-    if not options.inside:
-        tried = subprocess.run([*namespaces(), "ip", "link", "add", "name", "x", "type", "veth", "peer", "name", "y"],
-                               capture_output=True, text=True, check=False)
-        if tried.returncode != 0:
-            print(f"Skipped: no machines can be made here: {tried.stderr.strip()}")
-            return SKIPPED
-        os.execvp("unshare", [*namespaces(), sys.executable, "-B", *sys.argv, "--inside"])
+    obstacle = enter()
+    if obstacle:
+        print(f"Skipped: {obstacle}")
+        return SKIPPED
     try:
         run = Run(options)
         run.all()
