@@ -43,9 +43,6 @@ bool CMessenger::load()
             console.error(error);
         }
     }
-    if (channels.empty())
-        console.error(QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
-                          .arg(directory.absolutePath()));
     return !channels.empty();
 }
 

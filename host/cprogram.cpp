@@ -4,6 +4,9 @@
 #include "common/logger.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/commands/newslines.h"
+#include "host/console/jsonlines.h"
 #include "host/delivery/fingerprintwords.h"
 #include "transportIp/ipsettings.h"
 
@@ -68,6 +71,7 @@ CProgram::CProgram(const CommandLine &line, Role chosenRole, CConsole &shownOn, 
       unnamed(mostUnnamed(), mostUnnamed() / 2), messenger(console, monitor, context(ping))
 {
     gIsVerbose = line.has("verbose");
+    monitor.showAbove([this](int cells) { return transferRows.rows(cells); });
     gConsole = &console;
     qInstallMessageHandler(showQtMessage);
 }
@@ -102,6 +106,8 @@ CMessageProtocol::Context CProgram::context(PingResult *ping)
             onStored(directory);
     };
     around.lingerMs = role == Resident ? residentLingerMs : 0;
+    around.onNews = [this](const MessageNews &news) { tellNews(console, news, gIsVerbose); };
+    around.board = role == Resident && console.isTerminal() ? &board : nullptr;
     around.isWatched = role == Sender;
     around.ping = ping;
     return around;
@@ -110,9 +116,9 @@ CMessageProtocol::Context CProgram::context(PingResult *ping)
 int CProgram::prepare()
 {
     if (Global::filterName(ownName).isEmpty()) {
-        console.error(QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр: задайте другое, --name")
-                          .arg(ownName));
-        return ExitUsage;
+        return fail(console, ExitUsage,
+                    QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр: задайте другое, --name")
+                        .arg(ownName));
     }
     QString error = identity.prepare();
     if (error.isNull() && role != Asker)
@@ -121,15 +127,22 @@ int CProgram::prepare()
         error = GeneralSettings::set(QStringLiteral("Abonent/name"), givenName);
     if (!error.isNull()) {
         debug(QStringLiteral("CProgram"), error, DebugAlways, DebugFlagFileOnly);
-        console.error(error);
-        return ExitTrouble;
+        return fail(console, ExitTrouble, error);
     }
     if (!messenger.load())
-        return ExitTrouble;
+        return fail(console, ExitTrouble,
+                    QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
+                        .arg(Global::channelPluginsDir().absolutePath()));
     console.line(
         QStringLiteral("Абонент '%1', установка %2").arg(ownName, Global::installDir().absolutePath()));
     if (role == Resident)
         console.line(QStringLiteral("Свой ключ: %1").arg(shownFingerprint(identity.fingerprint())));
+    QJsonObject object = jsonEvent(QStringLiteral("prepared"));
+    object.insert(QStringLiteral("time"), jsonTime(QDateTime::currentDateTime()));
+    object.insert(QStringLiteral("abonent"), ownName);
+    object.insert(QStringLiteral("installation"), Global::installDir().absolutePath());
+    object.insert(QStringLiteral("key"), QString::fromLatin1(identity.fingerprint().toHex()));
+    console.json(object);
     return ExitDone;
 }
 
@@ -156,6 +169,7 @@ void CProgram::open(const QString &only, const QString &fresh)
     around.journal = &journal;
     around.queues = &queues;
     around.level = level;
+    around.takeReason = [this](const QString &abonent) { return journal.takeReason(abonent); };
     around.only = only;
     around.fresh = fresh;
     office = std::make_unique<CPostOffice>(around);

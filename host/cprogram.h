@@ -4,6 +4,7 @@
 
 #include "host/cinterruption.h"
 #include "host/cmessenger.h"
+#include "host/commands/ctransferrows.h"
 #include "host/console/cconsole.h"
 #include "host/console/cconsolejournal.h"
 #include "host/console/cconsolemonitor.h"
@@ -56,6 +57,8 @@ public:
     CConsole &console;
     CConsoleMonitor monitor;
     CConsoleJournal journal;
+    CTransferBoard board;
+    CTransferRows transferRows{board};
     CInterruption interruption;
     CIdentity identity;
     CContacts contacts;

@@ -4,6 +4,7 @@
 #include "host/commands/commandline.h"
 #include "host/commands/commandtable.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
 #include "host/console/printing.h"
 
 #include <algorithm>
@@ -12,24 +13,6 @@ namespace {
 
 constexpr int lineWidth = 92;
 constexpr int mostColumn = 48; // a longer left side gets a line of its own
-
-struct ExitCodeRow
-{
-    const char *code;
-    const char *meaning;
-};
-
-constexpr ExitCodeRow exitCodeRows[] = {
-    {"0", "выполнено"},
-    {"1", "неисправность установки"},
-    {"2", "ошибка в командной строке"},
-    {"3", "абонент не отвечает"},
-    {"4", "ответил другой абонент"},
-    {"5", "передано или подтверждено не все"},
-    {"6", "недопустимое значение настройки"},
-    {"7", "модуль канала нарушает договор"},
-    {"128 + N", "работа прервана сигналом N"},
-};
 
 constexpr char summary[] = "обмен сообщениями и файлами между абонентами через модули каналов";
 
@@ -122,11 +105,12 @@ QString overview()
         for (const CommandForm &form : shownForms(command))
             commands.push_back({usage(command, form), QString::fromUtf8(form.purpose)});
     }
-    commands.push_back({QStringLiteral("abonent КОМАНДА --help"), QStringLiteral("подробно о команде")});
+    commands.push_back({QStringLiteral("abonent help КОМАНДА"),
+                        QStringLiteral("подробно о команде; то же: abonent КОМАНДА -h")});
     commands.push_back({QStringLiteral("abonent --version"), QStringLiteral("версия программы")});
     std::vector<Row> codes;
-    for (const ExitCodeRow &row : exitCodeRows)
-        codes.push_back({QString::fromUtf8(row.code), QString::fromUtf8(row.meaning)});
+    for (const ExitCodeRow &row : exitCodeTable())
+        codes.push_back({row.shownCode(), QString::fromUtf8(row.meaning)});
     return QStringLiteral("abonent - %1\n\nКоманды:\n%2\nКод завершения:\n%3")
         .arg(QString::fromUtf8(summary), columns(commands), columns(codes));
 }
@@ -207,8 +191,9 @@ QString manualPage()
     page +=
         QStringLiteral(".PP\nВ пакете Debian settings и data находятся в /var/lib/ipchannel и открыты группе "
                        "ipchannel.\n.SH \"КОД ЗАВЕРШЕНИЯ\"\n");
-    for (const ExitCodeRow &row : exitCodeRows)
-        page += roffItem(QString::fromUtf8(row.code), QString::fromUtf8(row.meaning));
+    for (const ExitCodeRow &row : exitCodeTable())
+        page += roffItem(QStringLiteral("%1 (%2)").arg(row.shownCode(), QLatin1String(row.word)),
+                         QString::fromUtf8(row.meaning));
     return page;
 }
 
@@ -266,7 +251,9 @@ complete -o default -F _abonent abonent
 int refuse(const CommandLine &line, const QString &mistake)
 {
     const QString command = line.command ? QLatin1String(line.command->name) + QLatin1Char(' ') : QString();
-    printError(mistake);
+    if (line.words.contains(QStringLiteral("--json"))) // as far as it was understood
+        setOutputStyle(OutputStyle::Json);
+    fail(ExitUsage, mistake);
     printError(QStringLiteral("Подробнее: abonent %1--help").arg(command));
     return ExitUsage;
 }

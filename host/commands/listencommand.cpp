@@ -3,6 +3,7 @@
 
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
 #include "host/conversation/handout.h"
 #include "host/conversation/transporttasks.h"
 #include "host/cprogram.h"
@@ -40,9 +41,9 @@ int runListen(const CommandLine &line)
         return lock.isLocked();
     };
     if (!waitFor(resident, restartMs)) {
-        console.error(
+        return fail(
+            console, ExitTrouble,
             QStringLiteral("Сообщения этой установки уже принимает и передает другой abonent listen"));
-        return ExitTrouble;
     }
     if (!transport.tryLock(program.level))
         console.line(QStringLiteral("Ждем, пока закончит работающий abonent send"));
@@ -52,10 +53,8 @@ int runListen(const CommandLine &line)
     if (line.has("to")) {
         const QString place = line.value("to");
         const QString error = checkHandOut(place);
-        if (!error.isNull()) {
-            console.error(error);
-            return ExitUsage;
-        }
+        if (!error.isNull())
+            return fail(console, ExitUsage, error);
         program.onStored = [&console, place](const QString &directory) {
             const QString trouble = handOut(directory, place);
             if (!trouble.isNull())

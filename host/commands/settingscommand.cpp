@@ -6,6 +6,8 @@
 #include "host/channelsettingsfile.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/console/jsonlines.h"
 #include "host/console/printing.h"
 #include "host/delivery/generalsettings.h"
 #include "host/text/untrustedtext.h"
@@ -48,17 +50,29 @@ void printRow(const QString &name, const QString &value, const QString &normal, 
                        range.leftJustified(13), meaning));
 }
 
-void printRow(const char *name, const QString &value, const QString &normal, const QString &range,
-              const char *meaning)
+/// What the files hold and how it is shown: as rows of a table, or as objects.
+void printKey(const QString &file, const QString &name, const QString &value, const QString &normal,
+              const QString &range, const QString &meaning)
 {
-    printRow(QString::fromLatin1(name), value, normal, range, QString::fromUtf8(meaning));
+    if (outputStyle() != OutputStyle::Json)
+        return printRow(name, printable(value), normal, range, meaning);
+    QJsonObject object = jsonEvent(QStringLiteral("setting"));
+    object.insert(QStringLiteral("file"), file);
+    object.insert(QStringLiteral("key"), name);
+    object.insert(QStringLiteral("value"), value);
+    object.insert(QStringLiteral("default"), normal);
+    object.insert(QStringLiteral("range"), range);
+    object.insert(QStringLiteral("text"), meaning);
+    printJsonLine(object);
 }
 
 void printTitle(const QString &path)
 {
+    if (outputStyle() == OutputStyle::Json)
+        return;
     printLine(path);
-    printRow("", QStringLiteral("значение"), QStringLiteral("по умолчанию"), QStringLiteral("диапазон"),
-             "смысл");
+    printRow(QString(), QStringLiteral("значение"), QStringLiteral("по умолчанию"),
+             QStringLiteral("диапазон"), QStringLiteral("смысл"));
 }
 
 int recordValue(const ChannelIpSettings &settings, const RecordKey &key)
@@ -81,33 +95,35 @@ int show()
 {
     const ChannelSettingsFile file = ChannelSettingsFile::read();
     const ChannelIpSettings normal = ChannelSettingsFile::defaults();
-    printTitle(Global::channelIpSettingsFilePath());
+    const QString recordPath = Global::channelIpSettingsFilePath();
+    const QString flagRange = QStringLiteral("true, false");
+    printTitle(recordPath);
     for (const RecordKey &key : recordKeys) {
-        const QString range =
-            key.number ? QStringLiteral("%1..%2").arg(key.min).arg(key.max) : QStringLiteral("true, false");
-        printRow(key.name, recordText(file.settings, key), recordText(normal, key), range, key.meaning);
+        printKey(recordPath, QLatin1String(key.name), recordText(file.settings, key), recordText(normal, key),
+                 key.number ? QStringLiteral("%1..%2").arg(key.min).arg(key.max) : flagRange,
+                 QString::fromUtf8(key.meaning));
     }
     const QString error = file.error.isNull() ? file.damage : file.error;
-    if (!error.isNull())
-        printError(error);
+    const int code = error.isNull() ? int(ExitDone) : fail(ExitTrouble, error);
 
-    printLine(QString());
-    printTitle(Global::internalSettingsFilePath());
+    const QString iniPath = Global::internalSettingsFilePath();
+    printNote(QString());
+    printTitle(iniPath);
     CSettings ini;
     for (const SettingsKey &key : settingsKeys) {
-        const QString range =
-            key.flag ? QStringLiteral("true, false") : QStringLiteral("%1..%2").arg(key.min).arg(key.max);
         const int now = currentValue(ini, key);
-        const QString value = key.flag ? flagText(now) : QString::number(now);
-        const QString defaultText = key.flag ? flagText(key.defaultValue) : QString::number(key.defaultValue);
-        printRow(key.name, value, defaultText, range, key.meaning);
+        const auto textOf = [&key](int value) { return key.flag ? flagText(value) : QString::number(value); };
+        printKey(iniPath, QLatin1String(key.name), textOf(now), textOf(key.defaultValue),
+                 key.flag ? flagRange : QStringLiteral("%1..%2").arg(key.min).arg(key.max),
+                 QString::fromUtf8(key.meaning));
     }
 
-    printLine(QString());
-    printTitle(Global::generalSettingsFilePath());
+    const QString generalPath = Global::generalSettingsFilePath();
+    printNote(QString());
+    printTitle(generalPath);
     for (const GeneralSettingsKey &key : generalSettingsKeys())
-        printRow(key.name, printable(key.value), key.defaultValue, key.range, key.meaning);
-    return error.isNull() ? ExitDone : ExitTrouble;
+        printKey(generalPath, key.name, key.value, key.defaultValue, key.range, key.meaning);
+    return code;
 }
 
 /// Reads a value of either sort. @return null on success, else what is wrong
@@ -240,10 +256,10 @@ private:
 /// What a file that was made anew holds: nobody has named all of it.
 void showRecord()
 {
-    printLine(QStringLiteral("Файл %1 записан заново:").arg(Global::channelIpSettingsFilePath()));
+    printNote(QStringLiteral("Файл %1 записан заново:").arg(Global::channelIpSettingsFilePath()));
     const ChannelSettingsFile file = ChannelSettingsFile::read();
     for (const RecordKey &key : recordKeys)
-        printLine(
+        printNote(
             QStringLiteral("  %1=%2").arg(QString::fromLatin1(key.name), recordText(file.settings, key)));
 }
 
@@ -253,19 +269,20 @@ int change(const QStringList &assignments, bool repair)
     Changes changes;
     for (const QString &assignment : assignments) {
         const QString error = changes.add(assignment);
-        if (!error.isNull()) {
-            printError(error);
-            return ExitBadValue;
-        }
+        if (!error.isNull())
+            return fail(ExitBadValue, error);
     }
     const QString error = changes.make(repair);
-    if (!error.isNull()) {
-        printError(error);
-        return ExitTrouble;
-    }
+    if (!error.isNull())
+        return fail(ExitTrouble, error);
     if (wasDamaged && ChannelSettingsFile::read().damage.isNull())
         showRecord();
-    printLine(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
+    printNote(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
+    if (outputStyle() == OutputStyle::Json) {
+        QJsonObject object = jsonEvent(QStringLiteral("changed"));
+        object.insert(QStringLiteral("count"), assignments.size());
+        printJsonLine(object);
+    }
     return ExitDone;
 }
 

@@ -4,6 +4,7 @@
 #include "common/global.h"
 #include "common/logger.h"
 #include "host/conversation/descriptors.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 
@@ -547,7 +548,7 @@ QString CInbox::prepare()
     incompleteDescriptor = openDirectory(incomplete.absolutePath());
     if (incompleteDescriptor < 0)
         return QStringLiteral("Не удалось открыть каталог %1: %2")
-            .arg(incomplete.absolutePath(), systemReason());
+            .arg(incomplete.absolutePath(), reasonOf(errno, incomplete.absolutePath()));
 
     const QStringList names = incomplete.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     for (const QString &name : names) {
@@ -596,7 +597,8 @@ QString CInbox::moveIntoInput(const QByteArray &key, QString *directory)
         if (errno != EEXIST && errno != ENOTEMPTY && errno != ENOTDIR)
             break;
     }
-    const QString text = QStringLiteral("Не удалось записать каталог %1: %2").arg(*directory, systemReason());
+    const QString text =
+        QStringLiteral("Не удалось записать каталог %1: %2").arg(*directory, reasonOf(errno, *directory));
     directory->clear();
     return text;
 }

@@ -11,6 +11,7 @@
 #include <QAbstractEventDispatcher>
 #include <QFile>
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -30,26 +31,49 @@ constexpr int turnBytes = 1024 * 1024;  // read or written before other events g
 constexpr int outboxLimit = 256 * 1024; // beyond it we do not read on: who does not listen is not heard
 constexpr int leastRoom = 512;          // smaller pieces are not worth sending
 constexpr qint64 usefulBytes = 64 * 1024;
-constexpr int shownTextLength = 500;
 
-QString titleOf(const OfferFrame &offer, const QString &text)
+MessageNews newsOf(JournalRow kind, const QString &abonent, const OfferFrame &offer)
 {
-    if (offer.kind == OfferFrame::Text)
-        return QStringLiteral("текст \"%1\"").arg(Global::cut(text, shownTextLength));
-    const QString name = QFile::decodeName(offer.name);
-    return (offer.kind == OfferFrame::Tree ? QStringLiteral("каталог '%1'") : QStringLiteral("файл '%1'"))
-        .arg(name);
+    MessageNews news;
+    news.row.kind = kind;
+    news.row.abonent = abonent;
+    news.row.name = offer.kind == OfferFrame::Text ? QString() : QFile::decodeName(offer.name);
+    news.row.size = offer.size;
+    news.row.message = QString::fromLatin1(offer.identity.toHex());
+    news.kind = offer.kind;
+    return news;
 }
 
-JournalEntry rowOf(JournalRow kind, const QString &abonent, const OfferFrame &offer)
+/// A called side of version 1 answers in its own frames, without TLS.
+bool speaksVersion1(const QByteArray &beginning)
 {
-    JournalEntry row;
-    row.kind = kind;
-    row.abonent = abonent;
-    row.name = offer.kind == OfferFrame::Text ? QString() : QFile::decodeName(offer.name);
-    row.size = offer.size;
-    row.message = QString::fromLatin1(offer.identity.toHex());
-    return row;
+    return beginning.size() >= 4 && beginning.at(0) >= 1 && beginning.at(0) <= 8 &&
+           beginning.mid(1, 3) == QByteArray(3, '\0');
+}
+
+CSendQueue::Code codeOf(Verdict verdict)
+{
+    return verdict == Verdict::KeyChanged  ? CSendQueue::KeyChanged
+           : verdict == Verdict::NameTaken ? CSendQueue::NameTaken
+                                           : CSendQueue::Refused;
+}
+
+CSendQueue::Code codeOf(ByeFrame::Code code)
+{
+    switch (code) {
+    case ByeFrame::WrongOne:
+        return CSendQueue::SomebodyElse;
+    case ByeFrame::Unwelcome:
+        return CSendQueue::Refused;
+    case ByeFrame::Unreadable:
+        return CSendQueue::OtherVersion;
+    case ByeFrame::NameTaken:
+        return CSendQueue::NameTaken;
+    case ByeFrame::Done:
+    case ByeFrame::Stopping:
+        break;
+    }
+    return CSendQueue::NotDelivered;
 }
 
 } // namespace
@@ -206,7 +230,8 @@ bool CMessageProtocol::takeBytes(int *turn)
         if (!isPlaced && isVersion1(firstBytes))
             refuseVersion1();
         else
-            breakOff(tls->trouble());
+            breakOff(tls->trouble(), isPlaced && speaksVersion1(firstBytes) ? CSendQueue::OtherVersion
+                                                                            : CSendQueue::NotDelivered);
     }
     return false;
 }
@@ -278,10 +303,11 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
     if (isGreeted || !hello)
         return breakOff(QStringLiteral("неверное приветствие"));
     if (hello->version != HelloFrame::currentVersion) {
-        return sayGoodbye(ByeFrame::Unreadable,
-                          QStringLiteral("Версия протокола %1 не поддерживается, нужна %2")
-                              .arg(hello->version)
-                              .arg(HelloFrame::currentVersion));
+        const QString text = QStringLiteral("Версия протокола %1 не поддерживается, нужна %2")
+                                 .arg(hello->version)
+                                 .arg(HelloFrame::currentVersion);
+        noteTrouble(CSendQueue::OtherVersion, text);
+        return sayGoodbye(ByeFrame::Unreadable, text);
     }
     const QString filteredName = Global::filterName(hello->name);
     if (filteredName.isEmpty())
@@ -292,11 +318,8 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
     remoteAbonentName = hello->name;
     remoteAbonentFilteredName = filteredName;
     if (isSomebodyElse) {
-        const QString text = QStringLiteral("Ответил другой абонент: '%1'").arg(hello->name);
-        if (context.ping)
-            context.ping->trouble = text;
-        if (context.queues)
-            context.queues->of(calledFilteredName)->setTrouble(CSendQueue::SomebodyElse, text);
+        noteTrouble(CSendQueue::SomebodyElse,
+                    QStringLiteral("Ответил другой абонент: '%1'").arg(hello->name));
         return sayGoodbye(ByeFrame::WrongOne, QStringLiteral("Вызван другой абонент"));
     }
     if (!isPlaced && !context.inbox)
@@ -308,25 +331,20 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
 /// Goes on with an abonent whose name and key fit, or ends.
 void CMessageProtocol::believe(const HelloFrame &hello, const Judgement &judgement)
 {
-    if (!judgement.text.isNull())
-        context.journal->addRecord(judgement.mayGoOn() ? JournalEvent : JournalError, label, judgement.text);
+    if (judgement.mayGoOn() && !judgement.text.isNull())
+        context.journal->addRecord(JournalEvent, label, judgement.text);
     if (!judgement.mayGoOn()) {
-        JournalEntry row;
-        row.kind = judgement.verdict == Verdict::KeyChanged || judgement.verdict == Verdict::NameTaken
-                       ? JournalRow::KeyChanged
-                       : JournalRow::Refused;
-        row.abonent = hello.name;
-        row.text = judgement.text;
-        if (context.messages)
-            context.messages->add(row);
-        if (context.ping)
-            context.ping->trouble = judgement.text;
-        if (isPlaced && context.queues)
-            context.queues->of(calledFilteredName)->setTrouble(CSendQueue::SomebodyElse, judgement.text);
-        const bool isKey = row.kind == JournalRow::KeyChanged;
-        return sayGoodbye(ByeFrame::Unwelcome,
-                          isKey ? QStringLiteral("Это имя здесь записано с другим ключом")
-                                : QStringLiteral("Вызываемый абонент не принимает от вас"));
+        const CSendQueue::Code code = codeOf(judgement.verdict);
+        MessageNews news;
+        news.row.kind = code == CSendQueue::Refused ? JournalRow::Refused : JournalRow::KeyChanged;
+        news.row.abonent = hello.name;
+        news.row.text = judgement.text;
+        announce(news);
+        noteTrouble(code, judgement.text);
+        return code == CSendQueue::Refused
+                   ? sayGoodbye(ByeFrame::Unwelcome, QStringLiteral("Вызываемый абонент не принимает от вас"))
+                   : sayGoodbye(ByeFrame::NameTaken,
+                                QStringLiteral("Это имя здесь записано с другим ключом"));
     }
     context.unnamed->remove(this);
     if (!isPlaced)
@@ -347,6 +365,7 @@ void CMessageProtocol::believe(const HelloFrame &hello, const Judgement &judgeme
         from.name = hello.name;
         from.key = tls->peerFingerprint();
         const GeneralSettings settings = GeneralSettings::load();
+        from.board = context.board;
         from.isStranger = judgement.isStranger() && settings.policy != WritingPolicy::All;
         if (from.isStranger) {
             const QDateTime today(QDate::currentDate(), QTime(0, 0));
@@ -363,6 +382,8 @@ void CMessageProtocol::believe(const HelloFrame &hello, const Judgement &judgeme
             sender = std::make_unique<CItemSender>(queue);
         else
             queue.reset(); // another connection sends
+        if (sender)
+            sender->showOn(context.board, hello.name);
     }
 }
 
@@ -372,9 +393,7 @@ void CMessageProtocol::takeBye(const ByeFrame &bye)
     const QString reason = bye.reason.isEmpty() ? QStringLiteral("Абонент закончил разговор") : bye.reason;
     if (bye.code != ByeFrame::Done && bye.code != ByeFrame::Stopping)
         context.journal->addRecord(JournalError, label, QStringLiteral("Абонент отказался: %1").arg(reason));
-    if (context.ping && isPlaced)
-        context.ping->trouble = reason;
-    end(bye.code == ByeFrame::WrongOne ? CSendQueue::SomebodyElse : CSendQueue::NotDelivered, reason);
+    end(codeOf(bye.code), reason);
 }
 
 void CMessageProtocol::takeAnswer(const AnswerFrame &answer)
@@ -398,46 +417,58 @@ void CMessageProtocol::react(const CItemReceiver::Reaction &reaction)
 
 void CMessageProtocol::tell(const CItemReceiver::Notice &notice)
 {
-    const QString title = titleOf(notice.offer, notice.text);
-    JournalEntry row =
-        rowOf(notice.isStored ? JournalRow::Received : JournalRow::Refused, remoteAbonentName, notice.offer);
-    row.digest = notice.digest;
-    row.text = notice.reason;
-    if (context.messages)
-        context.messages->add(row);
-    if (!notice.isStored) {
-        context.journal->addRecord(
-            JournalError, label,
-            QStringLiteral("Не принято от '%1': %2. %3").arg(remoteAbonentName, title, notice.reason));
-        return;
-    }
-    wasUseful = true;
-    context.journal->addRecord(JournalEvent, label,
-                               QStringLiteral("Принято от '%1': %2, %3, SHA-256 %4, каталог %5")
-                                   .arg(remoteAbonentName, title, Global::sizeString(notice.offer.size),
-                                        QString::fromLatin1(notice.digest.toHex()), notice.directory));
-    if (context.onStored)
+    MessageNews news =
+        newsOf(notice.isStored ? JournalRow::Received : JournalRow::Refused, remoteAbonentName, notice.offer);
+    news.isIncoming = true;
+    news.row.digest = notice.digest;
+    news.row.text = notice.reason;
+    news.text = notice.text;
+    news.directory = notice.directory;
+    announce(news);
+    wasUseful |= notice.isStored;
+    if (notice.isStored && context.onStored)
         context.onStored(notice.directory);
 }
 
 void CMessageProtocol::tell(const CItemSender::Notice &notice)
 {
-    const OutgoingMessage &message = notice.job.message();
-    JournalEntry row =
-        rowOf(notice.isStored ? JournalRow::Sent : JournalRow::Refused, remoteAbonentName, message.offer);
-    row.digest = notice.digest;
-    row.text = notice.reason;
-    if (context.messages)
-        context.messages->add(row);
+    MessageNews news = newsOf(notice.isStored ? JournalRow::Sent : JournalRow::Refused, remoteAbonentName,
+                              notice.job.message().offer);
+    news.row.digest = notice.digest;
+    news.row.text = notice.reason;
+    announce(news);
     wasUseful |= notice.isStored;
-    if (context.isWatched)
+}
+
+/// Into the journal of messages, and to people.
+void CMessageProtocol::announce(const MessageNews &news)
+{
+    if (context.messages)
+        context.messages->add(news.row);
+    const bool isTold = context.isWatched && !news.isIncoming && !news.row.message.isEmpty();
+    if (context.onNews && !isTold)
+        context.onNews(news);
+}
+
+/// The conversation ends while something is under way.
+void CMessageProtocol::announceBroken(const QString &trouble)
+{
+    constexpr std::size_t mostTold = 16;
+    const auto begun = receiver ? receiver->begun() : std::vector<CItemReceiver::Begun>();
+    for (std::size_t i = 0; i < std::min(begun.size(), mostTold); ++i) {
+        MessageNews news = newsOf(JournalRow::BrokenOff, remoteAbonentName, begun[i].offer);
+        news.isIncoming = true;
+        news.row.text = trouble;
+        news.done = begun[i].arrived;
+        announce(news);
+    }
+    if (!begun.empty())
         return;
-    context.journal->addRecord(
-        notice.isStored ? JournalEvent : JournalError, label,
-        notice.isStored ? QStringLiteral("Абонент сохранил: %1, %2, SHA-256 %3")
-                              .arg(message.title(), Global::sizeString(message.offer.size),
-                                   QString::fromLatin1(notice.digest.toHex()))
-                        : QStringLiteral("Не передано: %1. %2").arg(message.title(), notice.reason));
+    MessageNews news;
+    news.row.kind = JournalRow::BrokenOff;
+    news.row.abonent = remoteAbonentName;
+    news.row.text = trouble;
+    announce(news);
 }
 
 /// Writes as much as the channel wants, so that no write has to wait. When it wants nothing more, bytes of
@@ -545,16 +576,27 @@ void CMessageProtocol::refuseVersion1()
     breakOff(reason);
 }
 
+/// Why nothing comes of our call, for who waits for it.
+void CMessageProtocol::noteTrouble(CSendQueue::Code code, const QString &reason)
+{
+    if (!isPlaced)
+        return;
+    if (context.ping) {
+        context.ping->code = code;
+        context.ping->trouble = reason;
+    }
+    if (context.queues)
+        context.queues->of(calledFilteredName)->setTrouble(code, reason);
+}
+
 /// Ends a connection that is of no use. The other side hears nothing but the end.
-void CMessageProtocol::breakOff(const QString &how)
+void CMessageProtocol::breakOff(const QString &how, int code)
 {
     if (isEnded)
         return;
     context.journal->addRecord(JournalError, label, QStringLiteral("Соединение разорвано: %1").arg(how));
-    if (context.ping && isPlaced)
-        context.ping->trouble = how;
     channel->disconnectFromAbonent();
-    end(CSendQueue::NotDelivered, how);
+    end(code, how);
 }
 
 /// Ends a connection in order.
@@ -575,13 +617,13 @@ void CMessageProtocol::end(int code, const QString &trouble)
     isEnded = true;
     deadline.stop();
     context.unnamed->remove(this);
-    const bool isBroken = isUnderWay();
-    if (isBroken && context.messages && isGreeted) {
-        JournalEntry row;
-        row.kind = JournalRow::BrokenOff;
-        row.abonent = remoteAbonentName;
-        row.text = trouble;
-        context.messages->add(row);
+    if (isUnderWay() && isGreeted)
+        announceBroken(trouble);
+    const bool isFirstTrouble =
+        context.ping && isPlaced && !context.ping->isAnswered && context.ping->trouble.isEmpty();
+    if (isFirstTrouble && request != Stop) {
+        context.ping->code = code;
+        context.ping->trouble = trouble;
     }
     if (context.queues && isPlaced && !trouble.isEmpty()) {
         const std::shared_ptr<CSendQueue> called = context.queues->of(calledFilteredName);

@@ -9,8 +9,10 @@
 
 #include "host/conversation/citemreceiver.h"
 #include "host/conversation/citemsender.h"
+#include "host/conversation/csendqueue.h"
 #include "host/conversation/cunnamedcallers.h"
 #include "host/conversation/messageframe.h"
+#include "host/conversation/messagenews.h"
 #include "host/delivery/ccontacts.h"
 #include "host/delivery/ctlssession.h"
 #include "interfaces/cabstractprotocol.h"
@@ -25,9 +27,6 @@
 class CIdentity;
 class CInbox;
 class CJournal;
-class CMessageJournal;
-class CSendQueue;
-class CSendQueues;
 
 /// What a program learns by asking an abonent whether it is there. [any thread] writes, one at a time
 struct PingResult
@@ -37,7 +36,8 @@ struct PingResult
     QString program; // its version
     QByteArray key;  // fingerprint
     qint64 roundTripUs = 0;
-    QString trouble; // when not answered; null: the call came to nothing
+    int code = 0;    // CSendQueue::Code, when not answered; 0: the call came to nothing
+    QString trouble; // likewise; null: the call came to nothing
 };
 
 class CMessageProtocol : public CAbstractProtocol, private CUnnamedCaller, private CQueueUser
@@ -60,9 +60,11 @@ public:
         std::function<QString(const QString &label)> originOf;
         CUnnamedCallers *unnamed = nullptr;
         std::function<void(const QString &directory)> onStored; // a message has arrived; may be empty
-        int lingerMs = 0;           // how long a call that we have placed stays when all is said
-        bool isWatched = false;     // somebody else tells people what has been delivered
-        PingResult *ping = nullptr; // only asks whether the abonent is there
+        MessageNewsListener onNews;                             // shown to people; may be empty
+        CTransferBoard *board = nullptr; // likewise, while it comes and goes; may be null
+        int lingerMs = 0;                // how long a call that we have placed stays when all is said
+        bool isWatched = false;          // somebody else tells people what has been delivered
+        PingResult *ping = nullptr;      // only asks whether the abonent is there
     };
 
     CMessageProtocol(CChannel *ownedChannel, const Context &around);
@@ -99,8 +101,11 @@ private:
     int clockMs() const;
     qint64 patienceMs() const;
 
+    void announce(const MessageNews &news);
+    void announceBroken(const QString &trouble);
+    void noteTrouble(CSendQueue::Code code, const QString &reason);
     void refuseVersion1();
-    void breakOff(const QString &how);
+    void breakOff(const QString &how, int code = CSendQueue::NotDelivered);
     void sayGoodbye(ByeFrame::Code code, const QString &reason);
     void end(int troubleCode, const QString &trouble);
 

@@ -5,6 +5,7 @@
 #include "common/logger.h"
 #include "host/conversation/descriptors.h"
 #include "host/conversation/treelist.h"
+#include "host/text/reasons.h"
 
 #include <QDataStream>
 #include <QFile>
@@ -93,9 +94,7 @@ QDataStream &operator>>(QDataStream &stream, OutgoingMessage &message)
 
 QString OutgoingMessage::title() const
 {
-    if (offer.kind == OfferFrame::Text)
-        return QStringLiteral("текст");
-    return offer.kind == OfferFrame::Tree ? shown(offer.name) + QLatin1Char('/') : shown(offer.name);
+    return titleOf(offer);
 }
 
 // COutboxEntry ---------------------------------------------------------------------------------------
@@ -538,9 +537,9 @@ QString COutboxWriter::addPath(const QByteArray &path)
     struct stat status
     {};
     if (file < 0 || ::fstat(file, &status) != 0) {
-        const QString text =
-            errno == ENOENT ? QStringLiteral("Файл %1 не существует").arg(shown(path))
-                            : QStringLiteral("Файл %1 нельзя прочитать: %2").arg(shown(path), systemReason());
+        const QString text = errno == ENOENT ? QStringLiteral("Файл %1 не существует").arg(shown(path))
+                                             : QStringLiteral("Файл %1 нельзя прочитать: %2")
+                                                   .arg(shown(path), reasonOf(errno, shown(path)));
         closeDescriptor(&file);
         return text;
     }

@@ -4,6 +4,7 @@
 #include "common/logger.h"
 #include "host/conversation/csha256.h"
 #include "host/conversation/descriptors.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 #include <QtEndian>
@@ -94,5 +95,5 @@ QString CStoredIndex::add(const std::vector<Record> &records)
 QString CStoredIndex::trouble(const char *doing) const
 {
     return QStringLiteral("Не удалось %1 список принятых сообщений %2: %3")
-        .arg(QString::fromUtf8(doing), path, QString::fromLocal8Bit(std::strerror(errno)));
+        .arg(QString::fromUtf8(doing), path, reasonOf(errno, path));
 }

@@ -1,9 +1,10 @@
 #include "host/conversation/descriptors.h"
 
+#include "host/text/reasons.h"
+
 #include <QFile>
 
 #include <cerrno>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -76,5 +77,5 @@ bool removeTree(int parent, const QByteArray &name)
 
 QString systemReason()
 {
-    return QString::fromLocal8Bit(std::strerror(errno));
+    return reasonOf(errno);
 }

@@ -24,5 +24,5 @@ bool syncDirectory(const QString &path);
 /// Removes a file, or a directory with all that is in it; follows no link. @return whether it is gone
 bool removeTree(int parent, const QByteArray &name);
 
-/// What errno says, in the words of the system.
+/// What errno says, in Russian.
 QString systemReason();

@@ -1,6 +1,7 @@
 #include "host/conversation/handout.h"
 
 #include "host/conversation/descriptors.h"
+#include "host/text/reasons.h"
 
 #include <QDir>
 #include <QFile>
@@ -61,7 +62,7 @@ QString checkHandOut(const QString &place)
         return QStringLiteral("Не удалось создать каталог %1").arg(place);
     return ::access(QFile::encodeName(place).constData(), W_OK | X_OK) == 0
                ? QString()
-               : QStringLiteral("В каталог %1 нельзя писать: %2").arg(place, systemReason());
+               : QStringLiteral("В каталог %1 нельзя писать: %2").arg(place, reasonOf(errno, place));
 }
 
 QString handOut(const QString &directory, const QString &place)

@@ -1,5 +1,6 @@
 #include "host/conversation/messageframe.h"
 
+#include <QFile>
 #include <QtEndian>
 
 #include <cstring>
@@ -179,6 +180,14 @@ QByteArray OfferFrame::toBytes() const
         .done();
 }
 
+QString titleOf(const OfferFrame &offer)
+{
+    if (offer.kind == OfferFrame::Text)
+        return QStringLiteral("текст");
+    const QString name = QFile::decodeName(offer.name);
+    return offer.kind == OfferFrame::Tree ? name + QLatin1Char('/') : name;
+}
+
 std::optional<OfferFrame> OfferFrame::fromPayload(std::string_view payload)
 {
     if (!fits(FrameType::Offer, payload))
@@ -265,7 +274,7 @@ std::optional<ByeFrame> ByeFrame::fromPayload(std::string_view payload)
     Fields fields(payload);
     const quint8 code = fields.number<quint8>();
     const std::optional<QString> reason = textOf(fields.raw(fields.left()));
-    if (code > Unreadable || !reason)
+    if (code > NameTaken || !reason)
         return std::nullopt;
     return ByeFrame{Code(code), *reason};
 }
