@@ -206,7 +206,8 @@ void CSendWatch::showRows()
         total.size = entry.size();
         total.speed = meter.speed();
         total.state = QStringLiteral("всего");
-        total.name = QStringLiteral("доставлено %1 из %2").arg(stored).arg(entry.messages.size());
+        total.abonent = QStringLiteral("доставлено");
+        total.name = QStringLiteral("%1 из %2").arg(stored).arg(entry.messages.size());
         rows << progressRow(total, cells);
     }
     console.setLiveRows(rows);

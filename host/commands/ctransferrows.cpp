@@ -34,7 +34,8 @@ QStringList CTransferRows::rows(int cells)
         meter.add(progress.done, clock.elapsed());
         progress.speed = meter.speed();
         progress.state = stateOf(*transfer, progress.done, meter.isResting());
-        progress.name = QStringLiteral("%1: %2").arg(transfer->abonent, transfer->name);
+        progress.name = transfer->name;
+        progress.abonent = transfer->abonent;
         result << progressRow(progress, cells);
         total.done += progress.done;
         total.size += progress.size;

@@ -7,8 +7,8 @@
 
 namespace {
 
-constexpr int cellsWithSpeed = 58;
-constexpr int cellsWithAmounts = 84;
+constexpr int cellsWithSpeed = 60;
+constexpr int cellsWithAmounts = 90;
 constexpr qint64 leastSampleMs = 100;
 constexpr double smoothingMs = 2000;
 constexpr qint64 restMs = 3000;
@@ -39,23 +39,29 @@ QString clockText(qint64 seconds)
 QString progressRow(const Progress &progress, int cells)
 {
     constexpr qint64 longestSeconds = 99 * 3600;
+    const bool isWide = cells >= cellsWithSpeed;
+    const QString gap(isWide ? 2 : 1, QLatin1Char(' '));
     QString left;
     if (progress.done < progress.size && progress.speed > 0) {
         const qint64 seconds = (progress.size - progress.done + progress.speed - 1) / progress.speed;
-        left =
-            seconds <= longestSeconds ? QStringLiteral("еще ") + clockText(seconds) : QStringLiteral("долго");
+        left = seconds <= longestSeconds ? clockText(seconds) : QStringLiteral("долго");
+        if (isWide)
+            left.prepend(QStringLiteral("еще "));
     }
-    QString row = QStringLiteral("%1 %  %2  %3  ")
-                      .arg(percentOf(progress.done, progress.size), 3)
-                      .arg(paddedRight(left, 9), paddedRight(progress.state, 11));
-    if (cells >= cellsWithSpeed)
-        row += paddedLeft(speedText(progress.speed), 13) + QStringLiteral("  ");
-    if (cells >= cellsWithAmounts)
-        row += paddedRight(QStringLiteral("%1 из %2")
-                               .arg(Global::sizeString(progress.done), Global::sizeString(progress.size)),
-                           28) +
-               QStringLiteral("  ");
-    return row + shortenedInMiddle(progress.name, cells - cellsOf(row));
+    QString row = QStringLiteral("%1 %").arg(percentOf(progress.done, progress.size), 3) + gap +
+                  paddedRight(left, isWide ? 11 : 7) + gap + paddedRight(progress.state, 11) + gap;
+    if (isWide)
+        row += paddedLeft(speedText(progress.speed), 13) + gap;
+    if (cells >= cellsWithAmounts) {
+        const QString amounts =
+            QStringLiteral("%1 из %2")
+                .arg(Global::sizeString(progress.done), Global::sizeString(progress.size));
+        row += paddedRight(amounts, 28) + gap;
+    }
+    const QString name = isWide && !progress.abonent.isEmpty()
+                             ? QStringLiteral("%1: %2").arg(progress.abonent, progress.name)
+                             : progress.name;
+    return row + shortenedInMiddle(name, cells - cellsOf(row));
 }
 
 void CSpeedMeter::add(qint64 bytes, qint64 nowMs)

@@ -7,6 +7,7 @@ struct Progress
 {
     QString state; // "принимается"; 11 cells at the most
     QString name;
+    QString abonent; // or what else stands before the name where there is room; may be empty
     qint64 done = 0; // bytes
     qint64 size = 0;
     qint64 speed = 0; // bytes per second; 0: unknown, as is the time left

@@ -445,7 +445,8 @@ void CMessageProtocol::announce(const MessageNews &news)
 {
     if (context.messages)
         context.messages->add(news.row);
-    const bool isTold = context.isWatched && !news.isIncoming && !news.row.message.isEmpty();
+    const bool isOfOurs = !news.row.message.isEmpty() || (isPlaced && news.row.kind != JournalRow::BrokenOff);
+    const bool isTold = context.isWatched && !news.isIncoming && isOfOurs;
     if (context.onNews && !isTold)
         context.onNews(news);
 }

@@ -4,12 +4,18 @@
 #include "host/commands/commandline.h"
 #include "host/commands/commands.h"
 #include "host/commands/commandtable.h"
+#include "host/commands/exitcodes.h"
+#include "host/console/progressrow.h"
 #include "host/conversation/cunnamedcallers.h"
+#include "host/text/reasons.h"
+#include "host/text/textwidth.h"
 #include "host/text/untrustedtext.h"
 #include "tests/support/testinstallation.h"
 
 #include <QProcess>
 #include <QtTest>
+
+#include <cerrno>
 
 namespace {
 
@@ -132,6 +138,54 @@ private Q_SLOTS:
         const QChar loneSurrogate(0xd83d);
         QCOMPARE(printable("Имя 😀 \x1b[2J\n\t\u009b\u202e\u2028\u200f\x7f"_s + loneSurrogate),
                  "Имя 😀 \\u001B[2J\\u000A\\u0009\\u009B\\u202E\\u2028\\u200F\\u007F\\uD83D"_s);
+    }
+
+    void keepsTextsWithinTheirCells()
+    {
+        const QString family = "👨‍👩‍👧"_s;
+        QCOMPARE(printable("%1\u200dx"_s.arg(family)), "%1\\u200Dx"_s.arg(family)); // joined pictures only
+        QCOMPARE(printableLines("a\r\n\tb\n\nc\n"_s, 3),
+                 QStringList({"a"_s, " b"_s, ""_s, "... еще строк: 1"_s}));
+        QCOMPARE(shortenedInMiddle("длинное имя.pdf"_s, 9), "длин….pdf"_s);
+        QCOMPARE(shortenedInMiddle("報告書類.gz"_s, 8), "報….gz"_s);
+        QCOMPARE(cutToCells("e\u0301e\u0301e\u0301"_s, 2), "e\u0301…"_s);
+        QCOMPARE(shortenedInMiddle(family + family + "abc"_s, 9), family + "…bc"_s);
+        Progress progress;
+        progress.abonent = "Борис"_s;
+        progress.name = "報告書 %1 é́́ с очень длинным именем и продолжением 2026.tar.gz"_s.arg(family);
+        progress.state = "принимается"_s;
+        for (const qint64 size : {Q_INT64_C(0), Q_INT64_C(1), Q_INT64_C(1) << 40, Q_INT64_C(1) << 62}) {
+            for (int cells = 39; cells < 200; ++cells) {
+                progress.size = size;
+                progress.done = size / 3;
+                progress.speed = size / 100000;
+                const QString row = progressRow(progress, cells);
+                QVERIFY2(cellsOf(row) <= cells && row.contains("принимается"_s), qPrintable(row));
+            }
+        }
+    }
+
+    void saysReasonsInRussian()
+    {
+        QCOMPARE(explained("Нет связи. Connection refused"_s),
+                 "Нет связи. Connection refused (в соединении отказано, по этому адресу и порту никто не "
+                 "принимает "
+                 "вызовы)"_s);
+        QCOMPARE(explained("Connection refused не то"_s), "Connection refused не то"_s);
+        QCOMPARE(reasonOf(ENOSPC), "на диске нет места"_s);
+        QVERIFY(reasonOf(EACCES, "/proc/1/nosuch"_s)
+                    .contains("каталог /proc/1 принадлежит root:root, права r-xr-xr-x"_s));
+    }
+
+    void explainsItsExitCodesToAdministrators()
+    {
+        const QString guide = QString::fromUtf8(TestInstallation::read(QStringLiteral(ADMINISTRATOR_GUIDE)));
+        for (const ExitCodeRow &row : exitCodeTable()) {
+            const QString line = "| %1 | `%2` | %3 |\n"_s.arg(row.shownCode(), QLatin1String(row.word),
+                                                              QString::fromUtf8(row.meaning));
+            QVERIFY2(guide.contains(line), qPrintable(line));
+        }
+        QCOMPARE(exitWord(ExitInterrupted + 15), "interrupted"_s);
     }
 
     void letsTheOldestSilentCallerGiveWay()
