@@ -8,7 +8,8 @@
 namespace {
 
 constexpr int cellsWithSpeed = 60;
-constexpr int cellsWithAmounts = 90;
+constexpr int cellsWithSize = 76;
+constexpr int cellsWithAmounts = 100;
 constexpr qint64 leastSampleMs = 100;
 constexpr double smoothingMs = 2000;
 constexpr qint64 restMs = 3000;
@@ -49,15 +50,14 @@ QString progressRow(const Progress &progress, int cells)
             left.prepend(QStringLiteral("еще "));
     }
     QString row = QStringLiteral("%1 %").arg(percentOf(progress.done, progress.size), 3) + gap +
-                  paddedRight(left, isWide ? 11 : 7) + gap + paddedRight(progress.state, 11) + gap;
+                  paddedRight(left, isWide ? 9 : 7) + gap + paddedRight(progress.state, 11) + gap;
     if (isWide)
         row += paddedLeft(speedText(progress.speed), 13) + gap;
-    if (cells >= cellsWithAmounts) {
-        const QString amounts =
-            QStringLiteral("%1 из %2")
-                .arg(Global::sizeString(progress.done), Global::sizeString(progress.size));
-        row += paddedRight(amounts, 28) + gap;
-    }
+    const QString size = Global::sizeString(progress.size);
+    if (cells >= cellsWithAmounts)
+        row += paddedRight(QStringLiteral("%1 из %2").arg(Global::sizeString(progress.done), size), 28) + gap;
+    else if (cells >= cellsWithSize)
+        row += paddedRight(size, 12) + gap;
     const QString name = isWide && !progress.abonent.isEmpty()
                              ? QStringLiteral("%1: %2").arg(progress.abonent, progress.name)
                              : progress.name;
