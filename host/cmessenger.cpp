@@ -82,7 +82,9 @@ void CMessenger::close()
     if (isClosing)
         return;
     isClosing = true;
-    watcher.removePaths(watcher.directories() + watcher.files());
+    const QStringList watched = watcher.directories() + watcher.files();
+    if (!watched.isEmpty()) // it complains otherwise
+        watcher.removePaths(watched);
     for (const Channel &channel : channels)
         channel.server->stop();
 }

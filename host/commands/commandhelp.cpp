@@ -9,10 +9,27 @@
 
 #include <algorithm>
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 namespace {
 
-constexpr int lineWidth = 92;
-constexpr int mostColumn = 48; // a longer left side gets a line of its own
+constexpr int widestLine = 92;
+constexpr int narrowestLine = 40;
+
+/// How long lines of the help may be: readable, and as wide as the terminal is if there is one.
+int lineWidth()
+{
+    winsize size{};
+    const bool isTerminal = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return isTerminal ? qBound(narrowestLine, size.ws_col - 1, widestLine) : widestLine;
+}
+
+/// A longer left side gets a line of its own.
+int mostColumn()
+{
+    return lineWidth() / 2;
+}
 
 constexpr char summary[] = "обмен сообщениями и файлами между абонентами через модули каналов";
 
@@ -21,9 +38,10 @@ QString wrapped(const QString &text, int indent, int used)
 {
     QString result;
     int column = used;
+    const int width = lineWidth();
     const QStringList words = text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
     for (const QString &word : words) {
-        if (column > indent && column + 1 + word.size() > lineWidth) {
+        if (column > indent && column + 1 + word.size() > width) {
             result += QLatin1Char('\n') + QString(indent, QLatin1Char(' '));
             column = indent;
         } else if (column > indent) {
@@ -47,7 +65,7 @@ QString columns(const std::vector<Row> &rows)
 {
     int width = 0;
     for (const Row &row : rows)
-        width = std::max(width, row.left.size() <= mostColumn ? row.left.size() : 0);
+        width = std::max(width, row.left.size() <= mostColumn() ? row.left.size() : 0);
     const int indent = 2 + width + 3;
     QString result;
     for (const Row &row : rows) {

@@ -13,6 +13,7 @@
 #include "host/delivery/ccontacts.h"
 #include "host/delivery/cidentity.h"
 #include "host/delivery/fingerprintwords.h"
+#include "host/text/addresstext.h"
 #include "host/text/reasons.h"
 #include "host/text/untrustedtext.h"
 
@@ -43,9 +44,7 @@ QString shownAddress(const CContact &contact)
 {
     if (contact.address.isEmpty())
         return QStringLiteral("-");
-    const bool isIpv6 = contact.address.contains(QLatin1Char(':'));
-    return (isIpv6 ? QStringLiteral("[%1]:%2") : QStringLiteral("%1:%2"))
-        .arg(contact.address, QString::number(contact.port));
+    return addressText(contact.address, contact.port);
 }
 
 QString stateOf(const CContact &contact)

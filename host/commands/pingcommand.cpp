@@ -10,6 +10,7 @@
 #include "host/console/jsonlines.h"
 #include "host/cprogram.h"
 #include "host/delivery/fingerprintwords.h"
+#include "host/text/addresstext.h"
 #include "transportIp/ipsettings.h"
 
 #include <QCoreApplication>
@@ -96,8 +97,9 @@ int runPing(const CommandLine &line)
         return fail(console, result.code, result.trouble);
     const QString reason = program.journal.takeReason(target.abonent);
     const QString text = QStringLiteral("Абонент '%1' не отвечает").arg(target.abonent);
-    return fail(console, ExitNoAnswer,
-                reason.isEmpty() ? text
-                                 : QStringLiteral("%1, %2:%3: %4")
-                                       .arg(text, target.address, QString::number(target.port), reason));
+    return fail(
+        console, ExitNoAnswer,
+        reason.isEmpty()
+            ? text
+            : QStringLiteral("%1, %2: %3").arg(text, addressText(target.address, target.port), reason));
 }

@@ -5,6 +5,7 @@
 #include "common/logger.h"
 #include "host/conversation/transporttasks.h"
 #include "host/delivery/ccontacts.h"
+#include "host/text/addresstext.h"
 #include "interfaces/cchannelplugin.h"
 #include "interfaces/cchannelserver.h"
 #include "interfaces/cjournal.h"
@@ -150,7 +151,7 @@ void CPostOffice::call(Route &way)
         way.queue->setTrouble(CSendQueue::NoAnswer, QStringLiteral("Нет свободного канала"));
         return callEnded(way, false);
     }
-    way.target = QStringLiteral("%1:%2").arg(settings.address).arg(settings.port);
+    way.target = addressText(settings.address, settings.port);
     if (around.takeReason)
         around.takeReason(way.name); // of the call before
     CSettings limits;
