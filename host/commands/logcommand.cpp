@@ -132,6 +132,8 @@ int runLog(const CommandLine &line)
     const int last = line.has("last")                    ? line.value("last").toInt()
                      : isFollowing && !line.has("since") ? followedBefore
                                                          : most;
+    if (directory.entryList({QStringLiteral("*.log*")}, QDir::Files).isEmpty())
+        printError(QStringLiteral("В каталоге %1 лога нет").arg(directory.absolutePath()));
     if (!isFollowing) {
         CLogHistory history(directory, filter);
         return showHistory(&history, filter, last, isJson);

@@ -157,7 +157,7 @@ Findings Checks::directories(const HealthContext &around)
             findings.push_back(
                 Finding::error("not-a-directory", QStringLiteral("%1 - не каталог").arg(place.path),
                                QStringLiteral("Переименуйте или удалите то, что стоит на его месте")));
-        else if (mayWrite(place.path))
+        else if (mayWrite(place.path) || (!place.isNeeded && around.level > 0)) // level 0 changes settings
             findings.push_back(
                 Finding::good(QStringLiteral("%1 - %2").arg(place.path, rightsOf(place.path))));
         else

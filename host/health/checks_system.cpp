@@ -6,6 +6,7 @@
 #include "common/global.h"
 #include "common/initext.h"
 #include "common/settingsfile.h"
+#include "host/conversation/cinbox.h"
 #include "host/conversation/coutbox.h"
 #include "host/delivery/cmessagejournal.h"
 #include "host/delivery/generalsettings.h"
@@ -118,6 +119,27 @@ Finding diskOf(const QString &path)
         return Finding::attention("disk-in-memory",
                                   text + QStringLiteral("; после перезагрузки все пропадет"),
                                   QStringLiteral("Перенесите установку на диск"));
+    return Finding::good(text);
+}
+
+/// What strangers may fill, and what they have.
+Finding strangersRoom(const HealthContext &around)
+{
+    const qint64 quota = GeneralSettings::load().quotas.diskBytes;
+    const qint64 used = CInbox(around.level).strangerBytes(true);
+    const qint64 free = Global::storageOf(Global::dataSecrecyDir(around.level)).bytesAvailable();
+    const QString text = QStringLiteral("сообщения незнакомых абонентов: %1 из %2")
+                             .arg(Global::sizeString(used), Global::sizeString(quota));
+    if (used >= quota - quota / 10 && used > 0)
+        return Finding::attention(
+            "strangers-disk-full", text + QStringLiteral(", место почти кончилось"),
+            QStringLiteral("Удалите лишнее из %1, примите своих (abonent contact trust) или поднимите "
+                           "Strangers/diskMb")
+                .arg(Global::inputMessagesDir(around.level).absolutePath()));
+    if (quota - used > free)
+        return Finding::attention(
+            "quota-above-free", QStringLiteral("%1, а свободно %2").arg(text, Global::sizeString(free)),
+            QStringLiteral("abonent settings set Strangers/diskMb=%1").arg(free / 2 / megabyte));
     return Finding::good(text);
 }
 
@@ -259,14 +281,7 @@ Findings Checks::disk(const HealthContext &around)
     Findings findings = {diskOf(data)};
     if (Global::storageOf(QDir(settings)).rootPath() != Global::storageOf(QDir(data)).rootPath())
         findings.push_back(diskOf(settings));
-    const qint64 quota = GeneralSettings::load().quotas.diskBytes;
-    const qint64 free = Global::storageOf(QDir(data)).bytesAvailable();
-    if (quota > free)
-        findings.push_back(Finding::attention(
-            "quota-above-free",
-            QStringLiteral("незнакомым абонентам разрешено занять %1, а свободно %2")
-                .arg(Global::sizeString(quota), Global::sizeString(free)),
-            QStringLiteral("abonent settings set Strangers/diskMb=%1").arg(free / 2 / megabyte)));
+    findings.push_back(strangersRoom(around));
     rlimit limit = {};
     if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
         findings.push_back(Finding::attention(
