@@ -75,8 +75,9 @@ Holder holderOf(quint16 port, const HealthContext &around)
 std::vector<int> portsOf(const Processes::Process &resident)
 {
     std::vector<int> ports;
+    const QSet<quint64> sockets = Processes::socketsOf(resident.pid);
     for (const Processes::Listener &listener : Processes::listeners()) {
-        if (Processes::holderOf(listener.inode) == resident.pid)
+        if (sockets.contains(listener.inode))
             ports.push_back(listener.port);
     }
     return ports;
@@ -100,6 +101,10 @@ QByteArray saidByChild(const std::function<QByteArray()> &speak, QString *troubl
         Io::writeAll(writing, speak());
         ::_exit(0);
     }
+    if (child < 0) {
+        *trouble = qt_error_string(errno);
+        return QByteArray();
+    }
     writing.reset();
     QByteArray said;
     char buffer[4096];
@@ -107,7 +112,7 @@ QByteArray saidByChild(const std::function<QByteArray()> &speak, QString *troubl
     ssize_t size = 0;
     bool isLate = false;
     do {
-        isLate = child > 0 && Io::retried([&] { return ::poll(&wait, 1, loadLimitMs); }) == 0;
+        isLate = Io::retried([&] { return ::poll(&wait, 1, loadLimitMs); }) == 0;
         size = isLate ? 0 : ::read(reading.get(), buffer, sizeof(buffer));
         said += QByteArray(buffer, int(qMax<ssize_t>(0, size)));
     } while (size > 0);
@@ -117,7 +122,7 @@ QByteArray saidByChild(const std::function<QByteArray()> &speak, QString *troubl
     Io::retried([&] { return ::waitpid(child, &status, 0); });
     if (isLate)
         *trouble = QStringLiteral("не загрузился за %1 с").arg(loadLimitMs / 1000);
-    else if (child < 0 || WIFSIGNALED(status))
+    else if (WIFSIGNALED(status))
         *trouble =
             QStringLiteral("при загрузке процесс завершился аварийно, сигнал %1").arg(WTERMSIG(status));
     else if (said.isEmpty())

@@ -5,6 +5,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <array>
 
 #include <arpa/inet.h>
@@ -79,22 +80,31 @@ std::vector<Processes::Listener> Processes::listeners()
     return result;
 }
 
+QSet<quint64> Processes::socketsOf(int pid)
+{
+    constexpr char form[] = "socket:[";
+    QSet<quint64> result;
+    const QDir directory(place(pid, "fd"));
+    const QStringList names = directory.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    for (const QString &name : names) {
+        char target[64] = {};
+        const QByteArray path = QFile::encodeName(directory.filePath(name));
+        const ssize_t size = ::readlink(path.constData(), target, sizeof(target) - 1);
+        const QByteArray text(target, int(qMax<ssize_t>(0, size)));
+        if (text.startsWith(form))
+            result.insert(text.mid(int(sizeof(form)) - 1).chopped(1).toULongLong());
+    }
+    return result;
+}
+
 int Processes::holderOf(quint64 socketInode)
 {
-    const QString wanted = QStringLiteral("socket:[%1]").arg(socketInode);
     const QStringList numbers = processNumbers();
-    for (const QString &number : numbers) {
-        const QDir directory(place(number.toInt(), "fd"));
-        const QStringList names = directory.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
-        for (const QString &name : names) {
-            char target[64] = {};
-            const QByteArray path = QFile::encodeName(directory.filePath(name));
-            if (::readlink(path.constData(), target, sizeof(target) - 1) > 0 &&
-                wanted == QLatin1String(target))
-                return number.toInt();
-        }
-    }
-    return 0;
+    const auto holds = [socketInode](const QString &number) {
+        return socketsOf(number.toInt()).contains(socketInode);
+    };
+    const auto found = std::find_if(numbers.begin(), numbers.end(), holds);
+    return found == numbers.end() ? 0 : found->toInt();
 }
 
 int Processes::lockHolder(const QString &path)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QDateTime>
+#include <QSet>
 #include <QString>
 
 #include <vector>
@@ -19,6 +20,9 @@ struct Listener
 
 /// Those of both protocols.
 std::vector<Listener> listeners();
+
+/// The sockets of a process; none where its descriptors are not shown.
+QSet<quint64> socketsOf(int pid);
 
 /// @return the process that holds a socket; 0 when none is seen: another user's descriptors are not shown
 int holderOf(quint64 socketInode);
