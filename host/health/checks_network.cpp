@@ -50,10 +50,9 @@ struct Holder
 {
     Processes::Listener listener;
     Processes::Process process;
-    bool isOurs = false; // of this installation
 };
 
-Holder holderOf(quint16 port, const HealthContext &around)
+Holder holderOf(quint16 port)
 {
     Holder result;
     for (const Processes::Listener &listener : Processes::listeners()) {
@@ -63,9 +62,6 @@ Holder holderOf(quint16 port, const HealthContext &around)
         const int pid = Processes::holderOf(listener.inode);
         if (pid > 0)
             result.process = Processes::describe(pid);
-        const QString ourProgram = QFile::symLinkTarget(QStringLiteral("/proc/self/exe"));
-        result.isOurs = pid > 0 ? pid == around.resident.pid || result.process.program == ourProgram
-                                : around.resident.pid > 0 && around.resident.user == listener.user;
         break;
     }
     return result;
@@ -156,15 +152,26 @@ Findings Checks::port(const HealthContext &around)
         return {Finding::error("port-unusable",
                                QStringLiteral("%1: %2").arg(QString::number(port), qt_error_string(reason)),
                                QStringLiteral("Проверьте сеть (ip address) или %1").arg(other))};
-    const Holder holder = holderOf(port, around);
-    const QString who = holder.process.pid > 0 ? Processes::nameOf(holder.process)
+    const Holder holder = holderOf(port);
+    const Processes::Process &process = holder.process;
+    const QString who = process.pid > 0 ? Processes::nameOf(process)
                         : holder.listener.port > 0 ? QStringLiteral("процесс пользователя %1, адрес %2")
                                                          .arg(holder.listener.user, holder.listener.address)
                                                    : QStringLiteral("кто - не видно");
-    if (holder.isOurs)
+    const bool isResident =
+        around.resident.pid > 0 &&
+        (process.pid > 0 ? process.pid == around.resident.pid : around.resident.user == holder.listener.user);
+    if (isResident)
         return {Finding::good(
             QStringLiteral("%1 принимает вызовы эта установка: %2").arg(QString::number(port), who))};
-    const QString advice = holder.process.pid > 0
+    if (process.program == QFile::symLinkTarget(QStringLiteral("/proc/self/exe")))
+        return {Finding::attention(
+            "port-taken-here",
+            QStringLiteral("%1 занят этой же установкой: %2").arg(QString::number(port), who),
+            QStringLiteral(
+                "Если это abonent send, он скоро закончит; если abonent listen другого уровня - оставьте "
+                "один из них"))};
+    const QString advice = process.pid > 0
                                ? QStringLiteral("Остановите его или %1").arg(other)
                                : QStringLiteral("Кто это, покажет root: ss -ltnp 'sport = :%1'; или %2")
                                      .arg(QString::number(port), other);

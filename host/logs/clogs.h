@@ -19,8 +19,8 @@ class CLogHistory
 {
 public:
     /// @param wanted files that hold nothing of its time are not opened; the records are not filtered
-    /// @param sizes only what the files held then; empty: all
-    CLogHistory(const QDir &directory, const LogFilter &wanted, const LogSizes &sizes = LogSizes());
+    /// @param endSizes only what the files held then; empty: all
+    CLogHistory(const QDir &place, const LogFilter &wanted, const LogSizes &endSizes = LogSizes());
 
     /// @return false when there is no further record
     bool next(LogRecord *record);
@@ -49,7 +49,7 @@ private:
 class CLogTail
 {
 public:
-    explicit CLogTail(const QDir &directory);
+    explicit CLogTail(const QDir &place);
 
     /// What the logs held when it was made: the rest is the tail's.
     const LogSizes &sizes() const { return begin; }

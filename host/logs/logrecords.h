@@ -69,7 +69,7 @@ class CLogReader
 {
 public:
     /// @param endOffset how much of the file counts; negative: all
-    explicit CLogReader(const QString &path, qint64 endOffset = -1);
+    explicit CLogReader(const QString &filePath, qint64 endOffset = -1);
 
     /// @return the day in a name such as "abonent_user_2026.11.23.log", of rotated ones, too; invalid when it
     /// is no log
