@@ -88,7 +88,8 @@ void print(const LogRecord &record, bool isJson)
     printLine(QStringLiteral("%1 [%2] %3: %4")
                   .arg(time.toString(QStringLiteral("dd.MM.yyyy hh:mm:ss.zzz")),
                        QString::number(record.thread), printable(record.source), printable(lines.first())));
-    for (const QString &further : lines.mid(1))
+    const QStringList rest = lines.mid(1);
+    for (const QString &further : rest)
         printLine(further.isEmpty() ? further : QStringLiteral("    ") + printable(further));
 }
 

@@ -5,8 +5,6 @@
 #include "common/global.h"
 #include "host/cchannellibrary.h"
 
-#include <QFileInfo>
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>

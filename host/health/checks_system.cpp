@@ -1,7 +1,6 @@
 // Doctor's looks at time, locale, disk, and at what grows.
 #include "host/health/checks.h"
 
-#include "common/csettings.h"
 #include "common/environment.h"
 #include "common/global.h"
 #include "common/initext.h"
@@ -12,15 +11,11 @@
 #include "host/delivery/generalsettings.h"
 #include "host/logs/logrecords.h"
 
-#include <QDirIterator>
-#include <QLocale>
 #include <QStorageInfo>
 #include <QTimeZone>
 
 #include <algorithm>
 #include <cerrno>
-#include <clocale>
-#include <cstdlib>
 
 #include <langinfo.h>
 #include <sys/quota.h>

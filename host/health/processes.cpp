@@ -43,7 +43,7 @@ QString addressOf(const QString &hex)
 {
     std::array<quint32, 4> words = {};
     for (int word = 0; word < hex.size() / 8 && word < 4; ++word)
-        words[std::size_t(word)] = hex.mid(word * 8, 8).toUInt(nullptr, 16);
+        words[std::size_t(word)] = hex.midRef(word * 8, 8).toUInt(nullptr, 16);
     char text[INET6_ADDRSTRLEN] = {};
     ::inet_ntop(hex.size() == 8 ? AF_INET : AF_INET6, words.data(), text, sizeof(text));
     return QString::fromLatin1(text);
@@ -52,8 +52,8 @@ QString addressOf(const QString &hex)
 void addListeners(const QString &path, std::vector<Processes::Listener> *result)
 {
     const QString listening = QStringLiteral("0A");
-    const QStringList lines = linesOf(path);
-    for (const QString &line : lines.mid(1)) { // behind the titles
+    const QStringList lines = linesOf(path).mid(1); // behind the titles
+    for (const QString &line : lines) {
         const QStringList columns = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
         if (columns.size() < 10 || columns[3] != listening)
             continue;
