@@ -97,6 +97,7 @@ void CMessageProtocol::start()
     CAbstractProtocol::start();
     isPlaced = !remoteAbonentName.isEmpty();
     calledFilteredName = remoteAbonentFilteredName;
+    reach(PingResult::Connected);
     sinceExchange.start();
     deadline.start(isPlaced ? placedGreetingMs : answeredGreetingMs);
     tls = std::make_unique<CTlsSession>(isPlaced ? CTlsSession::Calling : CTlsSession::Answering,
@@ -127,6 +128,12 @@ void CMessageProtocol::superseded()
 void CMessageProtocol::wake()
 {
     leaveWord(NoRequest);
+}
+
+void CMessageProtocol::reach(PingResult::Stage stage)
+{
+    if (isPlaced && context.ping)
+        context.ping->reached = stage;
 }
 
 void CMessageProtocol::leaveWord(int what)
@@ -239,6 +246,7 @@ bool CMessageProtocol::takeBytes(int *turn)
 /// The other side has proved which key it has. Who has called speaks first.
 void CMessageProtocol::secured()
 {
+    reach(PingResult::Secured);
     if (isPlaced)
         outbox += HelloFrame{HelloFrame::currentVersion, context.ownPort, context.ownName,
                              QLatin1String(BuildConstants::version)}
@@ -315,6 +323,7 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
 
     isGreeted = true;
     const bool isSomebodyElse = isPlaced && filteredName != calledFilteredName;
+    reach(isSomebodyElse ? PingResult::Greeted : PingResult::Named);
     remoteAbonentName = hello->name;
     remoteAbonentFilteredName = filteredName;
     if (isSomebodyElse) {
@@ -347,6 +356,7 @@ void CMessageProtocol::believe(const HelloFrame &hello, const Judgement &judgeme
                                 QStringLiteral("Это имя здесь записано с другим ключом"));
     }
     context.unnamed->remove(this);
+    reach(PingResult::Believed);
     if (!isPlaced)
         outbox += HelloFrame{HelloFrame::currentVersion, context.ownPort, context.ownName,
                              QLatin1String(BuildConstants::version)}
@@ -393,6 +403,8 @@ void CMessageProtocol::takeBye(const ByeFrame &bye)
     const QString reason = bye.reason.isEmpty() ? QStringLiteral("Абонент закончил разговор") : bye.reason;
     if (bye.code != ByeFrame::Done && bye.code != ByeFrame::Stopping)
         context.journal->addRecord(JournalError, label, QStringLiteral("Абонент отказался: %1").arg(reason));
+    if (context.ping && isPlaced)
+        context.ping->isTurnedAway = true;
     end(codeOf(bye.code), reason);
 }
 

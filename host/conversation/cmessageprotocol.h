@@ -31,6 +31,19 @@ class CJournal;
 /// What a program learns by asking an abonent whether it is there. [any thread] writes, one at a time
 struct PingResult
 {
+    /// How far the call has come.
+    enum Stage
+    {
+        Called,
+        Connected,
+        Secured,  // TLS: the other side has proved its key
+        Greeted,  // it has said its name
+        Named,    // which is the called one
+        Believed, // and has the key that belongs to it
+    };
+
+    Stage reached = Called;
+    bool isTurnedAway = false; // the other side has ended the call; trouble says why
     bool isAnswered = false;
     QString name;
     QString program; // its version
@@ -80,6 +93,7 @@ private:
     void wake() override;    // [any thread]
     void superseded();       // [any thread]
     void leaveWord(int what);
+    void reach(PingResult::Stage stage);
 
     void work();
     void workAgain();

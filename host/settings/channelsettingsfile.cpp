@@ -1,4 +1,4 @@
-#include "host/channelsettingsfile.h"
+#include "host/settings/channelsettingsfile.h"
 
 #include "common/global.h"
 #include "host/text/reasons.h"
