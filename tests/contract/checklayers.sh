@@ -21,7 +21,7 @@ while read -r line; do
     done
     for room in $line; do above="$above${above:+|}$([ "$room" = . ] && echo '[^/]*"' || echo "$room/")"; done
 done <<'ROOMS'
-. commands check
+. commands check screen
 conversation
 delivery
 console

@@ -1,0 +1,127 @@
+#include "host/screen/cinstallation.h"
+
+#include "common/global.h"
+#include "host/conversation/transporttasks.h"
+#include "host/delivery/generalsettings.h"
+
+namespace {
+
+constexpr int soonMs = 20;
+constexpr int sweepMs = 3000;
+constexpr int quickMs = 250;
+constexpr int quickForMs = 5000; // since the last progress
+constexpr int mostRows = 1000;   // of the journal
+
+/// Whether an `abonent listen` is there: it holds this lock.
+bool isResidentThere(int level)
+{
+    CTransportLock lock(CTransportLock::Resident);
+    return !lock.tryLock(level);
+}
+
+} // namespace
+
+CInstallation::CInstallation(int ofLevel)
+    : level(ofLevel), inbox(Global::inputMessagesDir(ofLevel)), outbox(ofLevel), sent(ofLevel), seen(ofLevel)
+{
+    soon.setSingleShot(true);
+    connect(&soon, &QTimer::timeout, this, &CInstallation::look);
+    connect(&sweep, &QTimer::timeout, this, &CInstallation::look);
+    connect(&quick, &QTimer::timeout, this, &CInstallation::lookAtTransfers);
+    for (const auto change : {&QFileSystemWatcher::directoryChanged, &QFileSystemWatcher::fileChanged})
+        connect(&watcher, change, &soon, [this] {
+            if (!soon.isActive())
+                soon.start(soonMs);
+        });
+}
+
+void CInstallation::begin()
+{
+    for (const QDir &place : {Global::inputMessagesDir(level), Global::outputMessagesDir(level),
+                              Global::incompleteMessagesDir(level)})
+        Global::makePath(place); // what is not there cannot be watched
+    sweep.start(sweepMs);
+    look();
+}
+
+void CInstallation::look()
+{
+    watch(); // before reading, so that no later change is missed
+    inbox.look();
+    sent.look();
+    seen.look();
+    known = contacts.list(&contactTrouble);
+    journal = CMessageJournal::entries(Global::journalsFilePath(level), QDateTime(), QString(), mostRows,
+                                       &journalTrouble);
+    hasResident = isResidentThere(level);
+    if (outbox.look())
+        beginQuickLooks();
+    assembleAll();
+}
+
+void CInstallation::beginQuickLooks()
+{
+    sinceProgress.start();
+    quick.start(quickMs);
+}
+
+void CInstallation::lookAtTransfers()
+{
+    if (outbox.look()) {
+        sinceProgress.start();
+        watch();
+        assembleAll();
+    } else if (sinceProgress.elapsed() > quickForMs) {
+        quick.stop();
+    }
+}
+
+void CInstallation::assembleAll()
+{
+    ScreenSources sources;
+    sources.contacts = known;
+    sources.journal = journal;
+    sources.received = inbox.messages();
+    sources.outgoing = outbox.messages();
+    sources.transfers = outbox.transfers();
+    sources.written = sent.all();
+    sources.seen = seen.all();
+    shown = assemble(sources);
+    shown.ownName = GeneralSettings::chosenName(QString());
+    shown.hasResident = hasResident;
+    shown.trouble = contactTrouble.isNull() ? journalTrouble : contactTrouble;
+    emit changed();
+}
+
+void CInstallation::watch()
+{
+    const QString database = Global::journalsFilePath(level);
+    QStringList wanted{Global::inputMessagesDir(level).absolutePath(),
+                       Global::outputMessagesDir(level).absolutePath(),
+                       Global::incompleteMessagesDir(level).absolutePath(),
+                       Global::abonentsSettingsFilePath(),
+                       Global::generalSettingsFilePath(),
+                       database,
+                       database + QStringLiteral("-wal")};
+    wanted += outbox.stateFiles();
+    const QStringList watched = watcher.files() + watcher.directories();
+    for (const QString &path : qAsConst(wanted)) {
+        if (!watched.contains(path) && QFile::exists(path))
+            watcher.addPath(path);
+    }
+}
+
+void CInstallation::markSeen(const QString &key)
+{
+    QStringList identities;
+    for (const ScreenMessage &message : shown.messages) {
+        if (message.isNew && message.key == key)
+            identities << message.identity;
+    }
+    if (identities.isEmpty())
+        return;
+    const QString trouble = seen.add(identities);
+    assembleAll();
+    if (!trouble.isNull())
+        shown.trouble = trouble;
+}

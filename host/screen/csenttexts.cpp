@@ -1,0 +1,52 @@
+#include "host/screen/csenttexts.h"
+
+#include "common/global.h"
+#include "common/trustedfile.h"
+#include "host/conversation/descriptors.h"
+#include "host/screen/textfile.h"
+
+#include <QFile>
+
+namespace {
+
+constexpr int mostTexts = 1000;
+
+} // namespace
+
+CSentTexts::CSentTexts(int level)
+    : directory(Global::messagesDir(level).absoluteFilePath(QStringLiteral("sent")))
+{}
+
+QString CSentTexts::keep(const QString &identity, const QString &text) const
+{
+    const QString path = directory.absoluteFilePath(identity);
+    const QByteArray bytes = text.toUtf8();
+    bool isKept = Global::makePath(directory);
+    if (isKept) {
+        const CDescriptor file = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
+        isKept = file.isOpen() && writeAll(file.get(), {bytes.constData(), std::size_t(bytes.size())});
+    }
+    if (!isKept)
+        return QStringLiteral("Текст не останется в разговоре, %1: %2").arg(path, systemReason());
+    Global::setFilePermissions(path);
+    return QString();
+}
+
+void CSentTexts::forget(const QString &identity) const
+{
+    QFile::remove(directory.absoluteFilePath(identity));
+}
+
+void CSentTexts::look()
+{
+    const QFileInfoList files = directory.entryInfoList(QDir::Files, QDir::Time).mid(0, mostTexts);
+    for (const QFileInfo &file : files) {
+        if (texts.contains(file.fileName()))
+            continue;
+        ScreenMessage message;
+        message.identity = file.fileName();
+        message.date = file.lastModified();
+        message.text = beginningOfText(file.absoluteFilePath());
+        texts.insert(message.identity, message);
+    }
+}
