@@ -24,9 +24,9 @@ QDateTime dateOf(const QString &text, const QDateTime &ofFile)
 
 OfferFrame::Kind kindOf(const QString &text)
 {
-    if (text == QLatin1String("текст"))
+    if (text == QStringLiteral("текст"))
         return OfferFrame::Text;
-    return text == QLatin1String("файл") ? OfferFrame::File : OfferFrame::Tree;
+    return text == QStringLiteral("файл") ? OfferFrame::File : OfferFrame::Tree;
 }
 
 /// Takes a line of the description: "От: Борис".
@@ -34,17 +34,17 @@ void takeLine(const QString &line, const QDateTime &ofFile, ScreenMessage *messa
 {
     const QString what = line.section(QStringLiteral(": "), 0, 0);
     const QString value = line.section(QStringLiteral(": "), 1);
-    if (what == QLatin1String("От"))
+    if (what == QStringLiteral("От"))
         message->abonent = value;
-    else if (what == QLatin1String("Принято"))
+    else if (what == QStringLiteral("Принято"))
         message->date = dateOf(value, ofFile);
-    else if (what == QLatin1String("Вид"))
+    else if (what == QStringLiteral("Вид"))
         message->kind = kindOf(value);
-    else if (what == QLatin1String("Файл"))
+    else if (what == QStringLiteral("Файл"))
         message->name = value;
-    else if (what == QLatin1String("Размер"))
+    else if (what == QStringLiteral("Размер"))
         message->size = value.toLongLong();
-    else if (what == QLatin1String("Сообщение"))
+    else if (what == QStringLiteral("Сообщение"))
         message->identity = value;
 }
 

@@ -4,6 +4,8 @@
 #include "host/conversation/transporttasks.h"
 #include "host/delivery/generalsettings.h"
 
+#include <QFileInfo>
+
 namespace {
 
 constexpr int soonMs = 20;
@@ -29,10 +31,36 @@ CInstallation::CInstallation(int ofLevel)
     connect(&sweep, &QTimer::timeout, this, &CInstallation::look);
     connect(&quick, &QTimer::timeout, this, &CInstallation::lookAtTransfers);
     for (const auto change : {&QFileSystemWatcher::directoryChanged, &QFileSystemWatcher::fileChanged})
-        connect(&watcher, change, &soon, [this] {
-            if (!soon.isActive())
-                soon.start(soonMs);
-        });
+        connect(&watcher, change, this, &CInstallation::noticeChange);
+}
+
+void CInstallation::noticeChange(const QString &path)
+{
+    // Reading the journal changes owners of its files, to what they are: that is told as well.
+    const bool isNothing = path.startsWith(Global::journalsFilePath(level)) && journalStamp() == readStamp;
+    if (!isNothing && !soon.isActive())
+        soon.start(soonMs);
+}
+
+/// What tells one state of the journal from another.
+QString CInstallation::journalStamp() const
+{
+    QString stamp;
+    for (const char *ending : {"", "-wal"}) {
+        const QFileInfo file(Global::journalsFilePath(level) + QLatin1String(ending));
+        stamp += QStringLiteral("%1 %2 ").arg(file.size()).arg(file.lastModified().toMSecsSinceEpoch());
+    }
+    return stamp;
+}
+
+void CInstallation::readJournal()
+{
+    const QString stamp = journalStamp(); // before reading, so that no later change is missed
+    if (stamp == readStamp)
+        return;
+    readStamp = stamp;
+    journal = CMessageJournal::entries(Global::journalsFilePath(level), QDateTime(), QString(), mostRows,
+                                       &journalTrouble);
 }
 
 void CInstallation::begin()
@@ -51,8 +79,7 @@ void CInstallation::look()
     sent.look();
     seen.look();
     known = contacts.list(&contactTrouble);
-    journal = CMessageJournal::entries(Global::journalsFilePath(level), QDateTime(), QString(), mostRows,
-                                       &journalTrouble);
+    readJournal();
     hasResident = isResidentThere(level);
     if (outbox.look())
         beginQuickLooks();

@@ -42,6 +42,9 @@ Q_SIGNALS:
     void changed();
 
 private:
+    void noticeChange(const QString &path);
+    QString journalStamp() const;
+    void readJournal();
     void beginQuickLooks();
     void lookAtTransfers();
     void assembleAll();
@@ -54,6 +57,7 @@ private:
     CSentTexts sent;
     CSeenMarks seen;
     QVector<JournalEntry> journal;
+    QString readStamp; // of the journal, when last read
     QString journalTrouble;
     QString contactTrouble;
     QVector<CContact> known;
