@@ -105,6 +105,10 @@ void CInstallation::lookAtTransfers()
 
 void CInstallation::assembleAll()
 {
+    for (const ScreenMessage &message : outbox.messages()) {
+        if (message.state == ScreenMessage::Withdrawn)
+            sent.forget(message.identity);
+    }
     ScreenSources sources;
     sources.contacts = known;
     sources.journal = journal;

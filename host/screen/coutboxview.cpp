@@ -9,6 +9,7 @@ namespace {
 
 constexpr std::size_t mostGone = 300;
 constexpr int shownTitles = 3;
+constexpr int arrivingSeconds = 10; // without a byte it has been broken off
 constexpr qint64 shownTextBytes = 16 * 1024;
 constexpr qint64 mostOfferBytes = 64 * 1024;
 
@@ -72,15 +73,22 @@ ScreenTransfer transferOf(const COutboxEntry &entry, const std::vector<ScreenMes
     return transfer;
 }
 
-qint64 bytesIn(const QString &directory)
+struct Arrived
 {
-    qint64 sum = 0;
+    qint64 bytes = 0;
+    QDateTime last; // when the latest of them came
+};
+
+Arrived arrivedIn(const QString &directory)
+{
+    Arrived arrived;
     QDirIterator walk(directory, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (walk.hasNext()) {
         walk.next();
-        sum += walk.fileInfo().size();
+        arrived.bytes += walk.fileInfo().size();
+        arrived.last = qMax(arrived.last, walk.fileInfo().lastModified());
     }
-    return sum;
+    return arrived;
 }
 
 } // namespace
@@ -118,7 +126,7 @@ bool COutboxView::look()
     for (const auto &[number, entry] : entries)
         now += number.toLatin1() + entry.stateText + QByteArray::number(entry.sent) + '\n';
     for (const ScreenTransfer &transfer : coming)
-        now += transfer.title.toUtf8() + QByteArray::number(transfer.percent) + '\n';
+        now += transfer.title.toUtf8() + QByteArray::number(transfer.percent) + char('0' + transfer.state);
     const bool isChanged = now != lastLook;
     lastLook = now;
     return isChanged;
@@ -223,9 +231,10 @@ std::vector<ScreenTransfer> COutboxView::arriving() const
         transfer.title =
             offer->kind == OfferFrame::Text ? QStringLiteral("текст") : QFile::decodeName(offer->name);
         transfer.size = offer->size;
-        transfer.state = ScreenMessage::Received;
-        transfer.percent = percentOf(
-            bytesIn(incomplete.absoluteFilePath(name.section(QLatin1Char('.'), 0, 0))), offer->size);
+        const Arrived arrived = arrivedIn(incomplete.absoluteFilePath(name.section(QLatin1Char('.'), 0, 0)));
+        const bool isGoingOn = arrived.last.secsTo(QDateTime::currentDateTime()) < arrivingSeconds;
+        transfer.state = isGoingOn ? ScreenMessage::Received : ScreenMessage::Event;
+        transfer.percent = percentOf(arrived.bytes, offer->size);
         result.push_back(transfer);
     }
     return result;

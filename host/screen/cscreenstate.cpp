@@ -276,7 +276,7 @@ ScreenAction CScreenState::pressInTransfers(const ScreenKey &key, const ScreenCo
     const auto &list = contents.transfers;
     const int index =
         indexOf(list, [this](const ScreenTransfer &each) { return each.number == chosenTransfer; });
-    const bool isOurs = index >= 0 && list[std::size_t(index)].state != ScreenMessage::Received;
+    const bool isOurs = index >= 0 && list[std::size_t(index)].isOurs();
     if (isOurs && key.code == ScreenKey::Enter)
         return {ScreenAction::Retry, {}, {}, chosenTransfer};
     if (isOurs && key.code == ScreenKey::Delete) {

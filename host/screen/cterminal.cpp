@@ -212,6 +212,7 @@ QString CTerminal::enter()
     ::pthread_sigmask(SIG_BLOCK, &set, nullptr); // before ncurses: it would handle them itself
     if (!::newterm(nullptr, stdout, stdin) || !capability("cup")) {
         ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &gOriginal);
         return QStringLiteral("Терминал '%1' не подходит для полного экрана").arg(name);
     }
     std::signal(SIGTSTP, SIG_DFL);

@@ -86,6 +86,8 @@ QString stateWord(const ScreenTransfer &transfer)
     switch (transfer.state) {
     case ScreenMessage::Received:
         return QStringLiteral("приходит");
+    case ScreenMessage::Event:
+        return QStringLiteral("прервано");
     case ScreenMessage::Sending:
         return QStringLiteral("передается");
     case ScreenMessage::Refused:

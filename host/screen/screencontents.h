@@ -70,8 +70,10 @@ struct ScreenTransfer
     QString title;
     qint64 size = 0;
     int percent = 0;
-    ScreenMessage::State state = ScreenMessage::Waiting; // Received: being received
+    ScreenMessage::State state = ScreenMessage::Waiting; // Received: it arrives; Event: has ceased to arrive
     QString reason;
+
+    bool isOurs() const { return state != ScreenMessage::Received && state != ScreenMessage::Event; }
 };
 
 struct ScreenContents

@@ -266,7 +266,7 @@ Rows writing(const Around &around, ScreenPicture *picture)
 }
 
 /// What there is to say; one row at least.
-Rows remark(const Around &around)
+Rows remark(const Around &around, int mostRows)
 {
     const QString trouble = around.contents.trouble;
     const QString &said = around.state.message();
@@ -275,7 +275,8 @@ Rows remark(const Around &around)
     if (text.isEmpty() && !around.contents.hasResident)
         text = QStringLiteral("Не принимаем и не передаем. F5 - запустить прием в фоне");
     Rows rows;
-    const QStringList lines = Cells::wrapped(Cells::shown(text), around.width).mid(0, mostRemarkRows);
+    const QStringList lines =
+        Cells::wrapped(Cells::shown(text), around.width).mid(0, qBound(1, mostRows, mostRemarkRows));
     for (const QString &line : lines)
         rows.push_back(oneSpan(line, style));
     return rows;
@@ -382,7 +383,7 @@ ScreenPicture drawScreen(const CScreenState &state, const ScreenContents &conten
             picture.cursorRow += picture.cursorRow >= 0;
         }
     }
-    const Rows said = remark(around);
+    const Rows said = remark(around, height - rowsAround - int(below.size()) - 1);
     below.insert(below.end(), said.begin(), said.end());
     picture.page = qMax(1, height - rowsAround - int(below.size()));
     Rows above = body(around, &picture);
