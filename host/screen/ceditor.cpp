@@ -1,6 +1,7 @@
 #include "host/screen/ceditor.h"
 
 #include "host/screen/cells.h"
+#include "host/text/textwidth.h"
 
 namespace {
 
@@ -79,30 +80,33 @@ CEditor::Layout CEditor::layout(int cells) const
     Layout result;
     result.rows << QString();
     int used = 0;
+    int at = 0;
     const auto startRow = [&] {
         result.rows << QString();
         used = 0;
     };
-    for (int at = 0;;) {
-        if (at == cursor) {
-            if (used >= cells)
-                startRow();
-            result.cursorRow = result.rows.size() - 1;
-            result.cursorCell = used;
-        }
-        if (at >= written.size())
-            return result;
-        const int end = Cells::next(written, at);
-        if (isLineFeed(written[at])) {
+    const auto noteCursor = [&] {
+        if (at != cursor)
+            return;
+        if (used >= cells)
             startRow();
-        } else {
-            const QString piece = Cells::shown(written.mid(at, end - at));
-            const int wide = Cells::width(piece);
-            if (used + wide > cells)
-                startRow();
-            result.rows.last() += Cells::cut(piece, cells);
-            used = qMin(used + wide, cells);
+        result.cursorRow = result.rows.size() - 1;
+        result.cursorCell = used;
+    };
+    const QStringList characters = Cells::characters(written);
+    for (const QString &character : characters) {
+        noteCursor();
+        at += character.size();
+        if (isLineFeed(character[0])) {
+            startRow();
+            continue;
         }
-        at = end;
+        const QString piece = cutToCells(Cells::shown(character), cells);
+        if (used + cellsOf(piece) > cells)
+            startRow();
+        result.rows.last() += piece;
+        used += cellsOf(piece);
     }
+    noteCursor();
+    return result;
 }

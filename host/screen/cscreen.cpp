@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 #include <unistd.h>
 
 namespace {
@@ -30,17 +29,18 @@ void keepOffTheScreen(QtMsgType type, const QMessageLogContext &context, const Q
 CScreen::CScreen() : level(Global::currentSecrecy()), installation(level), sendOff(nullptr)
 {
     qRegisterMetaType<Outgoing>("Outgoing");
+    drawing.setSingleShot(true);
+    connect(&drawing, &QTimer::timeout, this, &CScreen::draw);
     sendOff = new CSendOff(level, installation.sentTexts());
     sendOff->moveToThread(&sendThread);
     connect(&sendThread, &QThread::finished, sendOff, &QObject::deleteLater);
     connect(sendOff, &CSendOff::done, this, &CScreen::sendDone);
     connect(&installation, &CInstallation::changed, this, &CScreen::installationChanged);
     connect(&terminal, &CTerminal::pressed, this, &CScreen::pressed);
-    connect(&terminal, &CTerminal::resized, this, &CScreen::draw);
+    connect(&terminal, &CTerminal::resized, this, &CScreen::drawSoon);
     connect(&terminal, &CTerminal::gone, this, [this] { leaveWhenSent(ExitDone); });
-    connect(&interruption, &CInterruption::requested, this, [this](int signalNumber) {
-        leaveWhenSent(signalNumber == SIGINT ? int(ExitDone) : ExitInterrupted + signalNumber);
-    });
+    connect(&interruption, &CInterruption::requested, this,
+            [this](int signalNumber) { leaveWhenSent(ExitInterrupted + signalNumber); });
 }
 
 CScreen::~CScreen()
@@ -73,7 +73,7 @@ void CScreen::pressed(const ScreenKey &key)
     act(state.press(key, installation.contents()));
     if (!state.read().isEmpty())
         installation.markSeen(state.read());
-    draw();
+    drawSoon();
 }
 
 void CScreen::act(const ScreenAction &action)
@@ -217,7 +217,7 @@ void CScreen::installationChanged()
         }
     }
     noticeNew();
-    draw();
+    drawSoon();
 }
 
 void CScreen::noticeNew()
@@ -235,7 +235,14 @@ void CScreen::noticeNew()
 void CScreen::say(const QString &text)
 {
     state.say(text);
-    draw();
+    drawSoon();
+}
+
+/// Soon: of many keys and changes together only the last picture is drawn.
+void CScreen::drawSoon()
+{
+    if (!drawing.isActive())
+        drawing.start();
 }
 
 void CScreen::draw()

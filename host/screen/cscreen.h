@@ -14,6 +14,7 @@
 
 #include <QObject>
 #include <QThread>
+#include <QTimer>
 
 #include <memory>
 
@@ -42,6 +43,7 @@ private:
     void noticeNew();
     void leaveWhenSent(int code);
     void say(const QString &text);
+    void drawSoon();
     void draw();
 
     const int level;
@@ -53,6 +55,7 @@ private:
     int sending = 0;   // not yet in the outbox
     bool isLeaving = false;
     int exitCode = 0;
+    QTimer drawing;
     int newBefore = -1; // messages that nobody has seen; -1: not counted yet
     std::unique_ptr<CBackgroundRun> resident;
     std::unique_ptr<CBackgroundRun> pinging;

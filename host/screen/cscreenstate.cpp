@@ -54,10 +54,6 @@ bool isLetter(const ScreenKey &key, const char *letters)
 
 ScreenAction CScreenState::press(const ScreenKey &key, const ScreenContents &contents)
 {
-    if (isPasting || key.code == ScreenKey::PasteBegin) {
-        paste(key);
-        return {};
-    }
     if (key.code == ScreenKey::Suspend)
         return {ScreenAction::Suspend, {}, {}, {}};
     if (key.code == ScreenKey::Redraw)
@@ -125,21 +121,6 @@ const CEditor &CScreenState::editor() const
 CEditor &CScreenState::currentEditor()
 {
     return asked != NoQuestion ? answered : drafts[chosen];
-}
-
-/// Everything up to the end of the paste is text: a line feed in it must not send.
-void CScreenState::paste(const ScreenKey &key)
-{
-    isPasting = key.code != ScreenKey::PasteEnd;
-    const bool isWriting = asked != NoQuestion || (shownView == Talk && focused == OnText);
-    if (!isWriting)
-        return;
-    if (key.code == ScreenKey::Character)
-        currentEditor().insert(key.text);
-    else if (key.code == ScreenKey::Tab)
-        currentEditor().insert(QStringLiteral("\t"));
-    else if ((key.code == ScreenKey::Enter || key.code == ScreenKey::LineFeed) && asked == NoQuestion)
-        currentEditor().insert(QStringLiteral("\n"));
 }
 
 ScreenAction CScreenState::pressFunction(int number)
@@ -330,6 +311,9 @@ bool CScreenState::edit(const ScreenKey &key)
     switch (key.code) {
     case ScreenKey::Character:
         now.insert(key.text);
+        return true;
+    case ScreenKey::Paste: // a line feed in it does not send; a path has none
+        now.insert(asked == NoQuestion ? key.text : key.text.section(QLatin1Char('\n'), 0, 0));
         return true;
     case ScreenKey::Left:
         now.left();

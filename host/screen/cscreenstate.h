@@ -105,7 +105,6 @@ private:
     ScreenAction forContact(ScreenAction::Kind kind) const;
     bool edit(const ScreenKey &key);
     bool scrollBy(const ScreenKey &key);
-    void paste(const ScreenKey &key);
     void move(const ScreenKey &key, const ScreenContents &contents);
     void show(View view);
     void ask(Question question);
@@ -124,8 +123,7 @@ private:
     QString warned; // what the next key may confirm
     QStringList paths;
     int scrolled = 0;
-    int page = 1; // rows
-    bool isPasting = false;
+    int page = 1;                  // rows
     QMap<QString, CEditor> drafts; // by contact
     CEditor answered;              // to a question
     QString chosenName;            // of the contact, as it is called

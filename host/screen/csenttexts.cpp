@@ -19,9 +19,9 @@ CSentTexts::CSentTexts(int level)
 
 QString CSentTexts::keep(const QString &identity, const QString &text) const
 {
-    const QString path = directory.absoluteFilePath(identity);
+    const QString path = directory + QLatin1Char('/') + identity;
     const QByteArray bytes = text.toUtf8();
-    bool isKept = Global::makePath(directory);
+    bool isKept = Global::makePath(QDir(directory));
     if (isKept) {
         const CDescriptor file = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
         isKept = file.isOpen() && writeAll(file.get(), {bytes.constData(), std::size_t(bytes.size())});
@@ -34,12 +34,12 @@ QString CSentTexts::keep(const QString &identity, const QString &text) const
 
 void CSentTexts::forget(const QString &identity) const
 {
-    QFile::remove(directory.absoluteFilePath(identity));
+    QFile::remove(directory + QLatin1Char('/') + identity);
 }
 
 void CSentTexts::look()
 {
-    const QFileInfoList files = directory.entryInfoList(QDir::Files, QDir::Time).mid(0, mostTexts);
+    const QFileInfoList files = QDir(directory).entryInfoList(QDir::Files, QDir::Time).mid(0, mostTexts);
     for (const QFileInfo &file : files) {
         if (texts.contains(file.fileName()))
             continue;

@@ -6,7 +6,6 @@
 
 #include "host/screen/screencontents.h"
 
-#include <QDir>
 #include <QHash>
 
 /// keep() and forget() [any thread]; the rest one thread at a time.
@@ -28,6 +27,6 @@ public:
     const QHash<QString, ScreenMessage> &all() const { return texts; }
 
 private:
-    const QDir directory;
+    const QString directory;
     QHash<QString, ScreenMessage> texts;
 };

@@ -1,14 +1,17 @@
 #include "host/screen/cterminal.h"
 
 #include "host/conversation/descriptors.h"
-#include "host/screen/cells.h"
+#include "host/text/textwidth.h"
 
 #include <QSocketNotifier>
 
 #include <array>
+#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <langinfo.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
@@ -21,6 +24,9 @@
 namespace {
 
 constexpr int escapeDelayMs = 25;
+constexpr int mostPasted = 2 * 1024 * 1024; // characters; more than can be sent
+constexpr wint_t interrupt = 3;
+constexpr wint_t escape = 27;
 constexpr char pasteOn[] = "\033[?2004h";
 constexpr char pasteOff[] = "\033[?2004l";
 
@@ -93,6 +99,24 @@ void say(const char *sequence)
     static_cast<void>(count); // without it pasted line feeds send
 }
 
+/// ncurses writes UTF-8 only in a locale that has it. @return false when the system has none
+bool useUtf8()
+{
+    std::setlocale(LC_CTYPE, "");
+    return std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0 || std::setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+/// For ncurses, which knows fewer characters than Qt.
+std::wstring wideText(const QString &text)
+{
+    std::wstring wide = text.toStdWString();
+    for (wchar_t &character : wide) {
+        if (::wcwidth(character) < 0)
+            character = QChar::ReplacementCharacter;
+    }
+    return wide;
+}
+
 sigset_t terminalSignals()
 {
     sigset_t set;
@@ -110,19 +134,10 @@ struct KeyRow
 
 // What ncurses tells as a key, and control characters.
 constexpr KeyRow specialKeys[] = {
-    {KEY_UP, ScreenKey::Up},
-    {KEY_DOWN, ScreenKey::Down},
-    {KEY_LEFT, ScreenKey::Left},
-    {KEY_RIGHT, ScreenKey::Right},
-    {KEY_HOME, ScreenKey::Home},
-    {KEY_END, ScreenKey::End},
-    {KEY_PPAGE, ScreenKey::PageUp},
-    {KEY_NPAGE, ScreenKey::PageDown},
-    {KEY_BACKSPACE, ScreenKey::Backspace},
-    {KEY_DC, ScreenKey::Delete},
-    {KEY_ENTER, ScreenKey::Enter},
-    {KeyPasteBegin, ScreenKey::PasteBegin},
-    {KeyPasteEnd, ScreenKey::PasteEnd},
+    {KEY_UP, ScreenKey::Up},        {KEY_DOWN, ScreenKey::Down},      {KEY_LEFT, ScreenKey::Left},
+    {KEY_RIGHT, ScreenKey::Right},  {KEY_HOME, ScreenKey::Home},      {KEY_END, ScreenKey::End},
+    {KEY_PPAGE, ScreenKey::PageUp}, {KEY_NPAGE, ScreenKey::PageDown}, {KEY_BACKSPACE, ScreenKey::Backspace},
+    {KEY_DC, ScreenKey::Delete},    {KEY_ENTER, ScreenKey::Enter},
 };
 constexpr KeyRow controlKeys[] = {
     {1, ScreenKey::Home},       {3, ScreenKey::Interrupt},   {4, ScreenKey::Delete},
@@ -205,7 +220,7 @@ CTerminal::~CTerminal()
 QString CTerminal::enter()
 {
     const QString name = QString::fromLocal8Bit(qgetenv("TERM"));
-    if (!Cells::useWideCharacters())
+    if (!useUtf8())
         return QStringLiteral("В системе нет ни одной локали с UTF-8");
     ::tcgetattr(STDIN_FILENO, &gOriginal);
     const sigset_t set = terminalSignals();
@@ -269,12 +284,15 @@ void CTerminal::draw(const ScreenPicture &picture)
     ::erase();
     for (std::size_t i = 0; i < picture.rows.size(); ++i) {
         ::move(int(i), 0);
+        ::clrtoeol(); // the row above may have been wider for ncurses than for us
+        int cell = 0;
         for (const ScreenSpan &span : picture.rows[i]) {
             ::attrset(int(attributesOf(span.style, hasColours)));
-            ::addwstr(span.text.toStdWString().c_str());
+            ::mvaddwstr(int(i), cell, wideText(span.text).c_str());
+            cell += cellsOf(span.text);
         }
+        ::attrset(int(A_NORMAL));
     }
-    ::attrset(int(A_NORMAL));
     ::curs_set(picture.cursorRow >= 0 ? 1 : 0);
     if (picture.cursorRow >= 0)
         ::move(picture.cursorRow, picture.cursorCell);
@@ -360,13 +378,35 @@ bool CTerminal::takeKey()
         return false;
     ScreenKey key;
     wint_t second = 0;
-    if (kind == OK && character == 27 && ::get_wch(&second) == OK) {
+    if (isPasting || (kind == KEY_CODE_YES && character == KeyPasteBegin)) {
+        takePasted(kind, character);
+    } else if (kind == OK && character == escape && ::get_wch(&second) == OK) {
         if (altKeyOf(second, &key))
             emit pressed(key);
     } else if (keyOf(kind, character, &key)) {
         emit pressed(key);
     }
     return true;
+}
+
+/// Collects what is pasted. It ends as the terminal says, or with Ctrl-C should the end have been lost.
+void CTerminal::takePasted(int kind, wint_t character)
+{
+    const uint code = character == '\r' ? uint('\n') : uint(character);
+    if (kind == OK && character != interrupt) {
+        if (pasted.size() < mostPasted)
+            pasted += QString::fromUcs4(&code, 1);
+        return;
+    }
+    if (kind == KEY_CODE_YES && character != KeyPasteBegin && character != KeyPasteEnd)
+        return;
+    isPasting = kind == KEY_CODE_YES && character == KeyPasteBegin;
+    ScreenKey key;
+    key.code = ScreenKey::Paste;
+    key.text = pasted;
+    pasted.clear();
+    if (!key.text.isEmpty())
+        emit pressed(key);
 }
 
 bool CTerminal::hasHungUp() const

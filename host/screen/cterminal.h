@@ -11,6 +11,7 @@
 #include <QObject>
 #include <QString>
 
+#include <cwchar>
 #include <memory>
 
 class QSocketNotifier;
@@ -60,9 +61,12 @@ private:
     void setUp();
     void resume();
     bool takeKey();
+    void takePasted(int kind, wint_t character);
 
     bool isEntered = false;
     bool hasColours = false;
+    bool isPasting = false;
+    QString pasted;
     int signalDescriptor = -1;
     std::unique_ptr<QSocketNotifier> keyNotifier;
     std::unique_ptr<QSocketNotifier> signalNotifier;

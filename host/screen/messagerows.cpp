@@ -2,6 +2,7 @@
 
 #include "common/textformat.h"
 #include "host/screen/cells.h"
+#include "host/text/textwidth.h"
 
 namespace {
 
@@ -29,14 +30,14 @@ int widthOf(const ScreenRow &row)
 {
     int sum = 0;
     for (const ScreenSpan &span : row)
-        sum += Cells::width(span.text);
+        sum += cellsOf(span.text);
     return sum;
 }
 
 /// Behind the last row where there is room, else in rows of its own.
 void addState(std::vector<ScreenRow> *rows, const QString &text, ScreenStyle style, int width)
 {
-    if (widthOf(rows->back()) + 1 + Cells::width(text) <= width) {
+    if (widthOf(rows->back()) + 1 + cellsOf(text) <= width) {
         rows->back().push_back({QLatin1Char(' ') + text, style});
         return;
     }
@@ -52,7 +53,7 @@ QString head(const ScreenMessage &message)
         return time + QStringLiteral("* ");
     if (message.isOutgoing())
         return time + QStringLiteral("Вы: ");
-    return time + Cells::cutInMiddle(Cells::shown(message.abonent), mostNameCells) +
+    return time + shortenedInMiddle(Cells::shown(message.abonent), mostNameCells) +
            (message.isNew ? QStringLiteral(" (новое): ") : QStringLiteral(": "));
 }
 
@@ -168,9 +169,9 @@ std::vector<ScreenRow> transferRows(const ScreenTransfer &transfer, int width, b
     const QString size = QStringLiteral(", ") + Global::sizeString(transfer.size);
     const QString abonent =
         transfer.abonent.isEmpty() ? QString() : Cells::shown(transfer.abonent) + QStringLiteral(": ");
-    const int room = width - Cells::width(start) - Cells::width(size);
-    const QString name = Cells::cutInMiddle(abonent + Cells::shown(transfer.title), qMax(1, room));
-    std::vector<ScreenRow> rows{{{Cells::padded(start + name + size, width), style}}};
+    const int room = width - cellsOf(start) - cellsOf(size);
+    const QString name = shortenedInMiddle(abonent + Cells::shown(transfer.title), qMax(1, room));
+    std::vector<ScreenRow> rows{{{Cells::fitted(start + name + size, width), style}}};
     if (transfer.reason.isEmpty())
         return rows;
     const QStringList reason = Cells::wrapped(Cells::shown(transfer.reason), width - indentCells);

@@ -3,6 +3,7 @@
 #include "host/screen/cells.h"
 #include "host/screen/cscreenstate.h"
 #include "host/screen/messagerows.h"
+#include "host/text/textwidth.h"
 
 namespace {
 
@@ -74,10 +75,10 @@ QStringList helpLines(int width)
         const QString key = QString::fromUtf8(hint.key);
         const QString word = QString::fromUtf8(hint.word);
         if (key.isEmpty())
-            lines << Cells::cut(word + QLatin1Char(':'), width);
+            lines << cutToCells(word + QLatin1Char(':'), width);
         else
             lines +=
-                hanging(Cells::padded(QStringLiteral("  ") + key, keyCells + 2) + word, width, keyCells + 2);
+                hanging(Cells::fitted(QStringLiteral("  ") + key, keyCells + 2) + word, width, keyCells + 2);
     }
     return lines;
 }

@@ -24,15 +24,14 @@ struct ScreenKey
         Delete,
         DeleteWord,
         DeleteAll,
-        Function,   // number
-        PasteBegin, // what follows is text, whatever it is
-        PasteEnd,
+        Function,  // number
+        Paste,     // text, whatever is in it; lines end with a line feed
         Interrupt, // Ctrl-C
         Suspend,   // Ctrl-Z
         Redraw,    // Ctrl-L
     };
 
     Code code = Character;
-    QString text;   // one code point
+    QString text;   // of a character: one code point
     int number = 0; // 1: F1
 };

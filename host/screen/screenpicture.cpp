@@ -4,6 +4,7 @@
 #include "host/screen/cscreenstate.h"
 #include "host/screen/messagerows.h"
 #include "host/screen/screenhelp.h"
+#include "host/text/textwidth.h"
 
 #include <algorithm>
 #include <limits>
@@ -54,14 +55,14 @@ ScreenRow titleRow(const Around &around)
         unseen += contact.unseen;
     const QString right =
         around.contents.hasResident ? QStringLiteral(" прием идет ") : QStringLiteral(" прием не запущен ");
-    QString left = QStringLiteral(" %1 | %2")
-                       .arg(Cells::cutInMiddle(Cells::shown(around.contents.ownName), 16),
-                            viewName(around.state.view()));
+    QString left =
+        QStringLiteral(" %1 | %2")
+            .arg(shortenedInMiddle(Cells::shown(around.contents.ownName), 16), viewName(around.state.view()));
     if (unseen > 0)
         left += QStringLiteral(" | новых %1").arg(unseen);
     if (!around.contents.transfers.empty())
         left += QStringLiteral(" | в пути %1").arg(around.contents.transfers.size());
-    return oneSpan(Cells::padded(left, around.width - Cells::width(right)) + right, ScreenStyle::Title);
+    return oneSpan(Cells::fitted(left, around.width - cellsOf(right)) + right, ScreenStyle::Title);
 }
 
 // Contacts -------------------------------------------------------------------------------------------
@@ -80,12 +81,12 @@ QString badge(const ScreenContact &contact)
 ScreenRow contactRow(const ScreenContact &contact, int width, bool isChosen, bool isFocused)
 {
     const QString mark = badge(contact);
-    const int room = width - 2 - (mark.isEmpty() ? 0 : Cells::width(mark) + 1);
-    const QString name = Cells::cutInMiddle(Cells::shown(contact.name), room);
+    const int room = width - 2 - (mark.isEmpty() ? 0 : cellsOf(mark) + 1);
+    const QString name = shortenedInMiddle(Cells::shown(contact.name), room);
     const ScreenStyle style = isChosen && isFocused ? ScreenStyle::Chosen
                               : contact.unseen > 0  ? ScreenStyle::Strong
                                                     : ScreenStyle::Plain;
-    const QString text = QLatin1String(isChosen ? "> " : "  ") + Cells::padded(name, room) +
+    const QString text = QLatin1String(isChosen ? "> " : "  ") + Cells::fitted(name, room) +
                          (mark.isEmpty() ? QString() : QLatin1Char(' ') + mark);
     return oneSpan(text, style);
 }
@@ -94,7 +95,7 @@ Rows contactList(const Around &around, int width, int height)
 {
     const auto &contacts = around.contents.contacts;
     if (contacts.empty())
-        return {oneSpan(Cells::cut(QStringLiteral("Контактов нет: F8"), width))};
+        return {oneSpan(cutToCells(QStringLiteral("Контактов нет: F8"), width))};
     const auto chosen =
         std::find_if(contacts.begin(), contacts.end(), [&around](const ScreenContact &contact) {
             return contact.key == around.state.contact();
@@ -146,7 +147,7 @@ private:
 ScreenRow dayRow(const QDate &day, int width)
 {
     const QString text = QStringLiteral("-- %1 --").arg(day.toString(QStringLiteral("dd.MM.yyyy")));
-    return oneSpan(Cells::cut(text, width), ScreenStyle::Faint);
+    return oneSpan(cutToCells(text, width), ScreenStyle::Faint);
 }
 
 QString contactWords(const ScreenContact &contact)
@@ -185,9 +186,9 @@ Rows conversation(const Around &around, int width, int height, int *mostScroll)
     const QString name = Cells::shown(contact->name);
     const ScreenStyle style =
         contact->hasOtherKey || contact->isBlocked ? ScreenStyle::Alert : ScreenStyle::Faint;
-    const int nameCells = qMin(Cells::width(name), width / 2);
-    const QString words = Cells::cut(contactWords(*contact), width - nameCells - 2);
-    shown.insert(shown.begin(), {{Cells::cutInMiddle(name, nameCells), ScreenStyle::Strong},
+    const int nameCells = qMin(cellsOf(name), width / 2);
+    const QString words = cutToCells(contactWords(*contact), width - nameCells - 2);
+    shown.insert(shown.begin(), {{shortenedInMiddle(name, nameCells), ScreenStyle::Strong},
                                  {QStringLiteral("  ") + words, style}});
     return shown;
 }
@@ -205,7 +206,7 @@ Rows transfers(const Around &around, int height)
 {
     const auto &list = around.contents.transfers;
     if (list.empty())
-        return {oneSpan(Cells::cut(QStringLiteral("Все передано, ничего не приходит"), around.width))};
+        return {oneSpan(cutToCells(QStringLiteral("Все передано, ничего не приходит"), around.width))};
     Rows rows;
     int chosenEnd = 0;
     for (const ScreenTransfer &transfer : list) {
@@ -246,7 +247,7 @@ QString prompt(const CScreenState &state)
 Rows writing(const Around &around, ScreenPicture *picture)
 {
     const QString start = prompt(around.state);
-    const int startCells = Cells::width(start);
+    const int startCells = cellsOf(start);
     const CEditor::Layout layout = around.state.editor().layout(qMax(2, around.width - startCells));
     const int count = qBound(1, layout.rows.size(), qMax(1, around.height / 3));
     const int first = qBound(0, layout.cursorRow - count + 1, layout.rows.size() - count);
@@ -289,7 +290,7 @@ ScreenRow keyRow(const Around &around)
     for (const KeyHint &hint : keyHints(around.state)) {
         const QString key = QString::fromUtf8(hint.key);
         const QString word = QLatin1Char(' ') + QString::fromUtf8(hint.word) + QStringLiteral("  ");
-        used += Cells::width(key + word);
+        used += cellsOf(key + word);
         if (used - 2 > around.width)
             break;
         row.push_back({key, ScreenStyle::Chosen});
@@ -309,7 +310,7 @@ Rows candidates(const Around &around, int mostRows)
     for (int i = 0; i < qMin(lines.size(), mostRows); ++i) {
         const bool isCut = i == mostRows - 1 && lines.size() > mostRows;
         rows.push_back(
-            oneSpan(isCut ? Cells::cut(lines[i], around.width - 1) + QStringLiteral("…") : lines[i]));
+            oneSpan(isCut ? cutToCells(lines[i], around.width - 1) + QStringLiteral("…") : lines[i]));
     }
     return rows;
 }
@@ -328,7 +329,7 @@ Rows beside(const Rows &left, const Rows &right, int leftWidth, int height)
         ScreenRow row = i < left.size() ? left[i] : ScreenRow();
         int used = 0;
         for (const ScreenSpan &span : row)
-            used += Cells::width(span.text);
+            used += cellsOf(span.text);
         row.push_back({QString(leftWidth - used, QLatin1Char(' ')), ScreenStyle::Plain});
         row.push_back({QStringLiteral("│ "), ScreenStyle::Faint});
         if (i < right.size())
@@ -372,7 +373,7 @@ ScreenPicture drawScreen(const CScreenState &state, const ScreenContents &conten
     const Around around{state, contents, width, height};
     ScreenPicture picture;
     if (width < leastWidth || height < leastHeight) {
-        picture.rows.push_back(oneSpan(Cells::cut(QStringLiteral("Мало места"), width)));
+        picture.rows.push_back(oneSpan(cutToCells(QStringLiteral("Мало места"), width)));
         return picture;
     }
     Rows below;

@@ -4,6 +4,7 @@
 #include "host/screen/messagerows.h"
 #include "host/screen/pathcompletion.h"
 #include "host/screen/screenpicture.h"
+#include "host/text/textwidth.h"
 #include "tests/support/testinstallation.h"
 
 #include <QTemporaryDir>
@@ -107,7 +108,7 @@ QString fault(const ScreenPicture &picture, int width, int height)
         return "the cursor is outside"_s;
     for (const ScreenRow &spans : picture.rows) {
         const QString text = rowText(spans);
-        if (Cells::width(text) > width || Cells::shown(text) != text)
+        if (cellsOf(text) > width || Cells::shown(text) != text)
             return text;
     }
     return QString();
@@ -120,7 +121,6 @@ class TestScreen : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { QVERIFY(Cells::useWideCharacters()); }
     void textTakesTheCellsItTakes_data();
     void textTakesTheCellsItTakes();
     void everyPictureFitsWhateverStrangersSend();
@@ -153,14 +153,14 @@ void TestScreen::textTakesTheCellsItTakes()
 {
     QFETCH(QString, text);
     QFETCH(int, cells);
-    QTEST(Cells::width(text), "width");
+    QTEST(cellsOf(text), "width");
     QTEST(Cells::wrapped(text, cells), "rows");
-    QTEST(Cells::cutInMiddle(text, cells), "middle");
-    QVERIFY(Cells::width(Cells::cut(text, cells)) <= cells);
+    QTEST(shortenedInMiddle(text, cells), "middle");
+    QVERIFY(cellsOf(cutToCells(text, cells)) <= cells);
     CEditor editor;
     editor.insert(text);
     for (const QString &line : editor.layout(qMax(2, cells)).rows)
-        QVERIFY(Cells::width(line) <= qMax(2, cells));
+        QVERIFY(cellsOf(line) <= qMax(2, cells));
 }
 
 void TestScreen::everyPictureFitsWhateverStrangersSend()
@@ -266,14 +266,8 @@ void TestScreen::aPasteSendsNothing()
     CScreenState state;
     state.fit(contents);
     press(&state, contents, ScreenKey::Enter);
-    press(&state, contents, ScreenKey::PasteBegin);
-    for (const ScreenKey::Code code :
-         {ScreenKey::Enter, ScreenKey::Tab, ScreenKey::Interrupt, ScreenKey::Escape}) {
-        type(&state, contents, "б"_s);
-        QCOMPARE(press(&state, contents, code).kind, ScreenAction::Nothing);
-    }
-    press(&state, contents, ScreenKey::PasteEnd);
-    QCOMPARE(state.editor().text(), "б\nб\tбб"_s);
+    QCOMPARE(state.press({ScreenKey::Paste, "б\nв\t\x1b[2J\n"_s, 0}, contents).kind, ScreenAction::Nothing);
+    QCOMPARE(state.editor().text(), "б\nв\t[2J\n"_s);
     QCOMPARE(press(&state, contents, ScreenKey::Enter).kind, ScreenAction::SendText);
 }
 
