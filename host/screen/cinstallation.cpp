@@ -1,8 +1,8 @@
 #include "host/screen/cinstallation.h"
 
 #include "common/global.h"
-#include "host/conversation/transporttasks.h"
 #include "host/delivery/generalsettings.h"
+#include "host/screen/residentprocess.h"
 
 #include <QFileInfo>
 
@@ -13,13 +13,6 @@ constexpr int sweepMs = 3000;
 constexpr int quickMs = 250;
 constexpr int quickForMs = 5000; // since the last progress
 constexpr int mostRows = 1000;   // of the journal
-
-/// Whether an `abonent listen` is there: it holds this lock.
-bool isResidentThere(int level)
-{
-    CTransportLock lock(CTransportLock::Resident);
-    return !lock.tryLock(level);
-}
 
 } // namespace
 

@@ -5,11 +5,13 @@
 #include "host/commands/exitcodes.h"
 #include "host/console/printing.h"
 #include "host/conversation/transporttasks.h"
+#include "host/screen/residentprocess.h"
 
 #include <QCoreApplication>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <unistd.h>
 
 namespace {
@@ -91,6 +93,8 @@ void CScreen::act(const ScreenAction &action)
         return retry(action.number);
     case ScreenAction::StartResident:
         return startResident();
+    case ScreenAction::StopResident:
+        return stopResident();
     case ScreenAction::Ping:
         return ping(action.abonent);
     case ScreenAction::Quit:
@@ -179,8 +183,6 @@ void CScreen::withdraw(const QString &number)
 
 void CScreen::startResident()
 {
-    if (installation.contents().hasResident)
-        return say(QStringLiteral("Прием уже идет: abonent listen работает"));
     resident = std::make_unique<CBackgroundRun>();
     connect(resident.get(), &CBackgroundRun::said, this,
             [this](const QString &line) { say(QStringLiteral("Прием: %1").arg(line)); });
@@ -191,6 +193,18 @@ void CScreen::startResident()
     });
     const QString trouble = resident->start({QStringLiteral("listen")}, CBackgroundRun::Errors);
     say(trouble.isNull() ? QStringLiteral("Прием запускается в фоне; он останется и после выхода") : trouble);
+}
+
+void CScreen::stopResident()
+{
+    const pid_t process = residentProcess(level);
+    if (process > 0 && ::kill(process, SIGTERM) == 0)
+        return say(QStringLiteral("Прием останавливается, процесс %1").arg(process));
+    say(process > 0
+            ? QStringLiteral("Не удалось остановить прием, процесс %1: %2")
+                  .arg(process)
+                  .arg(qt_error_string())
+            : QStringLiteral("Не удалось узнать, какой процесс принимает: остановите abonent listen сами"));
 }
 
 void CScreen::ping(const QString &abonent)

@@ -38,6 +38,7 @@ private:
     void retry(const QString &number);
     void withdraw(const QString &number);
     void startResident();
+    void stopResident();
     void ping(const QString &abonent);
     void installationChanged();
     void noticeNew();

@@ -65,7 +65,7 @@ ScreenAction CScreenState::press(const ScreenKey &key, const ScreenContents &con
         if (key.code == ScreenKey::Interrupt)
             return quit();
         if (key.code == ScreenKey::Function)
-            return pressFunction(key.number);
+            return pressFunction(key.number, contents);
         if (asked != NoQuestion)
             return pressInQuestion(key);
         if (shownView == Transfers)
@@ -123,7 +123,7 @@ CEditor &CScreenState::currentEditor()
     return asked != NoQuestion ? answered : drafts[chosen];
 }
 
-ScreenAction CScreenState::pressFunction(int number)
+ScreenAction CScreenState::pressFunction(int number, const ScreenContents &contents)
 {
     ask(NoQuestion);
     switch (number) {
@@ -140,7 +140,7 @@ ScreenAction CScreenState::pressFunction(int number)
         show(Journal);
         break;
     case 5:
-        return {ScreenAction::StartResident, {}, {}, {}};
+        return switchResident(contents);
     case 6:
         return forContact(ScreenAction::Ping);
     case 7:
@@ -160,6 +160,15 @@ ScreenAction CScreenState::pressFunction(int number)
     default:
         break;
     }
+    return {};
+}
+
+ScreenAction CScreenState::switchResident(const ScreenContents &contents)
+{
+    if (!contents.hasResident)
+        return {ScreenAction::StartResident, {}, {}, {}};
+    if (isConfirmed(QStringLiteral("Прием идет. Остановить его - F5 еще раз")))
+        return {ScreenAction::StopResident, {}, {}, {}};
     return {};
 }
 

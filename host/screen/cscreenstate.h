@@ -28,6 +28,7 @@ struct ScreenAction
         Withdraw,   // number
         Retry,      // number
         StartResident,
+        StopResident,
         Ping, // abonent
         Quit,
         Suspend,
@@ -93,7 +94,8 @@ public:
     void setExtent(int pageRows, int mostScroll);
 
 private:
-    ScreenAction pressFunction(int number);
+    ScreenAction pressFunction(int number, const ScreenContents &contents);
+    ScreenAction switchResident(const ScreenContents &contents);
     ScreenAction pressInQuestion(const ScreenKey &key);
     ScreenAction pressInContacts(const ScreenKey &key, const ScreenContents &contents);
     ScreenAction pressInText(const ScreenKey &key, const ScreenContents &contents);

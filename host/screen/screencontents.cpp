@@ -70,7 +70,7 @@ public:
             if (found == written.end())
                 continue;
             message.date = found->date;
-            if (message.text.isNull())
+            if (!found->text.isEmpty())
                 message.text = found->text;
         }
     }

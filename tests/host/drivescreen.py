@@ -98,7 +98,7 @@ class Terminal:
             self.read(0.1)
 
 
-def talk(anna, place, boris, anna_program):
+def talk(anna, place, boris):
     anna.shows("Борис", "прием не запущен", "F5", "? все")
     anna.type("\rПривет из окна\r")
     anna.shows("Вы: Привет из окна [ждет]")
@@ -124,6 +124,7 @@ def talk(anna, place, boris, anna_program):
     anna.shows("Все передано")
     anna.type(ESCAPE)
     anna.shows("Tab контакты")
+    stop_and_go_on(anna)
 
 
 def stop_and_go_on(anna):
@@ -143,44 +144,40 @@ def stop_and_go_on(anna):
 
 
 def ended_by_signals(program):
+    """The resident goes on without the screen, and what was sent is remembered."""
     for number, code in ((signal.SIGTERM, 128 + signal.SIGTERM), (signal.SIGSEGV, -signal.SIGSEGV)):
         terminal = Terminal(program, 80, 24)
-        # The resident is still there, and what was sent is remembered.
         terminal.shows("прием идет", "Привет из окна [доставлено]", "файл отчет.txt")
+        if number == signal.SIGSEGV:
+            terminal.type(F5 + F5)
+            terminal.shows("прием не запущен")
         os.kill(terminal.child, number)
         assert terminal.end() == code & 0xff
         assert terminal.is_as_found(), f"the terminal was not given back after signal {number}"
 
 
-def resident_of(program):
-    """The process that listens for an installation: it holds a lock on its directory of tasks."""
+def processes_in(place):
+    """All that run a program of ours: what was started in the background as well."""
+    found = []
     for process in filter(str.isdigit, os.listdir("/proc")):
         try:
-            if os.readlink(f"/proc/{process}/exe") == program:
-                return int(process)
+            if os.readlink(f"/proc/{process}/exe").startswith(place):
+                found.append(int(process))
         except OSError:
             pass
-    return None
+    return found
 
 
 place = os.path.realpath(tempfile.mkdtemp(prefix="drivescreen-"))
-listener = None
-anna_program = None
 try:
     anna_program, anna_port = installation(place, "Анна")
     boris_program, boris_port = installation(place, "Борис")
     for program, name, port in ((anna_program, "Борис", boris_port), (boris_program, "Анна", anna_port)):
         subprocess.run([program, "contact", "add", name, f"127.0.0.1:{port}"], check=True, stdout=subprocess.DEVNULL)
-    listener = subprocess.Popen([boris_program, "listen"], stdout=subprocess.DEVNULL)
-    screen = Terminal(anna_program, 80, 24)
-    talk(screen, place, boris_program, anna_program)
-    stop_and_go_on(screen)
+    subprocess.Popen([boris_program, "listen"], stdout=subprocess.DEVNULL)
+    talk(Terminal(anna_program, 80, 24), place, boris_program)
     ended_by_signals(anna_program)
 finally:
-    if listener:
-        listener.terminate()
-        listener.wait()
-    resident = anna_program and resident_of(anna_program)
-    if resident:
-        os.kill(resident, signal.SIGTERM)
+    for process in processes_in(place):
+        os.kill(process, signal.SIGKILL)
     shutil.rmtree(place, ignore_errors=True)
