@@ -28,7 +28,7 @@ void keepOffTheScreen(QtMsgType type, const QMessageLogContext &context, const Q
 
 } // namespace
 
-CScreen::CScreen() : level(Global::currentSecrecy()), installation(level), sendOff(nullptr)
+CScreen::CScreen() : level(Global::currentSecrecy()), installation(level)
 {
     qRegisterMetaType<Outgoing>("Outgoing");
     drawing.setSingleShot(true);

@@ -52,8 +52,8 @@ private:
     CInstallation installation;
     CScreenState state;
     QThread sendThread;
-    CSendOff *sendOff; // lives in sendThread, which deletes it
-    int sending = 0;   // not yet in the outbox
+    CSendOff *sendOff = nullptr; // lives in sendThread, which deletes it
+    int sending = 0;             // not yet in the outbox
     bool isLeaving = false;
     int exitCode = 0;
     QTimer drawing;

@@ -8,6 +8,7 @@
 #include <array>
 #include <clocale>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -70,7 +71,7 @@ char *capability(const char *name)
     std::array<char, 16> copy{};
     std::strncpy(copy.data(), name, copy.size() - 1);
     char *value = ::tigetstr(copy.data());
-    return value == reinterpret_cast<char *>(-1) ? nullptr : value;
+    return reinterpret_cast<std::intptr_t>(value) == -1 ? nullptr : value; // -1: not a text
 }
 
 void prepareForCrashes()

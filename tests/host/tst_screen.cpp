@@ -166,8 +166,8 @@ void TestScreen::textTakesTheCellsItTakes()
 void TestScreen::everyPictureFitsWhateverStrangersSend()
 {
     const ScreenContents contents = hostileContents();
-    for (const int width : {20, 40, 63, 64, 80, 200}) {
-        for (const int height : {5, 10, 12, 24, 60}) {
+    for (const int width : {20, 40, 64, 200}) {
+        for (const int height : {5, 10, 24}) {
             for (int view = 1; view <= 8; ++view) { // F7 and F8 ask
                 CScreenState state;
                 state.fit(contents);
