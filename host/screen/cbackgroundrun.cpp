@@ -23,10 +23,9 @@ int spawn(const QStringList &arguments, CBackgroundRun::Heard heard, int writing
     std::vector<QByteArray> words{"abonent"};
     for (const QString &argument : arguments)
         words.push_back(argument.toUtf8());
-    std::vector<char *> pointers;
-    for (QByteArray &word : words)
-        pointers.push_back(word.data());
-    pointers.push_back(nullptr);
+    std::vector<char *> pointers(words.size() + 1, nullptr);
+    for (std::size_t i = 0; i < words.size(); ++i)
+        pointers[i] = words[i].data();
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -69,6 +68,7 @@ QString CBackgroundRun::start(const QStringList &arguments, Heard heard)
         result = spawn(arguments, heard, ends[1], &process);
         ::close(ends[1]);
     }
+    process = result == 0 ? process : -1;
     if (result != 0)
         return QStringLiteral("Не удалось запустить abonent %1: %2")
             .arg(arguments.join(QLatin1Char(' ')), qt_error_string(result));
@@ -95,5 +95,6 @@ void CBackgroundRun::read()
     notifier->setEnabled(false);
     int status = 0;
     ::waitpid(process, &status, 0); // it has closed its output: it is ending
+    process = -1;
     emit ended(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }

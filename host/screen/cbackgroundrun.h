@@ -30,6 +30,8 @@ public:
     /// @return null on success, else a text for people
     QString start(const QStringList &arguments, Heard heard);
 
+    bool isRunning() const { return process > 0; }
+
 Q_SIGNALS:
     /// It has said something: one line, untrusted.
     void said(const QString &line);

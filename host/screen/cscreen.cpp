@@ -168,21 +168,22 @@ void CScreen::retry(const QString &number)
 void CScreen::withdraw(const QString &number)
 {
     CTransportLock lock;
-    QString trouble;
     if (lock.tryLock(level)) {
         COutboxEntry entry;
         entry.directory = Outbox::directory(level).absoluteFilePath(number);
-        if (!entry.remove())
-            trouble = QStringLiteral("Не удалось отозвать сообщение %1").arg(number);
-    } else {
-        trouble = TransportTasks::add(level, {TransportTask::Withdraw, number});
+        say((entry.remove() ? QStringLiteral("Сообщение %1 отозвано")
+                            : QStringLiteral("Не удалось отозвать сообщение %1"))
+                .arg(number));
+        return installation.look();
     }
-    say(trouble.isNull() ? QStringLiteral("Сообщение %1 отозвано").arg(number) : trouble);
-    installation.look();
+    const QString trouble = TransportTasks::add(level, {TransportTask::Withdraw, number});
+    say(trouble.isNull() ? QStringLiteral("Сообщение %1 отзывается").arg(number) : trouble);
 }
 
 void CScreen::startResident()
 {
+    if (resident && resident->isRunning())
+        return say(QStringLiteral("Прием уже запускается"));
     resident = std::make_unique<CBackgroundRun>();
     connect(resident.get(), &CBackgroundRun::said, this,
             [this](const QString &line) { say(QStringLiteral("Прием: %1").arg(line)); });
@@ -209,6 +210,8 @@ void CScreen::stopResident()
 
 void CScreen::ping(const QString &abonent)
 {
+    if (pinging && pinging->isRunning())
+        return say(QStringLiteral("Ответа на прошлый вопрос еще нет"));
     pinging = std::make_unique<CBackgroundRun>();
     connect(pinging.get(), &CBackgroundRun::said, this, &CScreen::say);
     const QString trouble =
