@@ -214,16 +214,16 @@ ScreenAction CScreenState::answer()
 
 ScreenAction CScreenState::pressInContacts(const ScreenKey &key, const ScreenContents &contents)
 {
+    const bool isWritten = key.code == ScreenKey::Character || key.code == ScreenKey::Paste;
+    const bool isOpened =
+        key.code == ScreenKey::Enter || key.code == ScreenKey::Tab || key.code == ScreenKey::Right;
     if (isLetter(key, "?"))
         show(Help);
-    else if (isLetter(key, "qQйЙ"))
-        return quit();
-    else if ((key.code == ScreenKey::Enter || key.code == ScreenKey::Tab || key.code == ScreenKey::Right) &&
-             !chosen.isEmpty())
+    else if ((isWritten || isOpened) && !chosen.isEmpty())
         focused = OnText;
     else
         move(key, contents);
-    return {};
+    return isWritten && focused == OnText ? pressInText(key, contents) : ScreenAction();
 }
 
 void CScreenState::move(const ScreenKey &key, const ScreenContents &contents)

@@ -272,7 +272,7 @@ Rows remark(const Around &around, int mostRows)
     const QString trouble = around.contents.trouble;
     const QString &said = around.state.message();
     ScreenStyle style = said.isEmpty() ? ScreenStyle::Alert : ScreenStyle::Strong;
-    QString text = said.isEmpty() ? trouble : said;
+    QString text = QString(said.isEmpty() ? trouble : said).replace(QLatin1Char('\n'), QLatin1Char(' '));
     if (text.isEmpty() && !around.contents.hasResident)
         text = QStringLiteral("Не принимаем и не передаем. F5 - запустить прием в фоне");
     Rows rows;
