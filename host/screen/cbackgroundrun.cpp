@@ -1,7 +1,5 @@
 #include "host/screen/cbackgroundrun.h"
 
-#include "host/conversation/descriptors.h"
-
 #include <QFile>
 #include <QSocketNotifier>
 
@@ -54,8 +52,7 @@ CBackgroundRun::CBackgroundRun() = default;
 
 CBackgroundRun::~CBackgroundRun()
 {
-    notifier.reset();
-    closeDescriptor(&output);
+    notifier.reset(); // before what it watches
 }
 
 QString CBackgroundRun::start(const QStringList &arguments, Heard heard)
@@ -63,8 +60,8 @@ QString CBackgroundRun::start(const QStringList &arguments, Heard heard)
     int ends[2];
     int result = ::pipe2(ends, O_CLOEXEC) == 0 ? 0 : errno;
     if (result == 0) {
-        output = ends[0];
-        ::fcntl(output, F_SETFL, O_NONBLOCK);
+        output.reset(ends[0]);
+        ::fcntl(output.get(), F_SETFL, O_NONBLOCK);
         result = spawn(arguments, heard, ends[1], &process);
         ::close(ends[1]);
     }
@@ -72,7 +69,7 @@ QString CBackgroundRun::start(const QStringList &arguments, Heard heard)
     if (result != 0)
         return QStringLiteral("Не удалось запустить abonent %1: %2")
             .arg(arguments.join(QLatin1Char(' ')), qt_error_string(result));
-    notifier = std::make_unique<QSocketNotifier>(output, QSocketNotifier::Read);
+    notifier = std::make_unique<QSocketNotifier>(output.get(), QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &CBackgroundRun::read);
     return QString();
 }
@@ -80,7 +77,7 @@ QString CBackgroundRun::start(const QStringList &arguments, Heard heard)
 void CBackgroundRun::read()
 {
     char bytes[4096];
-    const ssize_t count = ::read(output, bytes, sizeof(bytes));
+    const ssize_t count = ::read(output.get(), bytes, sizeof(bytes));
     if (count < 0)
         return;
     rest.append(bytes, int(count));

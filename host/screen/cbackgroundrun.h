@@ -3,6 +3,8 @@
 // It has a session of its own and goes on when we end; what it says then goes nowhere, which it can bear.
 #pragma once
 
+#include "common/descriptor.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QStringList>
@@ -42,7 +44,7 @@ Q_SIGNALS:
 private:
     void read();
 
-    int output = -1;
+    CDescriptor output;
     pid_t process = -1;
     QByteArray rest;
     std::unique_ptr<QSocketNotifier> notifier;

@@ -2,7 +2,6 @@
 
 #include "common/global.h"
 #include "common/trustedfile.h"
-#include "host/conversation/descriptors.h"
 
 #include <QFile>
 
@@ -29,8 +28,8 @@ QString CSeenMarks::add(const QStringList &identities)
         lines += identity.toLatin1() + '\n';
     }
     const CDescriptor file = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_APPEND, 0600);
-    if (!file.isOpen() || !writeAll(file.get(), {lines.constData(), std::size_t(lines.size())}))
-        return QStringLiteral("Не удалось записать, что прочитано, %1: %2").arg(path, systemReason());
+    if (!file.isOpen() || !Io::writeAll(file, lines))
+        return QStringLiteral("Не удалось записать, что прочитано, %1: %2").arg(path, qt_error_string());
     Global::setFilePermissions(path);
     return QString();
 }

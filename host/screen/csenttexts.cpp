@@ -2,7 +2,6 @@
 
 #include "common/global.h"
 #include "common/trustedfile.h"
-#include "host/conversation/descriptors.h"
 #include "host/screen/textfile.h"
 
 #include <QFile>
@@ -24,10 +23,10 @@ QString CSentTexts::keep(const QString &identity, const QString &text) const
     bool isKept = Global::makePath(QDir(directory));
     if (isKept) {
         const CDescriptor file = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
-        isKept = file.isOpen() && writeAll(file.get(), {bytes.constData(), std::size_t(bytes.size())});
+        isKept = file.isOpen() && Io::writeAll(file, bytes);
     }
     if (!isKept)
-        return QStringLiteral("Текст не останется в разговоре, %1: %2").arg(path, systemReason());
+        return QStringLiteral("Текст не останется в разговоре, %1: %2").arg(path, qt_error_string());
     Global::setFilePermissions(path);
     return QString();
 }

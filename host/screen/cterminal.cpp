@@ -1,6 +1,5 @@
 #include "host/screen/cterminal.h"
 
-#include "host/conversation/descriptors.h"
 #include "host/text/textwidth.h"
 
 #include <QSocketNotifier>
@@ -238,8 +237,8 @@ QString CTerminal::enter()
 
     keyNotifier = std::make_unique<QSocketNotifier>(STDIN_FILENO, QSocketNotifier::Read);
     connect(keyNotifier.get(), &QSocketNotifier::activated, this, &CTerminal::readKeys);
-    signalDescriptor = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    signalNotifier = std::make_unique<QSocketNotifier>(signalDescriptor, QSocketNotifier::Read);
+    signalDescriptor.reset(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    signalNotifier = std::make_unique<QSocketNotifier>(signalDescriptor.get(), QSocketNotifier::Read);
     connect(signalNotifier.get(), &QSocketNotifier::activated, this, &CTerminal::readSignals);
     return QString();
 }
@@ -272,7 +271,7 @@ void CTerminal::leave()
     isEntered = false;
     keyNotifier.reset();
     signalNotifier.reset();
-    closeDescriptor(&signalDescriptor);
+    signalDescriptor.reset();
     say(pasteOff);
     ::endwin();
     forgetCrashes();
@@ -352,7 +351,7 @@ void CTerminal::readSignals()
     signalfd_siginfo info{};
     bool hasToStop = false;
     bool isAnother = false;
-    while (::read(signalDescriptor, &info, sizeof(info)) == sizeof(info)) {
+    while (::read(signalDescriptor.get(), &info, sizeof(info)) == sizeof(info)) {
         hasToStop |= info.ssi_signo == SIGTSTP;
         isAnother |= info.ssi_signo != SIGTSTP;
     }

@@ -5,6 +5,7 @@
 // would.
 #pragma once
 
+#include "common/descriptor.h"
 #include "host/screen/screenkey.h"
 #include "host/screen/screenpicture.h"
 
@@ -67,7 +68,7 @@ private:
     bool hasColours = false;
     bool isPasting = false;
     QString pasted;
-    int signalDescriptor = -1;
+    CDescriptor signalDescriptor;
     std::unique_ptr<QSocketNotifier> keyNotifier;
     std::unique_ptr<QSocketNotifier> signalNotifier;
 };

@@ -60,8 +60,12 @@ ScreenRow titleRow(const Around &around)
             .arg(shortenedInMiddle(Cells::shown(around.contents.ownName), 16), viewName(around.state.view()));
     if (unseen > 0)
         left += QStringLiteral(" | новых %1").arg(unseen);
-    if (!around.contents.transfers.empty())
-        left += QStringLiteral(" | в пути %1").arg(around.contents.transfers.size());
+    const auto &transfers = around.contents.transfers;
+    const auto onTheirWay =
+        std::count_if(transfers.begin(), transfers.end(),
+                      [](const ScreenTransfer &transfer) { return transfer.state != ScreenMessage::Event; });
+    if (onTheirWay > 0)
+        left += QStringLiteral(" | в пути %1").arg(onTheirWay);
     return oneSpan(Cells::fitted(left, around.width - cellsOf(right)) + right, ScreenStyle::Title);
 }
 

@@ -1,7 +1,8 @@
 #include "host/screen/textfile.h"
 
 #include "common/trustedfile.h"
-#include "host/conversation/descriptors.h"
+
+#include <QFile>
 
 namespace {
 
@@ -16,16 +17,16 @@ bool isInsideLetter(char byte)
 
 QString beginningOfText(const QString &path)
 {
-    QByteArray bytes(shownBytes + 1, Qt::Uninitialized);
-    const CDescriptor file = TrustedFile::openNoFollow(path, O_RDONLY);
-    const qint64 count = file.isOpen() ? readAll(file.get(), bytes.data(), bytes.size()) : -1;
-    if (count < 0)
+    const CDescriptor opened = TrustedFile::openNoFollow(path, O_RDONLY);
+    QFile file;
+    if (!opened.isOpen() || !file.open(opened.get(), QIODevice::ReadOnly))
         return QString();
-    int end = int(count);
-    if (count > shownBytes) {
+    const QByteArray bytes = file.read(shownBytes + 1);
+    int end = bytes.size();
+    if (end > shownBytes) {
         for (end = shownBytes; end > 0 && isInsideLetter(bytes[end]); --end) {
         }
     }
     const QString text = QString::fromUtf8(bytes.constData(), end);
-    return count > shownBytes ? text + QStringLiteral("...\n[целиком: %1]").arg(path) : text;
+    return bytes.size() > shownBytes ? text + QStringLiteral("...\n[целиком: %1]").arg(path) : text;
 }
