@@ -60,7 +60,9 @@ void CInstallation::begin()
 {
     for (const QDir &place : {Global::inputMessagesDir(level), Global::outputMessagesDir(level),
                               Global::incompleteMessagesDir(level)})
-        Global::makePath(place); // what is not there cannot be watched
+        if (!Global::makePath(place)) // what is not there cannot be watched
+            rightsTrouble = QStringLiteral("Нет прав на каталог %1: принять и передать ничего нельзя")
+                                .arg(place.absolutePath());
     sweep.start(sweepMs);
     look();
 }
@@ -113,7 +115,10 @@ void CInstallation::assembleAll()
     shown = assemble(sources);
     shown.ownName = GeneralSettings::chosenName(QString());
     shown.hasResident = hasResident;
-    shown.trouble = contactTrouble.isNull() ? journalTrouble : contactTrouble;
+    for (const QString &trouble : {rightsTrouble, contactTrouble, journalTrouble}) {
+        if (shown.trouble.isNull())
+            shown.trouble = trouble;
+    }
     emit changed();
 }
 

@@ -60,6 +60,7 @@ private:
     QString readStamp; // of the journal, when last read
     QString journalTrouble;
     QString contactTrouble;
+    QString rightsTrouble;
     QVector<CContact> known;
     bool hasResident = false;
     ScreenContents shown;

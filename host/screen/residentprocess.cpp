@@ -1,16 +1,23 @@
 #include "host/screen/residentprocess.h"
 
+#include "common/descriptor.h"
 #include "host/conversation/transporttasks.h"
 
 #include <QFile>
 
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 bool isResidentThere(int level)
 {
-    CTransportLock lock(CTransportLock::Resident);
-    return !lock.tryLock(level);
+    // Asked for a shared lock: other screens may ask at the same time, and a directory that is not there is
+    // not made.
+    const QByteArray path = QFile::encodeName(TransportTasks::directory(level).absolutePath());
+    const CDescriptor place(::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return place.isOpen() && ::flock(place.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 // A line of /proc/locks:   1: FLOCK  ADVISORY  WRITE 1234 08:01:5678 0 EOF
