@@ -26,18 +26,10 @@ std::vector<ScreenRow> styledRows(const QString &text, int headSize, ScreenStyle
     return rows;
 }
 
-int widthOf(const ScreenRow &row)
-{
-    int sum = 0;
-    for (const ScreenSpan &span : row)
-        sum += cellsOf(span.text);
-    return sum;
-}
-
 /// Behind the last row where there is room, else in rows of its own.
 void addState(std::vector<ScreenRow> *rows, const QString &text, ScreenStyle style, int width)
 {
-    if (widthOf(rows->back()) + 1 + cellsOf(text) <= width) {
+    if (cellsOf(rows->back()) + 1 + cellsOf(text) <= width) {
         rows->back().push_back({QLatin1Char(' ') + text, style});
         return;
     }
@@ -99,6 +91,14 @@ QString stateWord(const ScreenTransfer &transfer)
 }
 
 } // namespace
+
+int cellsOf(const ScreenRow &row)
+{
+    int sum = 0;
+    for (const ScreenSpan &span : row)
+        sum += cellsOf(span.text);
+    return sum;
+}
 
 QStringList hanging(const QString &text, int width, int indent)
 {

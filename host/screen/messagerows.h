@@ -15,5 +15,7 @@ std::vector<ScreenRow> transferRows(const ScreenTransfer &transfer, int width, b
 
 std::vector<ScreenRow> journalRows(const JournalEntry &entry, int width);
 
+int cellsOf(const ScreenRow &row);
+
 /// A text of which all rows but the first begin with @a indent blanks.
 QStringList hanging(const QString &text, int width, int indent);

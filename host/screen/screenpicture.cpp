@@ -16,6 +16,9 @@ using Rows = std::vector<ScreenRow>;
 constexpr int leastWidth = 20;
 constexpr int leastHeight = 5;
 constexpr int twoPanesWidth = 64;
+constexpr int leastListWidth = 18; // of contacts
+constexpr int mostListWidth = 28;
+constexpr int mostOwnName = 16;
 constexpr int rowsWithLine = 12; // a lower screen has no line above the text
 constexpr int mostRemarkRows = 4;
 constexpr int rowsAround = 2; // title, keys
@@ -55,9 +58,9 @@ ScreenRow titleRow(const Around &around)
         unseen += contact.unseen;
     const QString right =
         around.contents.hasResident ? QStringLiteral(" прием идет ") : QStringLiteral(" прием не запущен ");
-    QString left =
-        QStringLiteral(" %1 | %2")
-            .arg(shortenedInMiddle(Cells::shown(around.contents.ownName), 16), viewName(around.state.view()));
+    QString left = QStringLiteral(" %1 | %2")
+                       .arg(shortenedInMiddle(Cells::shown(around.contents.ownName), mostOwnName),
+                            viewName(around.state.view()));
     if (unseen > 0)
         left += QStringLiteral(" | новых %1").arg(unseen);
     const auto &transfers = around.contents.transfers;
@@ -331,10 +334,7 @@ Rows beside(const Rows &left, const Rows &right, int leftWidth, int height)
     Rows rows;
     for (std::size_t i = 0; i < std::size_t(height); ++i) {
         ScreenRow row = i < left.size() ? left[i] : ScreenRow();
-        int used = 0;
-        for (const ScreenSpan &span : row)
-            used += cellsOf(span.text);
-        row.push_back({QString(leftWidth - used, QLatin1Char(' ')), ScreenStyle::Plain});
+        row.push_back({QString(leftWidth - cellsOf(row), QLatin1Char(' ')), ScreenStyle::Plain});
         row.push_back({QStringLiteral("│ "), ScreenStyle::Faint});
         if (i < right.size())
             row.insert(row.end(), right[i].begin(), right[i].end());
@@ -346,7 +346,7 @@ Rows beside(const Rows &left, const Rows &right, int leftWidth, int height)
 Rows talk(const Around &around, ScreenPicture *picture)
 {
     if (around.width >= twoPanesWidth) {
-        const int left = qBound(18, around.width / 4, 28);
+        const int left = qBound(leastListWidth, around.width / 4, mostListWidth);
         const int right = around.width - left - 2;
         return beside(contactList(around, left, picture->page),
                       conversation(around, right, picture->page, &picture->mostScroll), left, picture->page);
