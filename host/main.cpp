@@ -11,6 +11,7 @@
 #include "host/commands/failures.h"
 #include "host/console/printing.h"
 #include "host/installationrights.h"
+#include "host/screen/cscreen.h"
 #include "host/text/reasons.h"
 
 #include <QCoreApplication>
@@ -105,7 +106,8 @@ int main(int argc, char *argv[])
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
     QCoreApplication application(argc, argv);
     LoggerData::initDebug(nullptr);
-    const int code = run(CommandLine::parse(QCoreApplication::arguments().mid(1)));
+    const QStringList arguments = QCoreApplication::arguments().mid(1);
+    const int code = arguments.isEmpty() && isOnTerminal() ? runScreen() : run(CommandLine::parse(arguments));
 
     const int reason = printingError();
     if (code != ExitDone || reason == 0 || reason == EPIPE) // a reader may go when it has enough

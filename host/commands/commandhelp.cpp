@@ -33,6 +33,8 @@ int mostColumn()
 
 constexpr char summary[] = "обмен сообщениями и файлами между абонентами через модули каналов";
 
+constexpr char screenPurpose[] = "полный экран: разговоры, передачи, журнал (на терминале; клавиши - F1)";
+
 /// Breaks a text into lines. The first one is @a used characters long already.
 QString wrapped(const QString &text, int indent, int used)
 {
@@ -118,7 +120,7 @@ bool isExample(const QString &paragraph)
 
 QString overview()
 {
-    std::vector<Row> commands;
+    std::vector<Row> commands{{QStringLiteral("abonent"), QString::fromUtf8(screenPurpose)}};
     for (const Command &command : commandTable()) {
         for (const CommandForm &form : shownForms(command))
             commands.push_back({usage(command, form), QString::fromUtf8(form.purpose)});
@@ -191,11 +193,12 @@ QString manualPage()
                                   ".SH НАЗВАНИЕ\nabonent \\- %2\n"
                                   ".SH ВЫЗОВ\n")
                        .arg(QLatin1String(BuildConstants::version), QString::fromUtf8(summary));
+    page += QStringLiteral("abonent\n.br\n");
     for (const Command &command : commandTable()) {
         for (const CommandForm &form : shownForms(command))
             page += roff(usageWithOptions(command, form)) + QStringLiteral("\n.br\n");
     }
-    page += QStringLiteral(".SH КОМАНДЫ\n");
+    page += QStringLiteral(".SH КОМАНДЫ\n.SS abonent\n%1.\n").arg(roff(QString::fromUtf8(screenPurpose)));
     for (const Command &command : commandTable()) {
         if (!shownForms(command).empty())
             page += manualOf(command);

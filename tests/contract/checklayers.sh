@@ -21,7 +21,7 @@ while read -r line; do
     done
     for room in $line; do above="$above${above:+|}$([ "$room" = . ] && echo '[^/]*"' || echo "$room/")"; done
 done <<'ROOMS'
-. commands check health
+. commands check health screen
 settings logs
 conversation
 delivery
