@@ -40,6 +40,44 @@ void CEditor::right()
     cursor = Cells::next(written, cursor);
 }
 
+/// How many characters stand before the cursor in its line.
+int CEditor::column() const
+{
+    const int start = cursor > 0 ? written.lastIndexOf(QLatin1Char('\n'), cursor - 1) + 1 : 0;
+    return Cells::characters(written.mid(start, cursor - start)).size();
+}
+
+void CEditor::moveTo(int lineStart, int characters)
+{
+    cursor = lineStart;
+    for (; characters > 0 && cursor < written.size() && !isLineFeed(written[cursor]); --characters)
+        right();
+}
+
+bool CEditor::up()
+{
+    const int characters = column();
+    const int before = cursor;
+    toStart();
+    if (cursor == 0) {
+        cursor = before;
+        return false;
+    }
+    left(); // to the end of the line above
+    toStart();
+    moveTo(cursor, characters);
+    return true;
+}
+
+bool CEditor::down()
+{
+    const int end = written.indexOf(QLatin1Char('\n'), cursor);
+    if (end < 0)
+        return false;
+    moveTo(end + 1, column());
+    return true;
+}
+
 void CEditor::toStart()
 {
     while (cursor > 0 && !isLineFeed(written[cursor - 1]))

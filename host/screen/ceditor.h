@@ -18,6 +18,8 @@ public:
 
     void left();
     void right();
+    bool up();      // a line; false: it is the first one
+    bool down();    // likewise
     void toStart(); // of the line
     void toEnd();
     void deleteBefore();
@@ -36,6 +38,9 @@ public:
     Layout layout(int cells) const;
 
 private:
+    int column() const;
+    void moveTo(int lineStart, int characters);
+
     QString written;
     int cursor = 0;
 };

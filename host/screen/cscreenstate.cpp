@@ -246,8 +246,8 @@ ScreenAction CScreenState::pressInText(const ScreenKey &key, const ScreenContent
         focused = OnContacts;
     else if (key.code == ScreenKey::LineFeed)
         currentEditor().insert(QStringLiteral("\n"));
-    else if (!scrollBy(key))
-        edit(key);
+    else if (!edit(key))
+        scrollBy(key);
     return {};
 }
 
@@ -330,6 +330,10 @@ bool CScreenState::edit(const ScreenKey &key)
     case ScreenKey::Right:
         now.right();
         return true;
+    case ScreenKey::Up:
+        return now.up();
+    case ScreenKey::Down:
+        return now.down();
     case ScreenKey::Home:
         now.toStart();
         return true;

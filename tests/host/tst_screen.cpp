@@ -126,7 +126,7 @@ private slots:
     void everyPictureFitsWhateverStrangersSend();
     void theDiskIsJoinedIntoConversations();
     void keysDoWhatTheySay();
-    void aPasteSendsNothing();
+    void aPasteIsOneText();
     void pathsAreCompleted();
 };
 
@@ -257,7 +257,7 @@ void TestScreen::keysDoWhatTheySay()
         QCOMPARE(press(&state, contents, ScreenKey::Delete).kind, ScreenAction::Nothing);
 }
 
-void TestScreen::aPasteSendsNothing()
+void TestScreen::aPasteIsOneText()
 {
     ScreenSources sources;
     sources.contacts = {contact("Борис"_s)};
@@ -267,6 +267,15 @@ void TestScreen::aPasteSendsNothing()
     press(&state, contents, ScreenKey::Enter);
     QCOMPARE(state.press({ScreenKey::Paste, "б\nв\t\x1b[2J\n"_s, 0}, contents).kind, ScreenAction::Nothing);
     QCOMPARE(state.editor().text(), "б\nв\t[2J\n"_s);
+    // Up and down within the text, the column kept in characters; then the conversation scrolls.
+    state.press({ScreenKey::Paste, "e\u0301ё"_s, 0}, contents);
+    press(&state, contents, ScreenKey::Up);
+    type(&state, contents, "^"_s);
+    press(&state, contents, ScreenKey::Up);
+    type(&state, contents, "!"_s);
+    press(&state, contents, ScreenKey::Down);
+    press(&state, contents, ScreenKey::Delete);
+    QCOMPARE(state.editor().text(), "б!\nв\t[2J\ne\u0301ё"_s);
     QCOMPARE(press(&state, contents, ScreenKey::Enter).kind, ScreenAction::SendText);
 }
 
