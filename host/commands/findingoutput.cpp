@@ -5,8 +5,6 @@
 #include "host/console/printing.h"
 #include "host/text/untrustedtext.h"
 
-#include <QJsonObject>
-
 namespace {
 
 struct SignName

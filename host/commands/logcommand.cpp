@@ -12,7 +12,6 @@
 #include "host/logs/clogs.h"
 #include "host/text/untrustedtext.h"
 
-#include <QJsonObject>
 #include <QThread>
 
 #include <limits>
@@ -75,13 +74,12 @@ void print(const LogRecord &record, bool isJson)
 {
     const QDateTime time = record.dateTime();
     if (isJson) {
-        printJsonLine(
-            {{QStringLiteral("event"), QStringLiteral("record")},
-             {QStringLiteral("time"), time.toOffsetFromUtc(time.offsetFromUtc()).toString(Qt::ISODateWithMs)},
-             {QStringLiteral("source"), record.source},
-             {QStringLiteral("thread"), record.thread},
-             {QStringLiteral("text"), record.text},
-             {QStringLiteral("file"), record.file}});
+        printJsonLine({{QStringLiteral("event"), QStringLiteral("record")},
+                       {QStringLiteral("time"), jsonTime(time)},
+                       {QStringLiteral("source"), record.source},
+                       {QStringLiteral("thread"), record.thread},
+                       {QStringLiteral("text"), record.text},
+                       {QStringLiteral("file"), record.file}});
         return;
     }
     const QStringList lines = record.text.split(QLatin1Char('\n'));
