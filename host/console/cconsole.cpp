@@ -258,7 +258,8 @@ std::vector<Piece> CConsole::State::draw(const std::deque<Block> &newBlocks, con
     QByteArray drawn;
     for (const QString &row : liveRows.mid(0, most)) {
         QString shown = cutToCells(printable(row), width);
-        while (shown.endsWith(QLatin1Char(' '))) // a terminal that becomes narrower does not count them either
+        while (
+            shown.endsWith(QLatin1Char(' '))) // a terminal that becomes narrower does not count them either
             shown.chop(1);
         drawn += (rowsOnScreen.empty() ? QByteArray() : QByteArray("\r\n")) + shown.toUtf8();
         rowsOnScreen.push_back(cellsOf(shown));

@@ -13,8 +13,8 @@ struct Progress
     qint64 speed = 0; // bytes per second; 0: unknown, as is the time left
 };
 
-/// At most @a cells wide, 39 at least. Where there is little room the amounts, the size and the speed are left
-/// out one after the other, and the name is shortened in its middle.
+/// At most @a cells wide, 39 at least. Where there is little room the amounts, the size and the speed are
+/// left out one after the other, and the name is shortened in its middle.
 QString progressRow(const Progress &progress, int cells);
 
 /// "45 %" of bytes; 100 only when all are there.
