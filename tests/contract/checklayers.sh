@@ -22,6 +22,7 @@ while read -r line; do
     for room in $line; do above="$above${above:+|}$([ "$room" = . ] && echo '[^/]*"' || echo "$room/")"; done
 done <<'ROOMS'
 . commands check
+service
 conversation
 delivery
 console
