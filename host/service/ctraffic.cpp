@@ -6,7 +6,6 @@
 
 void CTraffic::follow(const CChannelServer &server)
 {
-    --open;
     --connections;
     {
         const std::lock_guard lock(mutex);
@@ -20,7 +19,6 @@ void CTraffic::follow(const CChannelServer &server)
 int CTraffic::addConnection(int kind, const QString &label, const QString &text)
 {
     ++connections;
-    ++open;
     const int handle = next.addConnection(kind, label, text);
     const std::lock_guard lock(mutex);
     states[handle] = text;
@@ -29,7 +27,6 @@ int CTraffic::addConnection(int kind, const QString &label, const QString &text)
 
 void CTraffic::removeConnection(int handle)
 {
-    --open;
     {
         const std::lock_guard lock(mutex);
         states.erase(handle);
@@ -63,7 +60,6 @@ void CTraffic::addSent(int handle, int bytes)
 CTraffic::Counts CTraffic::counts() const
 {
     Counts result;
-    result.openNow = open;
     result.connections = connections;
     result.conversations = conversations;
     result.failedCalls = failedCalls;
@@ -71,10 +67,13 @@ CTraffic::Counts CTraffic::counts() const
     result.sent = sent;
     QStringList texts;
     const std::lock_guard lock(mutex);
+    result.openNow = qint64(states.size());
     for (const int handle : servers) {
         const auto entry = states.find(handle);
-        if (entry != states.end())
-            texts << entry->second;
+        if (entry == states.end())
+            continue;
+        texts << entry->second;
+        --result.openNow;
     }
     result.state = texts.join(QStringLiteral("; "));
     return result;

@@ -55,7 +55,6 @@ private:
     std::atomic<qint64> failedCalls{0};
     std::atomic<qint64> received{0};
     std::atomic<qint64> sent{0};
-    std::atomic<qint64> open{0};
     mutable std::mutex mutex;      // guards the following
     std::map<int, QString> states; // of all entries, by handle
     std::vector<int> servers;      // handles
