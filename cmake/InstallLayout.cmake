@@ -67,6 +67,7 @@ install(TARGETS observer LIBRARY DESTINATION ${programDir}/checkPlugins COMPONEN
 install(TARGETS transportIp LIBRARY DESTINATION ${pluginDir} COMPONENT plugin)
 set(hostDocuments ${PROJECT_BINARY_DIR}/host)
 install(FILES ${hostDocuments}/abonent.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)
+install(FILES ${hostDocuments}/abonent.ru.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/ru/man1 COMPONENT host RENAME abonent.1)
 install(FILES ${hostDocuments}/abonent.bash DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
   COMPONENT host RENAME abonent)
 install(DIRECTORY docs/ru/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/abonent COMPONENT runtime FILES_MATCHING PATTERN *.md)
