@@ -18,6 +18,7 @@ include(CMakePackageConfigHelpers)
 option(IPCHANNEL_INSTALL "Make the rules for installing and packaging" ${PROJECT_IS_TOP_LEVEL})
 set(IPCHANNEL_HOME "" CACHE STRING "Directory below the prefix that holds bin/, settings/ and data/; empty: the prefix")
 set(IPCHANNEL_STATE_DIR "" CACHE STRING "Absolute directory that settings/ and data/ link to; empty: no links")
+set(IPCHANNEL_UNIT_DIR /lib/systemd/system CACHE STRING "Where the packages have units of systemd")
 
 set(headerDir include/ipChannel)
 set(programDir bin)
