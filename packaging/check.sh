@@ -6,7 +6,7 @@
 set -Eeuo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/prepare.sh
-prepare lintian debootstrap dpkg-dev fakeroot lnav iproute2
+prepare lintian debootstrap dpkg-dev fakeroot lnav iproute2 man-db procps
 
 root=$(mktemp -d)
 manager= # process number of the booted system's first process
@@ -39,7 +39,8 @@ if [ "${1:-}" != --here ]; then
         echo "debootstrap failed; installing into this system instead."
     fi
 fi
-inside() { chroot "$system" env LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"; }
+exec= # set to the word itself in the background, so that $! is the program
+inside() { $exec chroot "$system" env LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"; }
 # as GROUP COMMAND: somebody without rights of his own
 as() { inside setpriv --reuid nobody --clear-groups --regid "$1" env USER=nobody "${@:2}"; }
 
@@ -55,7 +56,7 @@ step "Run"
 shows_port() { as ipchannel abonent settings show >"$root/shown"; grep -Eq "^ *port +$1 " "$root/shown"; }
 as ipchannel abonent settings set port=18123 >"$root/log"
 shows_port 18123
-as ipchannel timeout -s INT 30 abonent listen --name Борис >"$root/boris" &
+exec=exec as ipchannel timeout -s INT 30 abonent listen --name Борис >"$root/boris" &
 listener=$!
 for _ in {1..100}; do
     grep -q 'успешно запущен' "$root/boris" && break
