@@ -85,7 +85,9 @@ void CMessenger::close()
     if (isClosing)
         return;
     isClosing = true;
-    watcher.removePaths(watcher.directories() + watcher.files());
+    const QStringList watched = watcher.directories() + watcher.files();
+    if (!watched.isEmpty()) // before open() there is nothing, which Qt would complain about
+        watcher.removePaths(watched);
     for (const Channel &channel : channels)
         channel.server->stop();
 }

@@ -173,7 +173,7 @@ if [ "$system" != / ] && boot; then
     sleep 2
     booted systemd-tmpfiles --clean
     [ -z "$(booted ls $inbox/input)" ]
-    booted test -s $inbox/stored.index -a -s /var/lib/ipchannel/data/0/messages/output/*/message
+    booted sh -c "test -s $inbox/stored.index && test -s /var/lib/ipchannel/data/0/messages/output/*/message"
 
     step "A program that hangs is started again"
     booted mkdir -p /run/systemd/system/abonent.service.d
