@@ -83,7 +83,7 @@ void CMessenger::close()
         return;
     isClosing = true;
     const QStringList watched = watcher.directories() + watcher.files();
-    if (!watched.isEmpty()) // it complains otherwise
+    if (!watched.isEmpty()) // before open() there is nothing, which Qt would complain about
         watcher.removePaths(watched);
     for (const Channel &channel : channels)
         channel.server->stop();

@@ -8,8 +8,10 @@
 #include "host/commands/newslines.h"
 #include "host/console/jsonlines.h"
 #include "host/delivery/fingerprintwords.h"
+#include "host/service/owndescriptors.h"
 #include "transportIp/ipsettings.h"
 
+#include <QDateTime>
 #include <QFile>
 
 #include <atomic>
@@ -66,9 +68,9 @@ CProgram::CProgram(const CommandLine &line, Role chosenRole, CConsole &shownOn, 
       monitor(console, chosenRole == Resident || line.has("verbose") ? CConsoleMonitor::Shown
                                                                      : CConsoleMonitor::Silent),
       journal(console), role(chosenRole), settings(GeneralSettings::load()), givenName(line.value("name")),
-      ownName(GeneralSettings::chosenName(givenName)),
+      ownName(GeneralSettings::chosenName(givenName)), startTime(QDateTime::currentSecsSinceEpoch()),
       messages(level, {settings.journalKeepDays, settings.journalKeepRows}), inbox(level),
-      unnamed(mostUnnamed(), mostUnnamed() / 2), messenger(console, monitor, context(ping))
+      unnamed(mostUnnamed(), mostUnnamed() / 2), messenger(console, traffic, context(ping))
 {
     gIsVerbose = line.has("verbose");
     monitor.showAbove([this](int cells) { return transferRows.rows(cells); });
@@ -160,6 +162,8 @@ void CProgram::open(const QString &only, const QString &fresh)
         isStarted = true;
         noteRow(JournalRow::Started);
     }
+    if (const CChannelServer *server = messenger.server(ipKind))
+        traffic.follow(*server);
     if (role == Asker || !messenger.server(ipKind))
         return;
     CPostOffice::Around around;
@@ -178,8 +182,45 @@ void CProgram::open(const QString &only, const QString &fresh)
 
 void CProgram::close()
 {
+    if (office)
+        callsPlaced = office->placedCalls();
     office.reset(); // it uses the servers
     messenger.close();
+}
+
+CServiceNotifier::State CProgram::state() const
+{
+    const CTraffic::Counts now = traffic.counts();
+    // A kind of channel that listens nowhere is ready when it has started.
+    const bool isReady = !messenger.server(ipKind) || OwnDescriptors::look().isListening;
+    return {isReady, QStringLiteral("%1. Соединений: %2; принято сообщений: %3, доставлено: %4")
+                         .arg(now.state, QString::number(now.openNow),
+                              QString::number(messages.count(JournalRow::Received).rows),
+                              QString::number(messages.count(JournalRow::Sent).rows))};
+}
+
+Metrics CProgram::metrics() const
+{
+    const CTraffic::Counts now = traffic.counts();
+    const JournalCount received = messages.count(JournalRow::Received);
+    const JournalCount sent = messages.count(JournalRow::Sent);
+    Metrics result;
+    result.startTime = startTime;
+    result.connections = now.openNow;
+    result.connectionsTotal = now.connections;
+    result.conversationsTotal = now.conversations;
+    result.callsTotal = office ? office->placedCalls() : callsPlaced;
+    result.failedCallsTotal = now.failedCalls;
+    result.receivedBytes = now.received;
+    result.sentBytes = now.sent;
+    result.messagesReceived = received.rows;
+    result.messageBytesReceived = received.bytes;
+    result.messagesSent = sent.rows;
+    result.messageBytesSent = sent.bytes;
+    result.refusals = messages.count(JournalRow::Refused).rows;
+    result.brokenOff = messages.count(JournalRow::BrokenOff).rows;
+    result.keyChanges = messages.count(JournalRow::KeyChanged).rows;
+    return result;
 }
 
 void CProgram::noteRow(JournalRow kind)

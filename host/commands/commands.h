@@ -41,6 +41,9 @@ int runSettings(const CommandLine &line);
 /// Plays the host against a channel library and tells whether it keeps the contract.
 int runCheck(const CommandLine &line);
 
-/// Print the manual page and the completion script, when the program is built.
+/// Print the manual page (in English with "en") and the completion script, when the program is built.
 int runPrintManual(const CommandLine &line);
 int runPrintCompletion(const CommandLine &line);
+
+/// Prints the names of the contacts, a line each, for the completion. Reads, and changes nothing.
+int runPrintContacts(const CommandLine &line);

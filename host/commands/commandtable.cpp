@@ -18,6 +18,8 @@ bool isOperand(const QString &word)
     return !word.startsWith(QLatin1String("--"));
 }
 
+const QString contactWord = QStringLiteral("АБОНЕНТ");
+
 const CommandOption nameOption = {"name", "ИМЯ",
                                   "имя этого абонента; без параметра - имя пользователя системы"};
 
@@ -38,6 +40,8 @@ const std::vector<Command> &commandTable()
          {{"", "принимать вызовы и сообщения, передавать исходящие"}},
          {nameOption,
           {"to", "КАТАЛОГ", "складывать содержимое принятых сообщений в этот каталог; ничего не затирается"},
+          {"metrics", "ФАЙЛ",
+           "записывать в файл показатели работы для Prometheus, каждые 15 с и при завершении"},
           verboseOption,
           quietOption,
           jsonOption},
@@ -92,13 +96,13 @@ const std::vector<Command> &commandTable()
          {{"", "показать контакты"},
           {"add ИМЯ АДРЕС[:ПОРТ]", "добавить контакт; если он есть, задать новый адрес, ключ остается"},
           {"list", "показать контакты"},
-          {"show [ИМЯ]", "показать контакт, без имени - себя: имя, слова и ключ этой установки"},
-          {"trust ИМЯ [СЛОВА...]",
+          {"show [АБОНЕНТ]", "показать контакт, без имени - себя: имя, слова и ключ этой установки"},
+          {"trust АБОНЕНТ [СЛОВА...]",
            "принять изменившийся ключ; если показаны разные - тот, чьи слова указаны"},
-          {"block ИМЯ", "больше не принимать ничего от абонента и от его ключа"},
-          {"unblock ИМЯ", "принимать снова"},
-          {"remove ИМЯ", "удалить контакт и забыть его ключ"},
-          {"export [ИМЯ]", "напечатать контакт, без имени - свой, чтобы послать его письмом"},
+          {"block АБОНЕНТ", "больше не принимать ничего от абонента и от его ключа"},
+          {"unblock АБОНЕНТ", "принимать снова"},
+          {"remove АБОНЕНТ", "удалить контакт и забыть его ключ"},
+          {"export [АБОНЕНТ]", "напечатать контакт, без имени - свой, чтобы послать его письмом"},
           {"import ФАЙЛ", "взять контакт из письма; вместо файла - стандартный ввод (-)"}},
          {{"address", "АДРЕС[:ПОРТ]", "export: где доступна эта установка"}, quietOption, jsonOption},
          "Контакт - это имя и ключ, с которым абонент впервые вышел на связь под этим именем. Другой ключ "
@@ -117,7 +121,7 @@ const std::vector<Command> &commandTable()
            "начиная с даты и времени (2026-11-23, \"2026-11-23 09:00\") или за последние минуты, часы, "
            "сутки: "
            "30m, 12h, 7d"},
-          {"with", "ИМЯ", "только то, что касается абонента"},
+          {"with", "АБОНЕНТ", "только то, что касается абонента"},
           jsonOption},
          "Показывает журнал сообщений, от старых записей к новым.",
          runJournal},
@@ -214,8 +218,9 @@ const std::vector<Command> &commandTable()
          "ошибка в командной строке.",
          runCheck},
 
-        {"print-manual", {{"", nullptr}}, {}, "", runPrintManual},
+        {"print-manual", {{"[ЯЗЫК]", nullptr}}, {}, "", runPrintManual},
         {"print-completion", {{"", nullptr}}, {}, "", runPrintCompletion},
+        {"print-contacts", {{"", nullptr}}, {}, "", runPrintContacts},
     };
     return table;
 }
@@ -264,4 +269,17 @@ int CommandForm::mostOperands() const
     if (QString::fromUtf8(operands).contains(QLatin1String("...")))
         return std::numeric_limits<int>::max();
     return int(std::count_if(words.begin(), words.end(), isOperand));
+}
+
+int CommandForm::contactOperand() const
+{
+    const QStringList words = wordsOf(*this);
+    return std::max(words.indexOf(contactWord),
+                    words.indexOf(QLatin1Char('[') + contactWord + QLatin1Char(']'))) +
+           1;
+}
+
+bool CommandOption::isContact() const
+{
+    return QString::fromUtf8(value) == contactWord;
 }

@@ -1,5 +1,5 @@
 // What the program's exit codes mean. Scripts rely on the numbers and on the words of --json; help, manual
-// page and the administrator's guide show them.
+// pages and the administrator's guide show them.
 #pragma once
 
 #include <QString>
@@ -29,6 +29,7 @@ struct ExitCodeRow
     int code;
     const char *word;    // in "code" of what --json prints
     const char *meaning; // in Russian
+    const char *english; // the same, for the manual page
 
     /// "3", "128 + N"
     QString shownCode() const;

@@ -7,15 +7,20 @@
 #include "host/conversation/handout.h"
 #include "host/conversation/transporttasks.h"
 #include "host/cprogram.h"
+#include "host/service/cmetricsfile.h"
+#include "host/service/cservicenotifier.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QThread>
 
+#include <optional>
+
 namespace {
 
 constexpr int lockPollMs = 50;
 constexpr int restartMs = 3000; // the one before may be ending
+constexpr int delayMs = 5000;   // between words to the service manager that the start takes longer
 
 } // namespace
 
@@ -23,10 +28,12 @@ int runListen(const CommandLine &line)
 {
     CConsole console;
     CProgram program(line, CProgram::Resident, console);
+    CServiceNotifier service;
     bool isInterrupted = false;
     QObject::connect(&program.interruption, &CInterruption::requested, &program.messenger, [&] {
         isInterrupted = true;
         console.line(QStringLiteral("Завершение работы..."));
+        service.stopping(QStringLiteral("Завершение работы"));
         program.close();
     });
     CTransportLock resident(CTransportLock::Resident);
@@ -45,9 +52,13 @@ int runListen(const CommandLine &line)
             console, ExitTrouble,
             QStringLiteral("Сообщения этой установки уже принимает и передает другой abonent listen"));
     }
-    if (!transport.tryLock(program.level))
-        console.line(QStringLiteral("Ждем, пока закончит работающий abonent send"));
-    waitFor(transport, -1);
+    if (!transport.tryLock(program.level)) {
+        const QString reason = QStringLiteral("Ждем, пока закончит работающий abonent send");
+        console.line(reason);
+        do
+            service.delay(reason);
+        while (!waitFor(transport, delayMs) && !isInterrupted);
+    }
     if (isInterrupted)
         return ExitDone;
     if (line.has("to")) {
@@ -67,6 +78,12 @@ int runListen(const CommandLine &line)
 
     QObject::connect(&program.messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
     program.open();
+    service.begin([&program] { return program.state(); });
+    std::optional<CMetricsFile> metrics;
+    if (line.has("metrics"))
+        metrics.emplace(
+            line.value("metrics"), program.level, program.ownName, [&program] { return program.metrics(); },
+            [&console](const QString &trouble) { console.error(trouble); });
     QCoreApplication::exec();
     return ExitDone;
 }

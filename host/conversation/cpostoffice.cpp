@@ -157,6 +157,7 @@ void CPostOffice::call(Route &way)
     CSettings limits;
     way.noWord.start(limits.detailsTransportIpThreadStartTimeout() +
                      limits.detailsTransportIpConnectTimeout() + callReserveMs);
+    ++calls;
     around.server->connectToAbonent(way.name, settings.toByteArray());
 }
 

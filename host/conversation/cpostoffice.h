@@ -54,6 +54,9 @@ public:
     /// Something has happened in the queue of an abonent.
     void queueChanged(const QString &filteredName);
 
+    /// Calls placed so far.
+    qint64 placedCalls() const { return calls; }
+
 private Q_SLOTS:
     void connected(const QString &abonentName, int connectionId);
     void notConnected(const QString &abonentName);
@@ -89,4 +92,5 @@ private:
     QFileSystemWatcher watcher;                       // of the tasks
     QTimer sweep;                                     // for what the watcher does not tell
     QTimer live;
+    qint64 calls = 0;
 };

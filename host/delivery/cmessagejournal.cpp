@@ -540,8 +540,15 @@ void CMessageJournal::add(JournalEntry entry)
 {
     if (!entry.date.isValid())
         entry.date = QDateTime::currentDateTime();
+    ++addedRows[std::size_t(entry.kind)];
+    addedBytes[std::size_t(entry.kind)] += std::max<qint64>(entry.size, 0);
     log(journalLine(entry), DebugJournals);
     writer->add(entry);
+}
+
+JournalCount CMessageJournal::count(JournalRow kind) const
+{
+    return {addedRows[std::size_t(kind)], addedBytes[std::size_t(kind)]};
 }
 
 bool CMessageJournal::flush(int timeoutMs)

@@ -22,7 +22,7 @@ while read -r line; do
     for room in $line; do above="$above${above:+|}$([ "$room" = . ] && echo '[^/]*"' || echo "$room/")"; done
 done <<'ROOMS'
 . commands check health screen
-settings logs
+service settings logs
 conversation
 delivery
 console

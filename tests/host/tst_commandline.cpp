@@ -13,6 +13,8 @@
 #include "tests/support/testinstallation.h"
 
 #include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QtTest>
 
 #include <cerrno>
@@ -45,12 +47,16 @@ QString understood(const QString &arguments)
 }
 
 /// What bash offers for the last of some words.
-QString offered(const QString &words)
+/// @param words as bash has them: those with blanks in quotes
+QString offered(const QString &words, const QString &program = "false"_s)
 {
     QProcess bash;
-    bash.start("bash"_s, {"-c"_s, bashCompletion() + "COMP_WORDS=(abonent %1) COMP_CWORD=%2 && _abonent; "
-                                                     "echo ${COMPREPLY[@]}"_s.arg(words)
-                                                         .arg(words.count(QLatin1Char(' ')) + 1)});
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("LC_ALL"_s, "C.UTF-8"_s);
+    bash.setProcessEnvironment(environment);
+    bash.start("bash"_s, {"-c"_s, bashCompletion() +
+                                      "\nCOMP_WORDS=(abonent %1) && COMP_CWORD=$((${#COMP_WORDS[@]}-1))\n"
+                                      "_abonent %2; echo \"${COMPREPLY[@]}\""_s.arg(words, program)});
     bash.waitForFinished();
     return QString::fromUtf8(bash.readAllStandardOutput()).trimmed();
 }
@@ -131,6 +137,55 @@ private Q_SLOTS:
         QCOMPARE(offered("send A h --text --"_s), QString());
         QCOMPARE(offered("settings s"_s), "show set"_s);
         QCOMPARE(offered("settings set po"_s), "port="_s);
+    }
+
+    // The completion asks the program for the names, wherever one is wanted and only there.
+    void completesContacts()
+    {
+        const QTemporaryDir place;
+        const QString program = place.filePath("abonent"_s);
+        TestInstallation::write(program, "#!/bin/sh\nprintf 'Борис\\nПост 1\\nПост 2\\n'\n");
+        QFile::setPermissions(program, QFile::Permissions(0x7777));
+        const auto offers = [&program](const QString &words) { return offered(words, program); };
+        QCOMPARE(offers("send бо"_s), "Борис"_s);
+        QCOMPARE(offers("send --retry --now П"_s), "Пост\\ 1 Пост\\ 2"_s);
+        QCOMPARE(offers("ping 'Пост\\ 2'"_s), "Пост\\ 2"_s);
+        QCOMPARE(offers("ping '\"Пост 2'"_s), "Пост 2"_s);
+        QCOMPARE(offers("contact trust Б"_s), "Борис"_s);
+        QCOMPARE(offers("journal --with Б"_s), "Борис"_s);
+        for (const QString &none : {"send Анна Б"_s, "contact add Б"_s, "listen --name Б"_s})
+            QCOMPARE(offers(none), QString());
+    }
+
+    // The manual page in English says of every command what the table says.
+    void theTablesAgree()
+    {
+        const auto shape = [](const std::vector<Command> &table) {
+            QStringList rows;
+            for (const Command &command : table) {
+                if (!command.forms.front().purpose)
+                    continue;
+                QString row =
+                    QLatin1String(command.name) +
+                    " %1 paragraphs"_s.arg(QString::fromUtf8(command.details).count(QLatin1Char('\n')));
+                for (const CommandForm &form : command.forms)
+                    row +=
+                        " %1/%2-%3"_s.arg(form.action()).arg(form.leastOperands()).arg(form.mostOperands()) +
+                        QLatin1String(form.purpose ? "" : " hidden");
+                for (const CommandOption &option : command.options)
+                    row += " --%1%2%3%4%5"_s.arg(QLatin1String(option.name))
+                               .arg(option.isSwitch())
+                               .arg(option.isValueOptional())
+                               .arg(option.endsOptions)
+                               .arg(option.meaning != nullptr);
+                rows << row;
+            }
+            return rows;
+        };
+        QCOMPARE(shape(englishCommandTable()), shape(commandTable()));
+        const QString english = manualPage(ManualLanguage::English);
+        const QRegularExpressionMatch russian = QRegularExpression(".*[а-яё].*"_s).match(english);
+        QVERIFY2(!russian.hasMatch(), qPrintable(russian.captured()));
     }
 
     void keepsStrangersFromActingOnTheTerminal()
