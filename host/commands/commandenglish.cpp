@@ -6,8 +6,13 @@ namespace {
 
 const CommandOption nameOption = {"name", "NAME",
                                   "name of this abonent; without the option that of the system's user"};
-const CommandOption verboseOption = {"verbose", nullptr,
-                                     "show the events of the channel and what is written into the log"};
+const CommandOption jsonOption = {
+    "json", nullptr,
+    "print for programs: each line of output is a JSON object; the word in event says what happened, the one "
+    "in code why something failed"};
+const CommandOption quietOption = {"quiet", nullptr, "say nothing of success, only of errors"};
+const CommandOption verboseOption = {
+    "verbose", nullptr, "show the events of the channel, digests and what is written into the log"};
 
 } // namespace
 
@@ -19,11 +24,13 @@ const std::vector<Command> &englishCommandTable()
          {nameOption,
           {"to", "DIRECTORY", "put the contents of received messages there; nothing is overwritten"},
           {"metrics", "FILE", "write figures for Prometheus into a file, every 15 s and at the end"},
-          {"verbose", nullptr, "show what is written into the log, too"}},
+          verboseOption,
+          quietOption,
+          jsonOption},
          "Loads all modules of the directory channelPlugins, answers calls, stores messages in the directory "
-         "data/LEVEL/messages/input and delivers what abonent send has accepted. On a terminal a table of "
-         "the "
-         "connections stands at the bottom and events appear above; without one all is printed in lines.\n"
+         "data/LEVEL/messages/input and delivers what abonent send has accepted. On a terminal what is on "
+         "its way and the connections stand at the bottom and events appear above; without one all is "
+         "printed in lines.\n"
          "Ctrl-C (SIGINT, SIGTERM) ends the work; the second one ends it at once.",
          nullptr},
 
@@ -36,7 +43,9 @@ const std::vector<Command> &englishCommandTable()
            "grows: "
            "10, 20, 30, 60, 90, 120 seconds"},
           nameOption,
-          verboseOption},
+          verboseOption,
+          quietOption,
+          jsonOption},
          "Accepts texts, files, directories (whole) and standard input (-) into the outbox and waits until "
          "the "
          "abonent has stored them and confirmed that with the SHA-256. If the abonent does not answer, the "
@@ -53,7 +62,7 @@ const std::vector<Command> &englishCommandTable()
           {"list [NUMBER...]", "show the outbox"},
           {"retry [NUMBER...]", "send now, also what was refused"},
           {"remove NUMBER...", "withdraw"}},
-         {},
+         {quietOption, jsonOption},
          "The outbox is what abonent send has accepted and what has not been delivered yet. An abonent may "
          "be "
          "named instead of a number.",
@@ -61,7 +70,7 @@ const std::vector<Command> &englishCommandTable()
 
         {"ping",
          {{"ABONENT [ADDRESS[:PORT]]", "ask whether an abonent is there"}},
-         {nameOption, verboseOption},
+         {nameOption, verboseOption, quietOption, jsonOption},
          "Calls an abonent and shows its name, key, version of the program and the time that the answer "
          "took. "
          "The setting canCheckOnline may forbid that.",
@@ -81,8 +90,9 @@ const std::vector<Command> &englishCommandTable()
           {"remove ABONENT", "remove a contact and forget its key"},
           {"export [ABONENT]", "print a contact, without a name one's own, to be mailed"},
           {"import FILE", "take a contact from a mail; instead of a file standard input (-)"}},
-         {{"json", nullptr, "list: each contact is a JSON object on a line of its own"},
-          {"address", "ADDRESS[:PORT]", "export: where this installation can be reached"}},
+         {{"address", "ADDRESS[:PORT]", "export: where this installation can be reached"},
+          quietOption,
+          jsonOption},
          "A contact is a name and the key with which the abonent first came under it. Another key under that "
          "name is refused. A key is shown as ten words: read them to each other over the telephone, they "
          "have "
@@ -97,22 +107,63 @@ const std::vector<Command> &englishCommandTable()
            "from a date and time (2026-11-23, \"2026-11-23 09:00\") or of the last minutes, hours, days: "
            "30m, 12h, 7d"},
           {"with", "ABONENT", "only what concerns the abonent"},
-          {"json", nullptr, "each row is a JSON object on a line of its own"}},
+          jsonOption},
          "Shows the journal of messages, from old rows to new ones.",
          nullptr},
 
         {"settings",
-         {{"show", "show the settings"}, {"set KEY=VALUE...", "change settings"}},
+         {{"show", "show the settings"},
+          {"set KEY=VALUE...", "change settings"},
+          {"export", "print all settings as one text, to carry them elsewhere"},
+          {"import FILE", "take the settings from such a text; instead of a file standard input (-)"},
+          {"check", "check: what is out of range, unknown, damaged, not in force"}},
          {{"repair", nullptr,
-           "write a damaged channelIp.conf anew; keys that are not named get their defaults"}},
+           "write a damaged channelIp.conf anew; keys that are not named get their defaults"},
+          quietOption,
+          jsonOption},
          "show prints the settings of the IP channel (file channelIp.conf), the general ones (settings.ini) "
          "and "
          "those of messages (generalSettings.ini): value, default, range and meaning of each key.\n"
          "set changes the keys that are named, for example:\n"
          "  abonent settings set port=18002 maxConnections=50\n"
          "  abonent settings set Details/maxWritingTime=3000\n"
-         "If one value is not allowed or cannot be written, nothing is changed. A running abonent listen "
-         "notices new settings of the IP channel by itself.",
+         "If one value is not allowed or cannot be written, nothing is changed; so it is with import. A "
+         "running abonent listen notices new settings of the IP channel by itself.\n"
+         "Exit code of check: 0 nothing to remark, 6 there are keys that are not allowed or unknown, 1 a "
+         "file "
+         "is damaged or cannot be read.",
+         nullptr},
+
+        {"log",
+         {{"", "show the log of this level"}},
+         {{"follow", nullptr, "show the latest and go on with what comes, also in new files"},
+          {"since", "WHEN",
+           "from a date and time (2026-11-23, \"2026-11-23 09:00\"), a time of today (09:00) or of the last "
+           "minutes, hours, days: 30m, 12h, 7d"},
+          {"until", "WHEN", "up to this time; a date without a time means to the end of its day"},
+          {"source", "NAME", "only records of this source, CIpServer for example; may be repeated"},
+          {"thread", "N", "only records of this thread: N is the indentation of its lines"},
+          {"grep", "PATTERN",
+           "only records whose text fits the regular expression; without capitals in it, case does not "
+           "matter"},
+          {"last", "N", "only the last N records"},
+          {"json", nullptr, "each record is a JSON object on a line of its own"}},
+         "Joins lines of the log to records, adds their date and shows them in order of time, from all files "
+         "of the directory data/LEVEL/log. The date comes from the file's name and from passing midnight; "
+         "after a whole day without records also from the time of the file's change. Compressed files (.gz) "
+         "are not read.",
+         nullptr},
+
+        {"doctor",
+         {{"", "check this installation: what is wrong and what to do"},
+          {"ABONENT [ADDRESS[:PORT]]", "check a call step by step and say where it stopped"}},
+         {{"json", nullptr, "each line is a JSON object"}},
+         "Checks level, rights, settings, key, contacts, modules, port, listen, descriptors, time, language, "
+         "disk, log and outbox. Each line says right, attention or ERROR, and below it what to do. Repairs "
+         "nothing.\n"
+         "A call is checked from the name to a frame there and back; the other side sees it as two short "
+         "connections. Who answers for the first time becomes a contact, as with other calls.\n"
+         "Exit code: 0 there are no errors, 1 there are; of a call as of abonent ping.",
          nullptr},
 
         {"check",
