@@ -1,4 +1,4 @@
-// The faults of tests/validator/faultylayer.cpp that the validator has to name, and the check that names each.
+// The faults of faultylayer.cpp that the validator has to name, and the check that names each.
 #pragma once
 
 struct Seed

@@ -41,11 +41,15 @@ Answer check(const QStringList &words, const char *fault = "")
     return answer;
 }
 
+QString hex(const QByteArray &record)
+{
+    return QString::fromLatin1(record.toHex());
+}
+
 /// For channels that are called with any bytes but some.
 QStringList loopback(const char *file)
 {
-    return {QString::fromUtf8(file), "--abonent-data=00"_s,
-            "--silent-data="_s + QString::fromLatin1(QByteArray("refuse").toHex())};
+    return {QString::fromUtf8(file), "--abonent-data=00"_s, "--silent-data="_s + hex("refuse")};
 }
 
 bool isLong()
@@ -129,6 +133,8 @@ private Q_SLOTS:
         const QString abonent = QStringLiteral(ABONENT_FILE);
         const QList<QStringList> good{{QStringLiteral(CHANNEL_FILE)},
                                       loopback(LOOPBACK_FILE),
+                                      {QStringLiteral(UNIX_FILE), "--abonent-data="_s + hex("unixSocket"),
+                                       "--silent-data="_s + hex("nobody")},
                                       loopback(FAULTY_FILE), // without a fault
                                       {"--host"_s, QStringLiteral(HOST_FILE), QStringLiteral(FAULTY_FILE)},
                                       {"--host"_s, QStringLiteral(HOST_FILE), "{}"_s},
@@ -142,7 +148,7 @@ private Q_SLOTS:
                 while (!isOver)
                     ;
             }));
-        QStringList troubles[7];
+        QStringList troubles[8];
         Forked::inThreads(good.size(), [&](int which) {
             const bool isHost = good[which][0] == "--host"_s;
             const int least = isHost ? 26 : checks - 1; // memory may be skipped
@@ -240,7 +246,7 @@ private Q_SLOTS:
         QVERIFY(TestInstallation::write(file, settings.toByteArray()));
         const Answer answer = check(
             {QStringLiteral(CHANNEL_FILE), "--jobs=6"_s, "--settings=channelIp.conf="_s + file,
-             "--abonent-data="_s + QString::fromLatin1(abonent.toByteArray().toHex()),
+             "--abonent-data="_s + hex(abonent.toByteArray()),
              "--only=start-stop,queries,call-connects,many-calls,restart,keep-alive,settings-change"_s});
         QVERIFY2(answer.output.contains("постоянный адрес tcp %1"_s.arg(settings.port)),
                  qPrintable(answer.output));
