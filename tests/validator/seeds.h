@@ -148,9 +148,9 @@ constexpr Seed seeds[] = {
     {"sent.bytes add -1", "counts too little", "monitor-bytes"},
     {"journal.kind add", "writes records of an unknown kind", "journal-records"},
     {"journal.source is", "writes records without a source", "journal-records"},
-    {"monitor.add lock", "calls the monitor while it holds the log", "free-log-mutex", "addConnection()"},
-    {"monitor.sent lock", "counts while it holds the log", "free-log-mutex", "addSent()"},
-    {"journal.add lock", "writes the journal while it holds the log", "free-log-mutex", "addRecord()"},
+    {"monitor.add lock", "calls the monitor while it holds the log", "free-log-mutex", "addConnection()", 10000},
+    {"monitor.sent lock", "counts while it holds the log", "free-log-mutex", "addSent()", 10000},
+    {"journal.add lock", "writes the journal while it holds the log", "free-log-mutex", "addRecord()", 10000},
     {"entry.initDebug own", "keeps a log state of its own", "shared-log"},
 
     // The end.
