@@ -235,6 +235,11 @@ public:
         else
             at("protocol.stop", pass);
     }
+    static bool areMany()
+    {
+        const QMutexLocker locker(&mutex);
+        return all.size() > 4;
+    }
     /// To the host's own protocols.
     static void passKeepAlivesOn()
     {
@@ -438,7 +443,7 @@ std::function<void()> act()
          }},
         {"deletesFactory", [=] { delete std::exchange(server->protocolFactory, nullptr); }},
         {"monitor", [=] { server->monitor->setState(server->monitorHandle, QString()); }},
-        {"removes", [=] { server->monitor->removeConnection(424242); }},
+        {"removesOne", [=] { Protocol::areMany() ? server->monitor->removeConnection(424242) : void(); }},
         {"journal", [=] { server->journal->addRecord(JournalEvent, QStringLiteral("Слой"), QString()); }},
         {"notConnected", [=] { Q_EMIT server->notConnected(QStringLiteral("Никто")); }},
         {"connected", [=] { queue([=] { Q_EMIT server->connected(QStringLiteral("Отказ"), 1); }); }},

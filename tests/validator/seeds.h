@@ -176,7 +176,7 @@ constexpr Seed seeds[] = {
     {"server.disconnect disconnects", "ends a connection when the number is unknown", "unknown-connection"},
     {"server.settings disconnects", "ends a connection when settings change", "settings-change"},
     {"server.settings disconnects 100", "ends a connection after many changes", "queued-calls"},
-    {"server.settings removes 3", "takes another entry away, with many connections", "random-run"},
+    {"server.settings removesOne", "takes another entry away, with many connections", "random-run"},
     {"server.keepAlive drop", "keeps nobody", "keep-alive"},
     {"server.keepAlive all", "keeps everybody", "keep-alive"},
     {"keepAlive.id add", "keeps another", "keep-alive"},

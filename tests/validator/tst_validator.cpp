@@ -193,7 +193,7 @@ private Q_SLOTS:
     {
         const auto run = [] {
             return check(loopback(FAULTY_FILE) + QStringList{"--json"_s, "--seed=1"_s, "--only=random-run"_s},
-                         "server.settings removes 3")
+                         "server.settings removesOne")
                 .texts["random-run"_s];
         };
         const QString text = run();
