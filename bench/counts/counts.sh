@@ -3,19 +3,18 @@
 #   counts.sh PROGRAM COUNTS FLAVOUR           fails when a count has grown by more than 15 %
 #   RENEW_COUNTS=1 counts.sh ...               records what it finds instead
 # Counts are those of one compiler, Qt and build type (the FLAVOUR): without a record for it, or
-# without valgrind, the test is skipped.
+# without valgrind, nothing is compared.
 set -euo pipefail
 
 program=$1 counts=$2 flavour=$3
 calls=200         # as in hotpaths.cpp
 allowed=115       # per cent of the recorded count
-skipped=77
 
 renew=${RENEW_COUNTS:-}
-command -v valgrind >/dev/null || { echo "skipped: no valgrind"; exit $skipped; }
+command -v valgrind >/dev/null || { echo "skipped: no valgrind"; exit 0; }
 if [ -z "$renew" ] && ! grep -q "^$flavour"$'\t' "$counts"; then
     echo "skipped: no counts for $flavour; RENEW_COUNTS=1 records them"
-    exit $skipped
+    exit 0
 fi
 
 work=$(mktemp -d)
