@@ -57,7 +57,7 @@ int ChildProcess::end(int signalNumber)
         ::kill(pid_t(processId()), signalNumber);
     else
         closeWriteChannel();
-    if (!runLoop(10000, [this] { return !lives(); }))
+    if (!runLoop(60000, [this] { return !lives(); }))
         kill();
     waitForFinished();
     return exitStatus() == NormalExit ? exitCode() : -exitCode();

@@ -16,10 +16,10 @@ public:
     ~ChildProcess() override { end(SIGKILL); }
 
     /// Waits until the process has printed a text.
-    bool sees(const QByteArray &text, int ms = 10000);
+    bool sees(const QByteArray &text, int ms = 60000);
 
     /// Gives a command. @return the line it answers; empty when it does not within @a ms
-    QByteArray ask(const QByteArray &command, int ms = 10000);
+    QByteArray ask(const QByteArray &command, int ms = 60000);
 
     /// The answer to the command "stats": numbers by name.
     QMap<QByteArray, double> stats();

@@ -1,9 +1,10 @@
 #include "tests/fire/load.h"
 #include "tests/fire/eventloop.h"
-#include "tests/fire/relay.h"
 
 #include <algorithm>
 #include <cstring>
+
+#include <sys/socket.h>
 
 /// One slot: a connection after another.
 class Load::Client : public QTcpSocket
@@ -22,10 +23,14 @@ public:
     }
     ~Client() override { disconnect(this); }
 
-    void end()
+    void end() { end(plan.resetEvery > 0 && number % plan.resetEvery == 0); }
+
+    void end(bool byReset)
     {
         isDropped = false;
-        endNow(this, plan.resetEvery > 0 && number % plan.resetEvery == 0);
+        const linger reset = {byReset, 0};
+        ::setsockopt(int(socketDescriptor()), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        abort();
     }
 
 private:
@@ -34,7 +39,7 @@ private:
         if (state() == UnconnectedState && load.begun < load.total) {
             number = load.begun++;
             setReadBufferSize(plan.reads ? 0 : 1);
-            connectToHost(QHostAddress::LocalHost, quint16(plan.port));
+            connectToHost(QHostAddress::LocalHost, quint16(load.port));
         } else if (state() == ConnectedState && !opening.isEmpty()) {
             write(opening.left(1));
             opening.remove(0, 1);
@@ -108,7 +113,6 @@ private:
         if (!awaited.isEmpty())
             return;
         const qint64 us = nowUs() - asked;
-        load.latencies.push_back(int(us));
         ++load.rounds;
         if (++round >= plan.rounds)
             return end();
@@ -144,7 +148,8 @@ private:
     QByteArray awaited;    // rest of the answer
 };
 
-Load::Load(LoadPlan how) : plan(std::move(how)), total(plan.total > 0 ? plan.total : plan.slots_)
+Load::Load(LoadPlan how)
+    : port(how.port), plan(std::move(how)), total(plan.total > 0 ? plan.total : plan.slots_)
 {
     for (int i = 0; i < plan.slots_; ++i)
         clients.push_back(std::make_unique<Client>(*this));
@@ -164,10 +169,10 @@ void Load::closeAll()
     }
 }
 
-double Load::latency(double part)
+void Load::cut(bool byReset)
 {
-    if (latencies.empty())
-        return -1;
-    std::sort(latencies.begin(), latencies.end());
-    return latencies[std::size_t(double(latencies.size() - 1) * part)] / 1000.0;
+    for (const auto &client : clients) {
+        if (client->state() == QTcpSocket::ConnectedState)
+            client->end(byReset);
+    }
 }

@@ -1,6 +1,7 @@
 // Any number of clients in one thread. What they do is data: see LoadPlan.
 #pragma once
 
+#include <QHostAddress>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -11,7 +12,7 @@
 
 struct LoadPlan
 {
-    int port = 0;
+    int port = 0;    // of the first connections
     int slots_ = 1;  // connections side by side
     int total = 0;   // connections in all, one after another in each slot; 0: one per slot
     int pauseMs = 0; // before a slot's next connection
@@ -37,22 +38,23 @@ public:
     ~Load(); // closes all
 
     void closeAll();
+
+    /// Ends all connections that are there now, by a close or a reset; their slots go on.
+    void cut(bool byReset);
+
     int open() const { return connected - closed; }
     int over() const { return failed + closed; }
 
-    /// @param part 0.99 for the 99th percentile. @return milliseconds
-    double latency(double part);
-
-    int failed = 0;             // connections that did not come about
-    int connected = 0;          // those that did
-    int closed = 0;             // over, by whom ever
-    int dropped = 0;            // ended by the other side
-    int opened = 0;             // openings answered
-    int rounds = 0;             // requests answered
-    int wrong = 0;              // bytes that were not the answer
-    qint64 pushed = 0;          // bytes sent by those that do not read
-    std::vector<int> latencies; // microseconds
-    std::vector<int> lives;     // milliseconds, of those dropped
+    int port;               // of connections from now on
+    int failed = 0;         // connections that did not come about
+    int connected = 0;      // those that did
+    int closed = 0;         // over, by whom ever
+    int dropped = 0;        // ended by the other side
+    int opened = 0;         // openings answered
+    int rounds = 0;         // requests answered
+    int wrong = 0;          // bytes that were not the answer
+    qint64 pushed = 0;      // bytes sent by those that do not read
+    std::vector<int> lives; // milliseconds, of those dropped
 
 private:
     class Client;

@@ -32,6 +32,8 @@ void Recorder::addRecord(int kind, const QString &source, const QString &text)
 
 void Recorder::note(const QString &text)
 {
+    if (listener)
+        return listener(text);
     const QMutexLocker locker(&mutex);
     texts.append(text);
 }

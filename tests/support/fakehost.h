@@ -30,9 +30,10 @@ public:
 
     QStringList take(const QString &start); // texts that begin so, and forgets them
     bool heard(const QString &text) const;
-    bool waitFor(const QString &text, int ms = 5000) const;
+    bool waitFor(const QString &text, int ms = 30000) const;
 
-    std::atomic<int> received{0}, sent{0}, shown{0}; // bytes; connections
+    std::function<void(const QString &text)> listener; // takes the texts instead; they are not kept then
+    std::atomic<int> received{0}, sent{0}, shown{0};   // bytes; connections
 
 private:
     mutable QMutex mutex;
@@ -83,7 +84,7 @@ public:
     explicit FakeHost(CChannelServer *equippedServer);
 
     /// Stops the server and waits. @return whether finished() came within @a ms
-    bool stopServer(int ms = 10000);
+    bool stopServer(int ms = 60000);
 
     ScriptedFactory *const factory = new ScriptedFactory; // the server's
 
@@ -92,4 +93,4 @@ private:
 };
 
 /// @return whether the echo of @a bytes comes back
-bool echoes(QTcpSocket *client, const QByteArray &bytes, int ms = 5000);
+bool echoes(QTcpSocket *client, const QByteArray &bytes, int ms = 30000);
