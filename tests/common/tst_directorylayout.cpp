@@ -1,4 +1,4 @@
-// Every place of the installation, from the place of the executable.
+// Every place of the installation, from the place of the executable. Other programs look there, too.
 #include "common/directorylayout.h"
 #include "tests/support/testinstallation.h"
 
@@ -12,47 +12,31 @@ private Q_SLOTS:
     void namesEveryPlace()
     {
         using namespace Global;
-        using Dir = QDir (*)();
-        using LevelDir = QDir (*)(int);
-        using File = QString (*)();
-
         TestInstallation::clean();
-        QStringList places{journalsFilePath(12), dataSecrecyDir(-1).path()};
-        for (const Dir dir :
-             {installDir, applicationDir, messagesPluginsDir, settingsPluginsDir, channelSettingsPluginsDir,
-              notificationPluginsDir, channelPluginsDir, windowPluginsDir, settingsDir, notificationsAudioDir,
-              emergecyPatchDir, dataDir})
-            places += dir().path();
-        for (const File file :
-             {internalSettingsFilePath, generalSettingsFilePath, uiSettingsFilePath, secrecySettingsFilePath,
-              titlesSettingsFilePath, autoDeletionSettingsFilePath, notificationsSettingsFilePath,
-              channelEnableSettingsFilePath, channelIpSettingsFilePath, channelComSettingsFilePath,
-              channelDedicatedSettingsFilePath, abonentsSettingsFilePath, groupsSettingsFilePath,
-              abonentsStatesFilePath})
-            places += file();
-        for (const LevelDir dir : {dataSecrecyDir, logDir, journalsRenderDir, messagesDir, inputMessagesDir,
-                                   outputMessagesDir, draftMessagesDir, incompleteMessagesDir,
-                                   transitMessagesDir, tasksDir, tasksToInterfaceDir, tasksToTransportDir})
-            places += dir(12).path();
-
-        const QStringList tails =
-            "/data/12/journals_2.2.db /data/-1 @ /bin /bin/messagesPlugins /bin/settingsPlugins "
-            "/bin/channelSettingsPlugins /bin/notificationPlugins /bin/channelPlugins /bin/windowPlugins "
-            "/settings "
-            "/settings/sounds /emergecyPatch /data /settings/settings.ini /settings/generalSettings.ini "
-            "/settings/ui.ini "
-            "/settings/secrecy.conf /settings/titles.conf /settings/autoDeletion.conf "
-            "/settings/notifications.conf "
-            "/settings/channels.conf /settings/channelIp.conf /settings/channelCom.conf "
-            "/settings/channelDedicated.conf "
-            "/settings/abonents.conf /settings/groups.conf /data/0/abonents.states /data/12 /data/12/log "
-            "/data/12/journalsRender /data/12/messages /data/12/messages/input /data/12/messages/output "
-            "/data/12/messages/draft /data/12/messages/incomplete /data/12/messages/transit /data/12/tasks "
-            "/data/12/tasks/toInterface /data/12/tasks/toTransport"_s.split(QLatin1Char(' '));
-        QCOMPARE(places.size(), tails.size());
-        for (int i = 0; i < places.size(); ++i)
-            QCOMPARE(places.at(i), TestInstallation::path() + QString(tails.at(i)).remove(QLatin1Char('@')));
-
+        const auto level = [](QDir (*dir)(int)) { return dir(12).path(); };
+        // clang-format off
+        const QPair<QString, const char *> places[] = {
+            {installDir().path(), ""}, {applicationDir().path(), "/bin"}, {messagesPluginsDir().path(), "/bin/messagesPlugins"},
+            {settingsPluginsDir().path(), "/bin/settingsPlugins"}, {channelSettingsPluginsDir().path(), "/bin/channelSettingsPlugins"},
+            {notificationPluginsDir().path(), "/bin/notificationPlugins"}, {channelPluginsDir().path(), "/bin/channelPlugins"},
+            {windowPluginsDir().path(), "/bin/windowPlugins"}, {settingsDir().path(), "/settings"},
+            {notificationsAudioDir().path(), "/settings/sounds"}, {emergecyPatchDir().path(), "/emergecyPatch"}, {dataDir().path(), "/data"},
+            {internalSettingsFilePath(), "/settings/settings.ini"}, {generalSettingsFilePath(), "/settings/generalSettings.ini"},
+            {uiSettingsFilePath(), "/settings/ui.ini"}, {secrecySettingsFilePath(), "/settings/secrecy.conf"},
+            {titlesSettingsFilePath(), "/settings/titles.conf"}, {autoDeletionSettingsFilePath(), "/settings/autoDeletion.conf"},
+            {notificationsSettingsFilePath(), "/settings/notifications.conf"}, {channelEnableSettingsFilePath(), "/settings/channels.conf"},
+            {channelIpSettingsFilePath(), "/settings/channelIp.conf"}, {channelComSettingsFilePath(), "/settings/channelCom.conf"},
+            {channelDedicatedSettingsFilePath(), "/settings/channelDedicated.conf"}, {abonentsSettingsFilePath(), "/settings/abonents.conf"},
+            {groupsSettingsFilePath(), "/settings/groups.conf"}, {abonentsStatesFilePath(), "/data/0/abonents.states"},
+            {journalsFilePath(12), "/data/12/journals_2.2.db"}, {dataSecrecyDir(-1).path(), "/data/-1"}, {level(dataSecrecyDir), "/data/12"},
+            {level(logDir), "/data/12/log"}, {level(journalsRenderDir), "/data/12/journalsRender"}, {level(messagesDir), "/data/12/messages"},
+            {level(inputMessagesDir), "/data/12/messages/input"}, {level(outputMessagesDir), "/data/12/messages/output"},
+            {level(draftMessagesDir), "/data/12/messages/draft"}, {level(incompleteMessagesDir), "/data/12/messages/incomplete"},
+            {level(transitMessagesDir), "/data/12/messages/transit"}, {level(tasksDir), "/data/12/tasks"},
+            {level(tasksToInterfaceDir), "/data/12/tasks/toInterface"}, {level(tasksToTransportDir), "/data/12/tasks/toTransport"}};
+        // clang-format on
+        for (const auto &[place, tail] : places)
+            QCOMPARE(place, TestInstallation::path() + QString::fromLatin1(tail));
         QVERIFY2(!QDir(TestInstallation::path() + "/data"_s).exists(), "naming a place must not make it");
         QVERIFY(QDir::setCurrent("/"_s));
         QCOMPARE(installDir().path(), TestInstallation::path()); // found once
