@@ -106,7 +106,7 @@ private Q_SLOTS:
                  "  [Details]~maxWritingTime=1~"_s);
     }
 
-    // A lock that is held, and a file that is emptied all the time.
+    // Of a lock that is held.
     void othersAreWaitedForBriefly()
     {
         QVERIFY(writeSettings("[Debug]\n"));
@@ -135,22 +135,6 @@ private Q_SLOTS:
         QTest::ignoreMessage(QtWarningMsg,
                              QRegularExpression("our own lock file"_s)); // it has gone
         lock.unlock();
-
-        std::atomic<bool> isOver{false};
-        std::thread editors([&] {
-            Forked::inThreads(3, [&](int) {
-                while (!isOver)
-                    writeSettings("");
-            });
-        });
-        QString text;
-        for (int again = 0; again < 20 && text.isNull(); ++again) // until the editors were quick enough
-            text = CSettings().store({{"X/y"_s, again}});
-        isOver = true;
-        editors.join();
-        const QString refusal =
-            "Не удалось записать файл настроек %1. Resource temporarily unavailable"_s.arg(settingsPath());
-        QVERIFY2(text == refusal || text.isNull(), qPrintable(text));
     }
 
     void theTableIsTheDocuments()

@@ -316,9 +316,10 @@ private Q_SLOTS:
                 threads[i]->wait();
                 deleteThreadTabLevel(i == 1 ? threads[0].get() : nullptr);
             }
-            return "%1 %2 "_s.arg(differing).arg(own.tabulations.size()) + records();
+            return "%1 bound differently, %2 slots, "_s.arg(differing).arg(own.tabulations.size()) +
+                   records();
         });
-        QCOMPARE(outcome, "0 2 1 0|2 1|1 2|"_s);
+        QCOMPARE(outcome, "0 bound differently, 2 slots, 1 0|2 1|1 2|"_s);
     }
 
     // The handler has a lock of its own, as a host's window would.
