@@ -3,7 +3,7 @@
 # and runs them. Nothing of the source tree is used where the installed kit is to do.
 #   checkkit.sh SOURCE BUILD WORK
 set -euo pipefail
-source=$1 build=$2 work=$3
+source=$(realpath "$1") build=$(realpath "$2") work=$(realpath -m "$3")
 
 rm -rf "$work"
 mkdir -p "$work"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every header compiles alone, without Qt's keywords and without a warning: the public ones under each
-# standard, as ordinary and as system headers, the others under ours.
+# Every header compiles alone, without Qt's keywords and without a warning: the public ones under the oldest and the
+# newest standard, and as system headers under each, the others under ours.
 #   checkheaders.sh ROOT COMPILER QT-INCLUDES PUBLIC-HEADERS      the last two separated by colons
 set -euo pipefail
 cd "$1"
@@ -11,7 +11,7 @@ switches+=" -isystem ${3//:/ -isystem }"
 # Lines of: standard, way of including, headers
 {
     for standard in 11 14 17 20; do
-        tr ':' '\n' <<<"$4" | sed "s/^/$standard -I /"
+        case $standard in 11 | 20) tr ':' '\n' <<<"$4" | sed "s/^/$standard -I /" ;; esac
         echo "$standard -isystem ${4//:/ }"
     done
     ls interfaces/*.h common/*.h transportIp/*.h | grep -vxF "$(tr ':' '\n' <<<"$4")" | sed 's/^/17 -I /'
