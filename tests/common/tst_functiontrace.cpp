@@ -90,8 +90,10 @@ private Q_SLOTS:
             }
             return messages.takeAll();
         });
-        const QRegularExpression expected(
-            "^\"_CFunctionMeasure\" \"0 ms - always\"\\|\"_CFunctionMeasure\" \"[2-9]\\d ms - slow\"$"_s);
+        const QRegularExpression expected( // of a scope that took no time only what is always told
+            "^(\"_CFunctionMeasure\" \"[1-9]\\d* ms - quick\"\\|)?\"_CFunctionMeasure\" \"\\d+ ms - "
+            "always\"\\|"
+            "\"_CFunctionMeasure\" \"([2-9]\\d|\\d{3,}) ms - slow\"$"_s);
         QVERIFY2(expected.match(outcome).hasMatch(), qPrintable(outcome));
     }
 };

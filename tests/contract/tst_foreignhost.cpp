@@ -221,14 +221,14 @@ private slots:
         QCOMPARE(Protocol::sawLabel, "IP-канал 1///1"_s);
         QVERIFY(!server->hasFreeChannel());
         client.write("ping");
-        QVERIFY(QTest::qWaitFor([&] { return client.bytesAvailable() == 4; }));
+        QVERIFY(soon([&] { return client.bytesAvailable() == 4; }));
         server->keepAliveConnection(1);
         server->keepAliveConnection(99); // logs in this thread
         QMetaObject::invokeMethod(server.get(), "disconnectFromAbonent", Q_ARG(QString, QString()),
                                   Q_ARG(int, 1));
         QVERIFY(ended.wait(30000));
         QCOMPARE(ended.first(), (QVariantList{"Caller"_s, 1, true}));
-        QVERIFY(QTest::qWaitFor([] { return Protocol::sawKeepAlive.load(); }));
+        QVERIFY(soon([] { return Protocol::sawKeepAlive.load(); }));
 
         server->connectToAbonent("Nobody"_s, streamed(2, "127.0.0.1"_s, freePort()));
         QVERIFY(refused.wait(30000));

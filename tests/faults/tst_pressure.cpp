@@ -209,33 +209,6 @@ private Q_SLOTS:
         QCOMPARE(text.mid(at, 300), QString());
         QCOMPARE(found.size(), 2 * 8 * records);
     }
-
-    // No call hangs, nothing ends, and writing goes on when there is room again.
-    void aFullDiskPasses()
-    {
-        const int ms = isLong ? 2000 : 300;
-        const auto mount = [] { return Forked::mountDisk(path() + "/data"_s, "size=256k"); };
-        QVERIFY(QDir().mkpath(path() + "/data"_s));
-        if (Forked::run([&] { return mount() ? 0 : 1; }) != 0)
-            QSKIP("needs to mount a disk");
-        const auto work = [&](int) {
-            if (!mount())
-                return 1;
-            put("before"_s);
-            QFile filler(path() + "/data/filler"_s);
-            filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
-            while (filler.write(QByteArray(4096, 'f')) == 4096) {
-            }
-            Forked::inThreads(4, [&](int) { repeat(ms, [] { put(QString(900, QLatin1Char('y'))); }); });
-            filler.remove();
-            for (int i = 0; i < 100; ++i)
-                put("after"_s);
-            const QRegularExpression after("^[\\d:.]{12} {22}Test(    )+after$"_s,
-                                           QRegularExpression::MultilineOption);
-            return QString::fromUtf8(log()).count(after) == 100 ? 0 : 2;
-        };
-        QCOMPARE(Forked::failures(1, work), 0);
-    }
 };
 
 QTEST_GUILESS_MAIN(TestPressure)

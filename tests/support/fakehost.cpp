@@ -54,9 +54,9 @@ bool Recorder::heard(const QString &text) const
     return texts.contains(text);
 }
 
-bool Recorder::waitFor(const QString &text, int ms) const
+bool Recorder::waitFor(const QString &text) const
 {
-    return QTest::qWaitFor([&] { return heard(text); }, ms);
+    return soon([&] { return heard(text); });
 }
 
 ScriptedProtocol::ScriptedProtocol(CChannel *ownedChannel) : CAbstractProtocol(ownedChannel) {}

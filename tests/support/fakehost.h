@@ -30,7 +30,7 @@ public:
 
     QStringList take(const QString &start); // texts that begin so, and forgets them
     bool heard(const QString &text) const;
-    bool waitFor(const QString &text, int ms = 30000) const;
+    bool waitFor(const QString &text) const;
 
     std::function<void(const QString &text)> listener; // takes the texts instead; they are not kept then
     std::atomic<int> received{0}, sent{0}, shown{0};   // bytes; connections

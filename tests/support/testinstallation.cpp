@@ -5,6 +5,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QTcpServer>
+#include <QTest>
+
+bool soon(const std::function<bool()> &condition)
+{
+    return QTest::qWaitFor(condition, 30000);
+}
 
 int freePort()
 {

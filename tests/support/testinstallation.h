@@ -4,11 +4,16 @@
 #include <QByteArray>
 #include <QString>
 
+#include <functional>
+
 /// "text"_s
 inline QString operator""_s(const char *text, std::size_t size)
 {
     return QString::fromUtf8(text, static_cast<int>(size));
 }
+
+/// Runs the event loop until a condition holds, for 30 s at most. @return whether it does
+bool soon(const std::function<bool()> &condition);
 
 /// @return a TCP port on which nobody listens now
 int freePort();

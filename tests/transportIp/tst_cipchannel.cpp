@@ -157,7 +157,7 @@ private Q_SLOTS:
         BlockingPeer other(peer);
         const QByteArray bytes(size, 'u');
         QCOMPARE(other.send(bytes), size);
-        QVERIFY(QTest::qWaitFor([&] { return arrivedBytes() == size; }));
+        QVERIFY(soon([&] { return arrivedBytes() == size; }));
         other.close(isReset);
         turnUntil([&] { return !channel->isConnected(); });
         QVERIFY(!channel->isConnected());
@@ -171,7 +171,7 @@ private Q_SLOTS:
                 [&] { taken += channel->read(4); });
         peer->write("0123456789");
         peer->disconnectFromHost();
-        QVERIFY(QTest::qWaitFor([&] { return !channel->isConnected(); }));
+        QVERIFY(soon([&] { return !channel->isConnected(); }));
         QCOMPARE(taken, QByteArray("0123456789"));
     }
 
@@ -210,7 +210,7 @@ private Q_SLOTS:
         QFETCH(bool, disconnects);
         BlockingPeer other(peer);
         other.send(QByteArray(50000, 'q'));
-        QVERIFY(QTest::qWaitFor([&] { return arrivedBytes() == 50000; }));
+        QVERIFY(soon([&] { return arrivedBytes() == 50000; }));
         QByteArray answer;
         std::thread reader([&] {
             answer = other.receive(100);
@@ -234,7 +234,7 @@ private Q_SLOTS:
         QVERIFY(server.listenOn(0));
         QTcpSocket caller;
         caller.connectToHost(QHostAddress::LocalHost, server.serverPort());
-        QVERIFY(QTest::qWaitFor([&] { return !server.pendingDescriptors.isEmpty(); }));
+        QVERIFY(soon([&] { return !server.pendingDescriptors.isEmpty(); }));
         int isOn = 0;
         socklen_t size = sizeof isOn;
         getsockopt(int(server.pendingDescriptors.first()), IPPROTO_TCP, TCP_NODELAY, &isOn, &size);

@@ -217,7 +217,7 @@ private Q_SLOTS:
                 called, QString::number(abonent.serverPort()))));
             QVERIFY(host->heard("journal 0 IP-канал 1: Потеряно соединение с абонентом '%1'"_s.arg(
                 answer.isEmpty() ? called : answer)));
-            QVERIFY2(QTest::qWaitFor([&] { return host->shown == 0; }, 30000), "the monitor's entry goes");
+            QVERIFY2(soon([&] { return host->shown == 0; }), "the monitor's entry goes");
             QTest::qWait(50); // the worker is free again
         }
     }
@@ -233,7 +233,7 @@ private Q_SLOTS:
         QVERIFY(
             log.contains("Невозможно вызвать абонента 'none' т.к. настройки не верны. Версия настроек 0"));
         QVERIFY(log.contains("Не удалось установить соединение с 'refused': 0. Connection refused"));
-        QVERIFY(QTest::qWaitFor([&] { return host->shown == 0; }, 30000));
+        QVERIFY(soon([&] { return host->shown == 0; }));
 
         // An abonent that never answers: its queue is full.
         QTcpServer silent;
@@ -305,8 +305,7 @@ private:
                 reach("adopting"_s);
         });
         const auto client = connectedClient();
-        QVERIFY(QTest::qWaitFor([&] { return stage == "work"_s ? starter != nullptr : reached.available(); },
-                                30000));
+        QVERIFY(soon([&] { return stage == "work"_s ? starter != nullptr : reached.available(); }));
 
         server->keepAliveConnection(1);
         if (isServerStop)
@@ -314,7 +313,7 @@ private:
         else
             server->disconnectFromAbonent(QString(), 1);
         mayGoOn.release();
-        QVERIFY(QTest::qWaitFor([&] { return hasFinished && host->shown == 0; }, 30000));
+        QVERIFY(soon([&] { return hasFinished && host->shown == 0; }));
         QVERIFY(host->stopServer()); // joins the thread
         QCOMPARE(stops, 1);
         const bool isEarly = stage == "adopting"_s; // no protocol to be told; then it is told when it starts
@@ -343,8 +342,7 @@ private Q_SLOTS:
         ::setrlimit(RLIMIT_NOFILE, &limit);
         const auto refuse = [&] {
             const auto client = connectedClient();
-            return QTest::qWaitFor([&] { return client->state() == QAbstractSocket::UnconnectedState; },
-                                   30000);
+            return soon([&] { return client->state() == QAbstractSocket::UnconnectedState; });
         };
         QVERIFY2(refuse() && host->waitFor(refused), "the first refusal is told");
         QCOMPARE(host->take(told), QStringList(refused));
