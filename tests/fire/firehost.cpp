@@ -29,8 +29,6 @@ namespace {
 struct Counter
 {
     std::atomic<int> acceptErrors{0}, protocols{0};
-    std::atomic<int> signalled{0}; // of the server, but for finished()
-    std::atomic<int> slowestWriteMs{0};
     std::atomic<bool> isKillingAnnounced{false};
     std::atomic<int> killedUnannounced{0};
 };
@@ -41,9 +39,6 @@ Counter &counter = *new Counter;
 void countText(const QString &text)
 {
     counter.acceptErrors += text.contains(QStringLiteral(": Ошибка приема входящего соединения"));
-    counter.signalled += text.startsWith(QLatin1String("connected ")) ||
-                         text.startsWith(QLatin1String("notConnected ")) ||
-                         text.startsWith(QLatin1String("disconnected "));
 }
 
 void sleepForEver()
@@ -80,14 +75,6 @@ void logForEver()
     }
 }
 
-void write(ScriptedProtocol *protocol)
-{
-    QElapsedTimer clock;
-    clock.start();
-    protocol->channel->write(QByteArray(64 * 1024, 'w'));
-    counter.slowestWriteMs = std::max(int(counter.slowestWriteMs), int(clock.elapsed()));
-}
-
 void prepare(ScriptedProtocol *protocol, const QByteArray &script)
 {
     ++counter.protocols;
@@ -99,14 +86,6 @@ void prepare(ScriptedProtocol *protocol, const QByteArray &script)
         protocol->onStart = [](ScriptedProtocol *p) { p->finished(); };
     if (script == "named")
         protocol->onStart = [](ScriptedProtocol *p) { p->announce(p->label); };
-    if (script == "unreading")
-        protocol->onAwake = [](ScriptedProtocol *) {};
-    if (script == "pouring")
-        protocol->onAwake = [](ScriptedProtocol *p) {
-            while (p->channel->isConnected())
-                write(p);
-            p->finished();
-        };
     static const QMap<QByteArray, void (*)()> stragglers{{"sleeping", sleepForEver},
                                                          {"spinning", spinForEver},
                                                          {"locked", lockTwice},
@@ -161,9 +140,6 @@ public:
             setLimit(words.value(1), words.value(2).toInt());
         else if (verb == "stop")
             return stop(words.value(1).toInt());
-        else if (verb == "cancel")
-            return cancel(words.value(1) == "stop", words.value(2).toInt(),
-                          QByteArray::fromHex(words.value(3)));
         else if (verb == "stats")
             return stats();
         return "ok";
@@ -181,24 +157,6 @@ private:
         const QByteArray ms = QByteArray::number(clock.elapsed());
         QCoreApplication::processEvents(); // one too many would come now
         return ms + ' ' + QByteArray::number(isAnswered ? finished.size() : 0);
-    }
-
-    QByteArray cancel(bool byStop, int count, const QByteArray &record)
-    {
-        qint64 slowest = 0;
-        for (int i = 0; i < count; ++i) {
-            QElapsedTimer clock;
-            clock.start();
-            server->connectToAbonent(QStringLiteral("a%1").arg(i), record);
-            if (byStop)
-                stop(1);
-            else
-                server->disconnectFromAbonent(QStringLiteral("A%1").arg(i), -1);
-            if (!QTest::qWaitFor([&] { return host.shown == 0; }, 50000))
-                return "0";
-            slowest = std::max(slowest, clock.elapsed() + 1);
-        }
-        return QByteArray::number(slowest);
     }
 
     void setLimit(const QByteArray &what, int more)
@@ -233,9 +191,7 @@ private:
             {"protocols", counter.protocols},
             {"made", host.factory->made},
             {"acceptErrors", counter.acceptErrors},
-            {"signalled", counter.signalled},
             {"killedUnannounced", counter.killedUnannounced},
-            {"slowestWrite", counter.slowestWriteMs},
             {"cpu", qint64(::clock()) * 1000 / CLOCKS_PER_SEC}};
         QByteArray text;
         for (const auto &number : numbers)

@@ -5,7 +5,6 @@
 ///
 ///   start; settings; keep ID; call NAME RECORD; disconnect NAME ID; log TEXT
 ///   stop N                          N calls of stop(); the answer: ms, and how often finished() came
-///   cancel stop|disconnect N RECORD N calls cancelled at once; the answer: ms until the slowest was over; 0:
 ///   one is not script NAME                     how protocols that are made from now on behave limit
 ///   descriptors N             that many more than now; limit memory KIB; limit none stats name=number ...
 ///

@@ -17,7 +17,6 @@ public:
         connect(&timer, &QTimer::timeout, this, &Client::act);
         connect(this, &QTcpSocket::connected, this, &Client::begin);
         connect(this, &QTcpSocket::readyRead, this, &Client::take);
-        connect(this, &QTcpSocket::bytesWritten, this, &Client::push);
         connect(this, &QTcpSocket::stateChanged, this, &Client::leave);
         act();
     }
@@ -38,7 +37,6 @@ private:
     {
         if (state() == UnconnectedState && load.begun < load.total) {
             number = load.begun++;
-            setReadBufferSize(plan.reads ? 0 : 1);
             connectToHost(QHostAddress::LocalHost, quint16(load.port));
         } else if (state() == ConnectedState && !opening.isEmpty()) {
             write(opening.left(1));
@@ -51,9 +49,6 @@ private:
 
     void begin()
     {
-        constexpr int smallBuffer = 4096; // who does not read is to be noticed early
-        if (!plan.reads)
-            setSocketOption(ReceiveBufferSizeSocketOption, smallBuffer);
         ++load.connected;
         isDropped = true;
         begun = nowUs();
@@ -73,27 +68,15 @@ private:
             return end();
         QByteArray request = plan.request;
         const int stamp[] = {number, round};
-        if (plan.answer.isEmpty() && request.size() >= int(sizeof stamp))
+        if (request.size() >= int(sizeof stamp))
             std::memcpy(request.data(), stamp, sizeof stamp);
-        if (plan.reads)
-            awaited = plan.answer.isEmpty() ? request : plan.answer;
+        awaited = request;
         asked = nowUs();
         write(request);
     }
 
-    void push(qint64 count)
-    {
-        if (plan.reads)
-            return;
-        load.pushed += count;
-        if (bytesToWrite() == 0 && load.pushed < plan.most)
-            write(plan.request);
-    }
-
     void take()
     {
-        if (!plan.reads)
-            return;
         QByteArray bytes = readAll();
         const int greeted = std::min(toOpen, bytes.size());
         bytes.remove(0, greeted);

@@ -21,13 +21,10 @@ struct LoadPlan
     int openingAnswer = 0;                  // bytes that come back for it
     int dripMs = 0;                         // between two bytes of the opening; 0: sent at once
 
-    QByteArray request; // said again and again; carries connection and round when it is to be echoed
-    QByteArray answer;  // what comes back; empty: the request itself
+    QByteArray request; // said again and again, with connection and round in it, and echoed
     int periodMs = 0;   // from one request to the next
     int rounds = std::numeric_limits<int>::max(); // requests, then the connection is closed
 
-    bool reads = true;  // one that does not read does not wait for answers either
-    qint64 most = 0;    // bytes that such a one sends
     int resetEvery = 0; // each n-th connection ends by a reset
 };
 
@@ -53,7 +50,6 @@ public:
     int opened = 0;         // openings answered
     int rounds = 0;         // requests answered
     int wrong = 0;          // bytes that were not the answer
-    qint64 pushed = 0;      // bytes sent by those that do not read
     std::vector<int> lives; // milliseconds, of those dropped
 
 private:

@@ -321,32 +321,6 @@ private Q_SLOTS:
         QVERIFY2(lines <= 2 * callers + 10, "two lines each"); // those of the two that were served among them
     }
 
-    /// One that only sends to a protocol that does not read, and one that does not read what it is sent.
-    void greedyAndDeaf()
-    {
-        for (const bool isDeaf : {false, true}) {
-            begin("[Details]\nmaxWritingTime=500\n");
-            tell(isDeaf ? "script pouring" : "script unreading");
-            const double before = server->stats()["resident"];
-            LoadPlan plan = silent(1);
-            plan.request = QByteArray(isDeaf ? 0 : 65536, 'g');
-            plan.reads = false;
-            plan.most = 1 << 30;
-            Load load(plan);
-            runLoop(isDeaf ? 300 : isLong ? 10000 : 1000);
-            const double grown = server->stats()["resident"] - before;
-            if (isDeaf)
-                QVERIFY2(waitFor([&] { return server->stats()["protocols"] == 0; }), "the write gives up");
-            const double ms = server->stats()["slowestWrite"];
-            std::printf("%s: %lld KiB went, memory has grown by %.0f KiB, a write took %.0f ms\n",
-                        isDeaf ? "deaf" : "greedy", load.pushed / 1024, grown, ms);
-            QVERIFY2(grown <= 2048 || isSanitized, "memory is bounded");
-            QVERIFY2(isDeaf || (load.open() == 1 && load.pushed > 1024 * 1024), "who sends is held up");
-            QVERIFY2(!isDeaf || ms >= 500, "a write waits as long as is set");
-            QVERIFY2(log().count("Socket error") <= 2, "told once or twice");
-        }
-    }
-
     void famine()
     {
         famine(0, false);
@@ -414,21 +388,6 @@ private Q_SLOTS:
         QVERIFY2(grown <= 2048 || isSanitized, "memory is given back");
         QVERIFY2(stop() >= 0, "stop() is answered");
         QVERIFY2(server->stats()["slots"] <= 1, "only the server's thread has a slot of the log");
-    }
-
-    /// A call that went on would end by the signal that it has failed.
-    void cancels()
-    {
-        if (!isNetworkOurs)
-            QSKIP("Needs an address that never answers, in a network of its own");
-        begin("[Details]\ntransportServerThreadStopTimeout=30000\n");
-        const double before = server->stats()["signalled"];
-        for (const QByteArray how : {"disconnect", "stop"}) {
-            const int ms = server->ask("cancel " + how + " 25 " + recordFor(silentAddress, 1)).toInt();
-            std::printf("cancels: by %s, the slowest took %d ms\n", how.constData(), ms);
-            QVERIFY2(ms > 0, "cancelled calls are over");
-        }
-        QCOMPARE(server->stats()["signalled"], before);
     }
 
     void stragglers()

@@ -140,6 +140,20 @@ private Q_SLOTS:
         QVERIFY(channel->read(10).isEmpty());
     }
 
+    void holdsUpAPeerThatIsNotRead()
+    {
+        peer->setSocketOption(QAbstractSocket::SendBufferSizeSocketOption, 65536);
+        constexpr int most = 32 * 1024 * 1024; // much more than the system takes
+        peer->write(QByteArray(most, 'g'));
+        qint64 left = most;
+        QVERIFY2(soon([&] { // until it stands still
+                     QTest::qWait(300);
+                     return std::exchange(left, peer->bytesToWrite()) == peer->bytesToWrite();
+                 }),
+                 "its bytes stop going");
+        QVERIFY2(left > most / 2 && channel->isConnected(), "most of them wait at the other side");
+    }
+
     void hearsOfTheEndBehindUnreadBytes_data()
     {
         QTest::addColumn<int>("size");
