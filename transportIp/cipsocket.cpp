@@ -157,6 +157,8 @@ void CIpSocket::cut()
     ASSERT_IN_THREAD(thread());
     outgoing.clear();
     abort();
+    if (dispatcher)
+        dispatcher->goOn(); // whoever has written looks again, though nothing else will happen here
 }
 
 /// @return whether bytes can go either way, whoever has begun to end the connection

@@ -189,6 +189,26 @@ private Q_SLOTS:
         QCOMPARE(taken, QByteArray("0123456789"));
     }
 
+    // A protocol that only looks when it is woken would wait for ever.
+    void wakesWhoeverHasWrittenInVain()
+    {
+        BlockingPeer(peer).close(true);
+        QTest::qSleep(50); // the reset arrives
+        int turns = 0;
+        const auto dispatcher = QCoreApplication::eventDispatcher();
+        connect(dispatcher, &QAbstractEventDispatcher::awake, socket, [&] {
+            if (turns++ == 0)
+                channel->write("in vain");
+            else
+                dispatcher->interrupt();
+        });
+        bool isOver = false;
+        QTimer::singleShot(20000, socket, [&isOver] { isOver = true; });
+        while (turns < 2)
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        QVERIFY2(!isOver && !channel->isConnected(), "the end is seen in the next turn");
+    }
+
     // Neither reads before all of its own is written.
     void twoWritersGetThrough()
     {
