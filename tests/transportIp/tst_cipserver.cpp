@@ -14,6 +14,8 @@
 #include <QTcpServer>
 #include <QTest>
 
+#include <future>
+
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -322,6 +324,31 @@ private:
     }
 
 private Q_SLOTS:
+    void mayBeMovedBeforeItStarts()
+    {
+        QThread home;
+        home.start();
+        auto moved = std::make_unique<CIpServer>();
+        FakeHost movedHost(moved.get());
+        const auto atHome = [&](auto act) {
+            std::promise<void> done; // the thread sanitizer does not know how Qt waits
+            QMetaObject::invokeMethod(moved.get(), [&] {
+                act();
+                done.set_value();
+            });
+            done.get_future().wait();
+        };
+        configure({true, 3, port = freePort(), 128});
+        moved->moveToThread(&home);
+        atHome([&] { moved->start(); });
+        const bool isServing = echoes(connectedClient().get(), "at home");
+        atHome([&] { moved->stop(); });
+        const bool hasStopped = movedHost.waitFor("monitor 0: Выключен"_s);
+        home.quit();
+        home.wait();
+        QVERIFY2(isServing && hasStopped, "a server in another thread serves and stops");
+    }
+
     /// Every accept error is told, of our own refusals the first and the last.
     void reportsWhatItCannotTake()
     {
