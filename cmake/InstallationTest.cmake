@@ -11,7 +11,7 @@ function(add_installation_test name)
     RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/${name}/bin)
   add_test(NAME ${name} COMMAND ${name})
   if(NOT test_TIMEOUT)
-    set(test_TIMEOUT 120)
+    set(test_TIMEOUT 600) # of a machine that has other things to do
   endif()
   set_tests_properties(${name} PROPERTIES TIMEOUT ${test_TIMEOUT} LABELS "${test_LABELS}" ${test_PROPERTIES})
 endfunction()

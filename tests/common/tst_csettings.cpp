@@ -337,8 +337,8 @@ private Q_SLOTS:
         std::atomic<int> ready{0};
         Forked::inThreads(8, [&](int number) {
             ++ready;
-            while (ready < 8) {
-            }
+            while (ready < 8)
+                std::this_thread::yield();
             valueOf(settingsKeys[number]);
         });
         CSettings().debugAll(); // takes along what was left to others

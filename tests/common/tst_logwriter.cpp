@@ -13,6 +13,8 @@
 #include <QThread>
 #include <QtTest>
 
+#include <thread>
+
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -266,12 +268,13 @@ private Q_SLOTS:
             auto *const arrived = new (shared) std::atomic<int>(0);
             const auto meet = [arrived] {
                 const int all = (arrived->fetch_add(1) | 1) + 1; // two at a time
-                while (*arrived < all) {
-                }
+                while (*arrived < all)
+                    std::this_thread::yield();
             };
             QCoreApplication::setApplicationName("name"_s);
             ::umask(077);
             const pid_t other = ::fork();
+            ::alarm(120); // of each
             QString result;
             for (int round = 0; round < 300; ++round) {
                 meet();
@@ -301,8 +304,8 @@ private Q_SLOTS:
                 std::atomic<DebugData *> bound[2] = {};
                 Forked::inThreads(2, [&](int number) {
                     ++ready;
-                    while (ready < 2) {
-                    }
+                    while (ready < 2)
+                        std::this_thread::yield();
                     bound[number] = boundDebugData();
                 });
                 differing += bound[0] != bound[1];

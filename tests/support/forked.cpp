@@ -28,7 +28,7 @@ QString text(const std::function<QString()> &work, uid_t user)
         return QStringLiteral("no pipe");
     const pid_t child = ::fork();
     if (child == 0) {
-        ::alarm(30);
+        ::alarm(120);
         if (user != 0 && (::setgroups(0, nullptr) != 0 || ::setgid(user) != 0 || ::setuid(user) != 0))
             ::_exit(99);
         const QByteArray bytes = work().toUtf8();

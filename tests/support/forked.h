@@ -13,7 +13,7 @@ namespace Forked {
 /// Runs @a work in a fork of this process, which has no other threads and not used the runtime yet.
 ///
 /// @param user the user and group it becomes first; needs root
-/// @return what @a work returned, 0 to 255; 1000 + the signal that ended it; it has 30 s
+/// @return what @a work returned, 0 to 255; 1000 + the signal that ended it; it has 120 s
 int run(const std::function<int()> &work, uid_t user = 0);
 
 /// The same for a text as the result; of a child that was ended it is "signal N".
