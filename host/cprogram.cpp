@@ -97,10 +97,6 @@ CMessageProtocol::Context CProgram::context(PingResult *ping)
     around.messages = &messages;
     around.originOf = [this](const QString &label) { return monitor.originOf(label); };
     around.unnamed = &unnamed;
-    around.onStored = [this](const QString &directory) {
-        if (onStored)
-            onStored(directory);
-    };
     around.lingerMs = role == Resident ? residentLingerMs : 0;
     around.isWatched = role == Sender;
     around.ping = ping;

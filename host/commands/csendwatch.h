@@ -20,7 +20,6 @@ public:
     /// @param what as it was committed
     /// @param retries failed attempts to wait through
     CSendWatch(const COutboxEntry &what, int retries, CConsole &shownOn);
-    ~CSendWatch() override;
 
     void begin();
 
@@ -45,7 +44,7 @@ private:
     const COutboxEntry &entry;
     CConsole &console;
     int retriesLeft;
-    int file = -1; // `state`: it can be read to its end also after it has been removed
+    CDescriptor file; // `state`: it can be read to its end also after it has been removed
     QByteArray rest;
     QFileSystemWatcher watcher;
     QTimer clock;

@@ -3,7 +3,6 @@
 
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
-#include "host/conversation/handout.h"
 #include "host/conversation/transporttasks.h"
 #include "host/cprogram.h"
 
@@ -50,17 +49,11 @@ int runListen(const CommandLine &line)
     if (isInterrupted)
         return ExitDone;
     if (line.has("to")) {
-        const QString place = line.value("to");
-        const QString error = checkHandOut(place);
+        const QString error = program.handOutTo(line.value("to"));
         if (!error.isNull()) {
             console.error(error);
             return ExitUsage;
         }
-        program.onStored = [&console, place](const QString &directory) {
-            const QString trouble = handOut(directory, place);
-            if (!trouble.isNull())
-                console.error(trouble);
-        };
     }
     const int code = program.prepare();
     if (code != ExitDone)

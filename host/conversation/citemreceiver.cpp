@@ -1,6 +1,7 @@
 #include "host/conversation/citemreceiver.h"
 
 #include "common/global.h"
+#include "host/conversation/treelist.h"
 #include "host/text/localtime.h"
 #include "host/text/untrustedtext.h"
 
@@ -189,7 +190,7 @@ CItemReceiver::Reaction CItemReceiver::settle()
         } else {
             reaction.reply += AnswerFrame{finished[i], AnswerFrame::Stored, 0, item.digest, {}}.toBytes();
             reaction.notices.push_back({true, item.offer, item.digest, QString::fromUtf8(item.beginning),
-                                        outcomes[i].directory, QString()});
+                                        outcomes[i].directory, outcomes[i].trouble});
             if (from.isStranger)
                 box.addStrangerBytes(item.offer.size);
         }

@@ -416,8 +416,8 @@ void CMessageProtocol::tell(const CItemReceiver::Notice &notice)
                                QStringLiteral("Принято от '%1': %2, %3, SHA-256 %4, каталог %5")
                                    .arg(remoteAbonentName, title, Global::sizeString(notice.offer.size),
                                         QString::fromLatin1(notice.digest.toHex()), notice.directory));
-    if (context.onStored)
-        context.onStored(notice.directory);
+    if (!notice.reason.isNull())
+        context.journal->addRecord(JournalError, label, notice.reason);
 }
 
 void CMessageProtocol::tell(const CItemSender::Notice &notice)

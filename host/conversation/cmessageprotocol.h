@@ -59,7 +59,6 @@ public:
         /// What tells callers of different addresses apart, by channel label; [any thread].
         std::function<QString(const QString &label)> originOf;
         CUnnamedCallers *unnamed = nullptr;
-        std::function<void(const QString &directory)> onStored; // a message has arrived; may be empty
         int lingerMs = 0;           // how long a call that we have placed stays when all is said
         bool isWatched = false;     // somebody else tells people what has been delivered
         PingResult *ping = nullptr; // only asks whether the abonent is there

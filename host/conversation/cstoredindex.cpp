@@ -1,11 +1,13 @@
 #include "host/conversation/cstoredindex.h"
 
+#include "common/filepermissions.h"
 #include "common/global.h"
 #include "common/logger.h"
+#include "common/trustedfile.h"
 #include "host/conversation/csha256.h"
-#include "host/conversation/descriptors.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QtEndian>
 
 #include <cerrno>
@@ -38,11 +40,6 @@ QByteArray toBytes(const CStoredIndex::Record &record)
 
 } // namespace
 
-CStoredIndex::~CStoredIndex()
-{
-    closeDescriptor(&file);
-}
-
 QString CStoredIndex::open(const QString &fileName)
 {
     path = fileName;
@@ -64,14 +61,14 @@ QString CStoredIndex::open(const QString &fileName)
         if (bytes.mid(at + checkedSize, recordSize - checkedSize) == checkOf(record))
             digests.insert(bytes.mid(at, keySize), bytes.mid(at + keySize, digestSize));
     }
-    closeDescriptor(&file);
-    file = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC,
-                  0600);
+    file = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_APPEND, 0600);
     // What a crash has cut off would shift all that follows.
-    if (file < 0 || ::ftruncate(file, bytes.size() / recordSize * recordSize) != 0)
+    if (!file.isOpen() || ::ftruncate(file.get(), bytes.size() / recordSize * recordSize) != 0)
         return trouble("открыть");
-    Global::setFilePermissions(path);
-    return QString();
+    Global::setFilePermissions(file.get(), path);
+    return Io::sync(file) && Io::syncDirectory(QFile::encodeName(QFileInfo(path).path()))
+               ? QString()
+               : trouble("записать");
 }
 
 QString CStoredIndex::add(const std::vector<Record> &records)
@@ -79,10 +76,10 @@ QString CStoredIndex::add(const std::vector<Record> &records)
     QByteArray bytes;
     for (const Record &record : records)
         bytes += toBytes(record);
-    const off_t before = ::lseek(file, 0, SEEK_END);
-    if (!writeAll(file, {bytes.constData(), std::size_t(bytes.size())}) || ::fdatasync(file) != 0) {
+    const off_t before = ::lseek(file.get(), 0, SEEK_END);
+    if (!Io::writeAll(file, bytes) || ::fdatasync(file.get()) != 0) {
         const QString text = trouble("записать");
-        if (::ftruncate(file, before) != 0)
+        if (::ftruncate(file.get(), before) != 0)
             debug(QStringLiteral("CStoredIndex"), trouble("укоротить"), DebugAlways, DebugFlagNone);
         return text;
     }
@@ -94,5 +91,5 @@ QString CStoredIndex::add(const std::vector<Record> &records)
 QString CStoredIndex::trouble(const char *doing) const
 {
     return QStringLiteral("Не удалось %1 список принятых сообщений %2: %3")
-        .arg(QString::fromUtf8(doing), path, QString::fromLocal8Bit(std::strerror(errno)));
+        .arg(QString::fromUtf8(doing), path, qt_error_string(errno));
 }

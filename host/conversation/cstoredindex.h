@@ -12,6 +12,8 @@
 // A damaged record is passed over. The latest million are kept.
 #pragma once
 
+#include "common/descriptor.h"
+
 #include <QByteArray>
 #include <QHash>
 #include <QString>
@@ -28,8 +30,6 @@ public:
         QByteArray digest; // 32 bytes
     };
 
-    ~CStoredIndex();
-
     /// Reads the file; makes it if there is none. @return null on success, else a text for people
     QString open(const QString &path);
 
@@ -43,7 +43,7 @@ public:
 private:
     QString trouble(const char *doing) const;
 
-    int file = -1; // descriptor
+    CDescriptor file;
     QString path;
     QHash<QByteArray, QByteArray> digests;
 };
