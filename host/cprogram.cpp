@@ -82,16 +82,12 @@ CProgram::~CProgram()
 
 CMessageProtocol::Context CProgram::context(PingResult *ping)
 {
-    // Under another name than the installation's nobody is answered: that name is for this call only.
-    const bool isOwn = settings.ownName.isEmpty() || givenName.isEmpty() ||
-                       Global::filterName(givenName) == Global::filterName(settings.ownName);
-    const bool receives = role == Resident || (role == Sender && isOwn);
     CMessageProtocol::Context around;
     around.ownName = ownName;
     around.ownPort = ownPort();
     around.identity = &identity;
     around.contacts = &contacts;
-    around.inbox = receives ? &inbox : nullptr;
+    around.inbox = receives() ? &inbox : nullptr;
     around.queues = role == Asker ? nullptr : &queues;
     around.journal = &journal;
     around.messages = &messages;
@@ -101,6 +97,13 @@ CMessageProtocol::Context CProgram::context(PingResult *ping)
     around.isWatched = role == Sender;
     around.ping = ping;
     return around;
+}
+
+bool CProgram::receives() const
+{
+    const bool isOwn = settings.ownName.isEmpty() || givenName.isEmpty() ||
+                       Global::filterName(givenName) == Global::filterName(settings.ownName);
+    return role == Resident || (role == Sender && isOwn);
 }
 
 int CProgram::prepare()
@@ -138,7 +141,7 @@ void CProgram::open(const QString &only, const QString &fresh)
         };
         QMetaObject::invokeMethod(&messenger, tell, Qt::QueuedConnection);
     });
-    messenger.open();
+    messenger.open(!receives());
     if (role == Resident) {
         isStarted = true;
         noteRow(JournalRow::Started);

@@ -67,6 +67,9 @@ public:
 private:
     CMessageProtocol::Context context(PingResult *ping);
 
+    /// Under another name than the installation's nobody is answered: that name is for the calls only.
+    bool receives() const;
+
     void noteRow(JournalRow kind);
 
     const Role role;

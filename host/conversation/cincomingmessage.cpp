@@ -135,7 +135,7 @@ bool CIncomingMessage::readLayout()
     if (count < 0)
         return false;
     listBytes.resize(int(count));
-    sha.add({listBytes.constData(), std::size_t(count)});
+    hash({listBytes.constData(), std::size_t(count)});
     total = count;
     if (listBytes.size() < int(what.listSize)) {
         isCaughtUp = true; // contents come after the list
@@ -248,7 +248,7 @@ bool CIncomingMessage::catchUp(qint64 budget)
             break;
         const qint64 count = readUpTo(file, bytes.data(), qMin<qint64>(bytes.size(), now.size - partDone));
         if (count > 0) {
-            sha.add({bytes.constData(), std::size_t(count)});
+            hash({bytes.constData(), std::size_t(count)});
             partDone += count;
             total += count;
             budget -= count;
@@ -278,7 +278,7 @@ QString CIncomingMessage::append(std::string_view bytes)
     while (!bytes.empty() && !bad) {
         if (!hasLayout) {
             const std::string_view now = bytes.substr(0, std::size_t(int(what.listSize) - listBytes.size()));
-            sha.add(now);
+            hash(now);
             if (!Io::writeAll(list.get(), now))
                 return trouble("файл");
             listBytes.append(now.data(), int(now.size()));
@@ -306,6 +306,12 @@ QString CIncomingMessage::append(std::string_view bytes)
     return bytes.empty() ? QString() : trouble("файл");
 }
 
+void CIncomingMessage::hash(std::string_view bytes)
+{
+    sha.add(bytes);
+    sum.add(bytes);
+}
+
 /// Hashes bytes and brings them into the current file. @return false on failure: errno
 bool CIncomingMessage::write(std::string_view bytes)
 {
@@ -315,9 +321,10 @@ bool CIncomingMessage::write(std::string_view bytes)
             writer = std::make_unique<CBlockWriter>(file.get(), partDone, sha);
     }
     if (!writer) {
-        sha.add(bytes);
+        hash(bytes);
         return Io::writeAll(file.get(), bytes);
     }
+    sum.add(bytes);
     const int reason = writer->add(bytes);
     errno = reason;
     return reason == 0;
@@ -340,6 +347,12 @@ QByteArray CIncomingMessage::digest()
     const std::lock_guard lock(mutex);
     stopWriting(); // a write that has failed is told by finish(): the file is still open then
     return sha.soFar();
+}
+
+QByteArray CIncomingMessage::check()
+{
+    const std::lock_guard lock(mutex);
+    return sum.soFar();
 }
 
 /// Directories get their times last: what is made in them changes these.

@@ -3,6 +3,7 @@
 
 #include "common/descriptor.h"
 #include "host/conversation/cblockwriter.h"
+#include "host/conversation/cchecksum.h"
 #include "host/conversation/csha256.h"
 #include "host/conversation/messageframe.h"
 
@@ -33,8 +34,9 @@ public:
 
     qint64 have() const { return total; }
 
-    /// SHA-256 of what has arrived. May wait for the disk.
+    /// SHA-256 of what has arrived, and XXH3-128. May wait for the disk.
     QByteArray digest();
+    QByteArray check();
 
     /// Appends to the contents. May wait for the disk. @return null on success, else a text for people
     QString append(std::string_view bytes);
@@ -70,6 +72,7 @@ private:
     bool takeLayout();
     bool enter();
     bool leave();
+    void hash(std::string_view bytes);
     bool write(std::string_view bytes);
     bool stopWriting();
     CDescriptor openParent(const QByteArray &path, QByteArray *name) const;
@@ -100,6 +103,7 @@ private:
     qint64 total = 0;     // bytes that have arrived
     bool isCaughtUp = true;
     CSha256 sha;
+    CCheckSum sum;
     std::unique_ptr<CBlockWriter> writer; // of a long file: it uses `file` and `sha`
     std::vector<CDescriptor> unsynced;    // what is yet to be synced, when it is little
     bool isMuch = false;                  // more than that: the whole file system

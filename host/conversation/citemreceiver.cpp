@@ -120,7 +120,7 @@ CItemReceiver::Reaction CItemReceiver::work()
     const QString trouble = box.roomTrouble(item.offer.size - item.arrived);
     if (!trouble.isNull())
         return refuse(item, AnswerFrame::Later, trouble);
-    return answer({number, AnswerFrame::Send, item.arrived, item.message->digest(), {}});
+    return answer({number, AnswerFrame::Send, item.arrived, item.message->check(), {}});
 }
 
 CItemReceiver::Reaction CItemReceiver::takeData(quint32 number, std::string_view bytes)
@@ -159,7 +159,7 @@ CItemReceiver::Reaction CItemReceiver::takeFinish(const FinishFrame &finish)
     if (!item.digest.isEmpty() || item.arrived != item.offer.size)
         return fault(QStringLiteral("конец передачи не ко времени"));
     item.digest = item.message->digest();
-    if (item.digest != finish.digest) {
+    if (item.message->check() != finish.check) {
         item.message->discard();
         return refuse(item, AnswerFrame::Later, QStringLiteral("Контрольная сумма не совпала"));
     }

@@ -299,8 +299,6 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
             context.queues->of(calledFilteredName)->setTrouble(CSendQueue::SomebodyElse, text);
         return sayGoodbye(ByeFrame::WrongOne, QStringLiteral("Вызван другой абонент"));
     }
-    if (!isPlaced && !context.inbox)
-        return sayGoodbye(ByeFrame::Stopping, QStringLiteral("Абонент сейчас не принимает вызовы"));
     believe(*hello, context.contacts->judge(hello->name, tls->peerFingerprint(),
                                             isPlaced ? CContacts::Placed : CContacts::Answered));
 }

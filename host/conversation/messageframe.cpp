@@ -24,7 +24,7 @@ constexpr Bounds bounds[] = {
     {52, 52 + fileNameBytes},                // Offer
     {48, 48 + reasonBytes},                  // Answer
     {4 + 1, 4 + dataBytes},                  // Data
-    {4 + digestSize, 4 + digestSize},        // Finish
+    {4 + checkSize, 4 + checkSize},          // Finish
     {0, 0},                                  // Ping
     {0, 0},                                  // Pong
     {1, 1 + reasonBytes},                    // Bye
@@ -213,7 +213,7 @@ QByteArray AnswerFrame::toBytes() const
         .number(quint8(verdict))
         .raw(QByteArray(3, '\0'))
         .number(have)
-        .raw(digest.size() == digestSize ? digest : QByteArray(digestSize, '\0'))
+        .raw(digest.leftJustified(digestSize, '\0', true))
         .raw(cutUtf8(reason, reasonBytes))
         .done();
 }
@@ -233,13 +233,15 @@ std::optional<AnswerFrame> AnswerFrame::fromPayload(std::string_view payload)
     if (verdict > Refused || !zeros || answer.have < 0 || !reason)
         return std::nullopt;
     answer.verdict = Verdict(verdict);
+    if (answer.verdict == Send)
+        answer.digest.truncate(checkSize);
     answer.reason = *reason;
     return answer;
 }
 
 QByteArray FinishFrame::toBytes() const
 {
-    return Writer(FrameType::Finish).number(item).raw(digest).done();
+    return Writer(FrameType::Finish).number(item).raw(check).done();
 }
 
 std::optional<FinishFrame> FinishFrame::fromPayload(std::string_view payload)
@@ -249,7 +251,7 @@ std::optional<FinishFrame> FinishFrame::fromPayload(std::string_view payload)
     Fields fields(payload);
     FinishFrame finish;
     finish.item = fields.number<quint32>();
-    finish.digest = fields.raw(digestSize);
+    finish.check = fields.raw(checkSize);
     return finish;
 }
 
