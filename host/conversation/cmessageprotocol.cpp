@@ -41,17 +41,6 @@ QString titleOf(const OfferFrame &offer, const QString &text)
         .arg(name);
 }
 
-JournalEntry rowOf(JournalRow kind, const QString &abonent, const OfferFrame &offer)
-{
-    JournalEntry row;
-    row.kind = kind;
-    row.abonent = abonent;
-    row.name = offer.kind == OfferFrame::Text ? QString() : QFile::decodeName(offer.name);
-    row.size = offer.size;
-    row.message = QString::fromLatin1(offer.identity.toHex());
-    return row;
-}
-
 } // namespace
 
 CMessageProtocol::CMessageProtocol(CChannel *ownedChannel, const Context &around)
@@ -394,15 +383,28 @@ void CMessageProtocol::react(const CItemReceiver::Reaction &reaction)
         breakOff(reaction.fault);
 }
 
+/// Into the journal of messages.
+void CMessageProtocol::record(JournalRow kind, const OfferFrame &offer, const QByteArray &digest,
+                              const QString &text)
+{
+    if (!context.messages)
+        return;
+    JournalEntry row;
+    row.kind = kind;
+    row.abonent = remoteAbonentName;
+    row.name = offer.kind == OfferFrame::Text ? QString() : QFile::decodeName(offer.name);
+    row.size = offer.size;
+    row.message = QString::fromLatin1(offer.identity.toHex());
+    row.digest = digest;
+    row.text = text;
+    context.messages->add(row);
+}
+
 void CMessageProtocol::tell(const CItemReceiver::Notice &notice)
 {
     const QString title = titleOf(notice.offer, notice.text);
-    JournalEntry row =
-        rowOf(notice.isStored ? JournalRow::Received : JournalRow::Refused, remoteAbonentName, notice.offer);
-    row.digest = notice.digest;
-    row.text = notice.reason;
-    if (context.messages)
-        context.messages->add(row);
+    record(notice.isStored ? JournalRow::Received : JournalRow::Refused, notice.offer, notice.digest,
+           notice.reason);
     if (!notice.isStored) {
         context.journal->addRecord(
             JournalError, label,
@@ -421,12 +423,8 @@ void CMessageProtocol::tell(const CItemReceiver::Notice &notice)
 void CMessageProtocol::tell(const CItemSender::Notice &notice)
 {
     const OutgoingMessage &message = notice.job.message();
-    JournalEntry row =
-        rowOf(notice.isStored ? JournalRow::Sent : JournalRow::Refused, remoteAbonentName, message.offer);
-    row.digest = notice.digest;
-    row.text = notice.reason;
-    if (context.messages)
-        context.messages->add(row);
+    record(notice.isStored ? JournalRow::Sent : JournalRow::Refused, message.offer, notice.digest,
+           notice.reason);
     wasUseful |= notice.isStored;
     if (context.isWatched)
         return;

@@ -12,6 +12,7 @@
 #include "host/conversation/cunnamedcallers.h"
 #include "host/conversation/messageframe.h"
 #include "host/delivery/ccontacts.h"
+#include "host/delivery/cmessagejournal.h"
 #include "host/delivery/ctlssession.h"
 #include "interfaces/cabstractprotocol.h"
 
@@ -89,6 +90,7 @@ private:
     void takeBye(const ByeFrame &bye);
     void takeAnswer(const AnswerFrame &answer);
     void react(const CItemReceiver::Reaction &reaction);
+    void record(JournalRow kind, const OfferFrame &offer, const QByteArray &digest, const QString &text);
     void tell(const CItemReceiver::Notice &notice);
     void tell(const CItemSender::Notice &notice);
     void transmit();

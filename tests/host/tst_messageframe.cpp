@@ -103,7 +103,7 @@ private Q_SLOTS:
             return !isMalformed || reader.next(&frame) != CFrameReader::Malformed;
         };
         const quint32 bounds[][3] = {{1, 13, 1100}, {2, 52, 307}, {3, 48, 560}, {4, 5, 262148},
-                                     {5, 36, 36},   {6, 0, 0},    {7, 0, 0},    {8, 1, 513}};
+                                     {5, 20, 20},   {6, 0, 0},    {7, 0, 0},    {8, 1, 513}};
         for (const auto &[type, least, most] : bounds) {
             QVERIFY2(isAccepted(int(type), least) && isAccepted(int(type), most),
                      qPrintable(QString::number(type)));
