@@ -360,7 +360,8 @@ private Q_SLOTS:
         QVERIFY(lines.size() > 2 * names.size());
         for (const QString &line : lines)
             QVERIFY2(record.match(line).hasMatch() && !line.startsWith("12:00:00.000"_s), qPrintable(line));
-        for (const QChar each : QString::fromUtf8(mark.heard).remove(QLatin1Char('\n')))
+        const QString shown = QString::fromUtf8(mark.heard).remove(QLatin1Char('\n'));
+        for (const QChar each : shown)
             QVERIFY2(each.isPrint(), QByteArray::number(each.unicode(), 16));
         // Files: each message's directory with two in it, and none anywhere else.
         const QString input = mark.storedPath(QString());
