@@ -9,7 +9,7 @@
 //       48     8  when, s since 1970        big-endian
 //       56     8  check                     the first bytes of the SHA-256 of what stands before it
 //
-// A damaged record is passed over. The latest million are kept.
+// A damaged record is passed over. When there are more than a million, the latest half is kept.
 #pragma once
 
 #include "common/descriptor.h"
