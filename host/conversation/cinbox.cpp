@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -186,11 +187,12 @@ QString CInbox::prepare()
         return QStringLiteral("Не удалось открыть каталог %1: %2")
             .arg(incomplete.absolutePath(), qt_error_string(errno));
 
-    const QStringList names = incomplete.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
-    for (const QString &name : names) {
+    // What can be continued stays: its sender will go on with it.
+    QStringList names = incomplete.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    sortAsStored(&names);
+    for (const QString &name : qAsConst(names)) {
         const QByteArray key = encoded(name.section(QLatin1Char('.'), 0, 0));
         const bool isStored = !index.digestOf(QByteArray::fromHex(key)).isEmpty();
-        // What can be continued stays: its sender will go on with it.
         if (isStored && !name.contains(QLatin1Char('.'))) {
             QString directory;
             const QString failure = place(key, &directory);
@@ -200,8 +202,9 @@ QString CInbox::prepare()
             removeTree(incompleteDescriptor.get(), encoded(name));
         }
     }
-    const QStringList left = leaving.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString &name : left) {
+    QStringList left = leaving.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    sortAsStored(&left);
+    for (const QString &name : qAsConst(left)) {
         QString directory = leaving.absoluteFilePath(name);
         const QString trouble =
             folder.isNull() ? moveIntoInput(leaving, encoded(name), &directory) : handOut(&directory);
@@ -209,6 +212,16 @@ QString CInbox::prepare()
             debug(QStringLiteral("CInbox"), trouble, DebugAlways, DebugFlagNone);
     }
     return QString();
+}
+
+/// What a crash has kept from its place gets there in the order in which it was stored.
+void CInbox::sortAsStored(QStringList *names) const
+{
+    const auto orderOf = [this](const QString &name) {
+        return index.orderOf(QByteArray::fromHex(name.section(QLatin1Char('.'), 0, 0).toLatin1()));
+    };
+    std::sort(names->begin(), names->end(),
+              [&](const QString &one, const QString &other) { return orderOf(one) < orderOf(other); });
 }
 
 QString CInbox::roomTrouble(qint64 bytes) const

@@ -123,6 +123,7 @@ private:
     QString place(const QByteArray &key, QString *directory);
     QString moveIntoInput(const QDir &from, const QByteArray &key, QString *directory);
     QString handOut(QString *directory);
+    void sortAsStored(QStringList *names) const;
     void release(CIncomingMessage *message);
 
     const QDir messages;

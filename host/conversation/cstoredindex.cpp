@@ -59,7 +59,7 @@ QString CStoredIndex::open(const QString &fileName)
     for (int at = 0; at + recordSize <= bytes.size(); at += recordSize) {
         const char *record = bytes.constData() + at;
         if (bytes.mid(at + checkedSize, recordSize - checkedSize) == checkOf(record))
-            digests.insert(bytes.mid(at, keySize), bytes.mid(at + keySize, digestSize));
+            note(bytes.mid(at, keySize), bytes.mid(at + keySize, digestSize));
     }
     file = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_APPEND, 0600);
     // What a crash has cut off would shift all that follows.
@@ -84,8 +84,13 @@ QString CStoredIndex::add(const std::vector<Record> &records)
         return text;
     }
     for (const Record &record : records)
-        digests.insert(record.key, record.digest);
+        note(record.key, record.digest);
     return QString();
+}
+
+void CStoredIndex::note(const QByteArray &key, const QByteArray &digest)
+{
+    stored.insert(key, {digest, stored.size()});
 }
 
 QString CStoredIndex::trouble(const char *doing) const

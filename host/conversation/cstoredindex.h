@@ -34,7 +34,10 @@ public:
     QString open(const QString &path);
 
     /// The digest of a stored message; empty when it is not.
-    QByteArray digestOf(const QByteArray &key) const { return digests.value(key); }
+    QByteArray digestOf(const QByteArray &key) const { return stored.value(key).digest; }
+
+    /// Which of two was stored first: the smaller number. -1 of one that is not stored.
+    int orderOf(const QByteArray &key) const { return stored.value(key).order; }
 
     /// Adds records, all or none. They are on the disk afterwards.
     /// @return null on success, else a text for people
@@ -45,5 +48,13 @@ private:
 
     CDescriptor file;
     QString path;
-    QHash<QByteArray, QByteArray> digests;
+
+    struct Stored
+    {
+        QByteArray digest;
+        int order = -1;
+    };
+    void note(const QByteArray &key, const QByteArray &digest);
+
+    QHash<QByteArray, Stored> stored;
 };

@@ -65,7 +65,7 @@ private Q_SLOTS:
     {
         const QString plugins = alfa.path("bin/channelPlugins/"_s);
         QVERIFY(TestInstallation::write(plugins + "broken.so"_s, "not a library"));
-        placeProgram(FAULTY_FILE, plugins + "old.so"_s); // ends the program when asked for more
+        Abonent::place(FAULTY_FILE, plugins + "old.so"_s); // ends the program when asked for more
         qputenv("FAULT", "entry.apiVersion add -1");
         QVERIFY(alfa.listen());
         QVERIFY(alfa.sees("Не удалось загрузить модуль канала broken.so"_s));
@@ -186,7 +186,7 @@ private Q_SLOTS:
         const int before = alfa.stored().size();
         const QByteArray none = answerOf(1, AnswerFrame::Send, 0, checkOf({}));
         const QByteArray three = answerOf(1, AnswerFrame::Send, 3, checkOf("abc"));
-        const QByteArray offer = offerOf(1, OfferFrame::File, 6, "f");
+        const QByteArray offer = offering(1, OfferFrame::File, 6, "f").toBytes();
         {
             Stranger stranger(alfa.port);
             QVERIFY(stranger.says(hello + offer).isAnswered(none));
@@ -204,11 +204,11 @@ private Q_SLOTS:
         Stranger newer(alfa.port); // the same over another connection: the older one ends
         QVERIFY(newer.says(hello + offer).isAnswered(three));
         QVERIFY(stranger.isCutOff());
-        newer.says(dataFrame(1, "def") + finishOf(1, "xyzdef"));
+        newer.says(dataFrame(1, "def") + FinishFrame{1, checkOf("xyzdef")}.toBytes());
         QVERIFY(newer.isAnswered("Контрольная сумма не совпала"_s.toUtf8()));
-        newer.says(offerOf(2, OfferFrame::File, 6, "f"));
+        newer.says(offering(2, OfferFrame::File, 6, "f").toBytes());
         QVERIFY(newer.isAnswered(answerOf(2, AnswerFrame::Send, 0, checkOf({}))));
-        newer.says(dataFrame(2, "abcdef") + finishOf(2, "abcdef"));
+        newer.says(wholeOf(2, "abcdef"));
         QVERIFY(newer.isAnswered(answerOf(2, AnswerFrame::Stored, 0, sha256("abcdef"))));
         QCOMPARE(alfa.stored().size(), before + 1);
 
@@ -217,7 +217,7 @@ private Q_SLOTS:
         QCOMPARE(alfa.interrupt(SIGKILL), -1);
         QVERIFY(alfa.listen());
         Stranger third(alfa.port);
-        QVERIFY(third.says(hello + offerOf(3, OfferFrame::File, 6, "f"))
+        QVERIFY(third.says(hello + offering(3, OfferFrame::File, 6, "f").toBytes())
                     .isAnswered(answerOf(3, AnswerFrame::Stored, 0, sha256("abcdef"))));
         QCOMPARE(alfa.stored().size(), before);
     }
@@ -227,7 +227,7 @@ private Q_SLOTS:
         Stranger guest(alfa.port);
         QVERIFY(guest.says(hello).isAnswered(alfa.name.toUtf8()));
 
-        const QByteArray offer = offerOf(1, OfferFrame::File, 2, "f", 'a');
+        const QByteArray offer = offering(1, OfferFrame::File, 2, "f", 'a').toBytes();
         const QByteArray attacks[] = {
             offer,                       // before a greeting
             emptyFrame(FrameType::Ping), // before a greeting
@@ -237,11 +237,11 @@ private Q_SLOTS:
             hello + hello,
             hello + dataFrame(1, "abc"), // never offered
             hello + offer + offer,
-            hello + offer + dataFrame(1, "abc"), // more than offered
-            hello + offer + finishOf(1, {}),     // less than offered
+            hello + offer + dataFrame(1, "abc"),                   // more than offered
+            hello + offer + FinishFrame{1, checkOf({})}.toBytes(), // less than offered
             hello + answerOf(1, AnswerFrame::Stored, 0, sha256({})),
             // "Бета" has written before, with another key.
-            helloOf("Бета"_s) + offerOf(1, OfferFrame::Text, 1, {}),
+            helloOf("Бета"_s) + offering(1, OfferFrame::Text, 1, {}).toBytes(),
         };
         const int before = alfa.stored().size();
         for (const QByteArray &attack : attacks) {
@@ -256,13 +256,8 @@ private Q_SLOTS:
         sly.says(hello);
         for (const char *path : {"../../../../bin/f", "d/../f"}) {
             const QByteArray list = treeToBytes({{path, false, false, 0, 1}});
-            OfferFrame tree;
-            tree.item = ++item;
-            tree.kind = OfferFrame::Tree;
-            tree.identity = QByteArray(FrameLimits::identitySize, 't');
-            tree.size = list.size() + 1;
+            OfferFrame tree = offering(++item, OfferFrame::Tree, list.size() + 1, "t", 't');
             tree.listSize = quint32(list.size());
-            tree.name = "t";
             QVERIFY(sly.says(tree.toBytes()).isAnswered(answerOf(item, AnswerFrame::Send, 0, checkOf({}))));
             QVERIFY(sly.says(dataFrame(item, list + 'x')).isAnswered("Недопустимый перечень"_s.toUtf8()));
         }
@@ -334,14 +329,14 @@ private Q_SLOTS:
             const QByteArray file = names[i].toUtf8();
             Stranger stranger(mark.port);
             stranger.says(helloOf(QString(names[i]).remove(QChar(0)) + " n%1"_s.arg(i)) +
-                          offerOf(1, OfferFrame::File, 3, file, char('a' + i)));
+                          offering(1, OfferFrame::File, 3, file, char('a' + i)).toBytes());
             if (i >= firstBad) {
                 QVERIFY2(stranger.isAnswered(answerOf(1, AnswerFrame::Refused, 0, {}, "Недопустимое имя"_s)),
                          file);
                 continue;
             }
             QVERIFY2(stranger.isAnswered(answerOf(1, AnswerFrame::Send, 0, checkOf({}))), file);
-            QVERIFY(stranger.says(dataFrame(1, "abc") + finishOf(1, "abc"))
+            QVERIFY(stranger.says(wholeOf(1, "abc"))
                         .isAnswered(answerOf(1, AnswerFrame::Stored, 0, sha256("abc"))));
         }
         QByteArray huge = hello + QByteArray(1 << 20, 'L'); // our own writer would cut it
@@ -410,6 +405,12 @@ private Q_SLOTS:
             }
             senders.push_back(std::make_unique<QProcess>());
             senders.back()->start(from.program(), words);
+            QByteArray said; // the next ones are accepted behind these
+            QVERIFY(QTest::qWaitFor(
+                [&] {
+                    return (said += senders.back()->readAllStandardOutput()).contains("Принято к отправке");
+                },
+                patienceMs));
             for (; killed < kills * (batch + 1) / batches; ++killed) {
                 QTest::qWait(isLong ? 3000 : 1500);
                 Abonent &victim = killed % 2 == 0 ? to : from;

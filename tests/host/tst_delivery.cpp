@@ -1,6 +1,7 @@
 // Keys, the TLS session, contacts and the message journal, each for itself: hostile peers, damaged files,
 // several processes.
 #include "common/global.h"
+#include "host/conversation/cinbox.h"
 #include "host/conversation/handout.h"
 #include "host/delivery/ccontacts.h"
 #include "host/delivery/cidentity.h"
@@ -564,6 +565,29 @@ private Q_SLOTS:
         QVERIFY(quotaRefusal(settings.quotas, used, 11).contains("Место"_s));
         QVERIFY(quotaRefusal(settings.quotas, {3, 0}, 1).contains("в сутки"_s));
         QVERIFY(quotaRefusal(settings.quotas, {0, 0}, (64 << 20) + 1).contains("не более 64"_s));
+    }
+
+    // What a crash has kept from its place gets there in the order in which it was stored.
+    void keepsTheOrderOverACrash()
+    {
+        const QDir messages = Global::messagesDir(0);
+        QVERIFY(Global::makePath(messages));
+        CStoredIndex index;
+        QCOMPARE(index.open(messages.filePath("stored.index"_s)), QString());
+        QByteArray expected;
+        for (const char mark : {'\x7f', '\x01', '\xff', '\x10', '\x02'}) {
+            const QByteArray key(16, mark);
+            QCOMPARE(index.add({{key, keyA}}), QString());
+            const QString place = messages.filePath("incomplete/"_s + QString::fromLatin1(key.toHex()));
+            QVERIFY(TestInstallation::write(place + "/text.txt"_s, key));
+            expected += key;
+        }
+        QCOMPARE(CInbox(0).prepare(), QString());
+        QByteArray order;
+        const QDir input = Global::inputMessagesDir(0);
+        for (const QString &number : input.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name))
+            order += TestInstallation::read(input.filePath(number + "/text.txt"_s));
+        QCOMPARE(order.toHex(), expected.toHex());
     }
 
     // Contents go into the user's folder once, on whatever file system and after a crash at any moment.
