@@ -578,8 +578,8 @@ private Q_SLOTS:
         for (const char mark : {'\x7f', '\x01', '\xff', '\x10', '\x02'}) {
             const QByteArray key(16, mark);
             QCOMPARE(index.add({{key, keyA}}), QString());
-            const QString place = messages.filePath("incomplete/"_s + QString::fromLatin1(key.toHex()));
-            QVERIFY(TestInstallation::write(place + "/text.txt"_s, key));
+            const QString kept = messages.filePath("incomplete/"_s + QString::fromLatin1(key.toHex()));
+            QVERIFY(TestInstallation::write(kept + "/text.txt"_s, key));
             expected += key;
         }
         QCOMPARE(CInbox(0).prepare(), QString());
