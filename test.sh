@@ -26,7 +26,7 @@ for argument in "$@"; do
 done
 [ -z "$long" ] || export IPCHANNEL_LONG=1
 
-prepare abigail-tools clang-format doxygen git iproute2 make openssl procps python3 valgrind
+prepare abigail-tools clang-format doxygen git iproute2 make nftables openssl procps python3 python3-pyte ufw valgrind
 
 # run PRESET [ctest argument ...]
 run() {

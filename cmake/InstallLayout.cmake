@@ -18,6 +18,7 @@ include(CMakePackageConfigHelpers)
 option(IPCHANNEL_INSTALL "Make the rules for installing and packaging" ${PROJECT_IS_TOP_LEVEL})
 set(IPCHANNEL_HOME "" CACHE STRING "Directory below the prefix that holds bin/, settings/ and data/; empty: the prefix")
 set(IPCHANNEL_STATE_DIR "" CACHE STRING "Absolute directory that settings/ and data/ link to; empty: no links")
+set(IPCHANNEL_UNIT_DIR /lib/systemd/system CACHE STRING "Where the packages have units of systemd")
 
 set(headerDir include/ipChannel)
 set(programDir bin)
@@ -67,9 +68,10 @@ install(TARGETS observer LIBRARY DESTINATION ${programDir}/checkPlugins COMPONEN
 install(TARGETS transportIp LIBRARY DESTINATION ${pluginDir} COMPONENT plugin)
 set(hostDocuments ${PROJECT_BINARY_DIR}/host)
 install(FILES ${hostDocuments}/abonent.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT host)
+install(FILES ${hostDocuments}/abonent.ru.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/ru/man1 COMPONENT host RENAME abonent.1)
 install(FILES ${hostDocuments}/abonent.bash DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
   COMPONENT host RENAME abonent)
-install(FILES docs/ru/administrator.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/abonent COMPONENT runtime)
+install(DIRECTORY docs/ru/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/abonent COMPONENT runtime FILES_MATCHING PATTERN *.md)
 
 # The kit.
 foreach(header IN LISTS IPCHANNEL_PUBLIC_HEADERS)
@@ -87,7 +89,7 @@ if(CMAKE_STRIP)
 endif()
 install(EXPORT ipChannelTargets NAMESPACE ipChannel:: DESTINATION ${configDir} COMPONENT development)
 install(DIRECTORY examples DESTINATION ${developmentDocDir} COMPONENT development)
-install(DIRECTORY docs/ DESTINATION ${developmentDocDir} COMPONENT development FILES_MATCHING PATTERN *.md)
+install(DIRECTORY docs/ DESTINATION ${developmentDocDir} COMPONENT development FILES_MATCHING PATTERN *.md PATTERN *.svg PATTERN *.csv)
 
 # The package's description, once for the installed tree and once for the build tree, where -DipChannel_DIR=BUILD/cmake
 # finds it.

@@ -25,6 +25,9 @@ public:
     /// @param key "group/name", case-sensitive
     QStringList items(const QString &key) const { return entries.value(key).items; }
 
+    /// Of all entries, "group/name", in no order.
+    QStringList keys() const { return entries.keys(); }
+
     /// Changes an entry in place, or adds it at the end of its group, which is made if missing.
     /// @return whether the text now gives these items; otherwise nothing is changed
     bool set(const QString &key, const QStringList &items);

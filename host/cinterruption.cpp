@@ -28,6 +28,12 @@ void CInterruption::block()
     std::signal(SIGPIPE, SIG_IGN);
 }
 
+void CInterruption::release()
+{
+    const sigset_t set = ourSignals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
 CInterruption::CInterruption()
 {
     const sigset_t set = ourSignals();

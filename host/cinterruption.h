@@ -13,6 +13,10 @@ public:
     /// inherit it.
     static void block();
 
+    /// The signals end the process again, at once: for commands that leave nothing to be put in order. Before
+    /// there is another thread.
+    static void release();
+
     /// Begins to listen for them; after block(), in a thread with an event loop.
     CInterruption();
     ~CInterruption() override;

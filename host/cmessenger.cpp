@@ -43,9 +43,6 @@ bool CMessenger::load()
             console.error(error);
         }
     }
-    if (channels.empty())
-        console.error(QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
-                          .arg(directory.absolutePath()));
     return !channels.empty();
 }
 
@@ -88,7 +85,9 @@ void CMessenger::close()
     if (isClosing)
         return;
     isClosing = true;
-    watcher.removePaths(watcher.directories() + watcher.files());
+    const QStringList watched = watcher.directories() + watcher.files();
+    if (!watched.isEmpty()) // before open() there is nothing, which Qt would complain about
+        watcher.removePaths(watched);
     for (const Channel &channel : channels)
         channel.server->stop();
 }

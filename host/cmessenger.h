@@ -6,8 +6,8 @@
 #pragma once
 
 #include "host/cchannellibrary.h"
-#include "host/channelsettingsfile.h"
 #include "host/conversation/cmessageprotocol.h"
+#include "host/settings/channelsettingsfile.h"
 #include "interfaces/cchannelserver.h"
 
 #include <QFileSystemWatcher>

@@ -4,9 +4,14 @@
 #include "common/logger.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/commands/newslines.h"
+#include "host/console/jsonlines.h"
 #include "host/delivery/fingerprintwords.h"
+#include "host/service/owndescriptors.h"
 #include "transportIp/ipsettings.h"
 
+#include <QDateTime>
 #include <QFile>
 
 #include <atomic>
@@ -63,11 +68,12 @@ CProgram::CProgram(const CommandLine &line, Role chosenRole, CConsole &shownOn, 
       monitor(console, chosenRole == Resident || line.has("verbose") ? CConsoleMonitor::Shown
                                                                      : CConsoleMonitor::Silent),
       journal(console), role(chosenRole), settings(GeneralSettings::load()), givenName(line.value("name")),
-      ownName(GeneralSettings::chosenName(givenName)),
+      ownName(GeneralSettings::chosenName(givenName)), startTime(QDateTime::currentSecsSinceEpoch()),
       messages(level, {settings.journalKeepDays, settings.journalKeepRows}), inbox(level),
-      unnamed(mostUnnamed(), mostUnnamed() / 2), messenger(console, monitor, context(ping))
+      unnamed(mostUnnamed(), mostUnnamed() / 2), messenger(console, traffic, context(ping))
 {
     gIsVerbose = line.has("verbose");
+    monitor.showAbove([this](int cells) { return transferRows.rows(cells); });
     gConsole = &console;
     qInstallMessageHandler(showQtMessage);
 }
@@ -94,6 +100,8 @@ CMessageProtocol::Context CProgram::context(PingResult *ping)
     around.originOf = [this](const QString &label) { return monitor.originOf(label); };
     around.unnamed = &unnamed;
     around.lingerMs = role == Resident ? residentLingerMs : 0;
+    around.onNews = [this](const MessageNews &news) { tellNews(console, news, gIsVerbose); };
+    around.board = role == Resident && console.isTerminal() ? &board : nullptr;
     around.isWatched = role == Sender;
     around.ping = ping;
     return around;
@@ -109,9 +117,9 @@ bool CProgram::receives() const
 int CProgram::prepare()
 {
     if (Global::filterName(ownName).isEmpty()) {
-        console.error(QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр: задайте другое, --name")
-                          .arg(ownName));
-        return ExitUsage;
+        return fail(console, ExitUsage,
+                    QStringLiteral("В имени абонента '%1' нет ни букв, ни цифр: задайте другое, --name")
+                        .arg(ownName));
     }
     QString error = identity.prepare();
     if (error.isNull() && role != Asker)
@@ -120,15 +128,22 @@ int CProgram::prepare()
         error = GeneralSettings::set(QStringLiteral("Abonent/name"), givenName);
     if (!error.isNull()) {
         debug(QStringLiteral("CProgram"), error, DebugAlways, DebugFlagFileOnly);
-        console.error(error);
-        return ExitTrouble;
+        return fail(console, ExitTrouble, error);
     }
     if (!messenger.load())
-        return ExitTrouble;
+        return fail(console, ExitTrouble,
+                    QStringLiteral("В каталоге %1 нет ни одного пригодного модуля канала")
+                        .arg(Global::channelPluginsDir().absolutePath()));
     console.line(
         QStringLiteral("Абонент '%1', установка %2").arg(ownName, Global::installDir().absolutePath()));
     if (role == Resident)
         console.line(QStringLiteral("Свой ключ: %1").arg(shownFingerprint(identity.fingerprint())));
+    QJsonObject object = jsonEvent(QStringLiteral("prepared"));
+    object.insert(QStringLiteral("time"), jsonTime(QDateTime::currentDateTime()));
+    object.insert(QStringLiteral("abonent"), ownName);
+    object.insert(QStringLiteral("installation"), Global::installDir().absolutePath());
+    object.insert(QStringLiteral("key"), QString::fromLatin1(identity.fingerprint().toHex()));
+    console.json(object);
     return ExitDone;
 }
 
@@ -146,6 +161,8 @@ void CProgram::open(const QString &only, const QString &fresh)
         isStarted = true;
         noteRow(JournalRow::Started);
     }
+    if (const CChannelServer *server = messenger.server(ipKind))
+        traffic.follow(*server);
     if (role == Asker || !messenger.server(ipKind))
         return;
     CPostOffice::Around around;
@@ -155,6 +172,7 @@ void CProgram::open(const QString &only, const QString &fresh)
     around.journal = &journal;
     around.queues = &queues;
     around.level = level;
+    around.takeReason = [this](const QString &abonent) { return journal.takeReason(abonent); };
     around.only = only;
     around.fresh = fresh;
     office = std::make_unique<CPostOffice>(around);
@@ -163,8 +181,45 @@ void CProgram::open(const QString &only, const QString &fresh)
 
 void CProgram::close()
 {
+    if (office)
+        callsPlaced = office->placedCalls();
     office.reset(); // it uses the servers
     messenger.close();
+}
+
+CServiceNotifier::State CProgram::state() const
+{
+    const CTraffic::Counts now = traffic.counts();
+    // A kind of channel that listens nowhere is ready when it has started.
+    const bool isReady = !messenger.server(ipKind) || OwnDescriptors::look().isListening;
+    return {isReady, QStringLiteral("%1. Соединений: %2; принято сообщений: %3, доставлено: %4")
+                         .arg(now.state, QString::number(now.openNow),
+                              QString::number(messages.count(JournalRow::Received).rows),
+                              QString::number(messages.count(JournalRow::Sent).rows))};
+}
+
+Metrics CProgram::metrics() const
+{
+    const CTraffic::Counts now = traffic.counts();
+    const JournalCount received = messages.count(JournalRow::Received);
+    const JournalCount sent = messages.count(JournalRow::Sent);
+    Metrics result;
+    result.startTime = startTime;
+    result.connections = now.openNow;
+    result.connectionsTotal = now.connections;
+    result.conversationsTotal = now.conversations;
+    result.callsTotal = office ? office->placedCalls() : callsPlaced;
+    result.failedCallsTotal = now.failedCalls;
+    result.receivedBytes = now.received;
+    result.sentBytes = now.sent;
+    result.messagesReceived = received.rows;
+    result.messageBytesReceived = received.bytes;
+    result.messagesSent = sent.rows;
+    result.messageBytesSent = sent.bytes;
+    result.refusals = messages.count(JournalRow::Refused).rows;
+    result.brokenOff = messages.count(JournalRow::BrokenOff).rows;
+    result.keyChanges = messages.count(JournalRow::KeyChanged).rows;
+    return result;
 }
 
 void CProgram::noteRow(JournalRow kind)

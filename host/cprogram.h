@@ -4,6 +4,7 @@
 
 #include "host/cinterruption.h"
 #include "host/cmessenger.h"
+#include "host/commands/ctransferrows.h"
 #include "host/console/cconsole.h"
 #include "host/console/cconsolejournal.h"
 #include "host/console/cconsolemonitor.h"
@@ -14,6 +15,9 @@
 #include "host/delivery/ccontacts.h"
 #include "host/delivery/cidentity.h"
 #include "host/delivery/cmessagejournal.h"
+#include "host/service/cmetricsfile.h"
+#include "host/service/cservicenotifier.h"
+#include "host/service/ctraffic.h"
 
 #include <memory>
 
@@ -49,6 +53,10 @@ public:
     /// Stops the delivery and the channels; the messenger says when that is done.
     void close();
 
+    /// How it goes, for a service manager and for Prometheus. [server thread]
+    CServiceNotifier::State state() const;
+    Metrics metrics() const;
+
     /// CChannelPlugin::type() of the channel whose records we write.
     static constexpr int ipKind = 1;
 
@@ -59,7 +67,10 @@ public:
     const int level;
     CConsole &console;
     CConsoleMonitor monitor;
+    CTraffic traffic{monitor};
     CConsoleJournal journal;
+    CTransferBoard board;
+    CTransferRows transferRows{board};
     CInterruption interruption;
     CIdentity identity;
     CContacts contacts;
@@ -75,8 +86,14 @@ private:
     const Role role;
     const GeneralSettings settings;
     const QString givenName; // --name
+
+public:
     const QString ownName;
+
+private:
+    const qint64 startTime; // seconds since 1970
     bool isStarted = false;
+    qint64 callsPlaced = 0; // by an office that has closed
     CMessageJournal messages;
     CInbox inbox;
     CUnnamedCallers unnamed;

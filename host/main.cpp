@@ -5,9 +5,14 @@
 #include "host/cinterruption.h"
 #include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
+#include "host/commands/commands.h"
 #include "host/commands/commandtable.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
 #include "host/console/printing.h"
+#include "host/installationrights.h"
+#include "host/screen/cscreen.h"
+#include "host/text/reasons.h"
 
 #include <QCoreApplication>
 #include <QTextCodec>
@@ -36,6 +41,29 @@ void enlargeDescriptorTable()
         ::close(descriptor);
 }
 
+/// What a command does in its installation.
+enum Need
+{
+    Nothing,
+    Looking,
+    Writing,
+};
+
+Need needOf(const CommandLine &line)
+{
+    const auto is = [&line](int (*run)(const CommandLine &)) { return line.command->run == run; };
+    if (is(runListen) || is(runSend) || is(runPing))
+        return Writing;
+    return is(runContact) || is(runJournal) || is(runOutbox) || is(runSettings) ? Looking : Nothing;
+}
+
+void passOver(QtMsgType type, const QMessageLogContext &context, const QString &text)
+{
+    Q_UNUSED(type)
+    Q_UNUSED(context)
+    Q_UNUSED(text)
+}
+
 int run(const CommandLine &line)
 {
     if (!line.mistake.isNull())
@@ -49,6 +77,17 @@ int run(const CommandLine &line)
         return ExitDone;
     }
 
+    if (line.has("json"))
+        setOutputStyle(OutputStyle::Json);
+    else if (line.has("quiet"))
+        setOutputStyle(OutputStyle::Quiet);
+    const QString lack = needOf(line) == Nothing ? QString() : missingRights();
+    if (!lack.isNull()) {
+        if (needOf(line) == Writing)
+            return fail(ExitTrouble, lack);
+        printError(lack);
+        qInstallMessageHandler(passOver); // what the runtime would say of it is said
+    }
     // A save that was cut off by a crash may have left the channel's settings under another name.
     const QString error = Global::recoverSaved(Global::channelIpSettingsFilePath());
     if (!error.isNull())
@@ -67,11 +106,12 @@ int main(int argc, char *argv[])
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
     QCoreApplication application(argc, argv);
     LoggerData::initDebug(nullptr);
-    const int code = run(CommandLine::parse(QCoreApplication::arguments().mid(1)));
+    const QStringList arguments = QCoreApplication::arguments().mid(1);
+    const int code = arguments.isEmpty() && isOnTerminal() ? runScreen() : run(CommandLine::parse(arguments));
 
     const int reason = printingError();
     if (code != ExitDone || reason == 0 || reason == EPIPE) // a reader may go when it has enough
         return code;
-    printError(QStringLiteral("Не удалось вывести результат. %1").arg(qt_error_string(reason)));
+    printError(QStringLiteral("Не удалось вывести результат. %1").arg(reasonOf(reason)));
     return ExitTrouble;
 }

@@ -1,6 +1,6 @@
 #include "transportIp/cipplugin.h"
 
-#include "common/csettings.h"
+#include "common/settingonce.h"
 #include "transportIp/cipserver.h"
 #include "transportIp/ipchannelkind.h"
 
@@ -38,9 +38,8 @@ CChannelServer *CIpPlugin::create() const
 
 void CIpPlugin::incCallTimeout(int *timeout) const
 {
-    static const int maxTimeout =
-        CSettings().detailsTransportIpMaxReconnectTimeout(); // a restart reads it anew
-
+    static CSettingOnce greatest(&CSettings::detailsTransportIpMaxReconnectTimeout);
+    const int maxTimeout = greatest.value();
     const auto *rung = std::find_if(std::begin(ladder), std::end(ladder),
                                     [timeout](const Rung &each) { return *timeout < each.upTo; });
     const int step = rung == std::end(ladder) ? topStep : rung->step;

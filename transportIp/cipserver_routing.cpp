@@ -1,11 +1,12 @@
 // How the IP server hands descriptors and calls to workers, finds them again and ends them all.
 #include "transportIp/cipserver.h"
 
-#include "common/csettings.h"
 #include "common/debugdata.h"
+#include "common/descriptor.h"
 #include "common/functiontrace.h"
 #include "common/logwriter.h"
 #include "common/namefilter.h"
+#include "common/settingonce.h"
 #include "transportIp/cconnectiondispatcher.h"
 #include "transportIp/threadcheck.h"
 
@@ -17,7 +18,6 @@
 
 #include <sys/eventfd.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 namespace {
 
@@ -52,11 +52,8 @@ bool leavesReserve(qintptr descriptor)
 /// @return whether a call, which brings no descriptor along, may take some
 bool hasDescriptorsForCall()
 {
-    const int descriptor = ::eventfd(0, EFD_CLOEXEC);
-    if (descriptor < 0)
-        return false;
-    ::close(descriptor);
-    return leavesReserve(descriptor);
+    const CDescriptor next(::eventfd(0, EFD_CLOEXEC));
+    return next.isOpen() && leavesReserve(next.get());
 }
 
 /// @return whether a record can be written without waiting for those who fight for the log
@@ -108,7 +105,7 @@ void CIpServer::inputConnection()
     descriptors.swap(tcpServer->pendingDescriptors);
     for (const qintptr descriptor : qAsConst(descriptors)) {
         if (!leavesReserve(descriptor)) {
-            ::close(int(descriptor));
+            CDescriptor(int(descriptor)).reset();
             reportRefusal(EMFILE);
         } else if (!takeWorker()->answer(descriptor)) {
             reportRefusal(errno);
@@ -136,14 +133,14 @@ void CIpServer::connectToAbonent(const QString &abonentName, const QByteArray &a
         return;
     }
 
-    static const int startTimeout = CSettings().detailsTransportIpThreadStartTimeout(); // ms
+    static CSettingOnce startTimeout(&CSettings::detailsTransportIpThreadStartTimeout); // ms
     CIpThread *worker = takeWorker();
     worker->call(abonentName, settings);
     QElapsedTimer clock;
     clock.start();
     while (!worker->isRunning() && !worker->isFinished()) { // a call refused at once may be over already
         QThread::msleep(startPollMs);
-        if (clock.elapsed() > startTimeout) {
+        if (clock.elapsed() > startTimeout.value()) {
             log(QStringLiteral("Не удалось дождаться запуска потока канала для вызова абонента '%1'")
                     .arg(abonentName));
             return;
@@ -212,12 +209,11 @@ void CIpServer::internalStop()
 /// Waits until no worker runs, for as long as the settings allow.
 void CIpServer::waitForWorkers() const
 {
-    static const int stopTimeout =
-        int(0.9F * float(CSettings().detailsTransportServerThreadStopTimeout())); // ms
-
+    static CSettingOnce stopTimeout(&CSettings::detailsTransportServerThreadStopTimeout); // ms
+    const int waitMs = int(0.9F * float(stopTimeout.value()));
     QElapsedTimer clock;
     clock.start();
-    while (clock.elapsed() < stopTimeout) {
+    while (clock.elapsed() < waitMs) {
         QThread::msleep(stopPollMs);
         const QList<CIpThread *> running = runningWorkers();
         if (running.isEmpty())

@@ -1,10 +1,11 @@
 #include "transportIp/cipthread.h"
 
-#include "common/csettings.h"
 #include "common/debugdata.h"
+#include "common/descriptor.h"
 #include "common/functiontrace.h"
 #include "common/logwriter.h"
 #include "common/namefilter.h"
+#include "common/settingonce.h"
 #include "common/terminationguard.h"
 #include "interfaces/cabstractprotocol.h"
 #include "interfaces/cchannelserver.h"
@@ -23,7 +24,6 @@
 #include <utility>
 
 #include <pthread.h>
-#include <unistd.h>
 
 namespace {
 
@@ -86,9 +86,7 @@ bool CIpThread::answer(qintptr descriptor)
     socketDescriptor = descriptor;
     if (launch())
         return true;
-    const int error = errno;
-    ::close(int(descriptor));
-    errno = error;
+    CDescriptor(int(descriptor)).reset(); // leaves errno alone
     return false;
 }
 
@@ -214,9 +212,7 @@ bool CIpThread::placeCall()
 /// @return whether the socket is connected; false also when a stop was asked for, whatever its state
 bool CIpThread::waitForConnection()
 {
-    static const int connectTimeout =
-        CSettings().detailsTransportIpConnectTimeout(); // ms; a restart reads it anew
-
+    static CSettingOnce connectTimeout(&CSettings::detailsTransportIpConnectTimeout); // ms
     const auto isConnecting = [this] {
         return socket->state() == QAbstractSocket::HostLookupState ||
                socket->state() == QAbstractSocket::ConnectingState;
@@ -226,7 +222,7 @@ bool CIpThread::waitForConnection()
     QElapsedTimer clock;
     clock.start();
     QEventLoop loop;
-    while (clock.elapsed() < connectTimeout && !control.isStopRequested() && isConnecting()) {
+    while (clock.elapsed() < connectTimeout.value() && !control.isStopRequested() && isConnecting()) {
         loop.processEvents(QEventLoop::AllEvents, connectEventsMs);
         if (isConnecting())
             msleep(connectPollMs);

@@ -1,5 +1,6 @@
 #include "transportIp/ctcpserver.h"
 
+#include "common/descriptor.h"
 #include "transportIp/threadcheck.h"
 
 #include <QHostAddress>
@@ -12,7 +13,6 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -49,9 +49,7 @@ void makeRoomForDescriptors(int descriptor)
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     const auto last = int(std::min(limit.rlim_cur, descriptorsAtOnce)) - 1;
-    const int copy = ::fcntl(descriptor, F_DUPFD_CLOEXEC, last);
-    if (copy >= 0)
-        ::close(copy);
+    CDescriptor(::fcntl(descriptor, F_DUPFD_CLOEXEC, last)).reset();
 }
 
 } // namespace
@@ -66,7 +64,7 @@ CTcpServer::CTcpServer(QObject *parent) : QTcpServer(parent), rest(this)
 CTcpServer::~CTcpServer()
 {
     for (const qintptr descriptor : qAsConst(pendingDescriptors))
-        ::close(int(descriptor));
+        CDescriptor(int(descriptor)).reset();
 }
 
 bool CTcpServer::listenOn(quint16 port)

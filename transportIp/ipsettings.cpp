@@ -1,5 +1,5 @@
-// The records byte by byte. Written out by hand, since a data stream costs eight times as much and
-// its rules for damaged data are kept here explicitly.
+// The records byte by byte. Written out by hand, since a data stream costs four times as much and its
+// rules for damaged data are kept here explicitly.
 #include "transportIp/ipsettings.h"
 
 #include "common/functiontrace.h"

@@ -83,7 +83,7 @@ bool readOneKey()
 }
 
 // A key is looked up at every log call, the file read after somebody's edit, written for a new key.
-void growthOfSettings()
+void settingsOfManyKeys()
 {
     Global::makePath(Global::settingsDir());
     for (const int keys : {10, 100, 1000, 10000}) {
@@ -113,5 +113,5 @@ void Rows::growth(const QString &directory)
 {
     logThreads();
     naming(directory);
-    growthOfSettings();
+    settingsOfManyKeys();
 }

@@ -30,6 +30,12 @@ def machine():
     return f"{datetime.date.today()}, {os.cpu_count()} processors, {system}, kernel {platform.release()}"
 
 
+def raise_descriptor_limit():
+    """Thousands of connections take two descriptors each."""
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+
+
 def measure(programs, name, rounds):
     """The rounds of one area, with what went wrong told at once."""
     function, usual = areas.AREAS[name]
@@ -72,9 +78,7 @@ def main():
     if unknown:
         parser.error(f"no area {unknown[0]}; there are {', '.join(areas.AREAS)}")
 
-    # Thousands of connections take two descriptors each.
-    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    raise_descriptor_limit()
     programs = Programs(options.build)
     complete = True
     text = f"Measured on {machine()}.\n\n"

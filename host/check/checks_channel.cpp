@@ -67,7 +67,7 @@ void Checks::wakeForEnd(CFixture &fixture)
 void Checks::idleIsQuiet(CFixture &fixture)
 {
     constexpr int idleMs = 300;
-    constexpr int mostLooks = 300; // a busy machine makes them fewer
+    constexpr int mostLooks = 100; // a busy machine makes them fewer
     callTimeless(fixture, Behaviour());
     const int before = fixture.recorder.looks;
     fixture.pause(idleMs);

@@ -9,8 +9,14 @@ struct Command;
 /// @param command the command to explain; null gives the overview
 QString commandHelp(const Command *command);
 
+enum class ManualLanguage
+{
+    Russian,
+    English,
+};
+
 /// The manual page abonent(1), for man(7).
-QString manualPage();
+QString manualPage(ManualLanguage language);
 
 /// Completion for bash: a script that is sourced.
 QString bashCompletion();

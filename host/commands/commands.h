@@ -29,15 +29,21 @@ int runContact(const CommandLine &line);
 /// Shows what was sent, received and refused.
 int runJournal(const CommandLine &line);
 
-/// Shows or changes the settings.
-int runSettings(const CommandLine &line);
+/// Shows the log of the process's level, and what is added to it.
+int runLog(const CommandLine &line);
 
-/// "port=" and so on, as `settings set` takes them.
-QStringList settingsCompletions();
+/// Looks for what is wrong with the installation, or with a call to an abonent.
+int runDoctor(const CommandLine &line);
+
+/// Shows, changes, carries or checks the settings.
+int runSettings(const CommandLine &line);
 
 /// Plays the host against a channel library and tells whether it keeps the contract.
 int runCheck(const CommandLine &line);
 
-/// Print the manual page and the completion script, when the program is built.
+/// Print the manual page (in English with "en") and the completion script, when the program is built.
 int runPrintManual(const CommandLine &line);
 int runPrintCompletion(const CommandLine &line);
+
+/// Prints the names of the contacts, a line each, for the completion. Reads, and changes nothing.
+int runPrintContacts(const CommandLine &line);

@@ -7,41 +7,44 @@
 #include "host/commands/commandline.h"
 #include "host/commands/commands.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/console/jsonlines.h"
 #include "host/console/printing.h"
 #include "host/delivery/ccontacts.h"
 #include "host/delivery/cidentity.h"
 #include "host/delivery/fingerprintwords.h"
+#include "host/text/addresstext.h"
+#include "host/text/reasons.h"
 #include "host/text/untrustedtext.h"
 
 #include <QFile>
-#include <QJsonObject>
 
+#include <cerrno>
 #include <cstdio>
 
 namespace {
 
 constexpr qint64 mailLimit = 64 * 1024;
 
-/// Shows a trouble, if there is one.
-int resultOf(const QString &trouble, const QString &success)
+/// Shows a trouble, or what was done. @param event for scripts
+int resultOf(const QString &trouble, const QString &success, const QString &event, const QString &name)
 {
-    if (trouble.isNull()) {
-        printLine(printable(success));
-        return ExitDone;
+    if (!trouble.isNull())
+        return fail(ExitTrouble, trouble);
+    printNote(success);
+    if (outputStyle() == OutputStyle::Json) {
+        QJsonObject object = jsonEvent(event);
+        object.insert(QStringLiteral("name"), name);
+        printJsonLine(object);
     }
-    const QStringList lines = trouble.split(QLatin1Char('\n')); // line feeds are ours, the rest may not be
-    for (const QString &line : lines)
-        printError(line);
-    return ExitTrouble;
+    return ExitDone;
 }
 
 QString shownAddress(const CContact &contact)
 {
     if (contact.address.isEmpty())
         return QStringLiteral("-");
-    const bool isIpv6 = contact.address.contains(QLatin1Char(':'));
-    return (isIpv6 ? QStringLiteral("[%1]:%2") : QStringLiteral("%1:%2"))
-        .arg(contact.address, QString::number(contact.port));
+    return addressText(contact.address, contact.port);
 }
 
 QString stateOf(const CContact &contact)
@@ -55,7 +58,8 @@ QString stateOf(const CContact &contact)
 
 QJsonObject jsonOf(const CContact &contact)
 {
-    QJsonObject object{{QStringLiteral("name"), contact.name},
+    QJsonObject object{{QStringLiteral("event"), QStringLiteral("contact")},
+                       {QStringLiteral("name"), contact.name},
                        {QStringLiteral("address"), contact.address},
                        {QStringLiteral("port"), contact.port},
                        {QStringLiteral("key"), QString::fromLatin1(contact.key.toHex())},
@@ -63,7 +67,7 @@ QJsonObject jsonOf(const CContact &contact)
                        {QStringLiteral("blocked"), contact.isBlocked},
                        {QStringLiteral("keyChanged"), !contact.offered.isEmpty()}};
     if (contact.seen.isValid())
-        object.insert(QStringLiteral("seen"), contact.seen.toString(Qt::ISODate));
+        object.insert(QStringLiteral("seen"), jsonTime(contact.seen));
     return object;
 }
 
@@ -105,47 +109,51 @@ int add(const QString &name, const QString &address)
 {
     CallTarget target;
     if (!target.setAddress(address)) {
-        resultOf(QStringLiteral("Адрес абонента задан неверно: %1").arg(address), QString());
-        return ExitUsage;
+        return fail(ExitUsage, QStringLiteral("Адрес абонента задан неверно: %1").arg(address));
     }
     CContacts contacts;
     const QString trouble = contacts.add(name, target.address, target.port);
     const CContact contact = contacts.find(name).value_or(CContact());
-    return resultOf(trouble, QStringLiteral("Контакт '%1', адрес %2, ключ: %3")
-                                 .arg(contact.name, shownAddress(contact), shownFingerprint(contact.key)));
+    return resultOf(trouble,
+                    QStringLiteral("Контакт '%1', адрес %2, ключ: %3")
+                        .arg(contact.name, shownAddress(contact), shownFingerprint(contact.key)),
+                    QStringLiteral("added"), name);
 }
 
-int list(bool isJson)
+int list()
 {
+    const bool isJson = outputStyle() == OutputStyle::Json;
     QString trouble;
     const QVector<CContact> contacts = CContacts().list(&trouble);
     for (const CContact &contact : contacts) {
         if (isJson)
-            printLine(jsonLine(jsonOf(contact)));
+            printJsonLine(jsonOf(contact));
         else
             printLine(QStringLiteral("%1  %2  %3  %4")
                           .arg(printable(contact.name), printable(shownAddress(contact)), stateOf(contact),
                                shownFingerprint(contact.key)));
     }
     if (!trouble.isNull())
-        return resultOf(trouble, QString());
-    if (contacts.isEmpty() && !isJson)
-        printLine(QStringLiteral("Контактов нет"));
+        return fail(ExitTrouble, trouble);
+    if (contacts.isEmpty())
+        printNote(QStringLiteral("Контактов нет"));
     return ExitDone;
 }
 
 int remove(const QString &name)
 {
-    return resultOf(CContacts().remove(name),
-                    QStringLiteral("Контакт '%1' удален, его ключ забыт").arg(name));
+    return resultOf(CContacts().remove(name), QStringLiteral("Контакт '%1' удален, его ключ забыт").arg(name),
+                    QStringLiteral("removed"), name);
 }
 
 int trust(const QString &name, const QString &key)
 {
     CContact now;
     const QString trouble = CContacts().trust(name, key, &now);
-    return resultOf(trouble, QStringLiteral("Ключ абонента '%1' теперь: %2. Сверьте слова с ним по телефону")
-                                 .arg(name, shownFingerprint(now.key)));
+    return resultOf(trouble,
+                    QStringLiteral("Ключ абонента '%1' теперь: %2. Сверьте слова с ним по телефону")
+                        .arg(name, shownFingerprint(now.key)),
+                    QStringLiteral("trusted"), name);
 }
 
 int block(const QString &name, bool isBlocked)
@@ -153,7 +161,8 @@ int block(const QString &name, bool isBlocked)
     return resultOf(CContacts().setBlocked(name, isBlocked),
                     (isBlocked ? QStringLiteral("Абонент '%1' заблокирован")
                                : QStringLiteral("Абонент '%1' больше не заблокирован"))
-                        .arg(name));
+                        .arg(name),
+                    isBlocked ? QStringLiteral("blocked") : QStringLiteral("unblocked"), name);
 }
 
 int exportText(const QString &name, const QString &address)
@@ -162,20 +171,25 @@ int exportText(const QString &name, const QString &address)
     if (name.isEmpty()) {
         const QString trouble = loadOwn(&contact);
         if (!trouble.isNull())
-            return resultOf(trouble, QString());
+            return fail(ExitTrouble, trouble);
         CallTarget target;
         if (!address.isEmpty() && !target.setAddress(address)) {
-            resultOf(QStringLiteral("Адрес задан неверно: %1").arg(address), QString());
-            return ExitUsage;
+            return fail(ExitUsage, QStringLiteral("Адрес задан неверно: %1").arg(address));
         }
         contact.address = target.address;
         contact.port = target.port;
     } else if (const std::optional<CContact> found = CContacts().find(name)) {
         contact = *found;
     } else {
-        return resultOf(noContact(name), QString());
+        return fail(ExitTrouble, noContact(name));
     }
-    std::fputs(mailedContact(contact).constData(), stdout);
+    if (outputStyle() == OutputStyle::Json) {
+        QJsonObject object = jsonOf(contact);
+        object.insert(QStringLiteral("text"), QString::fromUtf8(mailedContact(contact)));
+        printJsonLine(object);
+    } else {
+        std::fputs(mailedContact(contact).constData(), stdout);
+    }
     return ExitDone;
 }
 
@@ -185,15 +199,16 @@ int import(const QString &fileName)
     const bool isOpen = fileName == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly)
                                                        : file.open(QIODevice::ReadOnly);
     if (!isOpen)
-        return resultOf(QStringLiteral("Не удалось прочитать %1. %2").arg(fileName, file.errorString()),
-                        QString());
+        return fail(ExitTrouble,
+                    QStringLiteral("Не удалось прочитать %1. %2").arg(fileName, reasonOf(errno, fileName)));
     QString trouble;
     const std::optional<CContact> contact = contactFromMail(file.read(mailLimit), &trouble);
     if (!contact)
-        return resultOf(trouble, QString());
+        return fail(ExitTrouble, trouble);
     return resultOf(CContacts().import(*contact),
                     QStringLiteral("Контакт '%1', адрес %2, ключ: %3")
-                        .arg(contact->name, shownAddress(*contact), shownFingerprint(contact->key)));
+                        .arg(contact->name, shownAddress(*contact), shownFingerprint(contact->key)),
+                    QStringLiteral("imported"), contact->name);
 }
 
 int show(const QString &name)
@@ -201,14 +216,21 @@ int show(const QString &name)
     if (!name.isEmpty()) {
         const std::optional<CContact> found = CContacts().find(name);
         if (!found)
-            return resultOf(noContact(name), QString());
-        printContact(*found);
+            return fail(ExitTrouble, noContact(name));
+        if (outputStyle() == OutputStyle::Json)
+            printJsonLine(jsonOf(*found));
+        else
+            printContact(*found);
         return ExitDone;
     }
     CContact own;
     const QString trouble = loadOwn(&own);
     if (!trouble.isNull())
-        return resultOf(trouble, QString());
+        return fail(ExitTrouble, trouble);
+    if (outputStyle() == OutputStyle::Json) {
+        printJsonLine(jsonOf(own));
+        return ExitDone;
+    }
     printLine(QStringLiteral("Имя:    %1").arg(printable(own.name)));
     printLine(QStringLiteral("Ключ:   %1").arg(shownFingerprint(own.key)));
     printLine(QStringLiteral("Целиком %1").arg(QString::fromLatin1(own.key.toHex())));
@@ -222,7 +244,7 @@ int runContact(const CommandLine &line)
     const QString action = line.operands.value(0, QStringLiteral("list"));
     const QString name = line.operands.value(1);
     if (action == QLatin1String("list"))
-        return ContactCommand::list(line.has("json"));
+        return ContactCommand::list();
     if (action == QLatin1String("show"))
         return ContactCommand::show(name);
     if (action == QLatin1String("export"))

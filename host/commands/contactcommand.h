@@ -9,8 +9,8 @@ namespace ContactCommand {
 /// Adds a contact, or gives the one of that name another address. @param address with or without port
 int add(const QString &name, const QString &address);
 
-/// All contacts, a line each. @param isJson a JSON object in each line instead, for scripts
-int list(bool isJson);
+/// All contacts, a line each.
+int list();
 
 int remove(const QString &name);
 

@@ -3,6 +3,7 @@
 #include "common/global.h"
 #include "host/commands/exitcodes.h"
 #include "host/console/cconsole.h"
+#include "host/console/jsonlines.h"
 #include "host/conversation/descriptors.h"
 
 #include <QFile>
@@ -20,8 +21,8 @@ constexpr std::size_t manyMessages = 8;
 
 } // namespace
 
-CSendWatch::CSendWatch(const COutboxEntry &what, int retries, CConsole &shownOn)
-    : entry(what), console(shownOn), retriesLeft(retries)
+CSendWatch::CSendWatch(const COutboxEntry &what, int retries, bool verbose, CConsole &shownOn)
+    : entry(what), console(shownOn), isVerbose(verbose), retriesLeft(retries)
 {
     const QString path = entry.directory + QLatin1String("/state");
     file.reset(::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -70,7 +71,7 @@ void CSendWatch::look()
     else if (isGone)
         end(ExitNotDelivered, QStringLiteral("Сообщение %1 отозвано").arg(entry.number), false);
     else
-        showProgress();
+        lookAtLive();
 }
 
 void CSendWatch::takeLine(const QString &line)
@@ -78,24 +79,57 @@ void CSendWatch::takeLine(const QString &line)
     const QString word = line.section(QLatin1Char(' '), 0, 0);
     const uint number = line.section(QLatin1Char(' '), 1, 1).toUInt();
     const QString detail = line.section(QLatin1Char(' '), 2);
-    if (word == QLatin1String("attempt")) {
-        if (retriesLeft == 0)
-            return end(int(number), detail, true);
-        retriesLeft -= retriesLeft > 0;
-        return console.error(detail);
-    }
-    if (number >= entry.messages.size())
-        return;
-    const OutgoingMessage &message = entry.messages[number];
+    if (word == QLatin1String("attempt"))
+        return takeAttempt(int(number), detail);
+    const bool isStored = word == QLatin1String("stored");
+    if (number < entry.messages.size() && (isStored || word == QLatin1String("refused")))
+        takeOutcome(number, isStored, detail);
+}
+
+/// Nothing moves from now on, until the next call.
+void CSendWatch::takeAttempt(int code, const QString &reason)
+{
+    isMoving = false;
+    sent.clear();
+    meter = CSpeedMeter();
+    console.setLiveRows({});
+    QJsonObject object = jsonEvent(QStringLiteral("attempt-failed"));
+    object.insert(QStringLiteral("time"), jsonTime(QDateTime::currentDateTime()));
+    object.insert(QStringLiteral("number"), entry.number);
+    object.insert(QStringLiteral("code"), exitWord(code));
+    object.insert(QStringLiteral("text"), reason);
+    console.json(object);
+    if (retriesLeft == 0)
+        return end(code, reason, true);
+    retriesLeft -= retriesLeft > 0;
+    console.error(reason);
+}
+
+void CSendWatch::takeOutcome(std::size_t index, bool isStored, const QString &detail)
+{
+    static constexpr const char *kinds[] = {"", "text", "file", "tree"};
+    const OutgoingMessage &message = entry.messages[index];
     const QString size = Global::sizeString(message.offer.size);
-    if (word == QLatin1String("stored")) {
-        ++stored;
-        storedBytes += message.offer.size;
-        console.line(QStringLiteral("Доставлено: %1, %2, SHA-256 %3").arg(message.title(), size, detail));
-    } else if (word == QLatin1String("refused")) {
-        ++refused;
+    ++(isStored ? stored : refused);
+    storedBytes += isStored ? message.offer.size : 0;
+    sent.erase(index);
+    QJsonObject object = jsonEvent(isStored ? QStringLiteral("delivered") : QStringLiteral("refused"));
+    object.insert(QStringLiteral("time"), jsonTime(QDateTime::currentDateTime()));
+    object.insert(QStringLiteral("number"), entry.number);
+    object.insert(QStringLiteral("abonent"), entry.abonent);
+    object.insert(QStringLiteral("kind"), QLatin1String(kinds[message.offer.kind]));
+    object.insert(QStringLiteral("name"), QFile::decodeName(message.offer.name));
+    object.insert(QStringLiteral("size"), message.offer.size);
+    object.insert(isStored ? QStringLiteral("sha256") : QStringLiteral("text"), detail);
+    if (!isStored)
+        object.insert(QStringLiteral("code"), exitWord(ExitNotDelivered));
+    console.json(object);
+    if (isStored)
+        console.line(QStringLiteral("Доставлено: %1, %2%3")
+                         .arg(message.title(), size,
+                              isVerbose ? QStringLiteral(", SHA-256 %1").arg(detail) : QString()));
+    else
         console.error(QStringLiteral("Не доставлено: %1, %2. %3").arg(message.title(), size, detail));
-    }
 }
 
 QString CSendWatch::summary() const
@@ -110,34 +144,95 @@ QString CSendWatch::summary() const
              Global::speedString(storedBytes * 1000 / ms));
 }
 
-/// One live row on a terminal; elsewhere a line for every tenth of a large message.
-void CSendWatch::showProgress()
+/// What has been sent of what, by the process that delivers.
+void CSendWatch::lookAtLive()
 {
     QFile live(entry.directory + QLatin1String("/live"));
     if (!live.open(QIODevice::ReadOnly))
         return;
-    const QList<QByteArray> words = live.readAll().simplified().split(' ');
+    const QByteArray text = live.readAll();
+    const QList<QByteArray> words = text.simplified().split(' ');
     const std::size_t index = words.value(0).toUInt();
-    const qint64 sent = words.value(1).toLongLong();
-    if (index >= entry.messages.size() || sent <= 0)
+    const qint64 bytes = words.value(1).toLongLong();
+    if (text != lastLive && index < entry.messages.size() && bytes > 0) {
+        lastLive = text;
+        isMoving = true;
+        current = index;
+        // One is sent after the other: what was sent before is complete now.
+        for (auto &[other, done] : sent)
+            done = other == index ? done : entry.messages[other].offer.size;
+        sent[index] = bytes;
+    }
+    if (!isMoving)
         return;
-    const OutgoingMessage &message = entry.messages[index];
-    const bool isNew = index != shownIndex;
-    if (isNew)
-        beginMs = elapsed.elapsed();
-    const qint64 speed = sent * 1000 / qMax<qint64>(elapsed.elapsed() - beginMs, clockMs);
-    const qint64 left = speed > 0 ? (message.offer.size - sent) / speed : 0;
-    const int percent = int(double(sent) * 100 / double(message.offer.size));
-    const QString text = QStringLiteral("%1: %2 % (%3 из %4), %5, осталось %6")
-                             .arg(message.title(), QString::number(percent), Global::sizeString(sent),
-                                  Global::sizeString(message.offer.size), Global::speedString(speed),
-                                  Global::timeStringSec(left));
+    sentNow = storedBytes;
+    for (const auto &[other, done] : sent) {
+        Q_UNUSED(other)
+        sentNow += done;
+    }
+    meter.add(sentNow, elapsed.elapsed());
     if (console.isTerminal())
-        console.setLiveRows({text});
-    else if (isNew || percent / 10 > shownTenth)
-        console.line(text);
-    shownIndex = index;
-    shownTenth = percent / 10;
+        showRows();
+    else
+        printTenths();
+}
+
+/// A row for each message on its way, and one for all of them.
+void CSendWatch::showRows()
+{
+    constexpr int mostRows = 5;
+    const int cells = console.rowWidth();
+    QStringList rows;
+    for (const auto &[index, done] : sent) {
+        Progress progress;
+        progress.done = done;
+        progress.size = entry.messages[index].offer.size;
+        progress.speed = index == current ? meter.speed() : 0;
+        progress.state = done >= progress.size ? QStringLiteral("ждем ответа")
+                         : meter.isResting()   ? QStringLiteral("стоит")
+                                               : QStringLiteral("передается");
+        progress.name = entry.messages[index].title();
+        if (rows.size() < mostRows)
+            rows << progressRow(progress, cells);
+    }
+    if (entry.messages.size() > 1) {
+        Progress total;
+        total.done = sentNow;
+        total.size = entry.size();
+        total.speed = meter.speed();
+        total.state = QStringLiteral("всего");
+        total.abonent = QStringLiteral("доставлено");
+        total.name = QStringLiteral("%1 из %2").arg(stored).arg(entry.messages.size());
+        rows << progressRow(total, cells);
+    }
+    console.setLiveRows(rows);
+}
+
+/// Without a terminal a line for every tenth of a large message.
+void CSendWatch::printTenths()
+{
+    const OutgoingMessage &message = entry.messages[current];
+    const auto found = sent.find(current);
+    const int percent = found == sent.end() ? 100 : percentOf(found->second, message.offer.size);
+    if (percent >= 100 || (current == tenthsOf && percent / 10 <= printedTenth))
+        return;
+    tenthsOf = current;
+    printedTenth = percent / 10;
+    Progress progress;
+    progress.done = found->second;
+    progress.size = message.offer.size;
+    progress.speed = meter.speed();
+    progress.state = QStringLiteral("передается");
+    progress.name = message.title();
+    constexpr int plainCells = 120;
+    console.line(progressRow(progress, plainCells));
+    QJsonObject object = jsonEvent(QStringLiteral("progress"));
+    object.insert(QStringLiteral("time"), jsonTime(QDateTime::currentDateTime()));
+    object.insert(QStringLiteral("number"), entry.number);
+    object.insert(QStringLiteral("name"), progress.name);
+    object.insert(QStringLiteral("done"), progress.done);
+    object.insert(QStringLiteral("size"), progress.size);
+    console.json(object);
 }
 
 void CSendWatch::end(int exitCode, const QString &text, bool isKept)

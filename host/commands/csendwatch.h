@@ -1,12 +1,15 @@
 // Waits for an entry of the outbox, whoever delivers it, and says how it goes and how it ended.
 #pragma once
 
+#include "host/console/progressrow.h"
 #include "host/conversation/coutbox.h"
 
 #include <QElapsedTimer>
 #include <QFileSystemWatcher>
 #include <QObject>
 #include <QTimer>
+
+#include <map>
 
 class CConsole;
 
@@ -19,7 +22,8 @@ public:
 
     /// @param what as it was committed
     /// @param retries failed attempts to wait through
-    CSendWatch(const COutboxEntry &what, int retries, CConsole &shownOn);
+    /// @param verbose with digests
+    CSendWatch(const COutboxEntry &what, int retries, bool verbose, CConsole &shownOn);
 
     void begin();
 
@@ -37,12 +41,17 @@ private:
     void changed();
     void look();
     void takeLine(const QString &line);
-    void showProgress();
+    void takeAttempt(int code, const QString &reason);
+    void takeOutcome(std::size_t index, bool isStored, const QString &detail);
+    void lookAtLive();
+    void showRows();
+    void printTenths();
     void end(int exitCode, const QString &text, bool isKept);
     QString summary() const;
 
     const COutboxEntry &entry;
     CConsole &console;
+    const bool isVerbose;
     int retriesLeft;
     CDescriptor file; // `state`: it can be read to its end also after it has been removed
     QByteArray rest;
@@ -55,7 +64,14 @@ private:
     int refused = 0;
     qint64 storedBytes = 0;
     bool isOver = false;
-    std::size_t shownIndex = std::size_t(-1); // for plain output: what has been shown of which message
-    int shownTenth = 0;
-    qint64 beginMs = 0; // of the message shown
+
+    // What is on its way, by the file `live`.
+    QByteArray lastLive;
+    bool isMoving = false; // since the last attempt
+    std::size_t current = 0;
+    std::map<std::size_t, qint64> sent;     // bytes of messages that are neither stored nor refused
+    qint64 sentNow = 0;                     // of all, with what is stored
+    CSpeedMeter meter;                      // of all
+    std::size_t tenthsOf = std::size_t(-1); // what has been printed of which message
+    int printedTenth = 0;
 };

@@ -6,27 +6,14 @@
 #include "host/commands/commandline.h"
 #include "host/commands/commands.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/commands/newslines.h"
+#include "host/console/jsonlines.h"
 #include "host/console/printing.h"
 #include "host/delivery/cmessagejournal.h"
 #include "host/text/untrustedtext.h"
 
-#include <QJsonObject>
-
 namespace {
-
-QString jsonOf(const JournalEntry &entry)
-{
-    QJsonObject object{{QStringLiteral("time"), entry.date.toString(Qt::ISODateWithMs)},
-                       {QStringLiteral("kind"), journalRowName(entry.kind)},
-                       {QStringLiteral("abonent"), entry.abonent},
-                       {QStringLiteral("name"), entry.name},
-                       {QStringLiteral("sha256"), QString::fromLatin1(entry.digest.toHex())},
-                       {QStringLiteral("message"), entry.message},
-                       {QStringLiteral("text"), entry.text}};
-    if (entry.size >= 0)
-        object.insert(QStringLiteral("size"), entry.size);
-    return jsonLine(object);
-}
 
 QString lineOf(const JournalEntry &entry)
 {
@@ -53,17 +40,18 @@ QDateTime sinceFromText(const QString &text, const QDateTime &now)
     return QDateTime::fromString(QString(text).replace(QLatin1Char(' '), QLatin1Char('T')), Qt::ISODate);
 }
 
-int show(const QDateTime &since, const QString &with, bool isJson)
+int show(const QDateTime &since, const QString &with)
 {
     QString trouble;
     const QVector<JournalEntry> entries = CMessageJournal::entries(
         Global::journalsFilePath(Global::currentSecrecy()), since, with, 0, &trouble);
-    for (const JournalEntry &entry : entries)
-        printLine(isJson ? jsonOf(entry) : lineOf(entry));
-    if (trouble.isNull())
-        return ExitDone;
-    printError(trouble);
-    return ExitTrouble;
+    for (const JournalEntry &entry : entries) {
+        if (outputStyle() == OutputStyle::Json)
+            printJsonLine(jsonOf(entry));
+        else
+            printLine(lineOf(entry));
+    }
+    return trouble.isNull() ? int(ExitDone) : fail(ExitTrouble, trouble);
 }
 
 } // namespace JournalCommand
@@ -80,5 +68,5 @@ int runJournal(const CommandLine &line)
             return refuse(line, QStringLiteral("Значение параметра --%1 задано неверно: %2")
                                     .arg(QLatin1String(option), line.value(option)));
     }
-    return JournalCommand::show(since, line.value("with"), line.has("json"));
+    return JournalCommand::show(since, line.value("with"));
 }

@@ -13,7 +13,6 @@ QDateTime sinceFromText(const QString &text, const QDateTime &now);
 /// Prints the message journal of the process's level, oldest first.
 /// @param since invalid: from the beginning
 /// @param with an abonent; empty: all
-/// @param isJson a JSON object in each line, for scripts
-int show(const QDateTime &since, const QString &with, bool isJson);
+int show(const QDateTime &since, const QString &with);
 
 } // namespace JournalCommand

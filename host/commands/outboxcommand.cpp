@@ -5,12 +5,16 @@
 #include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/console/jsonlines.h"
 #include "host/console/printing.h"
 #include "host/conversation/coutbox.h"
 #include "host/conversation/transporttasks.h"
 #include "host/text/untrustedtext.h"
 
 #include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
 #include <QThread>
 
 namespace {
@@ -38,8 +42,33 @@ QString stateOf(const COutboxEntry &entry)
     return text;
 }
 
+QJsonObject jsonOf(const COutboxEntry &entry)
+{
+    static constexpr const char *states[] = {"waiting", "stored", "refused"};
+    static constexpr const char *kinds[] = {"", "text", "file", "tree"};
+    QJsonArray messages;
+    for (std::size_t i = 0; i < entry.messages.size(); ++i) {
+        const OfferFrame &offer = entry.messages[i].offer;
+        messages.append(QJsonObject{{QStringLiteral("kind"), QLatin1String(kinds[offer.kind])},
+                                    {QStringLiteral("name"), QFile::decodeName(offer.name)},
+                                    {QStringLiteral("size"), offer.size},
+                                    {QStringLiteral("state"), QLatin1String(states[entry.states[i]])},
+                                    {QStringLiteral("text"), entry.reasons[i]}});
+    }
+    return {{QStringLiteral("event"), QStringLiteral("entry")},
+            {QStringLiteral("number"), entry.number},
+            {QStringLiteral("time"), jsonTime(entry.created)},
+            {QStringLiteral("abonent"), entry.abonent},
+            {QStringLiteral("size"), entry.size()},
+            {QStringLiteral("waiting"), entry.hasWaiting()},
+            {QStringLiteral("text"), entry.lastAttempt},
+            {QStringLiteral("messages"), messages}};
+}
+
 void show(const COutboxEntry &entry)
 {
+    if (outputStyle() == OutputStyle::Json)
+        return printJsonLine(jsonOf(entry));
     QStringList titles;
     for (const OutgoingMessage &message : entry.messages) {
         if (titles.size() < shownTitles)
@@ -48,9 +77,21 @@ void show(const COutboxEntry &entry)
     if (int(entry.messages.size()) > shownTitles)
         titles << QStringLiteral("...");
     printLine(printable(QStringLiteral("%1  %2  '%3'  %4  %5: %6")
-                            .arg(entry.number, entry.created.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
+                            .arg(entry.number, entry.created.toString(QStringLiteral("dd.MM.yyyy hh:mm:ss")),
                                  entry.abonent, Global::sizeString(entry.size()),
                                  titles.join(QStringLiteral(", ")), stateOf(entry))));
+}
+
+/// Says that something was done with an entry.
+void tell(const COutboxEntry &entry, const char *event, const QString &text)
+{
+    printNote(text);
+    if (outputStyle() != OutputStyle::Json)
+        return;
+    QJsonObject object = jsonEvent(QLatin1String(event));
+    object.insert(QStringLiteral("number"), entry.number);
+    object.insert(QStringLiteral("abonent"), entry.abonent);
+    printJsonLine(object);
 }
 
 /// @return the entries that are meant: by number, without leading zeros as well, or by abonent
@@ -103,30 +144,29 @@ int runOutbox(const CommandLine &line)
     const QStringList words = line.operands.mid(1);
     const auto entries = chosen(level, words);
     if (entries.empty() && !words.isEmpty()) {
-        printError(QStringLiteral("В исходящих нет такого сообщения: %1").arg(words.join(QLatin1Char(' '))));
-        return ExitUsage;
+        return fail(ExitUsage,
+                    QStringLiteral("В исходящих нет такого сообщения: %1").arg(words.join(QLatin1Char(' '))));
     }
     int code = ExitDone;
     for (const auto &entry : entries) {
         if (action == QLatin1String("retry")) {
             const QString error = TransportTasks::add(level, {TransportTask::Deliver, entry->number});
-            if (!error.isNull()) {
-                printError(error);
-                code = ExitTrouble;
-            }
-        } else if (action == QLatin1String("remove")) {
-            const bool isGone = withdraw(level, *entry);
-            if (isGone)
-                printLine(QStringLiteral("Отозвано: сообщение %1").arg(entry->number));
+            if (error.isNull())
+                tell(*entry, "retried", QStringLiteral("Передается снова: сообщение %1").arg(entry->number));
             else
-                printError(QStringLiteral("Не удалось отозвать сообщение %1").arg(entry->number));
-            code = isGone ? code : int(ExitTrouble);
+                code = fail(ExitTrouble, error);
+        } else if (action == QLatin1String("remove")) {
+            if (withdraw(level, *entry))
+                tell(*entry, "withdrawn", QStringLiteral("Отозвано: сообщение %1").arg(entry->number));
+            else
+                code =
+                    fail(ExitTrouble, QStringLiteral("Не удалось отозвать сообщение %1").arg(entry->number));
         } else {
             show(*entry);
         }
     }
     if (action == QLatin1String("list") && entries.empty())
-        printLine(QStringLiteral("В исходящих ничего нет"));
+        printNote(QStringLiteral("В исходящих ничего нет"));
     if (action == QLatin1String("retry")) {
         CTransportLock lock;
         if (lock.tryLock(level))

@@ -6,11 +6,15 @@
 #include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/console/jsonlines.h"
 #include "host/cprogram.h"
 #include "host/delivery/fingerprintwords.h"
+#include "host/text/addresstext.h"
 #include "transportIp/ipsettings.h"
 
 #include <QCoreApplication>
+#include <QJsonObject>
 #include <QTimer>
 
 namespace {
@@ -32,9 +36,9 @@ int runPing(const CommandLine &line)
     if (target.address.isEmpty()) {
         const std::optional<CContact> contact = program.contacts.find(target.abonent);
         if (!contact || contact->address.isEmpty()) {
-            console.error(
+            return fail(
+                console, ExitUsage,
                 QStringLiteral("Адрес абонента '%1' не известен: abonent contact add").arg(target.abonent));
-            return ExitUsage;
         }
         target.address = contact->address;
         target.port = contact->port;
@@ -43,7 +47,7 @@ int runPing(const CommandLine &line)
     if (code != ExitDone || !program.messenger.keepOnly(CProgram::ipKind))
         return code != ExitDone ? code : int(ExitTrouble);
     if (!line.has("verbose"))
-        program.journal.hide(program.messenger.plugin(CProgram::ipKind)->name());
+        program.journal.hideRoutine();
     program.open();
     CChannelServer *server = program.messenger.server(CProgram::ipKind);
     bool isAllowed = server->canCheckOnline();
@@ -52,7 +56,11 @@ int runPing(const CommandLine &line)
     const auto close = [&program] { program.close(); };
     QObject::connect(server, &CChannelServer::notConnected, &context, close, Qt::QueuedConnection);
     QObject::connect(server, &CChannelServer::disconnected, &context, close, Qt::QueuedConnection);
-    QObject::connect(&program.interruption, &CInterruption::requested, &context, close);
+    int signalNumber = 0;
+    QObject::connect(&program.interruption, &CInterruption::requested, &context, [&](int number) {
+        signalNumber = number;
+        program.close();
+    });
     QObject::connect(&program.messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
     QTimer::singleShot(patienceMs, &context, close);
     AbonentIpSettings record;
@@ -65,17 +73,33 @@ int runPing(const CommandLine &line)
     QCoreApplication::exec();
 
     if (!isAllowed) {
-        console.error(QStringLiteral("Проверка связи запрещена настройкой canCheckOnline"));
-        return ExitBadValue;
+        return fail(console, ExitBadValue,
+                    QStringLiteral("Проверка связи запрещена настройкой canCheckOnline"));
     }
     if (result.isAnswered) {
         console.line(QStringLiteral("Абонент '%1' отвечает: %2 мс, версия %3, протокол %4, ключ %5")
                          .arg(result.name, QString::number(double(result.roundTripUs) / 1000, 'f', 1),
                               result.program, QString::number(HelloFrame::currentVersion),
                               shownFingerprint(result.key)));
+        QJsonObject object = jsonEvent(QStringLiteral("answered"));
+        object.insert(QStringLiteral("time"), jsonTime(QDateTime::currentDateTime()));
+        object.insert(QStringLiteral("abonent"), result.name);
+        object.insert(QStringLiteral("ms"), double(result.roundTripUs) / 1000);
+        object.insert(QStringLiteral("version"), result.program);
+        object.insert(QStringLiteral("protocol"), HelloFrame::currentVersion);
+        object.insert(QStringLiteral("key"), QString::fromLatin1(result.key.toHex()));
+        console.json(object);
         return ExitDone;
     }
-    console.error(result.trouble.isEmpty() ? QStringLiteral("Абонент '%1' не отвечает").arg(target.abonent)
-                                           : result.trouble);
-    return result.name.isEmpty() && result.trouble.isEmpty() ? ExitNoAnswer : ExitSomebodyElse;
+    if (signalNumber != 0)
+        return fail(console, ExitInterrupted + signalNumber, QStringLiteral("Проверка прервана"));
+    if (!result.trouble.isEmpty())
+        return fail(console, result.code, result.trouble);
+    const QString reason = program.journal.takeReason(target.abonent);
+    const QString text = QStringLiteral("Абонент '%1' не отвечает").arg(target.abonent);
+    return fail(
+        console, ExitNoAnswer,
+        reason.isEmpty()
+            ? text
+            : QStringLiteral("%1, %2: %3").arg(text, addressText(target.address, target.port), reason));
 }

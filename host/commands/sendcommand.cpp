@@ -10,6 +10,8 @@
 #include "host/commands/commandline.h"
 #include "host/commands/csendwatch.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/console/jsonlines.h"
 #include "host/console/printing.h"
 #include "host/conversation/transporttasks.h"
 #include "host/cprogram.h"
@@ -77,7 +79,8 @@ class Sending : public QObject
 {
 public:
     Sending(const CommandLine &asked, const COutboxEntry &accepted, int retries, int failedInputs)
-        : line(asked), entry(accepted), failed(failedInputs), watch(accepted, retries, console)
+        : line(asked), entry(accepted), failed(failedInputs),
+          watch(accepted, retries, asked.has("verbose"), console)
     {
         connect(&watch, &CSendWatch::over, this, &Sending::over);
         connect(&takeOver, &QTimer::timeout, this, &Sending::deliver);
@@ -119,7 +122,7 @@ private:
         }
         // The server listens as well, if the port is free. If it is not, that is no concern of a sender.
         if (!line.has("verbose"))
-            program->journal.hide(program->messenger.plugin(CProgram::ipKind)->name());
+            program->journal.hideRoutine();
         connect(&program->messenger, &CMessenger::closed, qApp, &QCoreApplication::quit);
         program->open(Global::filterName(entry.abonent), entry.number);
     }
@@ -135,6 +138,14 @@ private:
             return;
         if (!text.isNull())
             console.line(text, code == ExitDone ? CConsole::Results : CConsole::Errors);
+        const int result = code == ExitDone && failed > 0 ? int(ExitNotDelivered) : code;
+        QJsonObject object = jsonEvent(QStringLiteral("finished"));
+        object.insert(QStringLiteral("number"), entry.number);
+        object.insert(QStringLiteral("code"), exitWord(result));
+        object.insert(QStringLiteral("text"), text);
+        object.insert(QStringLiteral("delivered"), watch.storedCount());
+        object.insert(QStringLiteral("kept"), isKept && !line.has("now"));
+        console.json(object);
         if (isKept && line.has("now")) {
             console.error(withdraw()
                               ? QStringLiteral("Сообщение %1 не доставлено и отозвано").arg(entry.number)
@@ -146,7 +157,7 @@ private:
                                "abonent outbox remove %1")
                     .arg(entry.number));
         }
-        end(code == ExitDone && failed > 0 ? int(ExitNotDelivered) : code);
+        end(result);
     }
 
     bool withdraw()
@@ -216,10 +227,8 @@ int runSend(const CommandLine &line)
 
     COutboxWriter writer(Global::currentSecrecy());
     const QString error = writer.begin(target.abonent, target.address, target.port);
-    if (!error.isNull()) {
-        printError(error);
-        return ExitTrouble;
-    }
+    if (!error.isNull())
+        return fail(ExitTrouble, error);
     RawArguments raw;
     const CDescriptor standardInput(::dup(STDIN_FILENO));
     int failed = 0;
@@ -227,7 +236,7 @@ int runSend(const CommandLine &line)
         if (trouble.isNull())
             return;
         ++failed;
-        printError(QStringLiteral("Не передано: %1").arg(trouble));
+        fail(ExitNotDelivered, QStringLiteral("Не передано: %1").arg(trouble));
     };
     for (const QString &text : texts)
         note(writer.addText(text));
@@ -239,11 +248,17 @@ int runSend(const CommandLine &line)
     if (writer.entry().messages.empty())
         return ExitUsage;
     const QString trouble = writer.commit();
-    if (!trouble.isNull()) {
-        printError(trouble);
-        return ExitTrouble;
-    }
-    printLine(QStringLiteral("Принято к отправке: сообщение %1, абонент '%2'")
+    if (!trouble.isNull())
+        return fail(ExitTrouble, trouble);
+    printNote(QStringLiteral("Принято к отправке: сообщение %1, абонент '%2'")
                   .arg(writer.entry().number, target.abonent));
+    if (outputStyle() == OutputStyle::Json) {
+        QJsonObject object = jsonEvent(QStringLiteral("accepted"));
+        object.insert(QStringLiteral("number"), writer.entry().number);
+        object.insert(QStringLiteral("abonent"), target.abonent);
+        object.insert(QStringLiteral("size"), writer.entry().size());
+        object.insert(QStringLiteral("messages"), int(writer.entry().messages.size()));
+        printJsonLine(object);
+    }
     return Sending(line, writer.entry(), target.retries, failed).run();
 }

@@ -1,291 +1,161 @@
-// `abonent settings`: what the binary record of the IP channel, settings.ini and generalSettings.ini hold.
+// `abonent settings`: shows, changes, carries and checks what the three settings files hold.
 #include "host/commands/commands.h"
 
-#include "common/csettings.h"
-#include "common/global.h"
-#include "host/channelsettingsfile.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
+#include "host/commands/findingoutput.h"
+#include "host/console/jsonlines.h"
 #include "host/console/printing.h"
-#include "host/delivery/generalsettings.h"
+#include "host/health/checks.h"
+#include "host/settings/csettingschanges.h"
+#include "host/settings/settingstable.h"
+#include "host/settings/settingstext.h"
 #include "host/text/untrustedtext.h"
 
 #include <QFile>
 
-#include <vector>
+#include <cstdio>
 
 namespace {
 
-/// A key of the record channelIp.conf.
-struct RecordKey
-{
-    const char *name;
-    int ChannelIpSettings::*number; // null: canCheckOnline
-    int min;
-    int max;
-    const char *meaning;
-};
-
-constexpr RecordKey recordKeys[] = {
-    {"port", &ChannelIpSettings::port, 1, 65535, "порт TCP, на котором принимаются вызовы"},
-    {"maxConnections", &ChannelIpSettings::maxConnections, 1, 100000,
-     "сколько соединений считать полной загрузкой канала"},
-    {"blockSizeKb", &ChannelIpSettings::blockSizeKb, 1, 1024,
-     "сколько КБайт держать в очереди на передачу одного соединения"},
-    {"canCheckOnline", nullptr, 0, 1, "можно ли вызывать абонентов только для проверки связи"},
-};
-
-QString flagText(int value)
-{
-    return value ? QStringLiteral("true") : QStringLiteral("false");
-}
+constexpr qint64 longestText = 1024 * 1024;
 
 void printRow(const QString &name, const QString &value, const QString &normal, const QString &range,
               const QString &meaning)
 {
     printLine(QStringLiteral("  %1 %2 %3 %4 %5")
-                  .arg(name.leftJustified(41), value.leftJustified(8), normal.leftJustified(13),
+                  .arg(name.leftJustified(41), printable(value).leftJustified(8), normal.leftJustified(13),
                        range.leftJustified(13), meaning));
-}
-
-void printRow(const char *name, const QString &value, const QString &normal, const QString &range,
-              const char *meaning)
-{
-    printRow(QString::fromLatin1(name), value, normal, range, QString::fromUtf8(meaning));
 }
 
 void printTitle(const QString &path)
 {
+    if (outputStyle() == OutputStyle::Json)
+        return;
     printLine(path);
-    printRow("", QStringLiteral("значение"), QStringLiteral("по умолчанию"), QStringLiteral("диапазон"),
-             "смысл");
+    printRow(QString(), QStringLiteral("значение"), QStringLiteral("по умолчанию"),
+             QStringLiteral("диапазон"), QStringLiteral("смысл"));
 }
 
-int recordValue(const ChannelIpSettings &settings, const RecordKey &key)
+void printSetting(const QString &file, const Setting &setting)
 {
-    return key.number ? settings.*key.number : settings.canCheckOnline;
-}
-
-QString recordText(const ChannelIpSettings &settings, const RecordKey &key)
-{
-    const int value = recordValue(settings, key);
-    return key.number ? QString::number(value) : flagText(value);
-}
-
-int currentValue(CSettings &settings, const SettingsKey &key)
-{
-    return key.flag ? (settings.*key.flag)() : (settings.*key.number)();
+    if (outputStyle() != OutputStyle::Json)
+        return printRow(setting.name, setting.value, setting.defaultValue, setting.range, setting.meaning);
+    QJsonObject object = jsonEvent(QStringLiteral("setting"));
+    object.insert(QStringLiteral("file"), file);
+    object.insert(QStringLiteral("key"), setting.name);
+    object.insert(QStringLiteral("value"), setting.value);
+    object.insert(QStringLiteral("default"), setting.defaultValue);
+    object.insert(QStringLiteral("range"), setting.range);
+    object.insert(QStringLiteral("text"), setting.meaning);
+    printJsonLine(object);
 }
 
 int show()
 {
-    const ChannelSettingsFile file = ChannelSettingsFile::read();
-    const ChannelIpSettings normal = ChannelSettingsFile::defaults();
-    printTitle(Global::channelIpSettingsFilePath());
-    for (const RecordKey &key : recordKeys) {
-        const QString range =
-            key.number ? QStringLiteral("%1..%2").arg(key.min).arg(key.max) : QStringLiteral("true, false");
-        printRow(key.name, recordText(file.settings, key), recordText(normal, key), range, key.meaning);
+    bool isSound = true;
+    bool isFirst = true;
+    for (const SettingsOfFile &file : allSettings()) {
+        if (!std::exchange(isFirst, false))
+            printNote(QString());
+        printTitle(file.path);
+        for (const Setting &setting : file.settings)
+            printSetting(file.path, setting);
+        if (!file.trouble.isNull()) {
+            fail(ExitTrouble, file.trouble);
+            isSound = false;
+        }
     }
-    const QString error = file.error.isNull() ? file.damage : file.error;
-    if (!error.isNull())
-        printError(error);
-
-    printLine(QString());
-    printTitle(Global::internalSettingsFilePath());
-    CSettings ini;
-    for (const SettingsKey &key : settingsKeys) {
-        const QString range =
-            key.flag ? QStringLiteral("true, false") : QStringLiteral("%1..%2").arg(key.min).arg(key.max);
-        const int now = currentValue(ini, key);
-        const QString value = key.flag ? flagText(now) : QString::number(now);
-        const QString defaultText = key.flag ? flagText(key.defaultValue) : QString::number(key.defaultValue);
-        printRow(key.name, value, defaultText, range, key.meaning);
-    }
-
-    printLine(QString());
-    printTitle(Global::generalSettingsFilePath());
-    for (const GeneralSettingsKey &key : generalSettingsKeys())
-        printRow(key.name, printable(key.value), key.defaultValue, key.range, key.meaning);
-    return error.isNull() ? ExitDone : ExitTrouble;
+    return isSound ? ExitDone : ExitTrouble;
 }
-
-/// Reads a value of either sort. @return null on success, else what is wrong
-QString parseValue(const QString &key, bool isFlag, const QString &text, int min, int max, int *value)
-{
-    const QString word = text.toLower();
-    if (isFlag) {
-        const bool isTrue = word == QLatin1String("true") || word == QLatin1String("1");
-        if (!isTrue && word != QLatin1String("false") && word != QLatin1String("0"))
-            return QStringLiteral("%1: нужно true или false, а не '%2'").arg(key, text);
-        *value = isTrue;
-        return QString();
-    }
-    bool isNumber = false;
-    *value = word.toInt(&isNumber, word.startsWith(QLatin1String("0x")) ? 16 : 10); // 0x7777 as well
-    if (!isNumber || *value < min || *value > max)
-        return QStringLiteral("%1: нужно число от %2 до %3, а не '%4'")
-            .arg(key, QString::number(min), QString::number(max), text);
-    return QString();
-}
-
-/// Changes that have passed their check, made all together or not at all.
-class Changes
-{
-public:
-    /// @return null on success, else what is wrong
-    QString add(const QString &assignment)
-    {
-        const QString name = assignment.section(QLatin1Char('='), 0, 0);
-        const QString text = assignment.section(QLatin1Char('='), 1);
-        if (!assignment.contains(QLatin1Char('=')))
-            return QStringLiteral("Нужно КЛЮЧ=ЗНАЧЕНИЕ, а не '%1'").arg(assignment);
-        int value = 0;
-        for (const RecordKey &key : recordKeys) {
-            if (name != QLatin1String(key.name))
-                continue;
-            const QString error = parseValue(name, !key.number, text, key.min, key.max, &value);
-            record.emplace_back(&key, value);
-            return error;
-        }
-        for (const SettingsKey &key : settingsKeys) {
-            if (name != QLatin1String(key.name))
-                continue;
-            const QString error = parseValue(name, key.flag, text, key.min, key.max, &value);
-            ini.insert(name, key.flag ? QVariant(bool(value)) : QVariant(value));
-            return error;
-        }
-        for (const GeneralSettingsKey &key : generalSettingsKeys()) {
-            if (name != key.name)
-                continue;
-            general.emplace_back(name, text);
-            return GeneralSettings::refusal(name, text);
-        }
-        return QStringLiteral("Нет такого ключа: %1. Все ключи показывает abonent settings show").arg(name);
-    }
-
-    /// Makes all changes or none.
-    /// @param repair whether a damaged record may be replaced
-    /// @return null on success, else what is wrong
-    QString make(bool repair)
-    {
-        QFile generalFile(Global::generalSettingsFilePath());
-        const bool hadGeneral = generalFile.open(QIODevice::ReadOnly);
-        const QByteArray oldGeneral = hadGeneral ? generalFile.readAll() : QByteArray();
-        QString error = saveGeneral();
-        if (error.isNull())
-            error = makeOthers(repair);
-        if (!error.isNull() && !general.empty()) {
-            if (hadGeneral)
-                Global::safeSaving(generalFile.fileName(), oldGeneral);
-            else
-                generalFile.remove();
-        }
-        return error;
-    }
-
-private:
-    QString saveGeneral() const
-    {
-        for (const auto &[key, text] : general) {
-            const QString error = GeneralSettings::set(key, text);
-            if (!error.isNull())
-                return error;
-        }
-        return QString();
-    }
-
-    QString makeOthers(bool repair)
-    {
-        const ChannelSettingsFile old = ChannelSettingsFile::read();
-        QString error = record.empty() ? QString() : saveRecord(old, repair);
-        if (!error.isNull() || ini.isEmpty())
-            return error;
-        error = CSettings().store(ini);
-        if (!error.isNull() && !record.empty() && !putBack(old))
-            error += QStringLiteral(". Файл %1 уже изменен").arg(Global::channelIpSettingsFilePath());
-        return error;
-    }
-
-    QString saveRecord(const ChannelSettingsFile &old, bool repair)
-    {
-        if (!old.error.isNull())
-            return old.error;
-        if (!old.damage.isNull() && !repair) {
-            return QStringLiteral("%1. Ничего не изменено. С параметром --repair файл записывается заново, "
-                                  "и неназванные ключи получают значения по умолчанию")
-                .arg(old.damage);
-        }
-        ChannelIpSettings settings = old.damage.isNull() ? old.settings : ChannelSettingsFile::defaults();
-        for (const auto &[key, value] : record) {
-            if (key->number)
-                settings.*key->number = value;
-            else
-                settings.canCheckOnline = value;
-        }
-        return Global::safeSaving(Global::channelIpSettingsFilePath(), settings.toByteArray());
-    }
-
-    static bool putBack(const ChannelSettingsFile &old)
-    {
-        const QString path = Global::channelIpSettingsFilePath();
-        return old.exists ? Global::safeSaving(path, old.bytes).isNull() : QFile::remove(path);
-    }
-
-    std::vector<std::pair<const RecordKey *, int>> record;
-    QHash<QString, QVariant> ini;
-    std::vector<std::pair<QString, QString>> general;
-};
 
 /// What a file that was made anew holds: nobody has named all of it.
 void showRecord()
 {
-    printLine(QStringLiteral("Файл %1 записан заново:").arg(Global::channelIpSettingsFilePath()));
-    const ChannelSettingsFile file = ChannelSettingsFile::read();
-    for (const RecordKey &key : recordKeys)
-        printLine(
-            QStringLiteral("  %1=%2").arg(QString::fromLatin1(key.name), recordText(file.settings, key)));
+    const SettingsOfFile record = allSettings().front();
+    printNote(QStringLiteral("Файл %1 записан заново:").arg(record.path));
+    for (const Setting &setting : record.settings)
+        printNote(QStringLiteral("  %1=%2").arg(setting.name, setting.value));
 }
 
 int change(const QStringList &assignments, bool repair)
 {
     const bool wasDamaged = !ChannelSettingsFile::read().damage.isNull();
-    Changes changes;
+    CSettingsChanges changes;
     for (const QString &assignment : assignments) {
         const QString error = changes.add(assignment);
-        if (!error.isNull()) {
-            printError(error);
-            return ExitBadValue;
-        }
+        if (!error.isNull())
+            return fail(ExitBadValue, error);
     }
     const QString error = changes.make(repair);
-    if (!error.isNull()) {
-        printError(error);
-        return ExitTrouble;
-    }
+    if (!error.isNull())
+        return fail(ExitTrouble, error);
     if (wasDamaged && ChannelSettingsFile::read().damage.isNull())
         showRecord();
-    printLine(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
+    printNote(QStringLiteral("Изменено ключей: %1").arg(assignments.size()));
+    if (outputStyle() == OutputStyle::Json) {
+        QJsonObject object = jsonEvent(QStringLiteral("changed"));
+        object.insert(QStringLiteral("count"), assignments.size());
+        printJsonLine(object);
+    }
     return ExitDone;
+}
+
+int exportAll()
+{
+    QString trouble;
+    const QByteArray text = SettingsText::exported(&trouble);
+    if (trouble.isNull()) {
+        printLine(QString::fromUtf8(text.chopped(1)));
+        return ExitDone;
+    }
+    return fail(ExitTrouble, trouble + QStringLiteral("\nПодробнее: abonent settings check"));
+}
+
+int import(const QString &name, bool repair)
+{
+    QFile file(name);
+    const bool isOpen =
+        name == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
+    if (!isOpen)
+        return fail(ExitUsage, QStringLiteral("Не удалось прочитать %1. %2").arg(name, file.errorString()));
+    QString trouble;
+    const QStringList assignments = SettingsText::assignments(file.read(longestText), &trouble);
+    if (trouble.isNull())
+        return change(ChannelSettingsFile::read().damage.isNull() ? SettingsText::differing(assignments)
+                                                                  : assignments,
+                      repair);
+    return fail(ExitBadValue, trouble);
+}
+
+int check(bool isJson)
+{
+    FindingOutput output(isJson);
+    bool isDamaged = false;
+    bool isRefused = false;
+    for (const Finding &finding : Checks::settings(HealthContext::look())) {
+        output.add("settings", "настройки", finding);
+        isDamaged |= finding.code == QLatin1String("settings-damaged") ||
+                     finding.code == QLatin1String("settings-unreadable");
+        isRefused |= finding.code == QLatin1String("out-of-range") ||
+                     finding.code == QLatin1String("unknown-key") ||
+                     finding.code == QLatin1String("odd-switch");
+    }
+    output.sum();
+    return isDamaged ? ExitTrouble : isRefused ? ExitBadValue : ExitDone;
 }
 
 } // namespace
 
-QStringList settingsCompletions()
-{
-    QStringList keys;
-    for (const RecordKey &key : recordKeys)
-        keys << QLatin1String(key.name) + QLatin1Char('=');
-    for (const SettingsKey &key : settingsKeys)
-        keys << QLatin1String(key.name) + QLatin1Char('=');
-    for (const GeneralSettingsKey &key : generalSettingsKeys())
-        keys << key.name + QLatin1Char('=');
-    return keys;
-}
-
 int runSettings(const CommandLine &line)
 {
-    if (line.operands.first() == QLatin1String("show"))
-        return show();
-    return change(line.operands.mid(1), line.has("repair"));
+    const QString action = line.operands.first();
+    if (action == QLatin1String("set"))
+        return change(line.operands.mid(1), line.has("repair"));
+    if (action == QLatin1String("export"))
+        return exportAll();
+    if (action == QLatin1String("import"))
+        return import(line.operands[1], line.has("repair"));
+    return action == QLatin1String("check") ? check(line.has("json")) : show();
 }

@@ -1,7 +1,11 @@
 #include "host/console/cconsole.h"
 
 #include "common/global.h"
+#include "host/console/jsonlines.h"
+#include "host/console/printing.h"
 #include "host/text/localtime.h"
+#include "host/text/reasons.h"
+#include "host/text/textwidth.h"
 #include "host/text/untrustedtext.h"
 
 #include <chrono>
@@ -22,11 +26,15 @@ constexpr std::size_t mostLinesWaiting = 4096;
 constexpr int longestLine = 4000;
 constexpr std::chrono::seconds lastWriteTime{1};
 
-struct Line
+/// Lines that stay together, ready to be written.
+struct Block
 {
     QString text;
     CConsole::Stream stream;
 };
+
+constexpr int leastColumns = 20;
+constexpr int textIndent = 10; // of a text that has arrived, below the time of its record
 
 /// Bytes for one stream.
 struct Piece
@@ -53,31 +61,48 @@ void writeAll(const Piece &piece)
     }
 }
 
-int terminalHeight()
+winsize terminalSize()
 {
     winsize size{};
-    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 2 ? size.ws_row : 24;
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row <= 2 || size.ws_col < leastColumns)
+        size = {24, 80, 0, 0};
+    return size;
+}
+
+int widthOfRows()
+{
+    return terminalSize().ws_col - 1;
+}
+
+QString shownLine(const QString &text)
+{
+    return printable(Global::cut(explained(text), longestLine));
 }
 
 } // namespace
 
 struct CConsole::State
 {
-    const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
+    const OutputStyle style = outputStyle();
+    const bool isTerminal = style == OutputStyle::Plain && ::isatty(STDOUT_FILENO) == 1;
 
     std::mutex mutex; // guards the members below
     std::condition_variable changed;
-    std::deque<Line> lines;
+    std::deque<Block> blocks;
+    QString day; // of the latest record
     quint64 skipped = 0;
     QStringList rows;
     bool rowsChanged = false;
     bool ending = false;
     bool ended = false;
 
-    int rowsOnScreen = 0; // the writing thread's own
+    std::vector<int> rowsOnScreen; // their cells; the writing thread's own
 
+    void add(const QString &text, Stream stream);
+    bool shows(Stream stream) const { return stream == Errors || style == OutputStyle::Plain; }
     std::vector<Piece> takeWaiting(std::unique_lock<std::mutex> &lock);
-    std::vector<Piece> draw(const std::deque<Line> &newLines, const QStringList &liveRows);
+    std::vector<Piece> draw(const std::deque<Block> &newBlocks, const QStringList &liveRows);
+    int linesAboveCursor() const;
 };
 
 CConsole::CConsole() : state(std::make_shared<State>())
@@ -99,22 +124,54 @@ bool CConsole::isTerminal() const
     return state->isTerminal;
 }
 
-void CConsole::line(const QString &text, Stream stream)
+int CConsole::rowWidth() const
 {
-    const std::lock_guard lock(state->mutex);
-    if (state->lines.size() >= mostLinesWaiting) {
-        state->lines.pop_front();
-        ++state->skipped;
-    }
-    state->lines.push_back({text, stream});
-    state->changed.notify_all();
+    return widthOfRows();
 }
 
-void CConsole::record(const QString &kind, const QString &source, const QString &text, Stream stream)
+/// Adds what is shown, with the lock held.
+void CConsole::State::add(const QString &text, Stream stream)
 {
-    line(QStringLiteral("%1  %2 %3 %4")
-             .arg(localTime("%H:%M:%S"), kind.leftJustified(10), source.leftJustified(14), text),
-         stream);
+    if (blocks.size() >= mostLinesWaiting) {
+        blocks.pop_front();
+        ++skipped;
+    }
+    blocks.push_back({text, stream});
+    changed.notify_all();
+}
+
+void CConsole::line(const QString &text, Stream stream)
+{
+    if (!state->shows(stream))
+        return;
+    const std::lock_guard lock(state->mutex);
+    state->add(shownLine(text), stream);
+}
+
+void CConsole::record(const QString &kind, const QString &source, const QString &text, Stream stream,
+                      const QStringList &below)
+{
+    if (!state->shows(stream))
+        return;
+    QStringList lines{shownLine(
+        QStringLiteral("%1  %2 %3 %4")
+            .arg(localTime("%H:%M:%S"), paddedRight(kind, 10), paddedRight(printable(source), 14), text))};
+    for (const QString &each : below)
+        lines << QString(textIndent, QLatin1Char(' ')) + each;
+    const QString today = localTime("%d.%m.%Y");
+    const std::lock_guard lock(state->mutex);
+    if (!state->day.isNull() && state->day != today)
+        state->add(today, stream);
+    state->day = today;
+    state->add(lines.join(QLatin1Char('\n')), stream);
+}
+
+void CConsole::json(const QJsonObject &object)
+{
+    if (state->style != OutputStyle::Json)
+        return;
+    const std::lock_guard lock(state->mutex);
+    state->add(jsonLine(object), Results);
 }
 
 void CConsole::setLiveRows(const QStringList &rows)
@@ -133,7 +190,7 @@ void CConsole::run(const std::shared_ptr<State> &state)
     bool ending = false;
     while (!ending) {
         state->changed.wait(
-            lock, [&state] { return !state->lines.empty() || state->rowsChanged || state->ending; });
+            lock, [&state] { return !state->blocks.empty() || state->rowsChanged || state->ending; });
         ending = state->ending;
         const std::vector<Piece> pieces = state->takeWaiting(lock);
         lock.unlock();
@@ -148,46 +205,66 @@ void CConsole::run(const std::shared_ptr<State> &state)
 /// What is to be written now; called and left with the lock held.
 std::vector<Piece> CConsole::State::takeWaiting(std::unique_lock<std::mutex> &lock)
 {
-    std::deque<Line> newLines;
-    newLines.swap(lines);
-    if (skipped > 0)
-        newLines.push_front({QStringLiteral("... не показано строк: %1").arg(skipped), Results});
+    std::deque<Block> newBlocks;
+    newBlocks.swap(blocks);
+    if (skipped > 0) {
+        QJsonObject object = jsonEvent(QStringLiteral("skipped"));
+        object.insert(QStringLiteral("count"), qint64(skipped));
+        const bool isJson = style == OutputStyle::Json;
+        newBlocks.push_front(
+            {isJson ? jsonLine(object) : QStringLiteral("... не показано строк: %1").arg(skipped), Results});
+    }
     skipped = 0;
     rowsChanged = false;
     const QStringList liveRows = rows;
 
     lock.unlock();
-    std::vector<Piece> pieces = draw(newLines, liveRows);
+    std::vector<Piece> pieces = draw(newBlocks, liveRows);
     lock.lock();
     return pieces;
 }
 
+/// How far up the first live row is. A terminal that has become narrower has broken rows in two.
+int CConsole::State::linesAboveCursor() const
+{
+    const int columns = widthOfRows() + 1;
+    int lines = -1;
+    for (const int cells : rowsOnScreen)
+        lines += 1 + qMax(cells - 1, 0) / columns;
+    return lines;
+}
+
 // On a terminal the cursor rests behind the last live row. Each time the rows are wiped, the new lines
-// take their place, and the rows are drawn again below, each cut by the terminal at its right edge.
-std::vector<Piece> CConsole::State::draw(const std::deque<Line> &newLines, const QStringList &liveRows)
+// take their place, and the rows are drawn again below. The terminal is told not to break them even if it
+// takes a character for wider than we do.
+std::vector<Piece> CConsole::State::draw(const std::deque<Block> &newBlocks, const QStringList &liveRows)
 {
     std::vector<Piece> pieces{{Results, {}}};
-    const auto add = [&pieces](Stream stream, const QByteArray &bytes) {
+    const auto put = [&pieces](Stream stream, const QByteArray &bytes) {
         if (pieces.back().stream != stream)
             pieces.push_back({stream, {}});
         pieces.back().bytes += bytes;
     };
-    if (rowsOnScreen > 1)
-        add(Results, "\033[" + QByteArray::number(rowsOnScreen - 1) + "A");
-    if (rowsOnScreen > 0)
-        add(Results, "\r\033[J");
-    for (const Line &each : newLines)
-        add(each.stream, printable(Global::cut(each.text, longestLine)).toUtf8() + '\n');
+    if (linesAboveCursor() > 0)
+        put(Results, "\033[" + QByteArray::number(linesAboveCursor()) + "A");
+    if (!rowsOnScreen.empty())
+        put(Results, "\r\033[J");
+    for (const Block &each : newBlocks)
+        put(each.stream, each.text.toUtf8() + '\n');
 
-    rowsOnScreen = 0;
-    if (isTerminal) {
-        rowsOnScreen = qMin(liveRows.size(), terminalHeight() - 1);
-        if (rowsOnScreen > 0)
-            add(Results, "\033[?7l");
-        for (int row = 0; row < rowsOnScreen; ++row)
-            add(Results, (row > 0 ? QByteArray("\r\n") : QByteArray()) + printable(liveRows[row]).toUtf8());
-        if (rowsOnScreen > 0)
-            add(Results, "\033[?7h");
+    rowsOnScreen.clear();
+    const int most = isTerminal ? terminalSize().ws_row - 1 : 0;
+    const int width = widthOfRows();
+    QByteArray drawn;
+    for (const QString &row : liveRows.mid(0, most)) {
+        QString shown = cutToCells(printable(row), width);
+        while (
+            shown.endsWith(QLatin1Char(' '))) // a terminal that becomes narrower does not count them either
+            shown.chop(1);
+        drawn += (rowsOnScreen.empty() ? QByteArray() : QByteArray("\r\n")) + shown.toUtf8();
+        rowsOnScreen.push_back(cellsOf(shown));
     }
+    if (!drawn.isEmpty())
+        put(Results, "\033[?7l" + drawn + "\033[?7h");
     return pieces;
 }

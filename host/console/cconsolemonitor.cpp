@@ -2,6 +2,8 @@
 
 #include "common/global.h"
 #include "host/console/cconsole.h"
+#include "host/text/textwidth.h"
+#include "host/text/untrustedtext.h"
 
 #include <QTimer>
 
@@ -9,11 +11,10 @@ namespace {
 
 constexpr int refreshMs = 400;
 
-QString amounts(qint64 received, qint64 sent)
-{
-    return QStringLiteral("принято %1, передано %2")
-        .arg(Global::sizeString(received), Global::sizeString(sent));
-}
+constexpr int labelCells = 12;
+constexpr int amountCells = 13;
+constexpr int cellsWithAmounts = 100;
+constexpr int cellsWithSpeed = 50;
 
 } // namespace
 
@@ -33,38 +34,28 @@ int CConsoleMonitor::addConnection(int kind, const QString &label, const QString
         entry.label = label;
         entry.origin = entry.state = text;
     }
-    printState(label, text);
     scheduleRefresh();
     return handle;
 }
 
 void CConsoleMonitor::removeConnection(int handle)
 {
-    Entry gone;
     {
         const std::lock_guard lock(mutex);
-        const auto found = entries.find(handle);
-        if (found == entries.end())
-            return;
-        gone = std::move(found->second);
-        entries.erase(found);
+        entries.erase(handle);
     }
-    printState(gone.label, QStringLiteral("закрыто, %1").arg(amounts(gone.received, gone.sent)));
     scheduleRefresh();
 }
 
 void CConsoleMonitor::setState(int handle, const QString &text)
 {
-    QString label;
     {
         const std::lock_guard lock(mutex);
         const auto found = entries.find(handle);
         if (found == entries.end() || found->second.state == text)
             return;
         found->second.state = text;
-        label = found->second.label;
     }
-    printState(label, text);
     scheduleRefresh();
 }
 
@@ -102,13 +93,6 @@ void CConsoleMonitor::addBytes(int handle, qint64 received, qint64 sent)
     scheduleRefresh();
 }
 
-/// Without a live table a change of state is a line.
-void CConsoleMonitor::printState(const QString &label, const QString &text)
-{
-    if (style == Shown && !console.isTerminal())
-        console.record(QStringLiteral("соединение"), label, text);
-}
-
 /// Has the table drawn again soon, once for all changes until then. [any thread]
 void CConsoleMonitor::scheduleRefresh()
 {
@@ -119,34 +103,42 @@ void CConsoleMonitor::scheduleRefresh()
         Qt::QueuedConnection);
 }
 
+/// Label, state, speed, bytes both ways; the state takes the room that the others leave.
+QString CConsoleMonitor::rowOf(const Entry &entry, int cells)
+{
+    QString right;
+    if (cells >= cellsWithSpeed) {
+        const QString speed =
+            entry.speed > 0 ? Global::sizeString(entry.speed) + QStringLiteral("/с") : QString();
+        right = QStringLiteral("  ") + paddedLeft(speed, amountCells);
+    }
+    if (cells >= cellsWithAmounts) {
+        right += QStringLiteral("  принято %1  передано %2")
+                     .arg(paddedRight(Global::sizeString(entry.received), amountCells),
+                          paddedRight(Global::sizeString(entry.sent), amountCells));
+    }
+    const int stateCells = cells - labelCells - 1 - cellsOf(right);
+    return paddedRight(shortenedInMiddle(printable(entry.label), labelCells), labelCells) + QLatin1Char(' ') +
+           paddedRight(shortenedInMiddle(printable(entry.state), stateCells), stateCells) + right;
+}
+
 void CConsoleMonitor::refresh()
 {
     refreshDue = false; // first: what changes from now on is drawn the next time
     const qint64 passedMs = qMax<qint64>(sinceRefresh.restart(), 1);
-    bool isMoving = false;
-    QStringList rows;
-    {
-        const std::lock_guard lock(mutex);
-        for (auto &[handle, entry] : entries) {
-            Q_UNUSED(handle)
-            const qint64 bytes = entry.received + entry.sent;
-            entry.speed = (bytes - entry.shownBytes) * 1000 / passedMs;
-            entry.shownBytes = bytes;
-            isMoving |= entry.speed > 0;
-            rows << QStringLiteral("| %1 | %2 | %3 | %4 | %5")
-                        .arg(entry.label.leftJustified(14),
-                             Global::sizeString(entry.received).rightJustified(13),
-                             Global::sizeString(entry.sent).rightJustified(13),
-                             (entry.speed > 0 ? Global::speedString(entry.speed) : QString())
-                                 .rightJustified(29),
-                             entry.state);
-        }
+    const int cells = console.rowWidth();
+    QStringList rows = otherRows ? otherRows(cells) : QStringList();
+    bool isMoving = !rows.isEmpty();
+    std::unique_lock lock(mutex);
+    for (auto &[handle, entry] : entries) {
+        Q_UNUSED(handle)
+        const qint64 bytes = entry.received + entry.sent;
+        entry.speed = (bytes - entry.shownBytes) * 1000 / passedMs;
+        entry.shownBytes = bytes;
+        isMoving |= entry.speed > 0;
+        rows << rowOf(entry, cells);
     }
-    rows.prepend(QStringLiteral("| %1 | %2 | %3 | %4 | %5")
-                     .arg(QStringLiteral("Соединение").leftJustified(14),
-                          QStringLiteral("Принято").rightJustified(13),
-                          QStringLiteral("Передано").rightJustified(13),
-                          QStringLiteral("Скорость").rightJustified(29), QStringLiteral("Состояние")));
+    lock.unlock();
     console.setLiveRows(rows);
     if (isMoving)
         scheduleRefresh(); // once more, so that the speed goes down to zero when nothing moves any more

@@ -1,4 +1,5 @@
-// The monitor on the console: a live table of the connections, or lines where there is no terminal.
+// The monitor on the console: a live table of the connections below what else is shown live. Without a
+// terminal it only keeps the entries; the journal tells what happens.
 #pragma once
 
 #include "interfaces/cchannelmonitor.h"
@@ -9,6 +10,7 @@
 #include <QStringList>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <mutex>
 
@@ -29,6 +31,10 @@ public:
 
     /// @param shownOn outlives the monitor
     CConsoleMonitor(CConsole &shownOn, Style style);
+
+    /// Rows to be shown above the connections while they are, by the cells there are for each. Before the
+    /// first connection.
+    void showAbove(std::function<QStringList(int cells)> rows) { otherRows = std::move(rows); }
 
     // [any thread]
     int addConnection(int kind, const QString &label, const QString &text) override;
@@ -55,12 +61,13 @@ private:
     };
 
     void addBytes(int handle, qint64 received, qint64 sent);
-    void printState(const QString &label, const QString &text);
+    static QString rowOf(const Entry &entry, int cells);
     void scheduleRefresh();
     void refresh();
 
     CConsole &console;
     const Style style;
+    std::function<QStringList(int cells)> otherRows;
     QElapsedTimer sinceRefresh;          // the object's thread's own
     std::atomic<bool> refreshDue{false}; // any thread
     mutable std::mutex mutex;            // guards the two below

@@ -1,5 +1,6 @@
 #include "host/console/printing.h"
 
+#include "host/text/reasons.h"
 #include "host/text/untrustedtext.h"
 
 #include <cerrno>
@@ -8,8 +9,19 @@
 namespace {
 
 int gFirstError = 0;
+OutputStyle gStyle = OutputStyle::Plain;
 
 } // namespace
+
+void setOutputStyle(OutputStyle style)
+{
+    gStyle = style;
+}
+
+OutputStyle outputStyle()
+{
+    return gStyle;
+}
 
 void printLine(const QString &text)
 {
@@ -19,9 +31,15 @@ void printLine(const QString &text)
         gFirstError = errno;
 }
 
+void printNote(const QString &text)
+{
+    if (gStyle == OutputStyle::Plain)
+        printLine(printable(text));
+}
+
 void printError(const QString &text)
 {
-    std::fputs((printable(text) + QLatin1Char('\n')).toUtf8().constData(), stderr);
+    std::fputs((printable(explained(text)) + QLatin1Char('\n')).toUtf8().constData(), stderr);
 }
 
 int printingError()

@@ -4,6 +4,7 @@
 #include "common/logger.h"
 #include "host/conversation/descriptors.h"
 #include "host/conversation/handout.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -113,7 +114,7 @@ std::vector<CInboxSession::Outcome> CInboxSession::commit(const std::vector<CInc
         return outcomes;
     };
     if (!syncAll(messages))
-        return failAll(QStringLiteral("Не удалось записать сообщение: %1").arg(qt_error_string(errno)));
+        return failAll(QStringLiteral("Не удалось записать сообщение: %1").arg(reasonOf(errno)));
 
     {
         const std::lock_guard lock(box.mutex);
@@ -185,7 +186,7 @@ QString CInbox::prepare()
     incompleteDescriptor = openDirectory(incomplete.absolutePath());
     if (!incompleteDescriptor.isOpen())
         return QStringLiteral("Не удалось открыть каталог %1: %2")
-            .arg(incomplete.absolutePath(), qt_error_string(errno));
+            .arg(incomplete.absolutePath(), reasonOf(errno, incomplete.absolutePath()));
 
     // What can be continued stays: its sender will go on with it.
     QStringList names = incomplete.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
@@ -245,8 +246,8 @@ QString CInbox::place(const QByteArray &key, QString *directory)
         const QByteArray from = encoded(incomplete.absolutePath()) + '/' + key;
         *directory = leaving.absoluteFilePath(QString::fromLatin1(key));
         if (::rename(from.constData(), encoded(*directory).constData()) != 0 && errno != ENOENT)
-            error =
-                QStringLiteral("Не удалось записать каталог %1: %2").arg(*directory, qt_error_string(errno));
+            error = QStringLiteral("Не удалось записать каталог %1: %2")
+                        .arg(*directory, reasonOf(errno, *directory));
     }
     for (const char *ending : {".offer", ".list"}) {
         if (error.isNull())
@@ -271,7 +272,7 @@ QString CInbox::moveIntoInput(const QDir &place, const QByteArray &key, QString 
             break;
     }
     const QString text =
-        QStringLiteral("Не удалось записать каталог %1: %2").arg(*directory, qt_error_string(errno));
+        QStringLiteral("Не удалось записать каталог %1: %2").arg(*directory, reasonOf(errno, *directory));
     directory->clear();
     return text;
 }

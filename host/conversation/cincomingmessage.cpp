@@ -5,6 +5,7 @@
 #include "host/conversation/cinbox.h"
 #include "host/conversation/descriptors.h"
 #include "host/conversation/treelist.h"
+#include "host/text/reasons.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -407,5 +408,5 @@ void CIncomingMessage::discard()
 
 QString CIncomingMessage::trouble(const char *thing) const
 {
-    return QStringLiteral("Не удалось записать %1: %2").arg(QString::fromUtf8(thing), qt_error_string(errno));
+    return QStringLiteral("Не удалось записать %1: %2").arg(QString::fromUtf8(thing), reasonOf(errno));
 }

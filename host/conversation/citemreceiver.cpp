@@ -14,7 +14,7 @@ constexpr int mostRefusals = 1000; // who goes on offering what we cannot take i
 constexpr int mostToldRefusals = 16;
 constexpr std::size_t mostItems = 1024;
 constexpr qint64 mostListBytes = 2 * TreeLimits::listBytes; // they are kept in memory
-constexpr int shownTextBytes = 2048;
+constexpr int shownTextBytes = 16 * 1024;
 constexpr qint64 caughtUpAtOnce = 8 * 1024 * 1024;
 
 CItemReceiver::Reaction fault(const QString &how)
@@ -133,6 +133,7 @@ CItemReceiver::Reaction CItemReceiver::takeData(quint32 number, std::string_view
         (item.message && !item.offer.isAtOnce && !item.isAnswered))
         return fault(QStringLiteral("данных больше, чем объявлено"));
     item.arrived += qint64(bytes.size());
+    show(item);
     if (!item.message)
         return {}; // refused meanwhile; the sender may not have heard yet
     if (item.offer.kind == OfferFrame::Text && item.beginning.size() < shownTextBytes)
@@ -144,6 +145,26 @@ CItemReceiver::Reaction CItemReceiver::takeData(quint32 number, std::string_view
     if (isBad)
         item.message->discard();
     return refuse(item, isBad ? AnswerFrame::Refused : AnswerFrame::Later, error);
+}
+
+/// What comes in one piece is not worth a row.
+void CItemReceiver::show(Item &item)
+{
+    if (!item.shown && item.message && from.board && item.arrived < item.offer.size)
+        item.shown = from.board->putUp(true, from.name, titleOf(item.offer), item.offer.size);
+    if (item.shown)
+        item.shown->done.store(item.arrived, std::memory_order_relaxed);
+}
+
+std::vector<CItemReceiver::Begun> CItemReceiver::begun() const
+{
+    std::vector<Begun> result;
+    for (const auto &[number, item] : items) {
+        Q_UNUSED(number)
+        if (item.message && item.arrived > 0)
+            result.push_back({item.offer, item.arrived});
+    }
+    return result;
 }
 
 CItemReceiver::Reaction CItemReceiver::takeFinish(const FinishFrame &finish)
@@ -208,6 +229,7 @@ CItemReceiver::Reaction CItemReceiver::refuse(Item &item, AnswerFrame::Verdict v
     if (++refusals > mostRefusals)
         return fault(QStringLiteral("слишком много отказов"));
     item.message.reset();
+    item.shown.reset();
     Reaction reaction = answer({item.offer.item, verdict, 0, {}, reason});
     if (refusals <= mostToldRefusals)
         reaction.notices.push_back({false, item.offer, {}, {}, {}, reason});

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "host/conversation/cinbox.h"
+#include "host/conversation/ctransferboard.h"
 #include "host/conversation/messageframe.h"
 #include "host/delivery/generalsettings.h"
 
@@ -24,8 +25,9 @@ public:
         QString name;
         QByteArray key; // fingerprint
         bool isStranger = false;
-        StrangerQuotas quotas; // for strangers
-        int messagesToday = 0; // from this one so far
+        StrangerQuotas quotas;           // for strangers
+        int messagesToday = 0;           // from this one so far
+        CTransferBoard *board = nullptr; // shows what takes long; may be null
     };
 
     /// What people should know.
@@ -63,6 +65,16 @@ public:
     Reaction settle();
     bool wantsToSettle() const { return finished.size() >= groupSize; }
 
+    /// A message of which a part has come.
+    struct Begun
+    {
+        OfferFrame offer;
+        qint64 arrived = 0;
+    };
+
+    /// What would break off if the conversation ended now.
+    std::vector<Begun> begun() const;
+
     /// Whether anything is arriving.
     bool isUnderWay() const { return !items.empty(); }
 
@@ -77,8 +89,10 @@ private:
         bool isAnswered = false;                   // large ones: it may send
         QByteArray beginning;                      // of a text, to show it
         QByteArray digest;                         // when finished
+        std::shared_ptr<CTransferBoard::Transfer> shown;
     };
 
+    void show(Item &item);
     Reaction refuse(Item &item, AnswerFrame::Verdict verdict, const QString &reason);
     QString unacceptable(const OfferFrame &offer) const;
     QString overQuota(const OfferFrame &offer);

@@ -23,6 +23,12 @@ CItemSender::CItemSender(std::shared_ptr<CSendQueue> fromQueue) : queue(std::mov
 
 CItemSender::~CItemSender() = default;
 
+void CItemSender::showOn(CTransferBoard *where, const QString &abonent)
+{
+    board = where;
+    remoteName = abonent;
+}
+
 QByteArray CItemSender::nextFrame(int room)
 {
     frame.resize(0);
@@ -141,6 +147,11 @@ QByteArray CItemSender::send(Flights::iterator flight, int room)
             return anew;
         }
         queue->sent(now.job, now.done);
+        if (!now.shown && board && now.done < now.job.message().offer.size)
+            now.shown =
+                board->putUp(false, remoteName, now.job.message().title(), now.job.message().offer.size);
+        if (now.shown)
+            now.shown->done.store(now.done, std::memory_order_relaxed);
         return frame;
     }
     current = 0;

@@ -8,6 +8,7 @@
 
 #include "host/conversation/cchecksum.h"
 #include "host/conversation/csendqueue.h"
+#include "host/conversation/ctransferboard.h"
 #include "host/conversation/messageframe.h"
 
 #include <map>
@@ -32,6 +33,10 @@ public:
 
     CItemSender(const CItemSender &) = delete;
     CItemSender &operator=(const CItemSender &) = delete;
+
+    /// Shows on @a where what takes long.
+    /// @param abonent the other side
+    void showOn(CTransferBoard *where, const QString &abonent);
 
     /// The next frame to send, of at most about @a room bytes; an empty array: nothing to say now.
     /// Let go of it before the next call: its memory serves again.
@@ -79,6 +84,7 @@ private:
         std::unique_ptr<COutgoingReader> reader;
         CCheckSum sum; // of what is done
         qint64 done = 0;
+        std::shared_ptr<CTransferBoard::Transfer> shown;
     };
     using Flights = std::map<quint32, Flight>;
 
@@ -90,6 +96,8 @@ private:
     void giveUp(Flights::iterator flight, const QString &why);
 
     const std::shared_ptr<CSendQueue> queue;
+    CTransferBoard *board = nullptr;
+    QString remoteName;
     Flights flights;
     quint32 current = 0; // number of the one being read, 0: none
     quint32 last = 0;    // number given out

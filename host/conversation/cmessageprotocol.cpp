@@ -11,6 +11,7 @@
 #include <QAbstractEventDispatcher>
 #include <QFile>
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -30,15 +31,49 @@ constexpr int turnBytes = 1024 * 1024;  // read or written before other events g
 constexpr int outboxLimit = 256 * 1024; // beyond it we do not read on: who does not listen is not heard
 constexpr int leastRoom = 512;          // smaller pieces are not worth sending
 constexpr qint64 usefulBytes = 64 * 1024;
-constexpr int shownTextLength = 500;
 
-QString titleOf(const OfferFrame &offer, const QString &text)
+MessageNews newsOf(JournalRow kind, const QString &abonent, const OfferFrame &offer)
 {
-    if (offer.kind == OfferFrame::Text)
-        return QStringLiteral("текст \"%1\"").arg(Global::cut(text, shownTextLength));
-    const QString name = QFile::decodeName(offer.name);
-    return (offer.kind == OfferFrame::Tree ? QStringLiteral("каталог '%1'") : QStringLiteral("файл '%1'"))
-        .arg(name);
+    MessageNews news;
+    news.row.kind = kind;
+    news.row.abonent = abonent;
+    news.row.name = offer.kind == OfferFrame::Text ? QString() : QFile::decodeName(offer.name);
+    news.row.size = offer.size;
+    news.row.message = QString::fromLatin1(offer.identity.toHex());
+    news.kind = offer.kind;
+    return news;
+}
+
+/// A called side of version 1 answers in its own frames, without TLS.
+bool speaksVersion1(const QByteArray &beginning)
+{
+    return beginning.size() >= 4 && beginning.at(0) >= 1 && beginning.at(0) <= 8 &&
+           beginning.mid(1, 3) == QByteArray(3, '\0');
+}
+
+CSendQueue::Code codeOf(Verdict verdict)
+{
+    return verdict == Verdict::KeyChanged  ? CSendQueue::KeyChanged
+           : verdict == Verdict::NameTaken ? CSendQueue::NameTaken
+                                           : CSendQueue::Refused;
+}
+
+CSendQueue::Code codeOf(ByeFrame::Code code)
+{
+    switch (code) {
+    case ByeFrame::WrongOne:
+        return CSendQueue::SomebodyElse;
+    case ByeFrame::Unwelcome:
+        return CSendQueue::Refused;
+    case ByeFrame::Unreadable:
+        return CSendQueue::OtherVersion;
+    case ByeFrame::NameTaken:
+        return CSendQueue::NameTaken;
+    case ByeFrame::Done:
+    case ByeFrame::Stopping:
+        break;
+    }
+    return CSendQueue::NotDelivered;
 }
 
 } // namespace
@@ -62,6 +97,7 @@ void CMessageProtocol::start()
     CAbstractProtocol::start();
     isPlaced = !remoteAbonentName.isEmpty();
     calledFilteredName = remoteAbonentFilteredName;
+    reach(PingResult::Connected);
     sinceExchange.start();
     deadline.start(isPlaced ? placedGreetingMs : answeredGreetingMs);
     tls = std::make_unique<CTlsSession>(isPlaced ? CTlsSession::Calling : CTlsSession::Answering,
@@ -92,6 +128,12 @@ void CMessageProtocol::superseded()
 void CMessageProtocol::wake()
 {
     leaveWord(NoRequest);
+}
+
+void CMessageProtocol::reach(PingResult::Stage stage)
+{
+    if (isPlaced && context.ping)
+        context.ping->reached = stage;
 }
 
 void CMessageProtocol::leaveWord(int what)
@@ -195,7 +237,8 @@ bool CMessageProtocol::takeBytes(int *turn)
         if (!isPlaced && isVersion1(firstBytes))
             refuseVersion1();
         else
-            breakOff(tls->trouble());
+            breakOff(tls->trouble(), isPlaced && speaksVersion1(firstBytes) ? CSendQueue::OtherVersion
+                                                                            : CSendQueue::NotDelivered);
     }
     return false;
 }
@@ -203,6 +246,7 @@ bool CMessageProtocol::takeBytes(int *turn)
 /// The other side has proved which key it has. Who has called speaks first.
 void CMessageProtocol::secured()
 {
+    reach(PingResult::Secured);
     if (isPlaced)
         outbox += HelloFrame{HelloFrame::currentVersion, context.ownPort, context.ownName,
                              QLatin1String(BuildConstants::version)}
@@ -267,10 +311,11 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
     if (isGreeted || !hello)
         return breakOff(QStringLiteral("неверное приветствие"));
     if (hello->version != HelloFrame::currentVersion) {
-        return sayGoodbye(ByeFrame::Unreadable,
-                          QStringLiteral("Версия протокола %1 не поддерживается, нужна %2")
-                              .arg(hello->version)
-                              .arg(HelloFrame::currentVersion));
+        const QString text = QStringLiteral("Версия протокола %1 не поддерживается, нужна %2")
+                                 .arg(hello->version)
+                                 .arg(HelloFrame::currentVersion);
+        noteTrouble(CSendQueue::OtherVersion, text);
+        return sayGoodbye(ByeFrame::Unreadable, text);
     }
     const QString filteredName = Global::filterName(hello->name);
     if (filteredName.isEmpty())
@@ -278,14 +323,12 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
 
     isGreeted = true;
     const bool isSomebodyElse = isPlaced && filteredName != calledFilteredName;
+    reach(isSomebodyElse ? PingResult::Greeted : PingResult::Named);
     remoteAbonentName = hello->name;
     remoteAbonentFilteredName = filteredName;
     if (isSomebodyElse) {
-        const QString text = QStringLiteral("Ответил другой абонент: '%1'").arg(hello->name);
-        if (context.ping)
-            context.ping->trouble = text;
-        if (context.queues)
-            context.queues->of(calledFilteredName)->setTrouble(CSendQueue::SomebodyElse, text);
+        noteTrouble(CSendQueue::SomebodyElse,
+                    QStringLiteral("Ответил другой абонент: '%1'").arg(hello->name));
         return sayGoodbye(ByeFrame::WrongOne, QStringLiteral("Вызван другой абонент"));
     }
     believe(*hello, context.contacts->judge(hello->name, tls->peerFingerprint(),
@@ -295,27 +338,23 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
 /// Goes on with an abonent whose name and key fit, or ends.
 void CMessageProtocol::believe(const HelloFrame &hello, const Judgement &judgement)
 {
-    if (!judgement.text.isNull())
-        context.journal->addRecord(judgement.mayGoOn() ? JournalEvent : JournalError, label, judgement.text);
+    if (judgement.mayGoOn() && !judgement.text.isNull())
+        context.journal->addRecord(JournalEvent, label, judgement.text);
     if (!judgement.mayGoOn()) {
-        JournalEntry row;
-        row.kind = judgement.verdict == Verdict::KeyChanged || judgement.verdict == Verdict::NameTaken
-                       ? JournalRow::KeyChanged
-                       : JournalRow::Refused;
-        row.abonent = hello.name;
-        row.text = judgement.text;
-        if (context.messages)
-            context.messages->add(row);
-        if (context.ping)
-            context.ping->trouble = judgement.text;
-        if (isPlaced && context.queues)
-            context.queues->of(calledFilteredName)->setTrouble(CSendQueue::SomebodyElse, judgement.text);
-        const bool isKey = row.kind == JournalRow::KeyChanged;
-        return sayGoodbye(ByeFrame::Unwelcome,
-                          isKey ? QStringLiteral("Это имя здесь записано с другим ключом")
-                                : QStringLiteral("Вызываемый абонент не принимает от вас"));
+        const CSendQueue::Code code = codeOf(judgement.verdict);
+        MessageNews news;
+        news.row.kind = code == CSendQueue::Refused ? JournalRow::Refused : JournalRow::KeyChanged;
+        news.row.abonent = hello.name;
+        news.row.text = judgement.text;
+        announce(news);
+        noteTrouble(code, judgement.text);
+        return code == CSendQueue::Refused
+                   ? sayGoodbye(ByeFrame::Unwelcome, QStringLiteral("Вызываемый абонент не принимает от вас"))
+                   : sayGoodbye(ByeFrame::NameTaken,
+                                QStringLiteral("Это имя здесь записано с другим ключом"));
     }
     context.unnamed->remove(this);
+    reach(PingResult::Believed);
     if (!isPlaced)
         outbox += HelloFrame{HelloFrame::currentVersion, context.ownPort, context.ownName,
                              QLatin1String(BuildConstants::version)}
@@ -334,6 +373,7 @@ void CMessageProtocol::believe(const HelloFrame &hello, const Judgement &judgeme
         from.name = hello.name;
         from.key = tls->peerFingerprint();
         const GeneralSettings settings = GeneralSettings::load();
+        from.board = context.board;
         from.isStranger = judgement.isStranger() && settings.policy != WritingPolicy::All;
         if (from.isStranger) {
             const QDateTime today(QDate::currentDate(), QTime(0, 0));
@@ -350,6 +390,8 @@ void CMessageProtocol::believe(const HelloFrame &hello, const Judgement &judgeme
             sender = std::make_unique<CItemSender>(queue);
         else
             queue.reset(); // another connection sends
+        if (sender)
+            sender->showOn(context.board, hello.name);
     }
 }
 
@@ -360,8 +402,8 @@ void CMessageProtocol::takeBye(const ByeFrame &bye)
     if (bye.code != ByeFrame::Done && bye.code != ByeFrame::Stopping)
         context.journal->addRecord(JournalError, label, QStringLiteral("Абонент отказался: %1").arg(reason));
     if (context.ping && isPlaced)
-        context.ping->trouble = reason;
-    end(bye.code == ByeFrame::WrongOne ? CSendQueue::SomebodyElse : CSendQueue::NotDelivered, reason);
+        context.ping->isTurnedAway = true;
+    end(codeOf(bye.code), reason);
 }
 
 void CMessageProtocol::takeAnswer(const AnswerFrame &answer)
@@ -383,57 +425,61 @@ void CMessageProtocol::react(const CItemReceiver::Reaction &reaction)
         breakOff(reaction.fault);
 }
 
-/// Into the journal of messages.
-void CMessageProtocol::record(JournalRow kind, const OfferFrame &offer, const QByteArray &digest,
-                              const QString &text)
-{
-    if (!context.messages)
-        return;
-    JournalEntry row;
-    row.kind = kind;
-    row.abonent = remoteAbonentName;
-    row.name = offer.kind == OfferFrame::Text ? QString() : QFile::decodeName(offer.name);
-    row.size = offer.size;
-    row.message = QString::fromLatin1(offer.identity.toHex());
-    row.digest = digest;
-    row.text = text;
-    context.messages->add(row);
-}
-
 void CMessageProtocol::tell(const CItemReceiver::Notice &notice)
 {
-    const QString title = titleOf(notice.offer, notice.text);
-    record(notice.isStored ? JournalRow::Received : JournalRow::Refused, notice.offer, notice.digest,
-           notice.reason);
-    if (!notice.isStored) {
-        context.journal->addRecord(
-            JournalError, label,
-            QStringLiteral("Не принято от '%1': %2. %3").arg(remoteAbonentName, title, notice.reason));
-        return;
-    }
-    wasUseful = true;
-    context.journal->addRecord(JournalEvent, label,
-                               QStringLiteral("Принято от '%1': %2, %3, SHA-256 %4, каталог %5")
-                                   .arg(remoteAbonentName, title, Global::sizeString(notice.offer.size),
-                                        QString::fromLatin1(notice.digest.toHex()), notice.directory));
-    if (!notice.reason.isNull())
+    MessageNews news =
+        newsOf(notice.isStored ? JournalRow::Received : JournalRow::Refused, remoteAbonentName, notice.offer);
+    news.isIncoming = true;
+    news.row.digest = notice.digest;
+    news.row.text = notice.isStored ? QString() : notice.reason;
+    news.text = notice.text;
+    news.directory = notice.directory;
+    announce(news);
+    wasUseful |= notice.isStored;
+    if (notice.isStored && !notice.reason.isNull())
         context.journal->addRecord(JournalError, label, notice.reason);
 }
 
 void CMessageProtocol::tell(const CItemSender::Notice &notice)
 {
-    const OutgoingMessage &message = notice.job.message();
-    record(notice.isStored ? JournalRow::Sent : JournalRow::Refused, message.offer, notice.digest,
-           notice.reason);
+    MessageNews news = newsOf(notice.isStored ? JournalRow::Sent : JournalRow::Refused, remoteAbonentName,
+                              notice.job.message().offer);
+    news.row.digest = notice.digest;
+    news.row.text = notice.reason;
+    announce(news);
     wasUseful |= notice.isStored;
-    if (context.isWatched)
+}
+
+/// Into the journal of messages, and to people.
+void CMessageProtocol::announce(const MessageNews &news)
+{
+    if (context.messages)
+        context.messages->add(news.row);
+    const bool isOfOurs = !news.row.message.isEmpty() || (isPlaced && news.row.kind != JournalRow::BrokenOff);
+    const bool isTold = context.isWatched && !news.isIncoming && isOfOurs;
+    if (context.onNews && !isTold)
+        context.onNews(news);
+}
+
+/// The conversation ends while something is under way.
+void CMessageProtocol::announceBroken(const QString &trouble)
+{
+    constexpr std::size_t mostTold = 16;
+    const auto begun = receiver ? receiver->begun() : std::vector<CItemReceiver::Begun>();
+    for (std::size_t i = 0; i < std::min(begun.size(), mostTold); ++i) {
+        MessageNews news = newsOf(JournalRow::BrokenOff, remoteAbonentName, begun[i].offer);
+        news.isIncoming = true;
+        news.row.text = trouble;
+        news.done = begun[i].arrived;
+        announce(news);
+    }
+    if (!begun.empty())
         return;
-    context.journal->addRecord(
-        notice.isStored ? JournalEvent : JournalError, label,
-        notice.isStored ? QStringLiteral("Абонент сохранил: %1, %2, SHA-256 %3")
-                              .arg(message.title(), Global::sizeString(message.offer.size),
-                                   QString::fromLatin1(notice.digest.toHex()))
-                        : QStringLiteral("Не передано: %1. %2").arg(message.title(), notice.reason));
+    MessageNews news;
+    news.row.kind = JournalRow::BrokenOff;
+    news.row.abonent = remoteAbonentName;
+    news.row.text = trouble;
+    announce(news);
 }
 
 /// Writes as much as the channel wants, so that no write has to wait. When it wants nothing more, bytes of
@@ -541,16 +587,27 @@ void CMessageProtocol::refuseVersion1()
     breakOff(reason);
 }
 
+/// Why nothing comes of our call, for who waits for it.
+void CMessageProtocol::noteTrouble(CSendQueue::Code code, const QString &reason)
+{
+    if (!isPlaced)
+        return;
+    if (context.ping) {
+        context.ping->code = code;
+        context.ping->trouble = reason;
+    }
+    if (context.queues)
+        context.queues->of(calledFilteredName)->setTrouble(code, reason);
+}
+
 /// Ends a connection that is of no use. The other side hears nothing but the end.
-void CMessageProtocol::breakOff(const QString &how)
+void CMessageProtocol::breakOff(const QString &how, int code)
 {
     if (isEnded)
         return;
     context.journal->addRecord(JournalError, label, QStringLiteral("Соединение разорвано: %1").arg(how));
-    if (context.ping && isPlaced)
-        context.ping->trouble = how;
     channel->disconnectFromAbonent();
-    end(CSendQueue::NotDelivered, how);
+    end(code, how);
 }
 
 /// Ends a connection in order.
@@ -571,13 +628,13 @@ void CMessageProtocol::end(int code, const QString &trouble)
     isEnded = true;
     deadline.stop();
     context.unnamed->remove(this);
-    const bool isBroken = isUnderWay();
-    if (isBroken && context.messages && isGreeted) {
-        JournalEntry row;
-        row.kind = JournalRow::BrokenOff;
-        row.abonent = remoteAbonentName;
-        row.text = trouble;
-        context.messages->add(row);
+    if (isUnderWay() && isGreeted)
+        announceBroken(trouble);
+    const bool isFirstTrouble =
+        context.ping && isPlaced && !context.ping->isAnswered && context.ping->trouble.isEmpty();
+    if (isFirstTrouble && request != Stop) {
+        context.ping->code = code;
+        context.ping->trouble = trouble;
     }
     if (context.queues && isPlaced && !trouble.isEmpty()) {
         const std::shared_ptr<CSendQueue> called = context.queues->of(calledFilteredName);

@@ -9,8 +9,10 @@
 
 #include "host/conversation/citemreceiver.h"
 #include "host/conversation/citemsender.h"
+#include "host/conversation/csendqueue.h"
 #include "host/conversation/cunnamedcallers.h"
 #include "host/conversation/messageframe.h"
+#include "host/conversation/messagenews.h"
 #include "host/delivery/ccontacts.h"
 #include "host/delivery/cmessagejournal.h"
 #include "host/delivery/ctlssession.h"
@@ -26,19 +28,30 @@
 class CIdentity;
 class CInbox;
 class CJournal;
-class CMessageJournal;
-class CSendQueue;
-class CSendQueues;
 
 /// What a program learns by asking an abonent whether it is there. [any thread] writes, one at a time
 struct PingResult
 {
+    /// How far the call has come.
+    enum Stage
+    {
+        Called,
+        Connected,
+        Secured,  // TLS: the other side has proved its key
+        Greeted,  // it has said its name
+        Named,    // which is the called one
+        Believed, // and has the key that belongs to it
+    };
+
+    Stage reached = Called;
+    bool isTurnedAway = false; // the other side has ended the call; trouble says why
     bool isAnswered = false;
     QString name;
     QString program; // its version
     QByteArray key;  // fingerprint
     qint64 roundTripUs = 0;
-    QString trouble; // when not answered; null: the call came to nothing
+    int code = 0;    // CSendQueue::Code, when not answered; 0: the call came to nothing
+    QString trouble; // likewise; null: the call came to nothing
 };
 
 class CMessageProtocol : public CAbstractProtocol, private CUnnamedCaller, private CQueueUser
@@ -60,9 +73,11 @@ public:
         /// What tells callers of different addresses apart, by channel label; [any thread].
         std::function<QString(const QString &label)> originOf;
         CUnnamedCallers *unnamed = nullptr;
-        int lingerMs = 0;           // how long a call that we have placed stays when all is said
-        bool isWatched = false;     // somebody else tells people what has been delivered
-        PingResult *ping = nullptr; // only asks whether the abonent is there
+        MessageNewsListener onNews;      // shown to people; may be empty
+        CTransferBoard *board = nullptr; // likewise, while it comes and goes; may be null
+        int lingerMs = 0;                // how long a call that we have placed stays when all is said
+        bool isWatched = false;          // somebody else tells people what has been delivered
+        PingResult *ping = nullptr;      // only asks whether the abonent is there
     };
 
     CMessageProtocol(CChannel *ownedChannel, const Context &around);
@@ -78,6 +93,7 @@ private:
     void wake() override;    // [any thread]
     void superseded();       // [any thread]
     void leaveWord(int what);
+    void reach(PingResult::Stage stage);
 
     void work();
     void workAgain();
@@ -90,7 +106,6 @@ private:
     void takeBye(const ByeFrame &bye);
     void takeAnswer(const AnswerFrame &answer);
     void react(const CItemReceiver::Reaction &reaction);
-    void record(JournalRow kind, const OfferFrame &offer, const QByteArray &digest, const QString &text);
     void tell(const CItemReceiver::Notice &notice);
     void tell(const CItemSender::Notice &notice);
     void transmit();
@@ -100,8 +115,11 @@ private:
     int clockMs() const;
     qint64 patienceMs() const;
 
+    void announce(const MessageNews &news);
+    void announceBroken(const QString &trouble);
+    void noteTrouble(CSendQueue::Code code, const QString &reason);
     void refuseVersion1();
-    void breakOff(const QString &how);
+    void breakOff(const QString &how, int code = CSendQueue::NotDelivered);
     void sayGoodbye(ByeFrame::Code code, const QString &reason);
     void end(int troubleCode, const QString &trouble);
 

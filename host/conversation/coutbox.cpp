@@ -5,6 +5,7 @@
 #include "common/logger.h"
 #include "host/conversation/descriptors.h"
 #include "host/conversation/treelist.h"
+#include "host/text/reasons.h"
 
 #include <QDataStream>
 #include <QFile>
@@ -91,9 +92,7 @@ QDataStream &operator>>(QDataStream &stream, OutgoingMessage &message)
 
 QString OutgoingMessage::title() const
 {
-    if (offer.kind == OfferFrame::Text)
-        return QStringLiteral("текст");
-    return offer.kind == OfferFrame::Tree ? shown(offer.name) + QLatin1Char('/') : shown(offer.name);
+    return titleOf(offer);
 }
 
 // COutboxEntry ---------------------------------------------------------------------------------------
@@ -172,8 +171,7 @@ void COutboxEntry::note(const QByteArray &line)
     // Lost, it is asked again, and the receiver knows.
     if (!file.isOpen() || !Io::writeAll(file, line))
         debug(QStringLiteral("COutboxEntry"),
-              QStringLiteral("Не удалось записать состояние сообщения %1: %2")
-                  .arg(number, qt_error_string(errno)),
+              QStringLiteral("Не удалось записать состояние сообщения %1: %2").arg(number, reasonOf(errno)),
               DebugAlways, DebugFlagNone);
 }
 
@@ -246,7 +244,7 @@ QString COutboxEntry::refresh(std::size_t index)
         const CDescriptor to(::open((encoded(directory) + '/' + copyName).constData(), newFileFlags, 0600));
         const qint64 copied = from.isOpen() && to.isOpen() ? copyRest(from, to) : -1;
         if (copied < 0 || !Io::sync(to))
-            return QStringLiteral("Не удалось скопировать измененный файл: %1").arg(qt_error_string(errno));
+            return QStringLiteral("Не удалось скопировать измененный файл: %1").arg(reasonOf(errno));
         piece = {copyName, 0, copied, -1};
         sizes.push_back(copied);
     }
@@ -295,7 +293,7 @@ COutgoingReader::COutgoingReader(const QString &ofDirectory, const OutgoingMessa
 
 COutgoingReader::Result COutgoingReader::fail()
 {
-    why = qt_error_string(errno);
+    why = reasonOf(errno);
     return Failed;
 }
 
@@ -367,7 +365,7 @@ COutboxWriter::~COutboxWriter()
 
 QString COutboxWriter::trouble(const QString &what) const
 {
-    return QStringLiteral("Не удалось принять к отправке %1: %2").arg(what, qt_error_string(errno));
+    return QStringLiteral("Не удалось принять к отправке %1: %2").arg(what, reasonOf(errno));
 }
 
 QString COutboxWriter::begin(const QString &abonent, const QString &address, int port)
@@ -506,9 +504,9 @@ QString COutboxWriter::addPath(const QByteArray &path)
     struct stat status
     {};
     if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
-        return errno == ENOENT
-                   ? QStringLiteral("Файл %1 не существует").arg(shown(path))
-                   : QStringLiteral("Файл %1 нельзя прочитать: %2").arg(shown(path), qt_error_string(errno));
+        return errno == ENOENT ? QStringLiteral("Файл %1 не существует").arg(shown(path))
+                               : QStringLiteral("Файл %1 нельзя прочитать: %2")
+                                     .arg(shown(path), reasonOf(errno, shown(path)));
     }
     // "dir/" and "." have a name as well.
     QByteArray name = path;

@@ -5,6 +5,7 @@
 #include "common/logger.h"
 #include "host/conversation/transporttasks.h"
 #include "host/delivery/ccontacts.h"
+#include "host/text/addresstext.h"
 #include "interfaces/cchannelplugin.h"
 #include "interfaces/cchannelserver.h"
 #include "interfaces/cjournal.h"
@@ -150,9 +151,13 @@ void CPostOffice::call(Route &way)
         way.queue->setTrouble(CSendQueue::NoAnswer, QStringLiteral("Нет свободного канала"));
         return callEnded(way, false);
     }
+    way.target = addressText(settings.address, settings.port);
+    if (around.takeReason)
+        around.takeReason(way.name); // of the call before
     CSettings limits;
     way.noWord.start(limits.detailsTransportIpThreadStartTimeout() +
                      limits.detailsTransportIpConnectTimeout() + callReserveMs);
+    ++calls;
     around.server->connectToAbonent(way.name, settings.toByteArray());
 }
 
@@ -201,6 +206,14 @@ void CPostOffice::queueChanged(const QString &filteredName)
         consider(*found->second);
 }
 
+/// "Абонент 'Борис' не отвечает, 10.0.0.1:18001: в соединении отказано"
+QString CPostOffice::noAnswer(const Route &way) const
+{
+    const QString reason = around.takeReason ? around.takeReason(way.name) : QString();
+    const QString text = QStringLiteral("Абонент '%1' не отвечает").arg(way.name);
+    return reason.isEmpty() ? text : QStringLiteral("%1, %2: %3").arg(text, way.target, reason);
+}
+
 /// The call is over, whatever came of it.
 void CPostOffice::callEnded(Route &way, bool wasUseful)
 {
@@ -213,8 +226,7 @@ void CPostOffice::callEnded(Route &way, bool wasUseful)
     if (trouble.code == CSendQueue::NoTrouble) {
         trouble = way.wasConnected
                       ? CSendQueue::Trouble{CSendQueue::NotDelivered, QStringLiteral("Соединение потеряно")}
-                      : CSendQueue::Trouble{CSendQueue::NoAnswer,
-                                            QStringLiteral("Абонент '%1' не отвечает").arg(way.name)};
+                      : CSendQueue::Trouble{CSendQueue::NoAnswer, noAnswer(way)};
     }
     if (wasUseful && trouble.code == CSendQueue::NotDelivered)
         return way.retry.start(soonMs); // it goes forward: no reason to wait, or to tell

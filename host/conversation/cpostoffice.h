@@ -16,6 +16,7 @@
 #include <QObject>
 #include <QTimer>
 
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -39,6 +40,8 @@ public:
         CJournal *journal = nullptr;
         CSendQueues *queues = nullptr;
         int level = 0;
+        /// Why the last call of an abonent came to nothing, as the channel has recorded it; may be empty.
+        std::function<QString(const QString &abonent)> takeReason;
         QString only;  // filtered name of the one abonent to be served; empty: all
         QString fresh; // number of an entry that nobody has tried to deliver yet
     };
@@ -51,6 +54,9 @@ public:
     /// Something has happened in the queue of an abonent.
     void queueChanged(const QString &filteredName);
 
+    /// Calls placed so far.
+    qint64 placedCalls() const { return calls; }
+
 private Q_SLOTS:
     void connected(const QString &abonentName, int connectionId);
     void notConnected(const QString &abonentName);
@@ -62,9 +68,10 @@ private:
     {
         QString name;
         std::shared_ptr<CSendQueue> queue;
-        QTimer retry;  // until the next call
-        QTimer noWord; // a call of which nothing is heard at all
-        int delay = 0; // seconds, stepped by the plug-in
+        QString target; // address and port of the last call
+        QTimer retry;   // until the next call
+        QTimer noWord;  // a call of which nothing is heard at all
+        int delay = 0;  // seconds, stepped by the plug-in
         int connection = -1;
         bool isCalling = false; // between a call and its end
         bool wasConnected = false;
@@ -77,6 +84,7 @@ private:
     void consider(Route &way);
     void call(Route &way);
     void callEnded(Route &way, bool wasUseful);
+    QString noAnswer(const Route &way) const;
     void showLive();
 
     const Around around;
@@ -84,4 +92,5 @@ private:
     QFileSystemWatcher watcher;                       // of the tasks
     QTimer sweep;                                     // for what the watcher does not tell
     QTimer live;
+    qint64 calls = 0;
 };

@@ -60,7 +60,7 @@ void CSendQueue::noteAttempt(const Trouble &why)
     const std::lock_guard lock(mutex);
     for (Entry &there : waiting) {
         if (there.entry->hasWaiting())
-            there.entry->noteAttempt(why.code == NoRoom ? NotDelivered : why.code, why.reason);
+            there.entry->noteAttempt(why.code, why.reason);
     }
 }
 

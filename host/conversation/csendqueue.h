@@ -38,14 +38,19 @@ public:
         const OutgoingMessage &message() const { return entry->messages[index]; }
     };
 
-    /// Why an attempt has come to nothing. The numbers are in files: see COutboxEntry::noteAttempt().
+    /// Why an attempt has come to nothing: exit codes of a program that does not wait any longer. The numbers
+    /// are in files: see COutboxEntry::noteAttempt().
     enum Code
     {
         NoTrouble = 0,
         NoAnswer = 3,
-        SomebodyElse = 4, // or the right name with a wrong key
+        SomebodyElse = 4,
         NotDelivered = 5,
-        NoRoom = 6, // the other side has none
+        KeyChanged = 8,
+        Refused = 9, // by the rules of one side
+        NoRoom = 10, // the other side has none
+        NameTaken = 11,
+        OtherVersion = 12,
     };
     struct Trouble
     {

@@ -5,6 +5,7 @@
 #include "common/logger.h"
 #include "common/trustedfile.h"
 #include "host/conversation/csha256.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -96,5 +97,5 @@ void CStoredIndex::note(const QByteArray &key, const QByteArray &digest)
 QString CStoredIndex::trouble(const char *doing) const
 {
     return QStringLiteral("Не удалось %1 список принятых сообщений %2: %3")
-        .arg(QString::fromUtf8(doing), path, qt_error_string(errno));
+        .arg(QString::fromUtf8(doing), path, reasonOf(errno, path));
 }

@@ -1,6 +1,7 @@
 #include "host/conversation/handout.h"
 
 #include "host/conversation/descriptors.h"
+#include "host/text/reasons.h"
 
 #include <QDir>
 #include <QFile>
@@ -98,7 +99,7 @@ QString checkHandOut(const QString &place)
         return QStringLiteral("Не удалось создать каталог %1").arg(place);
     return ::access(QFile::encodeName(place).constData(), W_OK | X_OK) == 0
                ? QString()
-               : QStringLiteral("В каталог %1 нельзя писать: %2").arg(place, qt_error_string(errno));
+               : QStringLiteral("В каталог %1 нельзя писать: %2").arg(place, reasonOf(errno, place));
 }
 
 QString handOut(const QString &directory, const QString &place)
@@ -114,12 +115,12 @@ QString handOut(const QString &directory, const QString &place)
     // The description is message.txt, or _message.txt where the contents have that name.
     const bool isNamedSo = std::find(names.begin(), names.end(), "_message.txt") != names.end();
     if (!found || !to.isOpen())
-        trouble = QStringLiteral("Не удалось открыть %1: %2").arg(place, qt_error_string(errno));
+        trouble = QStringLiteral("Не удалось открыть %1: %2").arg(place, reasonOf(errno, place));
     for (const QByteArray &name : names) {
         if (name == (isNamedSo ? "_message.txt" : "message.txt") || !trouble.isNull())
             continue;
         if (!moveUnder(name, from, name, to) && (errno != EXDEV || !copyOver(from, name, to, draft, mark)))
-            trouble = QStringLiteral("Не удалось переместить в %1: %2").arg(place, qt_error_string(errno));
+            trouble = QStringLiteral("Не удалось переместить в %1: %2").arg(place, reasonOf(errno, place));
     }
     ::unlink(mark.constData());
     return trouble;

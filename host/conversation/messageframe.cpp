@@ -1,5 +1,6 @@
 #include "host/conversation/messageframe.h"
 
+#include <QFile>
 #include <QtEndian>
 
 #include <cstring>
@@ -174,6 +175,14 @@ QByteArray OfferFrame::toBytes() const
         .done();
 }
 
+QString titleOf(const OfferFrame &offer)
+{
+    if (offer.kind == OfferFrame::Text)
+        return QStringLiteral("текст");
+    const QString name = QFile::decodeName(offer.name);
+    return offer.kind == OfferFrame::Tree ? name + QLatin1Char('/') : name;
+}
+
 std::optional<OfferFrame> OfferFrame::fromPayload(std::string_view payload)
 {
     return parsed<OfferFrame>(FrameType::Offer, payload, [](Fields &fields, OfferFrame &offer) {
@@ -249,7 +258,7 @@ std::optional<ByeFrame> ByeFrame::fromPayload(std::string_view payload)
     return parsed<ByeFrame>(FrameType::Bye, payload, [](Fields &fields, ByeFrame &bye) {
         const quint8 code = fields.number<quint8>();
         bye.code = Code(code);
-        return code <= Unreadable && isText(fields.raw(fields.left()), &bye.reason);
+        return code <= NameTaken && isText(fields.raw(fields.left()), &bye.reason);
     });
 }
 

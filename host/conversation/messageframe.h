@@ -99,6 +99,9 @@ struct OfferFrame
     static std::optional<OfferFrame> fromPayload(std::string_view payload);
 };
 
+/// What to call a message to people: "текст", the name of the file, "каталог/".
+QString titleOf(const OfferFrame &offer);
+
 /// What the receiver decides about an item: first whether it wants it, in the end whether it has it.
 ///
 ///        0     4  item
@@ -153,6 +156,7 @@ struct ByeFrame
         WrongOne = 2,   // another abonent was called
         Unwelcome = 3,  // the rules of this side do not let the other one in
         Unreadable = 4, // another version, or damaged
+        NameTaken = 5,  // the name of the other one belongs to another key here
     };
 
     Code code = Done;

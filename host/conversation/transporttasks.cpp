@@ -2,6 +2,7 @@
 
 #include "common/global.h"
 #include "host/conversation/descriptors.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 
@@ -36,7 +37,7 @@ QString TransportTasks::add(int level, const TransportTask &task)
     const QString draft = place.absoluteFilePath(QStringLiteral(".%1.%2").arg(task.number).arg(::getpid()));
     QFile file(draft);
     if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.flush())
-        return QStringLiteral("Не удалось записать задание %1: %2").arg(draft, file.errorString());
+        return QStringLiteral("Не удалось записать задание %1: %2").arg(draft, explained(file.errorString()));
     file.close();
     Global::setFilePermissions(draft);
     bool isPlaced = false;
@@ -46,7 +47,7 @@ QString TransportTasks::add(int level, const TransportTask &task)
     }
     QFile::remove(draft);
     return isPlaced ? QString()
-                    : QStringLiteral("Не удалось записать задание %1: %2").arg(draft, qt_error_string(errno));
+                    : QStringLiteral("Не удалось записать задание %1: %2").arg(draft, reasonOf(errno));
 }
 
 std::vector<TransportTask> TransportTasks::take(int level)

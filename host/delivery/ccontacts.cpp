@@ -7,6 +7,7 @@
 #include "common/trustedfile.h"
 #include "host/delivery/cidentity.h"
 #include "host/delivery/fingerprintwords.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -353,7 +354,7 @@ QString CContacts::refresh()
     ParsedContacts parsed;
     QString trouble;
     if (!SettingsFile::read(path, &contents)) {
-        trouble = QStringLiteral("Не удалось прочитать контакты %1. %2").arg(path, qt_error_string(errno));
+        trouble = QStringLiteral("Не удалось прочитать контакты %1. %2").arg(path, reasonOf(errno, path));
         contents.id = SettingsFile::Stamp::Unknown;
     } else {
         parsed = contactsFromText(contents.text);
@@ -386,7 +387,7 @@ QString CContacts::change(const std::function<QString(QVector<CContact> *)> &mak
     if (!trouble.isNull())
         return trouble;
     const auto failed = [&] {
-        return QStringLiteral("Не удалось записать контакты %1. %2").arg(path, qt_error_string(errno));
+        return QStringLiteral("Не удалось записать контакты %1. %2").arg(path, reasonOf(errno, path));
     };
     CSettingsLock lock(path);
     SettingsFile::Contents contents;
@@ -427,7 +428,7 @@ QString CContacts::putAside(const QString &damage)
 {
     const QString text = QStringLiteral("Контакты %1 испорчены (%2)").arg(path, damage);
     const auto failed = [&](const char *what) {
-        return QStringLiteral("%1, %2. %3").arg(text, QString::fromUtf8(what), qt_error_string(errno));
+        return QStringLiteral("%1, %2. %3").arg(text, QString::fromUtf8(what), reasonOf(errno, path));
     };
     CSettingsLock lock(path);
     SettingsFile::Contents contents;

@@ -1,4 +1,5 @@
 #include "host/delivery/cidentity.h"
+#include "host/text/reasons.h"
 
 #include "common/csettings.h"
 #include "common/global.h"
@@ -127,7 +128,7 @@ QString CIdentity::prepare(const QString &path)
         if (file.isOpen() && Io::readAll(file, &pem, fileLimit))
             break;
         if (errno != ENOENT || attempt > 0) {
-            const QString reason = qt_error_string(errno);
+            const QString reason = reasonOf(errno, path);
             const QString owner = QFileInfo(path).owner();
             return QStringLiteral("Ключ этой установки %1 не читается. %3. Если установку делят несколько "
                                   "пользователей, владелец файла (%2) может открыть его им для чтения")
@@ -170,7 +171,7 @@ QString CIdentity::make(const QString &path)
     return QStringLiteral(
                "Не удалось создать ключ этой установки %1. %2. Его создает первый запуск на уровне 0 "
                "пользователем, который может менять настройки")
-        .arg(path, qt_error_string(errno));
+        .arg(path, reasonOf(errno, path));
 }
 
 QByteArray CIdentity::generate()

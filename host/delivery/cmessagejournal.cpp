@@ -1,4 +1,5 @@
 #include "host/delivery/cmessagejournal.h"
+#include "host/text/reasons.h"
 
 #include "common/global.h"
 #include "common/logger.h"
@@ -177,10 +178,7 @@ public:
     bool isOpen() const { return handle != nullptr; }
     sqlite3 *get() const { return handle; }
 
-    QString message() const
-    {
-        return handle ? QString::fromUtf8(sqlite3_errmsg(handle)) : qt_error_string(errno);
-    }
+    QString message() const { return handle ? QString::fromUtf8(sqlite3_errmsg(handle)) : reasonOf(errno); }
     int code() const { return handle ? sqlite3_errcode(handle) : SQLITE_CANTOPEN; }
 
     /// Opens an existing file. @return an SQLite code
@@ -542,8 +540,15 @@ void CMessageJournal::add(JournalEntry entry)
 {
     if (!entry.date.isValid())
         entry.date = QDateTime::currentDateTime();
+    ++addedRows[std::size_t(entry.kind)];
+    addedBytes[std::size_t(entry.kind)] += std::max<qint64>(entry.size, 0);
     log(journalLine(entry), DebugJournals);
     writer->add(entry);
+}
+
+JournalCount CMessageJournal::count(JournalRow kind) const
+{
+    return {addedRows[std::size_t(kind)], addedBytes[std::size_t(kind)]};
 }
 
 bool CMessageJournal::flush(int timeoutMs)

@@ -12,6 +12,8 @@
 #include <QString>
 #include <QVector>
 
+#include <array>
+#include <atomic>
 #include <memory>
 
 /// What happened; the numbers are in the file.
@@ -24,6 +26,14 @@ enum class JournalRow
     Started = 5,
     Stopped = 6,
     KeyChanged = 7,
+};
+constexpr int journalRowKinds = 8; // with 0, which is none
+
+/// What of one kind a program has added since it began.
+struct JournalCount
+{
+    qint64 rows = 0;
+    qint64 bytes = 0; // of the messages
 };
 
 /// A name for scripts: "received", "sent", "refused", "broken-off", "started", "stopped", "key-changed".
@@ -78,6 +88,9 @@ public:
     /// counted.
     void add(JournalEntry entry);
 
+    /// How much of a kind has been added by this object, written or not. [any thread]
+    JournalCount count(JournalRow kind) const;
+
     /// Waits until what was added before is on the disk.
     /// @return false when that did not happen in time, or the rows could not be written
     /// [any thread]
@@ -100,4 +113,6 @@ public:
 private:
     class Writer;
     std::unique_ptr<Writer> writer;
+    std::array<std::atomic<qint64>, journalRowKinds> addedRows{}; // by kind; any thread
+    std::array<std::atomic<qint64>, journalRowKinds> addedBytes{};
 };

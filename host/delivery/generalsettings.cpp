@@ -1,4 +1,5 @@
 #include "host/delivery/generalsettings.h"
+#include "host/text/reasons.h"
 
 #include "common/global.h"
 #include "common/initext.h"
@@ -86,7 +87,7 @@ QString readText(CIniText *ini)
     const QString path = Global::generalSettingsFilePath();
     SettingsFile::Contents contents;
     if (!SettingsFile::read(path, &contents))
-        return QStringLiteral("Не удалось прочитать %1. %2").arg(path, qt_error_string(errno));
+        return QStringLiteral("Не удалось прочитать %1. %2").arg(path, reasonOf(errno, path));
     *ini = CIniText(contents.text);
     return ini->isWellFormed() ? QString() : QStringLiteral("В файле %1 есть испорченные строки").arg(path);
 }
@@ -169,7 +170,7 @@ QString GeneralSettings::set(const QString &key, const QString &text)
     const QString path = Global::generalSettingsFilePath();
     Global::makePath(QFileInfo(path).absoluteDir());
     const auto failed = [&] {
-        return QStringLiteral("Не удалось изменить %1. %2").arg(path, qt_error_string(errno));
+        return QStringLiteral("Не удалось изменить %1. %2").arg(path, reasonOf(errno, path));
     };
     CSettingsLock lock(path);
     SettingsFile::Contents contents;

@@ -23,6 +23,16 @@ bool isShown(uint character)
     }
 }
 
+constexpr uint joiner = 0x200d;
+
+/// Whether a character may be a part of an emoji: symbols, skin tones, the mark that asks for the picture.
+bool isPictorial(uint character)
+{
+    constexpr uint pictureMark = 0xfe0f;
+    return character == pictureMark || QChar::category(character) == QChar::Symbol_Other ||
+           (character >= 0x1f3fb && character <= 0x1f3ff);
+}
+
 QString fromCode(uint character)
 {
     return QString::fromUcs4(&character, 1);
@@ -48,14 +58,32 @@ QString printable(const QString &text)
     QString result;
     result.reserve(text.size());
     const QVector<uint> characters = codePoints(text);
-    for (const uint character : characters) {
-        if (isShown(character))
+    for (int i = 0; i < characters.size(); ++i) {
+        const uint character = characters[i];
+        const bool joinsPictures = character == joiner && isPictorial(characters.value(i - 1)) &&
+                                   isPictorial(characters.value(i + 1));
+        if (isShown(character) || joinsPictures)
             result += fromCode(character);
         else
             result +=
                 QStringLiteral("\\u%1").arg(QString::number(character, 16).toUpper(), 4, QLatin1Char('0'));
     }
     return result;
+}
+
+QStringList printableLines(const QString &text, int most)
+{
+    QStringList lines;
+    QString rest = text;
+    rest.replace(QLatin1String("\r\n"), QLatin1String("\n")).replace(QLatin1Char('\t'), QLatin1Char(' '));
+    if (rest.endsWith(QLatin1Char('\n')))
+        rest.chop(1);
+    const QStringList parts = rest.split(QLatin1Char('\n'));
+    for (const QString &part : parts.mid(0, most))
+        lines << printable(part);
+    if (parts.size() > most)
+        lines << QStringLiteral("... еще строк: %1").arg(parts.size() - most);
+    return lines;
 }
 
 QString jsonLine(const QJsonObject &object)

@@ -346,14 +346,15 @@ private Q_SLOTS:
             emergecyDebug("lost"_s);
             QFile::remove(directory);
             put("last");
-            return "%1 %2 %3 %4 "_s.arg(heard)
+            return "%1 messages heard, %2 said and %3 heard in the log, %4 last: "_s.arg(heard)
                        .arg(text.count("said"))
                        .arg(text.count("heard"))
                        .arg(log().count("last\n")) +
                    messages.takeAll().remove(directory);
         });
         const QString failed = "Не удалось создать каталог для записи лога \"\""_s;
-        QCOMPARE(outcome, "802 800 800 1 "_s + failed + QLatin1Char('|') + failed);
+        QCOMPARE(outcome, "802 messages heard, 800 said and 800 heard in the log, 1 last: "_s + failed +
+                              QLatin1Char('|') + failed);
     }
 };
 

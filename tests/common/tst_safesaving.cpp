@@ -7,6 +7,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 using namespace TestInstallation;
@@ -122,6 +123,35 @@ private Q_SLOTS:
             QVERIFY(QString::fromUtf8(log()).contains(row.logged.isEmpty() ? place.path() : line) !=
                     row.logged.isEmpty());
         }
+    }
+
+    // Onto a target that is not there the new file's name and code 4 are told whatever the reason: where the
+    // user may not go, and on a disk that may only be read.
+    void tellsWhyNothingMoves()
+    {
+        constexpr uid_t stranger = 65534;
+        clean();
+        ::umask(0); // so that a stranger gets at the log
+        QVERIFY(QDir().mkpath(path() + "/data/0/log"_s));
+        ::umask(077);
+        const QTemporaryDir directory;
+        const QString place = directory.path();
+        const auto move = [&](bool isReadOnly) {
+            return [&, isReadOnly] {
+                if (isReadOnly &&
+                    (!Forked::mountDisk(place, "") || !write(place + "/N"_s, "new") ||
+                     ::mount(nullptr, qPrintable(place), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0))
+                    return QString();
+                const QString text = Global::safeSaving(place + "/N"_s, place + "/F"_s);
+                return text + QString::fromUtf8(log()).section("Global   "_s, -1);
+            };
+        };
+        const QString text = "Не удалось переименовать файл %1/N"_s.arg(place);
+        const QString told = text + " safeSaving failed 4. "_s + text + ". %1\n"_s;
+        if (Forked::canActAs(stranger))
+            QCOMPARE(Forked::text(move(false), stranger), told.arg("Permission denied"_s));
+        const QString readOnly = Forked::text(move(true));
+        QVERIFY2(readOnly.isEmpty() || readOnly == told.arg("Read-only file system"_s), qPrintable(readOnly));
     }
 
     void makesPaths()

@@ -21,7 +21,8 @@ while read -r line; do
     done
     for room in $line; do above="$above${above:+|}$([ "$room" = . ] && echo '[^/]*"' || echo "$room/")"; done
 done <<'ROOMS'
-. commands check
+. commands check health screen
+service settings logs
 conversation
 delivery
 console

@@ -90,10 +90,10 @@ private:
         if (!plan.reads)
             return;
         QByteArray bytes = readAll();
-        const int opened = std::min(toOpen, bytes.size());
-        bytes.remove(0, opened);
-        toOpen -= opened;
-        if (opened > 0 && toOpen == 0) {
+        const int greeted = std::min(toOpen, bytes.size());
+        bytes.remove(0, greeted);
+        toOpen -= greeted;
+        if (greeted > 0 && toOpen == 0) {
             ++load.opened;
             if (!timer.isActive())
                 timer.start(0);

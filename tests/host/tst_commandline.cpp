@@ -4,12 +4,20 @@
 #include "host/commands/commandline.h"
 #include "host/commands/commands.h"
 #include "host/commands/commandtable.h"
+#include "host/commands/exitcodes.h"
+#include "host/console/progressrow.h"
 #include "host/conversation/cunnamedcallers.h"
+#include "host/text/reasons.h"
+#include "host/text/textwidth.h"
 #include "host/text/untrustedtext.h"
 #include "tests/support/testinstallation.h"
 
 #include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QtTest>
+
+#include <cerrno>
 
 namespace {
 
@@ -39,12 +47,16 @@ QString understood(const QString &arguments)
 }
 
 /// What bash offers for the last of some words.
-QString offered(const QString &words)
+/// @param words as bash has them: those with blanks in quotes
+QString offered(const QString &words, const QString &program = "false"_s)
 {
     QProcess bash;
-    bash.start("bash"_s, {"-c"_s, bashCompletion() + "COMP_WORDS=(abonent %1) COMP_CWORD=%2 && _abonent; "
-                                                     "echo ${COMPREPLY[@]}"_s.arg(words)
-                                                         .arg(words.count(QLatin1Char(' ')) + 1)});
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("LC_ALL"_s, "C.UTF-8"_s);
+    bash.setProcessEnvironment(environment);
+    bash.start("bash"_s, {"-c"_s, bashCompletion() +
+                                      "\nCOMP_WORDS=(abonent %1) && COMP_CWORD=$((${#COMP_WORDS[@]}-1))\n"
+                                      "_abonent %2; echo \"${COMPREPLY[@]}\""_s.arg(words, program)});
     bash.waitForFinished();
     return QString::fromUtf8(bash.readAllStandardOutput()).trimmed();
 }
@@ -127,11 +139,108 @@ private Q_SLOTS:
         QCOMPARE(offered("settings set po"_s), "port="_s);
     }
 
+    // The completion asks the program for the names, wherever one is wanted and only there.
+    void completesContacts()
+    {
+        const QTemporaryDir place;
+        const QString program = place.filePath("abonent"_s);
+        TestInstallation::write(program, "#!/bin/sh\nprintf 'Борис\\nПост 1\\nПост 2\\n'\n");
+        QFile::setPermissions(program, QFile::Permissions(0x7777));
+        const auto offers = [&program](const QString &words) { return offered(words, program); };
+        QCOMPARE(offers("send бо"_s), "Борис"_s);
+        QCOMPARE(offers("send --retry --now П"_s), "Пост\\ 1 Пост\\ 2"_s);
+        QCOMPARE(offers("ping 'Пост\\ 2'"_s), "Пост\\ 2"_s);
+        QCOMPARE(offers("ping '\"Пост 2'"_s), "Пост 2"_s);
+        QCOMPARE(offers("contact trust Б"_s), "Борис"_s);
+        QCOMPARE(offers("journal --with Б"_s), "Борис"_s);
+        for (const QString &none : {"send Анна Б"_s, "contact add Б"_s, "listen --name Б"_s})
+            QCOMPARE(offers(none), QString());
+    }
+
+    // The manual page in English says of every command what the table says.
+    void theTablesAgree()
+    {
+        const auto shape = [](const std::vector<Command> &table) {
+            QStringList rows;
+            for (const Command &command : table) {
+                if (!command.forms.front().purpose)
+                    continue;
+                QString row =
+                    QLatin1String(command.name) +
+                    " %1 paragraphs"_s.arg(QString::fromUtf8(command.details).count(QLatin1Char('\n')));
+                for (const CommandForm &form : command.forms)
+                    row +=
+                        " %1/%2-%3"_s.arg(form.action()).arg(form.leastOperands()).arg(form.mostOperands()) +
+                        QLatin1String(form.purpose ? "" : " hidden");
+                for (const CommandOption &option : command.options)
+                    row += " --%1%2%3%4%5"_s.arg(QLatin1String(option.name))
+                               .arg(option.isSwitch())
+                               .arg(option.isValueOptional())
+                               .arg(option.endsOptions)
+                               .arg(option.meaning != nullptr);
+                rows << row;
+            }
+            return rows;
+        };
+        QCOMPARE(shape(englishCommandTable()), shape(commandTable()));
+        const QString english = manualPage(ManualLanguage::English);
+        const QRegularExpressionMatch russian = QRegularExpression(".*[а-яё].*"_s).match(english);
+        QVERIFY2(!russian.hasMatch(), qPrintable(russian.captured()));
+    }
+
     void keepsStrangersFromActingOnTheTerminal()
     {
         const QChar loneSurrogate(0xd83d);
         QCOMPARE(printable("Имя 😀 \x1b[2J\n\t\u009b\u202e\u2028\u200f\x7f"_s + loneSurrogate),
                  "Имя 😀 \\u001B[2J\\u000A\\u0009\\u009B\\u202E\\u2028\\u200F\\u007F\\uD83D"_s);
+    }
+
+    void keepsTextsWithinTheirCells()
+    {
+        const QString family = "👨‍👩‍👧"_s;
+        QCOMPARE(printable("%1\u200dx"_s.arg(family)), "%1\\u200Dx"_s.arg(family)); // joined pictures only
+        QCOMPARE(printableLines("a\r\n\tb\n\nc\n"_s, 3),
+                 QStringList({"a"_s, " b"_s, ""_s, "... еще строк: 1"_s}));
+        QCOMPARE(shortenedInMiddle("длинное имя.pdf"_s, 9), "длин….pdf"_s);
+        QCOMPARE(shortenedInMiddle("報告書類.gz"_s, 7), "報….gz"_s);
+        QCOMPARE(cutToCells("e\u0301e\u0301e\u0301"_s, 2), "e\u0301…"_s);
+        QCOMPARE(shortenedInMiddle(family + family + "abc"_s, 10), family + "…abc"_s);
+        Progress progress;
+        progress.abonent = "Борис"_s;
+        progress.name = "報告書 %1 é́́ с очень длинным именем и продолжением 2026.tar.gz"_s.arg(family);
+        progress.state = "принимается"_s;
+        for (const qint64 size : {Q_INT64_C(0), Q_INT64_C(1), Q_INT64_C(1) << 40, Q_INT64_C(1) << 62}) {
+            for (int cells = 39; cells < 200; ++cells) {
+                progress.size = size;
+                progress.done = size / 3;
+                progress.speed = size / 100000;
+                const QString row = progressRow(progress, cells);
+                QVERIFY2(cellsOf(row) <= cells && row.contains("принимается"_s), qPrintable(row));
+            }
+        }
+    }
+
+    void saysReasonsInRussian()
+    {
+        QCOMPARE(explained("Нет связи. Connection refused"_s),
+                 "Нет связи. Connection refused (в соединении отказано, по этому адресу и порту никто не "
+                 "принимает "
+                 "вызовы)"_s);
+        QCOMPARE(explained("Connection refused не то"_s), "Connection refused не то"_s);
+        QCOMPARE(reasonOf(ENOSPC), "на диске нет места"_s);
+        QVERIFY(reasonOf(EACCES, "/proc/1/nosuch"_s)
+                    .contains("каталог /proc/1 принадлежит root:root, права r-xr-xr-x"_s));
+    }
+
+    void explainsItsExitCodesToAdministrators()
+    {
+        const QString guide = QString::fromUtf8(TestInstallation::read(QStringLiteral(ADMINISTRATOR_GUIDE)));
+        for (const ExitCodeRow &row : exitCodeTable()) {
+            const QString line = "| %1 | `%2` | %3 |\n"_s.arg(row.shownCode(), QLatin1String(row.word),
+                                                              QString::fromUtf8(row.meaning));
+            QVERIFY2(guide.contains(line), qPrintable(line));
+        }
+        QCOMPARE(exitWord(ExitInterrupted + 15), "interrupted"_s);
     }
 
     void letsTheOldestSilentCallerGiveWay()

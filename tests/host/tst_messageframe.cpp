@@ -145,7 +145,7 @@ private Q_SLOTS:
         QVERIFY(!AnswerFrame::fromPayload(view(hex("00000001 04 000000" + answer))));
         QVERIFY(!AnswerFrame::fromPayload(view(hex("00000001 02 000001" + answer))));
         QVERIFY(!AnswerFrame::fromPayload(view(hex("00000001 02 000000" + answer + "ff"))));
-        QVERIFY(!ByeFrame::fromPayload(view(hex("05"))));
+        QVERIFY(!ByeFrame::fromPayload(view(hex("06"))));
     }
 
     void refusesTreesThatLeaveTheirPlace()

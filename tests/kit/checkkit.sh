@@ -79,7 +79,7 @@ grep -q 'compatible with requested version' "$work/log" || { cat "$work/log" >&2
 # said TEXT: what CMake says of examples/CMakeLists.txt with other first lines; it has to refuse them.
 step find_package and add_channel_kind explain what they cannot do
 mkdir "$work/wrong"
-cp -r "$examples"/loopback "$work/wrong"
+cp -r "$examples"/loopback "$examples"/threadedkind.h "$work/wrong"
 said() {
     printf 'cmake_minimum_required(VERSION 3.25)\nproject(wrong LANGUAGES CXX)\n%s\n' "$1" >"$work/wrong/CMakeLists.txt"
     cmake -S "$work/wrong" -B "$work/wrong/build" -G Ninja "-DCMAKE_PREFIX_PATH=$moved" >"$work/log" 2>&1
@@ -100,6 +100,7 @@ pc=$(dirname "$(find "$moved" -name ipchannel-kind.pc)")
 mkdir "$work/pc"
 PKG_CONFIG_PATH=$pc make -s -C "$work/pc" -f "$moved/share/doc/ipchannel-dev/examples/Makefile"
 check_module "$work/pc/libloopback.so"
+check_module "$work/pc/libunixSocket.so"
 run "$work/pc"
 
 step add_subdirectory

@@ -162,7 +162,11 @@ private Q_SLOTS:
     void numbersAndReusesWorkers()
     {
         host->factory->script = [](ScriptedProtocol *protocol) {
-            protocol->onStart = [](ScriptedProtocol *p) { p->announce(p->label); };
+            protocol->onStart = [](ScriptedProtocol *p) {
+                volatile char local[2 * 1024 * 1024]; // a thread has the system's stack
+                local[0] = local[sizeof local - 1] = 1;
+                p->announce(p->label);
+            };
         };
         auto first = connectedClient();
         QVERIFY(host->waitFor("connected IP-канал 1 1"_s));

@@ -1,54 +1,64 @@
-#include "tests/validator/faultylayer.h"
-
+// A channel library that is a layer over a good one, and breaks the contract at one place: for a host it
+// makes a faulty channel of the loop-back, and for the observer below it a faulty host of the host above.
+//
+// The fault is named by the environment variable FAULT, "POINT ACTION [NUMBER]"; without it the layer
+// passes everything on as it is. A point is an operation of the contract, such as server.stop. What can
+// go wrong at any of them:
+//
+//   drop N     not passed on, from the Nth time on         twice N    passed on twice, from the Nth time on
+//   sleep MS   passed on after a while                     thread N   passed on from a thread of its own
+//   late MS    ... from a thread, when the caller has gone queue MS   ... from the server's thread, later
+//   lock N     passed on while the log's mutex is held     throw N    an exception comes out of it
+//   abort N    ends the process                            ACT N      followed by something else: see acts()
+//
+// A value on its way, such as connected.id, knows "add N", or as a text "is TEXT". The rest has names of its
+// own.
 #include "common/debugdata.h"
+#include "common/exports.h"
 #include "interfaces/cabstractprotocol.h"
 #include "interfaces/cchannelserver.h"
+#include "interfaces/pluginentry.h"
 
 #include <QAbstractEventDispatcher>
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFile>
+#include <QHash>
+#include <QLibrary>
+#include <QScopeGuard>
 #include <QThread>
 #include <QTimer>
 
-#include <algorithm>
-#include <cstdlib>
+#include <functional>
+#include <future>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <thread>
-#include <type_traits>
-#include <vector>
 
 #include <sys/eventfd.h>
 
 namespace {
 
-ApiVersionFunction innerApiVersion = nullptr;
-InitDebugFunction innerInitDebug = nullptr;
-InstanceFunction innerInstance = nullptr;
-DeleteInstanceFunction innerDeleteInstance = nullptr;
-DebugData *gData = nullptr;
-std::atomic<QObject *> gServer{nullptr}; // the last one made; its thread is the server's
-
 struct Fault
 {
-    Fault()
-    {
-        const QList<QByteArray> words = qgetenv("FAULT").split(' ');
-        point = words.value(0);
-        action = words.value(1);
-        text = words.value(2);
-        number = text.isEmpty() ? 1 : text.toInt();
-    }
-    QByteArray point, action, text;
-    int number;
+    const QList<QByteArray> words = qgetenv("FAULT").split(' ');
+    const QByteArray point = words[0], action = words.value(1), name = point + ' ' + action;
+    const QByteArray text = words.value(2);
+    const int number = text.isEmpty() ? 1 : text.toInt();
     std::atomic<int> times{0};
+
+    bool is(const char *wanted) const { return name == wanted; }
+    bool isOneOf(const char *known) const { return QByteArray(known).split(' ').contains(action); }
 };
 
-Fault &chosen()
-{
-    static Fault *const only = new Fault;
-    return *only;
-}
+Fault &fault = *new Fault;
+class Server;
+std::atomic<Server *> gServer{nullptr}; // the last one made; its thread is the server's
+DebugData *gData = nullptr;
+std::function<void()> act(); // the one that the fault names, or none
+void queue(const std::function<void()> &call);
 
 /// Passes a call on, or does to it what the fault says. The call must be one that can be copied and made
 /// later.
@@ -56,93 +66,46 @@ template <typename Call>
 auto at(const char *point, const Call &call) -> decltype(call())
 {
     using Result = decltype(call());
-    Fault &fault = chosen();
-    if (fault.point != point)
+    if (fault.point != point || (++fault.times < fault.number && !fault.isOneOf("sleep late queue")))
         return call();
-    const bool isTimed = fault.action == "sleep" || fault.action == "late" || fault.action == "queue";
-    if (++fault.times < fault.number && !isTimed)
-        return call();
-    if (fault.action == "sleep")
-        QThread::msleep(unsigned(fault.number));
-    else if (fault.action == "drop")
+    const auto after = qScopeGuard(act());
+    if (fault.isOneOf("drop"))
         return Result();
-    else if (fault.action == "twice")
-        call();
-    else if (fault.action == "abort")
+    if (fault.isOneOf("abort"))
         std::abort();
-    else if (fault.action == "throw")
+    if (fault.isOneOf("throw"))
         throw std::runtime_error(point);
-    if (fault.action == "lock") {
-        const QMutexLocker locker(&gData->mutex);
-        return call();
-    }
-    if (fault.action == "thread") {
-        std::unique_ptr<std::conditional_t<std::is_void_v<Result>, int, Result>> result;
-        std::thread([&] {
-            if constexpr (std::is_void_v<Result>)
-                call();
-            else
-                result = std::make_unique<Result>(call());
-        }).join();
-        if constexpr (std::is_void_v<Result>)
-            return;
+    if (fault.isOneOf("thread"))
+        return std::async(std::launch::async, call).get();
+    if (fault.isOneOf("late queue")) {
+        const auto later = [call] { call(); };
+        if (fault.isOneOf("queue"))
+            queue(later);
         else
-            return *result;
+            std::thread([later] { QThread::msleep(unsigned(fault.number)), later(); }).detach();
+        return Result();
     }
-    if constexpr (std::is_void_v<Result>) {
-        if (fault.action == "late") {
-            const int ms = fault.number;
-            std::thread([call, ms] {
-                QThread::msleep(unsigned(ms));
-                call();
-            }).detach();
-            return;
-        }
-        if (fault.action == "queue") {
-            QObject *const server = gServer;
-            QMetaObject::invokeMethod(
-                server, [=, ms = fault.number] { QTimer::singleShot(ms, server, call); },
-                Qt::QueuedConnection);
-            return;
-        }
-    }
+    if (fault.isOneOf("sleep"))
+        QThread::msleep(unsigned(fault.number));
+    if (fault.isOneOf("twice"))
+        call();
+    QMutexLocker locker(fault.isOneOf("lock") ? &gData->mutex : nullptr);
     return call();
 }
 
 int value(const char *point, int good)
 {
-    return FaultyLayer::fault(point, "add") ? good + chosen().number : good;
+    return fault.point == point && fault.isOneOf("add") ? good + fault.number : good;
 }
 
 bool value(const char *point, bool good)
 {
-    return FaultyLayer::fault(point, "not") ? !good : good;
+    return good != (fault.point == point && fault.isOneOf("not"));
 }
 
 QString value(const char *point, const QString &good)
 {
-    return FaultyLayer::fault(point, "is") ? QString::fromUtf8(chosen().text) : good;
-}
-
-/// What should not be left behind by a connection.
-void leak()
-{
-    if (chosen().point != "leak")
-        return;
-    if (chosen().action == "thread")
-        std::thread([] { QThread::sleep(60); }).detach();
-    else if (chosen().action == "descriptor")
-        ::eventfd(0, 0);
-    else if (chosen().action == "memory")
-        new char[size_t(chosen().number)];
-    else if (chosen().action == "object")
-        new QObject;
-    else if (chosen().action == "qthread")
-        new QThread;
-    if (chosen().action == "slot") {
-        const QMutexLocker locker(&gData->mutex);
-        gData->tabulations.append({reinterpret_cast<QThread *>(&gData), gData->tabulations.size() + 1});
-    }
+    return fault.point == point && fault.isOneOf("is") ? QString::fromUtf8(fault.text) : good;
 }
 
 class Channel : public CChannel
@@ -157,73 +120,59 @@ public:
     bool isConnected() override
     {
         const bool good = at("channel.isConnected", [=] { return inner->isConnected(); });
-        if (FaultyLayer::fault("wake", "always"))
-            QAbstractEventDispatcher::instance()->wakeUp();
-        if (!good && FaultyLayer::fault("channel.isConnected", "flicker"))
-            return ++asked > 1;
-        if (!good && !isEnded && FaultyLayer::fault("wake", "end"))
-            return !sinceEnd.isOver();
-        return value("channel.isConnected", good) ||
-               (FaultyLayer::fault("channel.isConnected", "stay") && isEnded);
+        if (fault.is("channel.isConnected flicker"))
+            return good || ++asked > 1;
+        return good || (isEnded ? fault.is("channel.isConnected stay") : hides("wake end", true));
     }
     void write(const QByteArray &data) override
     {
         QByteArray sent = data;
-        if (FaultyLayer::fault("channel.write", "damage") && !data.isEmpty())
+        if (fault.is("channel.write damage") && !data.isEmpty())
             sent[sent.size() - 1] = char(~sent.back());
-        if (FaultyLayer::fault("channel.write", "big"))
+        if (fault.is("channel.write big"))
             sent.append(QByteArray(100000, 'x'));
-        if (FaultyLayer::fault("channel.write", "cut"))
+        if (fault.is("channel.write cut"))
             sent.chop(1);
-        if (FaultyLayer::fault("channel.write", "flood") && data.size() > 200000)
+        if (fault.is("channel.write flood") && data.size() > 200000)
             QThread::msleep(2000);
         at("channel.write", [this, sent] { inner->write(sent); });
     }
     QByteArray read(int maxSize) override
     {
-        if (FaultyLayer::fault("channel.read", "close") && !inner->isConnected())
+        if (fault.is("channel.read close") && !inner->isConnected())
             return QByteArray();
-        const QByteArray bytes = at("channel.read", [=] { return inner->read(value("read.size", maxSize)); });
-        if (bytes.isEmpty() && FaultyLayer::fault("channel.read", "wait"))
-            QThread::msleep(700);
-        if (!FaultyLayer::fault("wake", "bytes"))
-            return bytes;
-        kept += bytes; // shown a little later, when nobody is woken for them
-        if (kept.isEmpty() || !bytes.isEmpty() || !sinceBytes.isOver())
+        kept += at("channel.read", [=] { return inner->read(value("read.size", maxSize)); });
+        if (hides("wake bytes", !kept.isEmpty()))
             return QByteArray();
-        sinceBytes = Delay();
-        const QByteArray shown = kept.left(maxSize);
+        const QByteArray shown = fault.is("wake bytes") ? kept.left(maxSize) : kept;
         kept.remove(0, shown.size());
         return shown;
     }
     int idealBlockSize() override
     {
         const int good = at("channel.ideal", [=] { return inner->idealBlockSize(); });
-        if (good <= 0)
-            wasFull = true;
-        if (FaultyLayer::fault("wake", "room") && wasFull && good > 0 && !sinceRoom.isOver())
-            return 0;
-        return FaultyLayer::fault("channel.ideal", "none") ? 0 : value("channel.ideal", good);
+        wasFull |= good <= 0;
+        return hides("wake room", wasFull && good > 0) ? 0 : good;
     }
 
 private:
-    /// Runs from the first question.
-    struct Delay
+    /// Keeps what is there from being seen for a while; when it is seen at last, nobody is woken.
+    bool hides(const char *name, bool isThere)
     {
-        bool isOver()
-        {
-            if (!clock.isValid())
-                clock.start();
-            return clock.elapsed() > 50;
-        }
-        QElapsedTimer clock;
-    };
+        if (!fault.is(name))
+            return false;
+        if (!isThere)
+            clock.invalidate();
+        else if (!clock.isValid())
+            clock.start();
+        return isThere && clock.elapsed() < 50;
+    }
     CChannel *const inner; // the layer's protocol owns it
     bool isEnded = false;
     bool wasFull = false;
     int asked = 0;
     QByteArray kept;
-    Delay sinceEnd, sinceBytes, sinceRoom;
+    QElapsedTimer clock;
 };
 
 /// What the channel below takes for the protocol; the host's own is inside.
@@ -232,68 +181,74 @@ class Protocol : public CAbstractProtocol
 public:
     Protocol(CChannel *given, CAbstractProtocol *good) : CAbstractProtocol(given), inner(good)
     {
-        connect(
-            inner.get(), &CAbstractProtocol::finished, this,
-            [this] {
-                takeBack();
-                const bool isInStop = QThread::currentThread() != thread();
-                if ((isStarting && FaultyLayer::fault("protocol.finished", "inStart")) ||
-                    (isInStop && FaultyLayer::fault("protocol.finished", "inStop")) ||
-                    (!isStopAsked && FaultyLayer::fault("protocol.finished", "inEnd")))
-                    return;
-                if (FaultyLayer::fault("protocol.finished", "deletes"))
-                    QTimer::singleShot(0, this, [this] { delete this; });
-                at("protocol.finished", [this] { Q_EMIT finished(); });
-            },
-            Qt::DirectConnection);
-        connect(
-            inner.get(), &CAbstractProtocol::remoteAbonentNameChanged, this,
-            [this](const QString &name) {
-                takeBack();
-                at("protocol.named", [=] { Q_EMIT remoteAbonentNameChanged(value("protocol.name", name)); });
-            },
-            Qt::DirectConnection);
-        if (FaultyLayer::fault("presets", "late"))
+        connect(good, &CAbstractProtocol::finished, [this] {
+            takeBack();
+            const bool isInStop = QThread::currentThread() != thread();
+            if ((isStarting && fault.is("protocol.finished inStart")) ||
+                (isInStop && fault.is("protocol.finished inStop")) ||
+                (!isStopAsked && fault.is("protocol.finished inEnd")))
+                return;
+            if (fault.is("protocol.finished deletesItself"))
+                QTimer::singleShot(0, this, [this] { delete this; });
+            at("protocol.finished", [this] { Q_EMIT finished(); });
+        });
+        connect(good, &CAbstractProtocol::remoteAbonentNameChanged, [this](const QString &name) {
+            takeBack();
+            at("protocol.named", [=] { Q_EMIT remoteAbonentNameChanged(value("protocol.name", name)); });
+        });
+        if (fault.is("presets late"))
             inner->start(); // before there are any
+        const QMutexLocker locker(&mutex);
+        all.insert(this);
     }
     ~Protocol() override
     {
-        CAbstractProtocol *const good = inner.release();
-        at("protocol.destroy", [=] { delete good; });
-        leak();
-        if (FaultyLayer::fault("channel.owned", "leak"))
+        {
+            const QMutexLocker locker(&mutex);
+            all.erase(this);
+        }
+        at("protocol.destroy", [good = inner.release()] { delete good; });
+        if (fault.is("channel.owned leak"))
             channel = nullptr;
-        if (FaultyLayer::fault("channel.owned", "thread"))
+        if (fault.is("channel.owned thread"))
             std::thread([owned = std::exchange(channel, nullptr)] { delete owned; }).join();
     }
     void start() override
     {
         CAbstractProtocol::start();
-        inner->remoteAbonentName = remoteAbonentName.isEmpty() ? value("preset.answered", remoteAbonentName)
-                                                               : value("preset.called", remoteAbonentName);
+        inner->remoteAbonentName =
+            value(remoteAbonentName.isEmpty() ? "preset.answered" : "preset.called", remoteAbonentName);
         inner->remoteAbonentFilteredName = value("preset.filtered", remoteAbonentFilteredName);
         inner->label = value("preset.label", label);
-        CAbstractProtocol *const host = inner.get();
         isStarting = true;
-        if (!FaultyLayer::fault("presets", "late"))
-            at("protocol.start", [=] { host->start(); });
+        if (!fault.is("presets late"))
+            at("protocol.start", [host = inner.get()] { host->start(); });
         isStarting = false;
         takeBack();
     }
     void stop() override
     {
         isStopAsked = true;
-        CAbstractProtocol *const host = inner.get();
-        if (FaultyLayer::fault("protocol.stop", "own"))
-            QMetaObject::invokeMethod(
-                this, [=] { host->stop(); }, Qt::QueuedConnection);
+        const auto pass = [host = inner.get()] { host->stop(); };
+        if (fault.is("protocol.stop own"))
+            QMetaObject::invokeMethod(this, pass, Qt::QueuedConnection);
         else
-            at("protocol.stop", [=] { host->stop(); });
+            at("protocol.stop", pass);
     }
-    void passKeepAliveOn(bool isForced)
+    static bool areMany()
     {
-        if (__atomic_exchange_n(&keepAliveRequested, false, __ATOMIC_SEQ_CST) || isForced)
-            __atomic_store_n(&inner->keepAliveRequested, true, __ATOMIC_SEQ_CST);
+        const QMutexLocker locker(&mutex);
+        return all.size() > 4;
+    }
+    /// To the host's own protocols.
+    static void passKeepAlivesOn()
+    {
+        const QMutexLocker locker(&mutex);
+        for (Protocol *each : all) {
+            if (__atomic_exchange_n(&each->keepAliveRequested, false, __ATOMIC_SEQ_CST) ||
+                fault.is("server.keepAlive all"))
+                __atomic_store_n(&each->inner->keepAliveRequested, true, __ATOMIC_SEQ_CST);
+        }
     }
 
 private:
@@ -305,18 +260,30 @@ private:
     std::unique_ptr<CAbstractProtocol> inner;
     bool isStarting = false;
     std::atomic<bool> isStopAsked{false};
+    static inline QMutex mutex; // guards the set
+    static inline std::set<Protocol *> all;
 };
 
-class Server;
-
-class Factory : public CProtocolFactory
+struct Factory : CProtocolFactory
 {
-public:
-    explicit Factory(Server *of) : server(of) {}
-    CAbstractProtocol *createProtocol(CChannel *channel) override;
-
-private:
-    Server *const server;
+    explicit Factory(CChannelServer *of) : server(of) {}
+    CAbstractProtocol *createProtocol(CChannel *given) override
+    {
+        CProtocolFactory *const host = server->protocolFactory;
+        auto *const channel = new Channel(given);
+        CAbstractProtocol *const good = at("factory.create", [=] { return host->createProtocol(channel); });
+        if (!good && fault.is("refused keeps")) // the other side learns nothing of it
+            return new CAbstractProtocol(given);
+        if (!good) {
+            delete channel;
+            return at("refused", []() -> CAbstractProtocol * { return nullptr; });
+        }
+        auto *const protocol = new Protocol(fault.is("channel.owned none") ? nullptr : given, good);
+        if (fault.is("protocol.thread other"))
+            protocol->moveToThread(server->thread());
+        return protocol;
+    }
+    CChannelServer *const server;
 };
 
 class Server : public CChannelServer, public CChannelMonitor, public CJournal
@@ -327,69 +294,46 @@ public:
         gServer = this;
         hostValue = value("server.hostValue", hostValue);
         monitorHandle = value("server.monitorHandle", monitorHandle);
-        if (FaultyLayer::fault("server.parent", "set"))
+        if (fault.is("server.parent set"))
             setParent(new QObject);
-        if (FaultyLayer::fault("server.journal", "set"))
+        if (fault.is("server.journal set"))
             CChannelServer::journal = this;
-        const auto direct = Qt::DirectConnection;
-        connect(
-            good, &CChannelServer::connected, this,
-            [this](const QString &name, int id) {
-                isCalling = false;
-                wasAnswered = true;
-                at("signal.connected", [=] {
-                    Q_EMIT connected(value("connected.name", name), value("connected.id", capped(id)));
-                });
-            },
-            direct);
-        connect(
-            good, &CChannelServer::notConnected, this,
-            [this](const QString &name) {
-                if (wasAnswered && FaultyLayer::fault("signal.notConnected", "answered"))
-                    return;
+        connect(good, &CChannelServer::connected, [this](const QString &name, int id) {
+            isCalling = false;
+            wasAnswered = true;
+            at("signal.connected",
+               [=] { Q_EMIT connected(value("connected.name", name), value("connected.id", capped(id))); });
+        });
+        connect(good, &CChannelServer::notConnected, [this](const QString &name) {
+            if (!wasAnswered || !fault.is("signal.notConnected answered"))
                 at("signal.notConnected", [=] { Q_EMIT notConnected(value("notConnected.name", name)); });
-            },
-            direct);
-        connect(
-            good, &CChannelServer::disconnected, this,
-            [this](const QString &name, int id, bool wasUseful) {
-                at("signal.disconnected", [=] {
-                    Q_EMIT disconnected(value("disconnected.name", name),
-                                        value("disconnected.id", capped(id)),
-                                        value("disconnected.useful", wasUseful));
-                });
-                if (FaultyLayer::fault("signal.disconnected", "notConnected"))
-                    Q_EMIT notConnected(name);
-            },
-            direct);
-        connect(
-            good, &CChannelServer::finished, this,
-            [this] {
-                at("signal.finished", [this] { Q_EMIT finished(); });
-                if (FaultyLayer::fault("server.finished", "factory"))
-                    delete std::exchange(protocolFactory, nullptr);
-                at("server.quiet", [] {});
-                if (chosen().point == "after") // a host object is called after finished()
-                    afterwards();
-            },
-            direct);
+        });
+        connect(good, &CChannelServer::disconnected, [this](const QString &name, int id, bool wasUseful) {
+            at("signal.disconnected", [=] {
+                Q_EMIT disconnected(value("disconnected.name", name), value("disconnected.id", capped(id)),
+                                    value("disconnected.useful", wasUseful));
+            });
+        });
+        connect(good, &CChannelServer::finished, [this] {
+            at("signal.finished", [this] { Q_EMIT finished(); });
+            if (fault.point == "after")
+                QTimer::singleShot(fault.number, this, act());
+        });
     }
     ~Server() override
     {
-        CChannelServer *const good = inner.release();
-        at("server.destroy", [=] { delete good; });
-        if (FaultyLayer::fault("server.factory", "leak"))
+        at("server.destroy", [good = inner.release()] { delete good; });
+        if (fault.is("server.factory leak"))
             protocolFactory = nullptr;
     }
 
     const QMetaObject *metaObject() const override
     {
-        return FaultyLayer::fault("server.metaObject", "none") ? &QObject::staticMetaObject
-                                                               : CChannelServer::metaObject();
+        return fault.is("server.metaObject none") ? &QObject::staticMetaObject : CChannelServer::metaObject();
     }
     bool hasFreeChannel() const override
     {
-        return value("hasFree", at("server.hasFree", [=] { return inner->hasFreeChannel(); }));
+        return at("server.hasFree", [=] { return inner->hasFreeChannel(); });
     }
     bool isHardwareOn() const override
     {
@@ -401,65 +345,40 @@ public:
     }
     void start() override
     {
-        if (FaultyLayer::fault("server.start", "connects"))
-            inner->connectToAbonent(QString(), QByteArray());
-        equip();
+        at("server.equip", [=] {
+            inner->monitorHandle = monitorHandle;
+            inner->monitor = fault.is("members.monitor drop") ? nullptr : this;
+            inner->journal = fault.is("members.journal drop") ? nullptr : this;
+            if (!inner->protocolFactory && !fault.is("members.factory drop"))
+                inner->protocolFactory = new Factory(this);
+        });
         at("server.start", [=] { inner->start(); });
     }
     void stop() override
     {
-        if (FaultyLayer::fault("server.stop", "soon") && isCalling)
-            return;
-        at("server.stop", [=] { inner->stop(); });
-        if (FaultyLayer::fault("server.stop", "waits")) {
-            QEventLoop loop;
-            connect(this, &CChannelServer::finished, &loop, &QEventLoop::quit);
-            loop.exec();
-        }
-        if (FaultyLayer::fault("server.stop", "connects"))
-            inner->connectToAbonent(QString(), QByteArray());
-        if (FaultyLayer::fault("server.stop", "exits"))
-            std::exit(0);
-        if (FaultyLayer::fault("server.stop", "deletes"))
-            delete inner.release();
+        if (!isCalling || !fault.is("server.stop soon"))
+            at("server.stop", [=] { inner->stop(); });
     }
     void settingsWasChanged() override
     {
         at("server.settings", [=] { inner->settingsWasChanged(); });
-        if (FaultyLayer::fault("server.settings", "busy") && protocols.size() > 4)
-            monitor->removeConnection(424242);
-        if (FaultyLayer::fault("server.settings", "often") && ++settingsChanges == 100)
-            inner->disconnectFromAbonent(QString(), 1);
-        if (FaultyLayer::fault("server.settings", "disconnects"))
-            inner->disconnectFromAbonent(QString(), 1);
     }
     void connectToAbonent(const QString &name, const QByteArray &data) override
     {
         isCalling = true;
-        at("server.connect", [=] { inner->connectToAbonent(value("called.name", name), data); });
-        if (FaultyLayer::fault("server.connect", "unknown"))
-            inner->keepAliveConnection(77);
-        if (FaultyLayer::fault("server.connect", "garbage") && data.size() > 60000)
-            std::abort();
+        at("server.connect", [=] { inner->connectToAbonent(name, data); });
     }
     void disconnectFromAbonent(const QString &name, int id) override
     {
         at("server.disconnect",
            [=] { inner->disconnectFromAbonent(value("disconnect.name", name), value("disconnect.id", id)); });
-        if (FaultyLayer::fault("server.disconnect", "other"))
+        if (fault.is("server.disconnect other"))
             inner->disconnectFromAbonent(QString(), id == -1 ? 1 : id + 2);
-        if (FaultyLayer::fault("server.disconnect", "unknown") && id > 1000)
-            inner->disconnectFromAbonent(QString(), 1);
-        if (FaultyLayer::fault("server.disconnect", "byNumberOnly") && id == -1)
-            inner->disconnectFromAbonent(QString(), 4000);
     }
     void keepAliveConnection(int id) override
     {
-        const bool all = FaultyLayer::fault("server.keepAlive", "all");
         at("server.keepAlive", [=] { inner->keepAliveConnection(value("keepAlive.id", id)); });
-        const QMutexLocker locker(&mutex);
-        for (Protocol *each : protocols)
-            each->passKeepAliveOn(all);
+        Protocol::passKeepAlivesOn();
     }
 
     // The monitor and the journal that the channel below gets.
@@ -491,80 +410,65 @@ public:
            [=] { journal->addRecord(value("journal.kind", kind), value("journal.source", source), text); });
     }
 
-    void enter(Protocol *protocol)
-    {
-        const QMutexLocker locker(&mutex);
-        protocols.push_back(protocol);
-        connect(
-            protocol, &QObject::destroyed, this,
-            [this, protocol] {
-                const QMutexLocker again(&mutex);
-                protocols.erase(std::remove(protocols.begin(), protocols.end(), protocol), protocols.end());
-            },
-            Qt::DirectConnection);
-    }
+    std::unique_ptr<CChannelServer> inner;
 
 private:
-    static int capped(int id)
-    {
-        constexpr int most = 9;
-        return FaultyLayer::fault("id", "cap") ? std::min(id, most) : id;
-    }
-    void equip()
-    {
-        inner->monitorHandle = monitorHandle;
-        inner->monitor = FaultyLayer::fault("members.monitor", "drop") ? nullptr : this;
-        inner->journal = FaultyLayer::fault("members.journal", "drop") ? nullptr : this;
-        if (!inner->protocolFactory && !FaultyLayer::fault("members.factory", "drop"))
-            inner->protocolFactory = new Factory(this);
-    }
-    void afterwards()
-    {
-        const int handle = monitorHandle;
-        const auto call = [this, handle] {
-            if (chosen().action == "monitor")
-                monitor->setState(handle, QString());
-            else if (chosen().action == "journal")
-                journal->addRecord(JournalEvent, QStringLiteral("Слой"), QString());
-            else if (chosen().action == "signal")
-                Q_EMIT notConnected(QStringLiteral("Никто"));
-            else if (chosen().action == "finished")
-                Q_EMIT finished();
-        };
-        QTimer::singleShot(chosen().number, this, call);
-    }
+    static int capped(int id) { return fault.is("id cap") ? qMin(id, 9) : id; }
 
-    std::unique_ptr<CChannelServer> inner;
-    QMutex mutex; // guards the list
-    std::vector<Protocol *> protocols;
-    int settingsChanges = 0;
     bool isCalling = false; // nobody has answered since the last call
     bool wasAnswered = false;
 };
 
-CAbstractProtocol *Factory::createProtocol(CChannel *given)
+void queue(const std::function<void()> &call)
 {
-    auto channel = std::make_unique<Channel>(given);
-    CProtocolFactory *const host = server->protocolFactory;
-    Channel *const passed = channel.get();
-    CAbstractProtocol *const good = at("factory.create", [=] { return host->createProtocol(passed); });
-    if (!good) {
-        if (FaultyLayer::fault("refused", "keeps")) { // the other side learns nothing of it
-            channel.release();
-            return new CAbstractProtocol(given);
-        }
-        if (FaultyLayer::fault("refused", "connected"))
-            QMetaObject::invokeMethod(
-                server, [this] { Q_EMIT server->connected(QStringLiteral("Отказ"), 1); },
-                Qt::QueuedConnection);
-        return nullptr;
-    }
-    channel.release(); // NOLINT: the host's protocol has it
-    auto *const protocol = new Protocol(FaultyLayer::fault("channel.owned", "none") ? nullptr : given, good);
-    server->enter(protocol);
-    if (FaultyLayer::fault("protocol.thread", "other"))
-        protocol->moveToThread(server->thread());
-    return protocol;
+    Server *const server = gServer;
+    QMetaObject::invokeMethod(
+        server, [=] { QTimer::singleShot(fault.number, server, call); }, Qt::QueuedConnection);
+}
+
+std::function<void()> act()
+{
+    Server *const server = gServer;
+    const QHash<QByteArray, std::function<void()>> acts{
+        {"connects", [=] { server->inner->connectToAbonent(QString(), QByteArray()); }},
+        {"disconnects", [=] { server->inner->disconnectFromAbonent(QString(), 1); }},
+        {"keepsUnknown", [=] { server->inner->keepAliveConnection(77); }},
+        {"exits", [] { std::exit(0); }},
+        {"deletes", [=] { delete server->inner.release(); }},
+        {"waits",
+         [=] {
+             QEventLoop loop;
+             QObject::connect(server, &CChannelServer::finished, &loop, &QEventLoop::quit);
+             loop.exec();
+         }},
+        {"deletesFactory", [=] { delete std::exchange(server->protocolFactory, nullptr); }},
+        {"monitor", [=] { server->monitor->setState(server->monitorHandle, QString()); }},
+        {"removesOne", [=] { Protocol::areMany() ? server->monitor->removeConnection(424242) : void(); }},
+        {"journal", [=] { server->journal->addRecord(JournalEvent, QStringLiteral("Слой"), QString()); }},
+        {"notConnected", [=] { Q_EMIT server->notConnected(QStringLiteral("Никто")); }},
+        {"connected", [=] { queue([=] { Q_EMIT server->connected(QStringLiteral("Отказ"), 1); }); }},
+        {"wakes", [] { QAbstractEventDispatcher::instance()->wakeUp(); }},
+        {"leavesThread", [] { std::thread([] { QThread::sleep(60); }).detach(); }},
+        {"leavesDescriptor", [] { ::eventfd(0, 0); }},
+        {"leavesMemory", [] { new char[1000]; }},
+        {"leavesObject", [] { new QObject; }},
+        {"leavesQThread", [] { new QThread; }},
+        {"leavesSlot",
+         [] {
+             const QMutexLocker locker(&gData->mutex);
+             gData->tabulations.append({reinterpret_cast<QThread *>(&gData), gData->tabulations.size() + 1});
+         }},
+    };
+    return acts.value(fault.action, [] {});
+}
+
+template <typename Function>
+Function below(const char *symbol)
+{
+    const QString observer =
+        QCoreApplication::applicationDirPath() + QStringLiteral("/channelPlugins/libobserver.so");
+    static QLibrary library(QFile::exists(observer) ? observer : QStringLiteral(LOOPBACK_FILE));
+    return reinterpret_cast<Function>(library.resolve(symbol));
 }
 
 class Plugin : public CChannelPlugin
@@ -573,10 +477,11 @@ public:
     explicit Plugin(CChannelPlugin *good) : inner(good) {}
     ~Plugin() override
     {
-        if (FaultyLayer::fault("plugin", "delete"))
+        const auto entry = below<DeleteInstanceFunction>(deleteInstanceSymbol);
+        if (fault.is("plugin delete"))
             delete inner;
         else
-            at("entry.deleteInstance", [good = inner] { innerDeleteInstance(good); });
+            at("entry.deleteInstance", [=, good = inner] { entry(good); });
     }
     int type() const override
     {
@@ -584,29 +489,26 @@ public:
     }
     QString name() const override
     {
-        static std::atomic<int> inside{0};
-        const bool isAlone = ++inside == 1;
-        if (FaultyLayer::fault("plugin.name", "race"))
-            QThread::msleep(1);
-        --inside;
-        return isAlone || !FaultyLayer::fault("plugin.name", "race") ? value("plugin.name", inner->name())
-                                                                     : QStringLiteral("Каша");
+        static QMutex mutex;
+        if (!fault.is("plugin.name race"))
+            return value("plugin.name", inner->name());
+        const bool isAlone = mutex.tryLock();
+        QThread::msleep(1);
+        if (isAlone)
+            mutex.unlock();
+        return isAlone ? inner->name() : QStringLiteral("Каша");
     }
     CChannelServer *create() const override
     {
-        if (FaultyLayer::fault("plugin.create", "null"))
-            return nullptr;
-        if (FaultyLayer::fault("plugin.create", "same")) {
-            static auto *const same = new Server(inner->create());
-            return same;
-        }
-        return at("plugin.create", [=] { return new Server(inner->create()); });
+        if (fault.is("plugin.create same") && gServer)
+            return gServer.load();
+        return at("plugin.create", [=]() -> CChannelServer * { return new Server(inner->create()); });
     }
     void incCallTimeout(int *delay) const override
     {
         const int before = *delay;
         at("plugin.inc", [=] { inner->incCallTimeout(delay); });
-        *delay = FaultyLayer::fault("inc.delay", "endless") ? before + 10 : value("inc.delay", *delay);
+        *delay = fault.is("inc.delay endless") ? before + 10 : value("inc.delay", *delay);
     }
     void decCallTimeout(int *delay) const override
     {
@@ -620,61 +522,42 @@ private:
 
 } // namespace
 
-namespace FaultyLayer {
+extern "C" {
 
-bool fault(const char *point, const char *action)
-{
-    const Fault &only = chosen();
-    return only.point == point && only.action == action;
-}
-
-void over(ApiVersionFunction apiVersionBelow, InitDebugFunction initDebugBelow,
-          InstanceFunction instanceBelow, DeleteInstanceFunction deleteInstanceBelow)
-{
-    innerApiVersion = apiVersionBelow;
-    innerInitDebug = initDebugBelow;
-    innerInstance = instanceBelow;
-    innerDeleteInstance = deleteInstanceBelow;
-}
-
-int apiVersion()
+RUNTIME_EXPORT int apiVersion()
 {
     static int asked = 0;
-    if (fault("entry.apiVersion", "drop"))
+    if (fault.is("entry.apiVersion skip"))
         return channelApiVersion;
-    const int version = at("entry.apiVersion", [] { return innerApiVersion(); });
-    return fault("entry.apiVersion", "again") && ++asked > 1 ? version + 1
-                                                             : value("entry.apiVersion", version);
+    const int version = at("entry.apiVersion", below<ApiVersionFunction>(apiVersionSymbol));
+    return version + (fault.is("entry.apiVersion again") ? asked++ : value("entry.apiVersion", 0));
 }
-
-void initDebug(DebugData *data)
+RUNTIME_EXPORT void initDebug(DebugData *data)
 {
     gData = data;
-    if (fault("entry.apiVersion", "add"))
+    if (fault.is("entry.apiVersion add"))
         std::abort(); // nobody may come here
-    if (fault("entry.initDebug", "own"))
-        return innerInitDebug(nullptr);
-    if (!fault("entry.initDebug", "after"))
-        at("entry.initDebug", [=] { innerInitDebug(data); });
+    const auto entry = below<InitDebugFunction>(initDebugSymbol);
+    if (!fault.is("entry.initDebug after"))
+        at("entry.initDebug", [=] { entry(fault.is("entry.initDebug own") ? nullptr : data); });
 }
-
-CChannelPlugin *instance()
+#ifndef WITHOUT_INSTANCE
+RUNTIME_EXPORT CChannelPlugin *instance()
 {
     static CChannelPlugin *same = nullptr;
-    if (same && fault("entry.instance", "same"))
+    if (same && fault.is("entry.instance same"))
         return same;
-    CChannelPlugin *const good = innerInstance();
-    if (fault("entry.initDebug", "after"))
-        innerInitDebug(gData);
+    CChannelPlugin *const good = below<InstanceFunction>(instanceSymbol)();
+    if (fault.is("entry.initDebug after"))
+        below<InitDebugFunction>(initDebugSymbol)(gData);
     return same = new Plugin(good);
 }
-
-void deleteInstance(CChannelPlugin *plugin)
+#endif
+RUNTIME_EXPORT void deleteInstance(CChannelPlugin *plugin)
 {
-    if (!plugin && fault("entry.deleteInstance", "nullCrash"))
+    if (!plugin && fault.is("entry.deleteInstance nullCrash"))
         std::abort();
-    if (!fault("entry.instance", "same"))
+    if (!fault.is("entry.instance same"))
         delete plugin;
 }
-
-} // namespace FaultyLayer
+}

@@ -6,7 +6,7 @@
 
 #include <QtTest>
 
-#include <thread>
+#include <future>
 #include <vector>
 
 namespace {
@@ -41,11 +41,15 @@ Answer check(const QStringList &words, const char *fault = "")
     return answer;
 }
 
+QString hex(const QByteArray &record)
+{
+    return QString::fromLatin1(record.toHex());
+}
+
 /// For channels that are called with any bytes but some.
 QStringList loopback(const char *file)
 {
-    return {QString::fromUtf8(file), "--abonent-data=00"_s,
-            "--silent-data="_s + QString::fromLatin1(QByteArray("refuse").toHex())};
+    return {QString::fromUtf8(file), "--abonent-data=00"_s, "--silent-data="_s + hex("refuse")};
 }
 
 bool isLong()
@@ -76,7 +80,7 @@ Answer made(const Case &each)
 {
     QStringList words{"--json"_s, "--limit"_s, QString::number(each.seed->limitMs)};
     if (each.isHost)
-        words += {"--host"_s, QStringLiteral(FAULTY_HOST_FILE), "{}"_s};
+        words += {"--host"_s, QStringLiteral(HOST_FILE), QStringLiteral(FAULTY_FILE)};
     else
         words +=
             loopback(FAULTY_FILE) + QStringList{"--jobs=6"_s, "--seed=1"_s} + onlyWhatIsNeeded(*each.seed);
@@ -91,6 +95,8 @@ QString judged(const Case &each, const Answer &answer)
     // A fault may have consequences that other checks see as well; in the long form those are made.
     const bool isNamed = isLong() ? failed.contains(name) : failed == QStringList(name);
     const QString text = answer.texts[name];
+    if (text.contains("со своим распределителем памяти"_s)) // a sanitizer's: leaks cannot be measured
+        return QString();
     if (isNamed && answer.exitCode == (each.isHost ? 1 : 7) &&
         text.contains(QString::fromUtf8(each.seed->text)))
         return QString();
@@ -122,29 +128,37 @@ private Q_SLOTS:
         QVERIFY(checks > 0);
     }
 
-    void passesGoodChannels()
+    void passesWhatIsGood()
     {
-        const QList<QStringList> channels{
-            {QStringLiteral(CHANNEL_FILE)}, loopback(LOOPBACK_FILE), loopback(FAULTY_FILE)};
+        const QString abonent = QStringLiteral(ABONENT_FILE);
+        const QList<QStringList> good{{QStringLiteral(CHANNEL_FILE)},
+                                      loopback(LOOPBACK_FILE),
+                                      {QStringLiteral(UNIX_FILE), "--abonent-data="_s + hex("unixSocket"),
+                                       "--silent-data="_s + hex("nobody")},
+                                      loopback(FAULTY_FILE), // without a fault
+                                      {"--host"_s, QStringLiteral(HOST_FILE), QStringLiteral(FAULTY_FILE)},
+                                      {"--host"_s, QStringLiteral(HOST_FILE), "{}"_s},
+                                      {"--host"_s, abonent, "listen"_s, "--name"_s, "Борис"_s},
+                                      {"--host"_s, abonent, "send"_s, "Борис"_s, "127.0.0.1"_s, "--name"_s,
+                                       "Борис"_s, "--text"_s, "Да"_s}};
         std::atomic<bool> isOver{false};
-        std::vector<std::thread> load; // both processors are busy in the long form
+        std::vector<std::future<void>> load; // both processors are busy in the long form
         for (int i = 0; i < (isLong() ? QThread::idealThreadCount() : 0); ++i)
-            load.emplace_back([&isOver] {
+            load.push_back(std::async(std::launch::async, [&isOver] {
                 while (!isOver)
                     ;
-            });
-        QStringList troubles[3];
-        Forked::inThreads(3, [&](int which) {
-            for (int i = 0; i < (isLong() ? 20 : 1); ++i) {
-                const Answer answer = check(channels[which] + QStringList("--json"_s));
-                if (answer.exitCode != 0 ||
-                    answer.by["passed"_s].size() < checks - 1) // memory may be skipped
+            }));
+        QStringList troubles[8];
+        Forked::inThreads(good.size(), [&](int which) {
+            const bool isHost = good[which][0] == "--host"_s;
+            const int least = isHost ? 26 : checks - 1; // memory may be skipped
+            for (int i = 0; i < (isLong() && !isHost ? 20 : 1); ++i) {
+                const Answer answer = check(QStringList("--json"_s) + good[which]);
+                if (answer.exitCode != 0 || answer.by["passed"_s].size() < least)
                     troubles[which] << answer.output;
             }
         });
         isOver = true;
-        for (std::thread &each : load)
-            each.join();
         for (const QStringList &each : troubles)
             QVERIFY2(each.isEmpty(), qPrintable(each.join(QLatin1Char('\n'))));
     }
@@ -175,29 +189,16 @@ private Q_SLOTS:
         QVERIFY(incomplete.texts["entry-points"_s].contains("instance"_s));
     }
 
-    void passesGoodHosts()
-    {
-        const QString abonent = QStringLiteral(ABONENT_FILE);
-        const QList<QStringList> hosts{
-            {abonent, "listen"_s, "--name"_s, "Борис"_s},
-            {abonent, "send"_s, "Борис"_s, "127.0.0.1"_s, "--name"_s, "Борис"_s, "--text"_s, "Привет"_s},
-            {QStringLiteral(HOST_FILE), "{}"_s},
-            {QStringLiteral(FAULTY_HOST_FILE), "{}"_s}}; // without a fault
-        Answer answers[4];
-        Forked::inThreads(4, [&](int which) {
-            answers[which] = check(QStringList{"--json"_s, "--host"_s} + hosts[which]);
-        });
-        for (const Answer &each : answers)
-            QVERIFY2(each.exitCode == 0 && each.by["passed"_s].size() > 25, qPrintable(each.output));
-    }
-
     void repeatsARandomRun()
     {
-        const QStringList words =
-            loopback(FAULTY_FILE) + QStringList{"--json"_s, "--seed=1"_s, "--only=random-run"_s};
-        const Answer first = check(words, "server.settings busy");
-        QVERIFY2(first.texts["random-run"_s].contains("Зерно 1"_s), qPrintable(first.output));
-        QCOMPARE(check(words, "server.settings busy").texts, first.texts);
+        const auto run = [] {
+            return check(loopback(FAULTY_FILE) + QStringList{"--json"_s, "--seed=1"_s, "--only=random-run"_s},
+                         "server.settings removesOne")
+                .texts["random-run"_s];
+        };
+        const QString text = run();
+        QVERIFY2(text.contains("Зерно 1"_s), qPrintable(text));
+        QCOMPARE(run(), text);
     }
 
     void tellsWhatWasNotChecked()
@@ -245,7 +246,7 @@ private Q_SLOTS:
         QVERIFY(TestInstallation::write(file, settings.toByteArray()));
         const Answer answer = check(
             {QStringLiteral(CHANNEL_FILE), "--jobs=6"_s, "--settings=channelIp.conf="_s + file,
-             "--abonent-data="_s + QString::fromLatin1(abonent.toByteArray().toHex()),
+             "--abonent-data="_s + hex(abonent.toByteArray()),
              "--only=start-stop,queries,call-connects,many-calls,restart,keep-alive,settings-change"_s});
         QVERIFY2(answer.output.contains("постоянный адрес tcp %1"_s.arg(settings.port)),
                  qPrintable(answer.output));

@@ -1,8 +1,11 @@
-#include "host/channelsettingsfile.h"
+#include "host/settings/channelsettingsfile.h"
 
 #include "common/global.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
+
+#include <cerrno>
 
 ChannelIpSettings ChannelSettingsFile::defaults()
 {
@@ -22,7 +25,7 @@ ChannelSettingsFile ChannelSettingsFile::read()
 
     result.exists = true;
     if (!file.open(QIODevice::ReadOnly)) {
-        result.error = QStringLiteral("Не удалось прочитать %1. %2").arg(path, file.errorString());
+        result.error = QStringLiteral("Не удалось прочитать %1. %2").arg(path, reasonOf(errno, path));
         return result;
     }
     result.bytes = file.readAll();
