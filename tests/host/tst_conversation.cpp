@@ -506,7 +506,7 @@ private Q_SLOTS:
                 (sender.start(beta.program(), {"send"_s, "Тесный"_s, local(slow.serverPort()), file}),
                  then(QTest::qWaitFor(hasBegun, patienceMs))) &&
                 then(rest.open(QIODevice::WriteOnly | QIODevice::Unbuffered) && fill()) &&
-                then(full.sees("Не удалось записать файл: No space left on device"_s)) &&
+                then(full.sees("Не удалось записать файл: на диске нет места"_s)) &&
                 then(QFile::remove(ballast) && QTest::qWaitFor(hasEnded, patienceMs)) &&
                 then(beta.listen() && arrives(3)) &&
                 then(full.storedFile("00000003/мегабайты"_s) == contents);
