@@ -143,4 +143,11 @@ bool sync(const CDescriptor &descriptor)
     return errno == EINVAL || errno == ENOSYS;
 }
 
+bool syncDirectory(const QByteArray &path)
+{
+    const CDescriptor directory(
+        retried([&] { return ::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    return directory.isOpen() && sync(directory);
+}
+
 } // namespace Io

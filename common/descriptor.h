@@ -88,6 +88,9 @@ bool writeAll(const CDescriptor &descriptor, const QByteArray &data);
 /// why; a file system that cannot is none
 bool sync(const CDescriptor &descriptor);
 
+/// The names in a directory are on the disk when it returns. @return false on an error, errno tells why
+bool syncDirectory(const QByteArray &path);
+
 /// Runs a system call again that a signal has interrupted, but not for ever.
 template <typename Call>
 auto retried(const Call &call)

@@ -75,11 +75,7 @@ private:
 // Best effort: whatever of the names reaches the disk, a whole version is under one of them.
 void syncDirectoryOf(const QString &fileName)
 {
-    const QByteArray path = QFile::encodeName(QFileInfo(fileName).absolutePath());
-    const CDescriptor directory(
-        retried([&] { return ::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-    if (directory.isOpen())
-        Io::sync(directory);
+    Io::syncDirectory(QFile::encodeName(QFileInfo(fileName).absolutePath()));
 }
 
 // 0 or errno

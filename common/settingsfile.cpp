@@ -117,13 +117,4 @@ bool replace(const Contents &old, const QByteArray &text, int *modeError)
     return true;
 }
 
-void syncDirectory(const Contents &replaced)
-{
-    const QByteArray directory = QFile::encodeName(QFileInfo(replaced.path).path());
-    const CDescriptor opened(
-        Io::retried([&] { return ::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-    if (opened.isOpen())
-        Io::retried([&] { return ::fsync(opened.get()); });
-}
-
 } // namespace SettingsFile

@@ -56,8 +56,4 @@ bool isPassing(int reason);
 ///         has changed it meanwhile) and what is there is untouched
 bool replace(const Contents &old, const QByteArray &text, int *modeError);
 
-/// Takes the name that a replaced file got to the disk: until then a loss of power may bring back the old
-/// text.
-void syncDirectory(const Contents &replaced);
-
 } // namespace SettingsFile

@@ -145,7 +145,8 @@ bool CSettingsWriter::mergeAndReplace(qint64 waitUntil, const CSettingsImage::It
     if (isChanged && !SettingsFile::replace(old, text, &modeError))
         return false;
     if ((isChanged && !merge.isOnlyDefaults) || !wanted.isEmpty())
-        SettingsFile::syncDirectory(old);
+        Io::syncDirectory(
+            QFile::encodeName(QFileInfo(old.path).path())); // or a loss of power brings the old back
     image.confirm(merge);
 
     if (modeError != 0)

@@ -55,7 +55,7 @@ bool CMessenger::keepOnly(int kind)
     return !channels.empty();
 }
 
-void CMessenger::open()
+void CMessenger::open(bool isCallingOnly)
 {
     Global::makePath(Global::settingsDir());
     watcher.addPath(Global::settingsDir().absolutePath());
@@ -73,7 +73,10 @@ void CMessenger::open()
         // By the text of the signature: the contract class of the library is not ours.
         connect(server, SIGNAL(finished()), this, SLOT(serverFinished()));
         ++runningServers;
-        server->start();
+        if (isCallingOnly)
+            server->settingsWasChanged(); // it knows them now, and listens to nobody
+        else
+            server->start();
     }
 }
 

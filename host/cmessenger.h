@@ -38,8 +38,9 @@ public:
     /// Leaves only the channels of one kind. After load(). @return whether there is one
     bool keepOnly(int kind);
 
-    /// Starts a server for each channel.
-    void open();
+    /// Makes a server for each channel and starts it.
+    /// @param isCallingOnly it is not started, so that it calls and nobody can call it
+    void open(bool isCallingOnly = false);
 
     /// Stops them; closed() follows. May be called again.
     void close();

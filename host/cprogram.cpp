@@ -88,31 +88,30 @@ CProgram::~CProgram()
 
 CMessageProtocol::Context CProgram::context(PingResult *ping)
 {
-    // Under another name than the installation's nobody is answered: that name is for this call only.
-    const bool isOwn = settings.ownName.isEmpty() || givenName.isEmpty() ||
-                       Global::filterName(givenName) == Global::filterName(settings.ownName);
-    const bool receives = role == Resident || (role == Sender && isOwn);
     CMessageProtocol::Context around;
     around.ownName = ownName;
     around.ownPort = ownPort();
     around.identity = &identity;
     around.contacts = &contacts;
-    around.inbox = receives ? &inbox : nullptr;
+    around.inbox = receives() ? &inbox : nullptr;
     around.queues = role == Asker ? nullptr : &queues;
     around.journal = &journal;
     around.messages = &messages;
     around.originOf = [this](const QString &label) { return monitor.originOf(label); };
     around.unnamed = &unnamed;
-    around.onStored = [this](const QString &directory) {
-        if (onStored)
-            onStored(directory);
-    };
     around.lingerMs = role == Resident ? residentLingerMs : 0;
     around.onNews = [this](const MessageNews &news) { tellNews(console, news, gIsVerbose); };
     around.board = role == Resident && console.isTerminal() ? &board : nullptr;
     around.isWatched = role == Sender;
     around.ping = ping;
     return around;
+}
+
+bool CProgram::receives() const
+{
+    const bool isOwn = settings.ownName.isEmpty() || givenName.isEmpty() ||
+                       Global::filterName(givenName) == Global::filterName(settings.ownName);
+    return role == Resident || (role == Sender && isOwn);
 }
 
 int CProgram::prepare()
@@ -157,7 +156,7 @@ void CProgram::open(const QString &only, const QString &fresh)
         };
         QMetaObject::invokeMethod(&messenger, tell, Qt::QueuedConnection);
     });
-    messenger.open();
+    messenger.open(!receives());
     if (role == Resident) {
         isStarted = true;
         noteRow(JournalRow::Started);

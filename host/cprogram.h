@@ -60,6 +60,10 @@ public:
     /// CChannelPlugin::type() of the channel whose records we write.
     static constexpr int ipKind = 1;
 
+    /// The contents of received messages go into this folder. Before prepare().
+    /// @return null on success, else a text for people
+    QString handOutTo(const QString &folder) { return inbox.handOutTo(folder); }
+
     const int level;
     CConsole &console;
     CConsoleMonitor monitor;
@@ -71,11 +75,11 @@ public:
     CIdentity identity;
     CContacts contacts;
 
-    /// Called with the directory of each message that has arrived. [connection thread] Before open()
-    std::function<void(const QString &)> onStored;
-
 private:
     CMessageProtocol::Context context(PingResult *ping);
+
+    /// Under another name than the installation's nobody is answered: that name is for the calls only.
+    bool receives() const;
 
     void noteRow(JournalRow kind);
 

@@ -3,7 +3,7 @@
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What building and running needs on a bare Debian 12.
-packages=(g++ cmake ninja-build pkg-config qtbase5-dev libssl-dev libsqlite3-dev libunistring-dev libncurses-dev libsystemd-dev)
+packages=(g++ cmake ninja-build pkg-config qtbase5-dev libssl-dev libsqlite3-dev libxxhash-dev libunistring-dev libncurses-dev libsystemd-dev)
 
 step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 

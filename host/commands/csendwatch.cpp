@@ -25,17 +25,12 @@ CSendWatch::CSendWatch(const COutboxEntry &what, int retries, bool verbose, CCon
     : entry(what), console(shownOn), isVerbose(verbose), retriesLeft(retries)
 {
     const QString path = entry.directory + QLatin1String("/state");
-    file = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    file.reset(::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     watcher.addPath(path);
     connect(&watcher, &QFileSystemWatcher::fileChanged, this, &CSendWatch::changed);
     soon.setSingleShot(true);
     connect(&soon, &QTimer::timeout, this, &CSendWatch::look);
     connect(&clock, &QTimer::timeout, this, &CSendWatch::look);
-}
-
-CSendWatch::~CSendWatch()
-{
-    closeDescriptor(&file);
 }
 
 void CSendWatch::begin()
@@ -63,9 +58,9 @@ void CSendWatch::look()
     struct stat status
     {};
     // First whether it is gone, then what it says: so nothing can come in between.
-    const bool isGone = file < 0 || ::fstat(file, &status) != 0 || status.st_nlink == 0;
+    const bool isGone = !file.isOpen() || ::fstat(file.get(), &status) != 0 || status.st_nlink == 0;
     char bytes[4096];
-    for (qint64 count = 0; !isOver && (count = readAll(file, bytes, sizeof(bytes))) > 0;)
+    for (qint64 count = 0; !isOver && (count = readUpTo(file, bytes, sizeof(bytes))) > 0;)
         rest.append(bytes, int(count));
     for (int at = 0; !isOver && (at = rest.indexOf('\n')) >= 0; rest.remove(0, at + 1))
         takeLine(QString::fromUtf8(rest.left(at)));

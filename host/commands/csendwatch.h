@@ -24,7 +24,6 @@ public:
     /// @param retries failed attempts to wait through
     /// @param verbose with digests
     CSendWatch(const COutboxEntry &what, int retries, bool verbose, CConsole &shownOn);
-    ~CSendWatch() override;
 
     void begin();
 
@@ -54,7 +53,7 @@ private:
     CConsole &console;
     const bool isVerbose;
     int retriesLeft;
-    int file = -1; // `state`: it can be read to its end also after it has been removed
+    CDescriptor file; // `state`: it can be read to its end also after it has been removed
     QByteArray rest;
     QFileSystemWatcher watcher;
     QTimer clock;

@@ -4,7 +4,6 @@
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
 #include "host/commands/failures.h"
-#include "host/conversation/handout.h"
 #include "host/conversation/transporttasks.h"
 #include "host/cprogram.h"
 #include "host/service/cmetricsfile.h"
@@ -62,15 +61,9 @@ int runListen(const CommandLine &line)
     if (isInterrupted)
         return ExitDone;
     if (line.has("to")) {
-        const QString place = line.value("to");
-        const QString error = checkHandOut(place);
+        const QString error = program.handOutTo(line.value("to"));
         if (!error.isNull())
             return fail(console, ExitUsage, error);
-        program.onStored = [&console, place](const QString &directory) {
-            const QString trouble = handOut(directory, place);
-            if (!trouble.isNull())
-                console.error(trouble);
-        };
     }
     const int code = program.prepare();
     if (code != ExitDone)

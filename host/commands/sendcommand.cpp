@@ -230,6 +230,7 @@ int runSend(const CommandLine &line)
     if (!error.isNull())
         return fail(ExitTrouble, error);
     RawArguments raw;
+    const CDescriptor standardInput(::dup(STDIN_FILENO));
     int failed = 0;
     const auto note = [&failed](const QString &trouble) {
         if (trouble.isNull())
@@ -240,7 +241,7 @@ int runSend(const CommandLine &line)
     for (const QString &text : texts)
         note(writer.addText(text));
     for (const QString &path : qAsConst(paths))
-        note(path == QLatin1String("-") ? writer.addStream(STDIN_FILENO, "stdin")
+        note(path == QLatin1String("-") ? writer.addStream(standardInput, "stdin")
                                         : writer.addPath(raw.bytesOf(path)));
     for (const QString &path : writer.leftOut())
         printError(QStringLiteral("Пропущено, это не файл и не каталог: %1").arg(path));

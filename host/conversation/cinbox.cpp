@@ -1,28 +1,24 @@
 #include "host/conversation/cinbox.h"
 
-#include "common/csettings.h"
 #include "common/global.h"
 #include "common/logger.h"
 #include "host/conversation/descriptors.h"
+#include "host/conversation/handout.h"
 #include "host/text/reasons.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr qint64 reserveBytes = 16 * 1024 * 1024; // left free on the disk
-constexpr qint64 flushEveryBytes = 8 * 1024 * 1024;
-constexpr int hashBytes = 256 * 1024;
 constexpr int mostAttempts = 100;
 constexpr std::size_t mostSingleSyncs = 12; // with more, syncing the file system as a whole is quicker
-constexpr int newFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 
 /// The runtime gives out names to one thread at a time.
 QString nextName(const QDir &directory)
@@ -37,372 +33,12 @@ QByteArray encoded(const QString &path)
     return QFile::encodeName(path);
 }
 
-/// Rights of the settings as the system writes them: QFile counts user, group and others in hex digits.
-mode_t modeOf(int permissions)
+bool syncDirectory(const QDir &directory)
 {
-    return mode_t(((permissions >> 12 & 7) << 6) | ((permissions >> 4 & 7) << 3) | (permissions & 7));
-}
-
-mode_t fileMode(bool isExecutable)
-{
-    static const mode_t mode = modeOf(CSettings().filePermissions());
-    return isExecutable ? mode | (mode & 0444) >> 2 : mode;
-}
-
-mode_t directoryMode()
-{
-    static const mode_t mode = modeOf(CSettings().dirPermissions());
-    return mode;
-}
-
-void setModified(int descriptor, qint64 modifiedNs)
-{
-    constexpr qint64 nsPerSecond = 1000000000;
-    qint64 seconds = modifiedNs / nsPerSecond;
-    qint64 rest = modifiedNs % nsPerSecond;
-    if (rest < 0) {
-        --seconds;
-        rest += nsPerSecond;
-    }
-    const timespec times[2] = {{0, UTIME_OMIT}, {time_t(seconds), long(rest)}};
-    ::futimens(descriptor, times);
-}
-
-/// What has to be the same for a message to be continued.
-QByteArray withoutNumber(OfferFrame offer)
-{
-    offer.item = 0;
-    offer.isAnew = offer.isAtOnce = false;
-    return offer.toBytes();
+    return Io::syncDirectory(encoded(directory.absolutePath()));
 }
 
 } // namespace
-
-// CIncomingMessage -----------------------------------------------------------------------------------
-
-CIncomingMessage::~CIncomingMessage()
-{
-    if (isOwned)
-        inbox->release(this);
-    closeAll();
-}
-
-void CIncomingMessage::closeAll()
-{
-    for (int *descriptor : {&directory, &list, &file})
-        closeDescriptor(descriptor);
-    for (int &descriptor : unsynced)
-        closeDescriptor(&descriptor);
-    unsynced.clear();
-}
-
-QByteArray CIncomingMessage::partName(const char *ending) const
-{
-    return key + ending;
-}
-
-/// Opens what is there, or begins with nothing. @return false on failure: errno
-bool CIncomingMessage::open(bool mayContinue)
-{
-    const QByteArray offerBytes = withoutNumber(what);
-    bool isThere = false;
-    if (mayContinue) {
-        int known = ::openat(incomplete, partName(".offer").constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-        QByteArray bytes(offerBytes.size() + 1, '\0');
-        isThere = known >= 0 && readAll(known, bytes.data(), bytes.size()) == offerBytes.size() &&
-                  bytes.startsWith(offerBytes);
-        closeDescriptor(&known);
-    }
-    if (!isThere) {
-        for (const char *ending : {"", ".offer", ".list"})
-            removeTree(incomplete, partName(ending));
-        if (::mkdirat(incomplete, key.constData(), 0700) != 0)
-            return false;
-        if (!what.isAtOnce) {
-            int known = ::openat(incomplete, partName(".offer").constData(), newFileFlags, 0600);
-            const bool isWritten =
-                known >= 0 && writeAll(known, {offerBytes.constData(), std::size_t(offerBytes.size())});
-            closeDescriptor(&known);
-            if (!isWritten)
-                return false;
-        }
-    }
-    directory = ::openat(incomplete, key.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (directory < 0)
-        return false;
-    isCaughtUp = !isThere;
-    return readLayout();
-}
-
-/// Which files there are to be; of a tree the list comes first.
-bool CIncomingMessage::readLayout()
-{
-    if (what.kind != OfferFrame::Tree) {
-        Part only;
-        only.path = what.kind == OfferFrame::Text ? QByteArray("text.txt") : what.name;
-        only.isExecutable = what.isExecutable;
-        only.modifiedNs = what.modifiedNs;
-        only.size = what.size;
-        parts = {only};
-        hasLayout = true;
-        return isCaughtUp ? enter() : true;
-    }
-    list = ::openat(incomplete, partName(".list").constData(),
-                    O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (list < 0)
-        return false;
-    listBytes.resize(int(what.listSize));
-    const qint64 count = readAll(list, listBytes.data(), listBytes.size());
-    if (count < 0)
-        return false;
-    listBytes.resize(int(count));
-    sha.add({listBytes.constData(), std::size_t(count)});
-    total = count;
-    if (listBytes.size() < int(what.listSize)) {
-        isCaughtUp = true; // contents come after the list
-        return true;
-    }
-    if (!takeLayout())
-        return true; // bad: told by the first append
-    return isCaughtUp ? enter() : true;
-}
-
-bool CIncomingMessage::takeLayout()
-{
-    const auto entries = treeFromBytes(listBytes, what.size - what.listSize);
-    bad = !entries;
-    if (bad)
-        return false;
-    Part root;
-    root.path = what.name;
-    root.isDirectory = true;
-    root.modifiedNs = what.modifiedNs;
-    parts = {root};
-    for (const TreeEntry &entry : *entries)
-        parts.push_back({what.name + '/' + entry.path, entry.isDirectory, entry.isExecutable,
-                         entry.modifiedNs, entry.size});
-    hasLayout = true;
-    return true;
-}
-
-/// The directory that a part lies in: every step of the way is one that we have made. @return -1 on failure
-int CIncomingMessage::openParent(const QByteArray &path, QByteArray *name) const
-{
-    int at = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    QList<QByteArray> steps = path.split('/');
-    *name = steps.takeLast();
-    for (const QByteArray &step : qAsConst(steps)) {
-        int next =
-            at < 0 ? -1 : ::openat(at, step.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        closeDescriptor(&at);
-        at = next;
-    }
-    return at;
-}
-
-/// Goes to the next part that has bytes to come, making what is empty on the way.
-/// @return false on failure: errno
-bool CIncomingMessage::enter()
-{
-    while (part < parts.size() && file < 0) {
-        const Part &now = parts[part];
-        QByteArray name;
-        int parent = openParent(now.path, &name);
-        bool isMade = false;
-        if (parent >= 0 && now.isDirectory) {
-            isMade = ::mkdirat(parent, name.constData(), 0700) == 0;
-        } else if (parent >= 0) {
-            file = ::openat(parent, name.constData(), newFileFlags, 0600);
-            isMade = file >= 0;
-        }
-        bad |= !isMade && (errno == EEXIST || errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
-        closeDescriptor(&parent);
-        if (!isMade)
-            return false;
-        if (now.isDirectory)
-            ++part;
-        else if (partDone == now.size && !leave())
-            return false;
-    }
-    return true;
-}
-
-/// The current file is whole.
-bool CIncomingMessage::leave()
-{
-    const Part &now = parts[part];
-    setModified(file, now.modifiedNs);
-    if (::fchmod(file, fileMode(now.isExecutable)) != 0)
-        return false;
-    if (unsynced.size() < mostSingleSyncs)
-        unsynced.push_back(file);
-    else {
-        isMuch = true;
-        ::close(file);
-    }
-    file = -1;
-    partDone = flushed = 0;
-    ++part;
-    return true;
-}
-
-bool CIncomingMessage::catchUp(qint64 budget)
-{
-    const std::lock_guard lock(mutex);
-    if (isCaughtUp || abandoned)
-        return true;
-    QByteArray bytes(hashBytes, Qt::Uninitialized);
-    // Files are whole in their order; the first that is not is where it goes on.
-    while (budget > 0 && part < parts.size()) {
-        const Part &now = parts[part];
-        QByteArray name;
-        int parent = openParent(now.path, &name);
-        if (now.isDirectory) {
-            struct stat status
-            {};
-            const bool isThere = parent >= 0 &&
-                                 ::fstatat(parent, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-                                 S_ISDIR(status.st_mode);
-            closeDescriptor(&parent);
-            if (!isThere)
-                break;
-            ++part;
-            continue;
-        }
-        if (file < 0)
-            file = parent < 0 ? -1 : ::openat(parent, name.constData(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
-        closeDescriptor(&parent);
-        if (file < 0)
-            break;
-        const qint64 count = readAll(file, bytes.data(), qMin<qint64>(bytes.size(), now.size - partDone));
-        if (count > 0) {
-            sha.add({bytes.constData(), std::size_t(count)});
-            partDone += count;
-            total += count;
-            budget -= count;
-        }
-        if (partDone == now.size) {
-            if (!leave())
-                break;
-        } else if (count <= 0) {
-            break;
-        }
-        if (budget <= 0)
-            return false;
-    }
-    if (budget <= 0 && part < parts.size())
-        return false;
-    isCaughtUp = true;
-    if (file >= 0) { // what is in it goes on here; what is beyond it is nothing
-        const bool isReady =
-            ::ftruncate(file, partDone) == 0 && ::lseek(file, partDone, SEEK_SET) == partDone;
-        flushed = partDone;
-        if (!isReady)
-            bad = true;
-    } else if (!enter()) {
-        bad = true;
-    }
-    return true;
-}
-
-QString CIncomingMessage::append(std::string_view bytes)
-{
-    const std::lock_guard lock(mutex);
-    if (abandoned)
-        return QStringLiteral("Сообщение приходит по другому соединению");
-    sha.add(bytes);
-    while (!bytes.empty() && !bad) {
-        if (!hasLayout) {
-            const std::size_t count =
-                std::min(bytes.size(), std::size_t(int(what.listSize) - listBytes.size()));
-            if (!writeAll(list, bytes.substr(0, count)))
-                return trouble("файл");
-            listBytes.append(bytes.data(), int(count));
-            total += qint64(count);
-            bytes.remove_prefix(count);
-            if (listBytes.size() == int(what.listSize) && takeLayout() && !enter())
-                break;
-            continue;
-        }
-        if (part >= parts.size() || file < 0) {
-            bad = true;
-            break;
-        }
-        const std::size_t count = std::min(bytes.size(), std::size_t(parts[part].size - partDone));
-        if (!writeAll(file, bytes.substr(0, count)))
-            return trouble("файл");
-        partDone += qint64(count);
-        total += qint64(count);
-        bytes.remove_prefix(count);
-        // The disk begins now, so that the wait in the end is short however long the file.
-        if (partDone - flushed >= flushEveryBytes) {
-            ::sync_file_range(file, flushed, partDone - flushed, SYNC_FILE_RANGE_WRITE);
-            flushed = partDone;
-        }
-        if (partDone == parts[part].size && !(leave() && enter()))
-            break;
-    }
-    if (bad)
-        return QStringLiteral("Недопустимый перечень файлов каталога");
-    return bytes.empty() ? QString() : trouble("файл");
-}
-
-/// Directories get their times last: what is made in them changes these.
-bool CIncomingMessage::settleDirectories()
-{
-    for (auto now = parts.rbegin(); now != parts.rend(); ++now) {
-        if (!now->isDirectory)
-            continue;
-        QByteArray name;
-        int parent = openParent(now->path, &name);
-        int made = parent < 0
-                       ? -1
-                       : ::openat(parent, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        const bool isDone = made >= 0 && ::fchmod(made, directoryMode()) == 0;
-        if (isDone)
-            setModified(made, now->modifiedNs);
-        closeDescriptor(&made);
-        closeDescriptor(&parent);
-        if (!isDone)
-            return false;
-        isMuch = true;
-    }
-    return true;
-}
-
-QString CIncomingMessage::finish(const QByteArray &description)
-{
-    const std::lock_guard lock(mutex);
-    if (abandoned || bad || part != parts.size())
-        return QStringLiteral("Сообщение пришло не целиком");
-    // The contents keep their name, so the description makes way.
-    const QByteArray name = what.name == "message.txt" ? "_message.txt" : "message.txt";
-    int about =
-        ::openat(directory, name.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (about < 0 || !writeAll(about, {description.constData(), std::size_t(description.size())}) ||
-        ::fchmod(about, fileMode(false)) != 0) {
-        const QString text = trouble("файл");
-        closeDescriptor(&about);
-        return text;
-    }
-    unsynced.push_back(about);
-    return settleDirectories() && ::fchmod(directory, directoryMode()) == 0 ? QString() : trouble("каталог");
-}
-
-void CIncomingMessage::discard()
-{
-    const std::lock_guard lock(mutex);
-    if (abandoned)
-        return;
-    closeAll();
-    for (const char *ending : {"", ".offer", ".list"})
-        removeTree(incomplete, partName(ending));
-}
-
-QString CIncomingMessage::trouble(const char *thing) const
-{
-    return QStringLiteral("Не удалось записать %1: %2").arg(QString::fromUtf8(thing), systemReason());
-}
 
 // CInboxSession --------------------------------------------------------------------------------------
 
@@ -438,7 +74,7 @@ CInboxSession::Begun CInboxSession::begin(const OfferFrame &offer)
     begun.digest = box.index.digestOf(key);
     if (!begun.digest.isEmpty()) {
         QString directory;
-        const QString error = box.moveIntoInput(keyName, &directory); // a renaming that has failed before
+        const QString error = box.place(keyName, &directory); // a renaming that has failed before
         answer(error.isNull() ? AnswerFrame::Stored : AnswerFrame::Later, error);
         return begun;
     }
@@ -450,16 +86,15 @@ CInboxSession::Begun CInboxSession::begin(const OfferFrame &offer)
             other.session->isSuperseded = true;
             other.session->superseded();
         }
-        const std::lock_guard itsLock(other.message->mutex);
-        other.message->abandoned = true;
-        other.message->closeAll();
+        other.message->abandon();
         box.owners.erase(owner);
     }
     std::unique_ptr<CIncomingMessage> message(new CIncomingMessage);
     message->inbox = &box;
     message->key = keyName;
     message->what = offer;
-    message->incomplete = box.incompleteDescriptor;
+    message->incomplete = box.incompleteDescriptor.get();
+    message->writers = writers;
     if (!message->open(!offer.isAnew && !offer.isAtOnce)) {
         answer(message->bad ? AnswerFrame::Refused : AnswerFrame::Later, message->trouble("сообщение"));
         return begun;
@@ -479,24 +114,29 @@ std::vector<CInboxSession::Outcome> CInboxSession::commit(const std::vector<CInc
         return outcomes;
     };
     if (!syncAll(messages))
-        return failAll(QStringLiteral("Не удалось записать сообщение: %1").arg(systemReason()));
+        return failAll(QStringLiteral("Не удалось записать сообщение: %1").arg(reasonOf(errno)));
 
-    const std::lock_guard lock(box.mutex);
-    if (isSuperseded)
-        return failAll(QStringLiteral("Есть более новое соединение"));
-    std::vector<CStoredIndex::Record> records;
-    for (CIncomingMessage *message : messages)
-        records.push_back({QByteArray::fromHex(message->key), message->digest()});
-    const QString error = box.index.add(records);
-    if (!error.isNull())
-        return failAll(error);
-    for (std::size_t i = 0; i < messages.size(); ++i)
-        outcomes[i].error = box.moveIntoInput(messages[i]->key, &outcomes[i].directory);
-    if (!syncDirectory(box.input.absolutePath()))
-        return failAll(QStringLiteral("Не удалось записать каталог %1").arg(box.input.absolutePath()));
-    for (CIncomingMessage *message : messages) {
-        const std::lock_guard itsLock(message->mutex);
-        message->abandoned = true; // nothing of it is in incomplete/ any more
+    {
+        const std::lock_guard lock(box.mutex);
+        if (isSuperseded)
+            return failAll(QStringLiteral("Есть более новое соединение"));
+        std::vector<CStoredIndex::Record> records;
+        for (CIncomingMessage *message : messages)
+            records.push_back({QByteArray::fromHex(message->key), message->digest()});
+        const QString error = box.index.add(records);
+        if (!error.isNull())
+            return failAll(error);
+        for (std::size_t i = 0; i < messages.size(); ++i)
+            outcomes[i].error = box.place(messages[i]->key, &outcomes[i].directory);
+        const QDir &target = box.folder.isNull() ? box.input : box.leaving;
+        if (!syncDirectory(target))
+            return failAll(QStringLiteral("Не удалось записать каталог %1").arg(target.absolutePath()));
+        for (CIncomingMessage *message : messages)
+            message->abandon(); // nothing of it is in incomplete/ any more
+    }
+    for (Outcome &outcome : outcomes) {
+        if (outcome.error.isNull() && !box.folder.isNull())
+            outcome.trouble = box.handOut(&outcome.directory);
     }
     return outcomes;
 }
@@ -511,77 +151,114 @@ bool CInboxSession::syncAll(const std::vector<CIncomingMessage *> &messages) con
         isMuch |= message->isMuch;
     }
     if (isMuch || count > mostSingleSyncs)
-        return ::syncfs(box.incompleteDescriptor) == 0;
-    bool isSynced = true;
+        return ::syncfs(box.incompleteDescriptor.get()) == 0;
     for (CIncomingMessage *message : messages) {
         const std::lock_guard lock(message->mutex);
-        for (const int descriptor : message->unsynced)
-            isSynced = ::fdatasync(descriptor) == 0 && isSynced;
-        isSynced = !message->abandoned && ::fsync(message->directory) == 0 && isSynced;
+        if (!message->sync())
+            return false;
     }
-    return ::fsync(box.incompleteDescriptor) == 0 && isSynced;
+    return Io::sync(box.incompleteDescriptor);
 }
 
 // CInbox ---------------------------------------------------------------------------------------------
 
 CInbox::CInbox(int level)
     : messages(Global::messagesDir(level)), incomplete(Global::incompleteMessagesDir(level)),
-      input(Global::inputMessagesDir(level))
+      leaving(messages.absoluteFilePath(QStringLiteral("handout"))), input(Global::inputMessagesDir(level))
 {}
 
-CInbox::~CInbox()
+QString CInbox::handOutTo(const QString &where)
 {
-    closeDescriptor(&incompleteDescriptor);
+    folder = QDir(where).absolutePath();
+    return checkHandOut(folder);
 }
 
 QString CInbox::prepare()
 {
     const std::lock_guard lock(mutex);
-    for (const QDir &directory : {incomplete, input}) {
+    for (const QDir &directory : {incomplete, input, folder.isNull() ? input : leaving}) {
         if (!Global::makePath(directory))
             return QStringLiteral("Не удалось создать каталог %1").arg(directory.absolutePath());
     }
     const QString error = index.open(messages.absoluteFilePath(QStringLiteral("stored.index")));
     if (!error.isNull())
         return error;
-    closeDescriptor(&incompleteDescriptor);
     incompleteDescriptor = openDirectory(incomplete.absolutePath());
-    if (incompleteDescriptor < 0)
+    if (!incompleteDescriptor.isOpen())
         return QStringLiteral("Не удалось открыть каталог %1: %2")
             .arg(incomplete.absolutePath(), reasonOf(errno, incomplete.absolutePath()));
 
-    const QStringList names = incomplete.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
-    for (const QString &name : names) {
+    // What can be continued stays: its sender will go on with it.
+    QStringList names = incomplete.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    sortAsStored(&names);
+    for (const QString &name : qAsConst(names)) {
         const QByteArray key = encoded(name.section(QLatin1Char('.'), 0, 0));
         const bool isStored = !index.digestOf(QByteArray::fromHex(key)).isEmpty();
-        // What can be continued stays: its sender will go on with it.
         if (isStored && !name.contains(QLatin1Char('.'))) {
             QString directory;
-            const QString failure = moveIntoInput(key, &directory);
+            const QString failure = place(key, &directory);
             if (!failure.isNull())
                 return failure;
         } else if (isStored || !incomplete.exists(QString::fromLatin1(key) + QLatin1String(".offer"))) {
-            removeTree(incompleteDescriptor, encoded(name));
+            removeTree(incompleteDescriptor.get(), encoded(name));
         }
     }
+    QStringList left = leaving.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    sortAsStored(&left);
+    for (const QString &name : qAsConst(left)) {
+        QString directory = leaving.absoluteFilePath(name);
+        const QString trouble =
+            folder.isNull() ? moveIntoInput(leaving, encoded(name), &directory) : handOut(&directory);
+        if (!trouble.isNull())
+            debug(QStringLiteral("CInbox"), trouble, DebugAlways, DebugFlagNone);
+    }
     return QString();
+}
+
+/// What a crash has kept from its place gets there in the order in which it was stored.
+void CInbox::sortAsStored(QStringList *names) const
+{
+    const auto orderOf = [this](const QString &name) {
+        return index.orderOf(QByteArray::fromHex(name.section(QLatin1Char('.'), 0, 0).toLatin1()));
+    };
+    std::sort(names->begin(), names->end(),
+              [&](const QString &one, const QString &other) { return orderOf(one) < orderOf(other); });
 }
 
 QString CInbox::roomTrouble(qint64 bytes) const
 {
     struct statvfs status
     {};
-    if (::fstatvfs(incompleteDescriptor, &status) != 0)
+    if (::fstatvfs(incompleteDescriptor.get(), &status) != 0)
         return QString(); // the writes will tell
     if (bytes <= qint64(status.f_bavail) * qint64(status.f_frsize) - reserveBytes)
         return QString();
     return QStringLiteral("Не хватает места на диске: нужно %1").arg(Global::sizeString(bytes));
 }
 
-/// Gives a message that is in the index its final name. Nothing to do when it has it already.
-QString CInbox::moveIntoInput(const QByteArray &key, QString *directory)
+/// Gives a message that is in the index its next name. Nothing to do when it has it already.
+QString CInbox::place(const QByteArray &key, QString *directory)
 {
-    const QByteArray from = encoded(incomplete.absolutePath()) + '/' + key;
+    QString error;
+    if (folder.isNull()) {
+        error = moveIntoInput(incomplete, key, directory);
+    } else {
+        const QByteArray from = encoded(incomplete.absolutePath()) + '/' + key;
+        *directory = leaving.absoluteFilePath(QString::fromLatin1(key));
+        if (::rename(from.constData(), encoded(*directory).constData()) != 0 && errno != ENOENT)
+            error = QStringLiteral("Не удалось записать каталог %1: %2")
+                        .arg(*directory, reasonOf(errno, *directory));
+    }
+    for (const char *ending : {".offer", ".list"}) {
+        if (error.isNull())
+            ::unlinkat(incompleteDescriptor.get(), (key + ending).constData(), 0);
+    }
+    return error;
+}
+
+QString CInbox::moveIntoInput(const QDir &place, const QByteArray &key, QString *directory)
+{
+    const QByteArray from = encoded(place.absolutePath()) + '/' + key;
     for (int attempt = 0; attempt < mostAttempts; ++attempt) {
         const QString name = nextName(input);
         if (name.isEmpty())
@@ -589,11 +266,8 @@ QString CInbox::moveIntoInput(const QByteArray &key, QString *directory)
         *directory = input.absoluteFilePath(name);
         // A finished message is never empty, so no renaming can replace one.
         if (::rename(from.constData(), encoded(*directory).constData()) == 0 ||
-            (errno == ENOENT && ::access(from.constData(), F_OK) != 0)) { // moved before
-            for (const char *ending : {".offer", ".list"})
-                ::unlinkat(incompleteDescriptor, (key + ending).constData(), 0);
+            (errno == ENOENT && ::access(from.constData(), F_OK) != 0)) // moved before
             return QString();
-        }
         if (errno != EEXIST && errno != ENOTEMPTY && errno != ENOTDIR)
             break;
     }
@@ -601,6 +275,21 @@ QString CInbox::moveIntoInput(const QByteArray &key, QString *directory)
         QStringLiteral("Не удалось записать каталог %1: %2").arg(*directory, reasonOf(errno, *directory));
     directory->clear();
     return text;
+}
+
+/// Puts the contents of a stored message into the user's folder, and the rest of it into the inbox.
+/// @param directory the message's; set to where people find it. @return null, or what did not succeed
+QString CInbox::handOut(QString *directory)
+{
+    const QString trouble = ::handOut(*directory, folder);
+    const QByteArray key = encoded(QFileInfo(*directory).fileName());
+    const QString error = moveIntoInput(leaving, key, directory);
+    if (!error.isNull())
+        return error;
+    if (!trouble.isNull())
+        return QStringLiteral("%1, осталось в %2").arg(trouble, *directory);
+    *directory = folder;
+    return QString();
 }
 
 void CInbox::release(CIncomingMessage *message)

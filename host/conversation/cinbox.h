@@ -4,6 +4,7 @@
 //   messages/incomplete/KEY.offer     which message that is; only of one that can be continued
 //   messages/incomplete/KEY.list      what is in it; only of a tree
 //   messages/stored.index             what has been stored, for good
+//   messages/handout/KEY/             stored, its contents on their way into the folder of handOutTo()
 //   messages/input/00000042/          afterwards, whole:
 //       message.txt                       who sent it, when, what it is, SHA-256
 //       text.txt, the file, or the tree   the contents under their own name
@@ -12,112 +13,29 @@
 // A message gets into input/ in three steps: its bytes are synced; its KEY is written into the index and
 // synced; its directory is renamed, and that is synced. After a crash between the last two the renaming
 // is made up for. So whatever ends the process, a message is in input/ once and whole, and a sender
-// that asks again hears that it is stored.
+// that asks again hears that it is stored. Where contents go into a folder of the user's, they go there in
+// the same way: what a crash has left in handout/ is put there at the next start.
 //
 // One process at a time receives (CTransportLock).
 #pragma once
 
-#include "host/conversation/csha256.h"
+#include "common/descriptor.h"
+#include "host/conversation/cincomingmessage.h"
 #include "host/conversation/cstoredindex.h"
 #include "host/conversation/messageframe.h"
-#include "host/conversation/treelist.h"
 
 #include <QByteArray>
 #include <QDir>
 #include <QString>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <string_view>
 #include <vector>
 
 class CInbox;
-class CInboxSession;
-
-/// A message that is arriving. What has arrived stays on the disk when the object goes.
-/// [connection thread] of its session
-class CIncomingMessage
-{
-public:
-    ~CIncomingMessage();
-
-    CIncomingMessage(const CIncomingMessage &) = delete;
-    CIncomingMessage &operator=(const CIncomingMessage &) = delete;
-
-    /// Hashes what is on the disk from before, at most about @a budget bytes of it.
-    /// @return whether all of it is hashed now; have() and digest() then tell of it
-    bool catchUp(qint64 budget);
-
-    qint64 have() const { return total; }
-
-    /// SHA-256 of what has arrived.
-    QByteArray digest() const { return sha.soFar(); }
-
-    /// Appends to the contents. @return null on success, else a text for people
-    QString append(std::string_view bytes);
-
-    /// All bytes have come: gives files their times and rights, and writes the description.
-    /// @return null on success, else a text for people
-    QString finish(const QByteArray &description);
-
-    /// Forgets what has arrived, on the disk as well.
-    void discard();
-
-    /// Whether the tree's list, or a name in it, is not acceptable: append() has failed for good.
-    bool isBad() const { return bad; }
-
-    const OfferFrame &offer() const { return what; }
-
-private:
-    friend class CInbox;
-    friend class CInboxSession;
-    CIncomingMessage() = default;
-
-    struct Part
-    {
-        QByteArray path; // within the message's directory
-        bool isDirectory = false;
-        bool isExecutable = false;
-        qint64 modifiedNs = 0;
-        qint64 size = 0;
-    };
-
-    bool open(bool mayContinue);
-    bool readLayout();
-    bool takeLayout();
-    bool enter();
-    bool leave();
-    int openParent(const QByteArray &path, QByteArray *name) const;
-    bool settleDirectories();
-    void closeAll();
-    QString trouble(const char *thing) const;
-    QByteArray partName(const char *ending) const;
-
-    CInbox *inbox = nullptr;
-    QByteArray key;
-    OfferFrame what;
-    std::mutex mutex;       // held while the files are in use: another connection may take them over
-    bool abandoned = false; // that has happened, or the message is stored
-    bool isOwned = false;   // the inbox knows of it
-    bool bad = false;
-    int incomplete = -1; // descriptors: of incomplete/, the message's directory, its list, the current file
-    int directory = -1;
-    int list = -1;
-    int file = -1;
-    QByteArray listBytes;
-    bool hasLayout = false;
-    std::vector<Part> parts;
-    std::size_t part = 0; // the current one
-    qint64 partDone = 0;  // its bytes
-    qint64 total = 0;     // bytes that have arrived
-    qint64 flushed = 0;   // how far the disk has been told to begin with the current file
-    bool isCaughtUp = true;
-    CSha256 sha;
-    std::vector<int> unsynced; // descriptors of what is yet to be synced, when it is little
-    bool isMuch = false;       // more than that: the whole file system
-};
 
 /// What one connection receives. [connection thread], unless noted
 class CInboxSession
@@ -146,7 +64,8 @@ public:
     struct Outcome
     {
         QString directory; // where the message is now; null: not stored, try again later
-        QString error;
+        QString error;     // why it is not stored
+        QString trouble;   // stored, but not where the user wants it
     };
 
     /// Stores finished messages, in order. Blocks until they are on the disk.
@@ -160,6 +79,7 @@ private:
     CInbox &box;
     const QByteArray sender;
     const std::function<void()> superseded;
+    const std::shared_ptr<std::atomic<int>> writers = std::make_shared<std::atomic<int>>(0);
     bool isSuperseded = false; // guarded by the inbox's mutex
 };
 
@@ -168,7 +88,11 @@ class CInbox
 {
 public:
     explicit CInbox(int level);
-    ~CInbox();
+
+    /// The contents of what is stored from now on go into this folder; the descriptions stay. Before
+    /// prepare().
+    /// @return null on success, else a text for people
+    QString handOutTo(const QString &folder);
 
     /// Creates the directories, reads the index, and makes up for what a crash has left. By the process that
     /// holds the transport's lock.
@@ -196,15 +120,20 @@ private:
         CIncomingMessage *message;
     };
 
-    QString moveIntoInput(const QByteArray &key, QString *directory);
+    QString place(const QByteArray &key, QString *directory);
+    QString moveIntoInput(const QDir &from, const QByteArray &key, QString *directory);
+    QString handOut(QString *directory);
+    void sortAsStored(QStringList *names) const;
     void release(CIncomingMessage *message);
 
     const QDir messages;
     const QDir incomplete;
+    const QDir leaving;
     const QDir input;
+    QString folder;   // of handOutTo(), or null
     std::mutex mutex; // guards the following; the disk may be waited for under it
     CStoredIndex index;
     std::map<QByteArray, Owned> owners;
-    int incompleteDescriptor = -1;
+    CDescriptor incompleteDescriptor;
     qint64 strangers = -1; // bytes; -1: not looked yet
 };

@@ -1,6 +1,7 @@
 #include "host/conversation/citemreceiver.h"
 
 #include "common/global.h"
+#include "host/conversation/treelist.h"
 #include "host/text/localtime.h"
 #include "host/text/untrustedtext.h"
 
@@ -119,7 +120,7 @@ CItemReceiver::Reaction CItemReceiver::work()
     const QString trouble = box.roomTrouble(item.offer.size - item.arrived);
     if (!trouble.isNull())
         return refuse(item, AnswerFrame::Later, trouble);
-    return answer({number, AnswerFrame::Send, item.arrived, item.message->digest(), {}});
+    return answer({number, AnswerFrame::Send, item.arrived, item.message->check(), {}});
 }
 
 CItemReceiver::Reaction CItemReceiver::takeData(quint32 number, std::string_view bytes)
@@ -179,7 +180,7 @@ CItemReceiver::Reaction CItemReceiver::takeFinish(const FinishFrame &finish)
     if (!item.digest.isEmpty() || item.arrived != item.offer.size)
         return fault(QStringLiteral("конец передачи не ко времени"));
     item.digest = item.message->digest();
-    if (item.digest != finish.digest) {
+    if (item.message->check() != finish.check) {
         item.message->discard();
         return refuse(item, AnswerFrame::Later, QStringLiteral("Контрольная сумма не совпала"));
     }
@@ -210,7 +211,7 @@ CItemReceiver::Reaction CItemReceiver::settle()
         } else {
             reaction.reply += AnswerFrame{finished[i], AnswerFrame::Stored, 0, item.digest, {}}.toBytes();
             reaction.notices.push_back({true, item.offer, item.digest, QString::fromUtf8(item.beginning),
-                                        outcomes[i].directory, QString()});
+                                        outcomes[i].directory, outcomes[i].trouble});
             if (from.isStranger)
                 box.addStrangerBytes(item.offer.size);
         }

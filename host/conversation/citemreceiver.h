@@ -38,7 +38,7 @@ public:
         QByteArray digest;
         QString text;      // beginning of a text
         QString directory; // when stored
-        QString reason;    // when not
+        QString reason;    // when not; when stored, why it is not in the user's folder, or null
     };
 
     /// What has to follow.

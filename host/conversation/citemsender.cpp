@@ -89,7 +89,7 @@ bool CItemSender::isRead(Flights::iterator flight, char *bytes, int size, QByteA
 {
     const COutgoingReader::Result result = flight->second.reader->read(bytes, size);
     if (result == COutgoingReader::Good) {
-        flight->second.sha.add({bytes, std::size_t(size)});
+        flight->second.sum.add({bytes, std::size_t(size)});
         flight->second.done += size;
         return true;
     }
@@ -121,7 +121,7 @@ QByteArray CItemSender::check(Flights::iterator flight)
         }
     }
     if (now.done == now.have) {
-        if (now.sha.soFar() != now.haveDigest) {
+        if (now.sum.soFar() != now.haveCheck) {
             const CSendQueue::Job job = now.job;
             giveUp(flight, QString());
             return offer(job, true);
@@ -155,13 +155,12 @@ QByteArray CItemSender::send(Flights::iterator flight, int room)
         return frame;
     }
     current = 0;
-    const QByteArray digest = now.digest = now.sha.soFar();
-    const quint32 number = flight->first;
+    const QByteArray finish = FinishFrame{flight->first, now.sum.soFar()}.toBytes();
     now.state = Finished;
     now.reader.reset();
     if (now.isOver)
         giveUp(flight, QString());
-    return FinishFrame{number, digest}.toBytes();
+    return finish;
 }
 
 /// The flight is over. @param why null: there is nothing to tell
@@ -190,13 +189,11 @@ QString CItemSender::takeAnswer(const AnswerFrame &answer, std::vector<Notice> *
         if (now.state != Offered || now.isAtOnce)
             return QStringLiteral("ответ не ко времени");
         now.have = qMin(answer.have, job.message().offer.size);
-        now.haveDigest = answer.digest;
+        now.haveCheck = answer.digest;
         now.state = now.have > 0 ? Checking : Ready;
         return QString();
     }
     if (answer.verdict == AnswerFrame::Stored) {
-        if (now.state == Finished && answer.digest != now.digest && now.isAtOnce)
-            return QStringLiteral("подтверждена чужая контрольная сумма");
         notices->push_back({job, true, answer.digest, QString()});
         queue->stored(job, answer.digest);
     } else if (answer.verdict == AnswerFrame::Refused) {

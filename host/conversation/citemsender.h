@@ -6,8 +6,8 @@
 // Knows neither channel nor clock. Lives in the connection thread.
 #pragma once
 
+#include "host/conversation/cchecksum.h"
 #include "host/conversation/csendqueue.h"
-#include "host/conversation/csha256.h"
 #include "host/conversation/ctransferboard.h"
 #include "host/conversation/messageframe.h"
 
@@ -80,11 +80,10 @@ private:
         qint64 offeredSize = 0; // the message may be refreshed meanwhile
         bool isOver = false;    // answered before its bytes were all sent
         qint64 have = 0;        // what the other side has of it
-        QByteArray haveDigest;
+        QByteArray haveCheck;
         std::unique_ptr<COutgoingReader> reader;
-        CSha256 sha;
+        CCheckSum sum; // of what is done
         qint64 done = 0;
-        QByteArray digest; // when finished
         std::shared_ptr<CTransferBoard::Transfer> shown;
     };
     using Flights = std::map<quint32, Flight>;

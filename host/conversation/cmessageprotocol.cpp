@@ -331,8 +331,6 @@ void CMessageProtocol::takeHello(const std::optional<HelloFrame> &hello)
                     QStringLiteral("Ответил другой абонент: '%1'").arg(hello->name));
         return sayGoodbye(ByeFrame::WrongOne, QStringLiteral("Вызван другой абонент"));
     }
-    if (!isPlaced && !context.inbox)
-        return sayGoodbye(ByeFrame::Stopping, QStringLiteral("Абонент сейчас не принимает вызовы"));
     believe(*hello, context.contacts->judge(hello->name, tls->peerFingerprint(),
                                             isPlaced ? CContacts::Placed : CContacts::Answered));
 }
@@ -433,13 +431,13 @@ void CMessageProtocol::tell(const CItemReceiver::Notice &notice)
         newsOf(notice.isStored ? JournalRow::Received : JournalRow::Refused, remoteAbonentName, notice.offer);
     news.isIncoming = true;
     news.row.digest = notice.digest;
-    news.row.text = notice.reason;
+    news.row.text = notice.isStored ? QString() : notice.reason;
     news.text = notice.text;
     news.directory = notice.directory;
     announce(news);
     wasUseful |= notice.isStored;
-    if (notice.isStored && context.onStored)
-        context.onStored(notice.directory);
+    if (notice.isStored && !notice.reason.isNull())
+        context.journal->addRecord(JournalError, label, notice.reason);
 }
 
 void CMessageProtocol::tell(const CItemSender::Notice &notice)

@@ -14,6 +14,7 @@
 #include "host/conversation/messageframe.h"
 #include "host/conversation/messagenews.h"
 #include "host/delivery/ccontacts.h"
+#include "host/delivery/cmessagejournal.h"
 #include "host/delivery/ctlssession.h"
 #include "interfaces/cabstractprotocol.h"
 
@@ -72,8 +73,7 @@ public:
         /// What tells callers of different addresses apart, by channel label; [any thread].
         std::function<QString(const QString &label)> originOf;
         CUnnamedCallers *unnamed = nullptr;
-        std::function<void(const QString &directory)> onStored; // a message has arrived; may be empty
-        MessageNewsListener onNews;                             // shown to people; may be empty
+        MessageNewsListener onNews;      // shown to people; may be empty
         CTransferBoard *board = nullptr; // likewise, while it comes and goes; may be null
         int lingerMs = 0;                // how long a call that we have placed stays when all is said
         bool isWatched = false;          // somebody else tells people what has been delivered

@@ -1,6 +1,6 @@
 #include "host/conversation/coutbox.h"
 
-#include "common/csettings.h"
+#include "common/filepermissions.h"
 #include "common/global.h"
 #include "common/logger.h"
 #include "host/conversation/descriptors.h"
@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
 #include <functional>
 #include <linux/fs.h>
@@ -27,7 +26,6 @@ namespace {
 constexpr quint32 magic = 0x41424f31; // "ABO1"
 constexpr qint64 smallBytes = 1024 * 1024;
 constexpr qint64 mostTextBytes = 1024 * 1024;
-constexpr int copyBytes = 256 * 1024;
 constexpr int mostAttempts = 1000;
 constexpr int newFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 constexpr int readFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
@@ -168,14 +166,13 @@ void COutboxEntry::readState()
 
 void COutboxEntry::note(const QByteArray &line)
 {
-    int file = ::open(encoded(directory + QLatin1String("/state")).constData(),
-                      O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
+    const CDescriptor file(::open(encoded(directory + QLatin1String("/state")).constData(),
+                                  O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
     // Lost, it is asked again, and the receiver knows.
-    if (file < 0 || !writeAll(file, {line.constData(), std::size_t(line.size())}))
+    if (!file.isOpen() || !Io::writeAll(file, line))
         debug(QStringLiteral("COutboxEntry"),
-              QStringLiteral("Не удалось записать состояние сообщения %1: %2").arg(number, systemReason()),
+              QStringLiteral("Не удалось записать состояние сообщения %1: %2").arg(number, reasonOf(errno)),
               DebugAlways, DebugFlagNone);
-    closeDescriptor(&file);
 }
 
 void COutboxEntry::settle(std::size_t index, State state, const QString &detail)
@@ -197,13 +194,12 @@ void COutboxEntry::noteAttempt(int code, const QString &reason)
 
 void COutboxEntry::showLive(std::size_t current, qint64 sent)
 {
-    int file = ::open(encoded(directory + QLatin1String("/live")).constData(),
-                      O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+    const CDescriptor file(::open(encoded(directory + QLatin1String("/live")).constData(),
+                                  O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
     const QByteArray text =
         (QByteArray::number(qint64(current)) + ' ' + QByteArray::number(sent)).leftJustified(47) + '\n';
-    if (file >= 0 && ::pwrite(file, text.constData(), std::size_t(text.size()), 0) < 0)
+    if (file.isOpen() && ::pwrite(file.get(), text.constData(), std::size_t(text.size()), 0) < 0)
         errno = 0; // nobody sees it then
-    closeDescriptor(&file);
 }
 
 void COutboxEntry::retryRefused()
@@ -238,28 +234,17 @@ QString COutboxEntry::refresh(std::size_t index)
 {
     OutgoingMessage &message = messages[index];
     std::vector<qint64> sizes;
-    QByteArray bytes(copyBytes, Qt::Uninitialized);
     for (OutgoingPiece &piece : message.pieces) {
         if (piece.modifiedNs < 0) {
             sizes.push_back(piece.size);
             continue;
         }
         const QByteArray copyName = piece.file + '.' + QByteArray::number(newStamp(), 16);
-        int from = ::open((encoded(directory) + '/' + piece.file).constData(), readFlags);
-        int to = ::open((encoded(directory) + '/' + copyName).constData(), newFileFlags, 0600);
-        qint64 copied = 0;
-        qint64 count = from < 0 || to < 0 ? -1 : 0;
-        while (count >= 0 && (count = readAll(from, bytes.data(), bytes.size())) > 0) {
-            copied += count;
-            if (!writeAll(to, {bytes.constData(), std::size_t(count)}))
-                count = -1;
-        }
-        if (count == 0 && ::fsync(to) != 0)
-            count = -1;
-        closeDescriptor(&from);
-        closeDescriptor(&to);
-        if (count < 0)
-            return QStringLiteral("Не удалось скопировать измененный файл: %1").arg(systemReason());
+        const CDescriptor from(::open((encoded(directory) + '/' + piece.file).constData(), readFlags));
+        const CDescriptor to(::open((encoded(directory) + '/' + copyName).constData(), newFileFlags, 0600));
+        const qint64 copied = from.isOpen() && to.isOpen() ? copyRest(from, to) : -1;
+        if (copied < 0 || !Io::sync(to))
+            return QStringLiteral("Не удалось скопировать измененный файл: %1").arg(reasonOf(errno));
         piece = {copyName, 0, copied, -1};
         sizes.push_back(copied);
     }
@@ -306,14 +291,9 @@ COutgoingReader::COutgoingReader(const QString &ofDirectory, const OutgoingMessa
     : directory(ofDirectory), pieces(ofMessage.pieces)
 {}
 
-COutgoingReader::~COutgoingReader()
-{
-    closeDescriptor(&file);
-}
-
 COutgoingReader::Result COutgoingReader::fail()
 {
-    why = systemReason();
+    why = reasonOf(errno);
     return Failed;
 }
 
@@ -325,7 +305,7 @@ COutgoingReader::Result COutgoingReader::check()
     {};
     if (now.modifiedNs < 0)
         return Good;
-    if (::fstat(file, &status) != 0)
+    if (::fstat(file.get(), &status) != 0)
         return fail();
     return status.st_size == now.size && modifiedNsOf(status) == now.modifiedNs ? Good : Changed;
 }
@@ -333,10 +313,10 @@ COutgoingReader::Result COutgoingReader::check()
 COutgoingReader::Result COutgoingReader::open()
 {
     const OutgoingPiece &now = pieces[piece];
-    file = ::open((encoded(directory) + '/' + now.file).constData(), readFlags | O_NOFOLLOW);
-    if (file < 0 || ::lseek(file, now.offset, SEEK_SET) < 0)
+    file.reset(::open((encoded(directory) + '/' + now.file).constData(), readFlags | O_NOFOLLOW));
+    if (!file.isOpen() || ::lseek(file.get(), now.offset, SEEK_SET) < 0)
         return fail();
-    ::posix_fadvise(file, 0, 0, POSIX_FADV_SEQUENTIAL);
+    ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     return check();
 }
 
@@ -344,7 +324,7 @@ COutgoingReader::Result COutgoingReader::read(char *bytes, int size)
 {
     while (size > 0) {
         while (piece < pieces.size() && done == pieces[piece].size) {
-            closeDescriptor(&file);
+            file.reset();
             ++piece;
             done = 0;
         }
@@ -352,11 +332,11 @@ COutgoingReader::Result COutgoingReader::read(char *bytes, int size)
             why = QStringLiteral("файл короче, чем записано");
             return Failed;
         }
-        Result result = file < 0 ? open() : Good;
+        Result result = file.isOpen() ? Good : open();
         if (result != Good)
             return result;
         const qint64 wanted = qMin<qint64>(size, pieces[piece].size - done);
-        const qint64 count = readAll(file, bytes, wanted);
+        const qint64 count = readUpTo(file, bytes, wanted);
         if (count < 0)
             return fail();
         if (count < wanted)
@@ -379,15 +359,13 @@ COutboxWriter::COutboxWriter(int level) : output(Global::outputMessagesDir(level
 
 COutboxWriter::~COutboxWriter()
 {
-    if (!isCommitted && directory >= 0)
+    if (!isCommitted && directory.isOpen())
         made.remove();
-    closeDescriptor(&packFile);
-    closeDescriptor(&directory);
 }
 
 QString COutboxWriter::trouble(const QString &what) const
 {
-    return QStringLiteral("Не удалось принять к отправке %1: %2").arg(what, systemReason());
+    return QStringLiteral("Не удалось принять к отправке %1: %2").arg(what, reasonOf(errno));
 }
 
 QString COutboxWriter::begin(const QString &abonent, const QString &address, int port)
@@ -398,7 +376,7 @@ QString COutboxWriter::begin(const QString &abonent, const QString &address, int
     made.created = QDateTime::currentDateTime();
     if (!Global::makePath(output))
         return QStringLiteral("Не удалось создать каталог %1").arg(output.absolutePath());
-    for (int attempt = 0; attempt < mostAttempts && directory < 0; ++attempt) {
+    for (int attempt = 0; attempt < mostAttempts && !directory.isOpen(); ++attempt) {
         const QString name = Global::nextMessageDirName(output);
         if (name.isEmpty())
             continue; // many names in a row are taken: the next call looks anew
@@ -409,22 +387,25 @@ QString COutboxWriter::begin(const QString &abonent, const QString &address, int
             break;
         }
         directory = openDirectory(path);
-        if (directory >= 0 && ::flock(directory, LOCK_EX | LOCK_NB) != 0)
-            closeDescriptor(&directory); // a sweep was quicker and removes it
+        if (directory.isOpen() && ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0)
+            directory.reset(); // a sweep was quicker and removes it
         made.number = name;
         made.directory = path;
     }
-    if (directory < 0)
+    if (!directory.isOpen())
         return trouble(QStringLiteral("сообщение"));
-    QFile::setPermissions(made.directory, QFileDevice::Permissions(CSettings().dirPermissions()));
-    packFile = ::openat(directory, "pack", newFileFlags, 0600);
-    int state = ::openat(directory, "state", newFileFlags, 0600);
-    if (packFile < 0 || state < 0)
-        return trouble(QStringLiteral("сообщение"));
-    closeDescriptor(&state);
-    for (const char *name : {"/pack", "/state"})
-        Global::setFilePermissions(made.directory + QLatin1String(name));
-    return QString();
+    Global::setDirectoryPermissions(directory.get(), made.directory);
+    packFile = newFile("pack");
+    return packFile.isOpen() && newFile("state").isOpen() ? QString() : trouble(QStringLiteral("сообщение"));
+}
+
+/// A new file of the entry, with the rights that it has to have; closed on failure: errno
+CDescriptor COutboxWriter::newFile(const QByteArray &name) const
+{
+    CDescriptor file(::openat(directory.get(), name.constData(), newFileFlags, 0600));
+    if (file.isOpen())
+        Global::setFilePermissions(file.get(), made.directory + QLatin1Char('/') + shown(name));
+    return file;
 }
 
 OutgoingMessage COutboxWriter::start(OfferFrame::Kind kind, const QByteArray &name) const
@@ -440,7 +421,7 @@ OutgoingMessage COutboxWriter::start(OfferFrame::Kind kind, const QByteArray &na
 
 QString COutboxWriter::pack(std::string_view bytes, OutgoingMessage *message)
 {
-    if (!writeAll(packFile, bytes))
+    if (!Io::writeAll(packFile.get(), bytes))
         return trouble(message->title());
     message->pieces.push_back({"pack", packed, qint64(bytes.size()), -1});
     packed += qint64(bytes.size());
@@ -463,62 +444,48 @@ QString COutboxWriter::addText(const QString &text)
 }
 
 /// Copies what is left of a file into one of the entry. @param size set to what it was
-QString COutboxWriter::copy(int from, qint64 *size, const QByteArray &name)
+QString COutboxWriter::copy(const CDescriptor &from, qint64 *size, const QByteArray &name)
 {
-    int to = ::openat(directory, name.constData(), newFileFlags, 0600);
-    QByteArray bytes(copyBytes, Qt::Uninitialized);
-    qint64 count = to < 0 ? -1 : 0;
-    *size = 0;
-    while (count >= 0 && (count = readAll(from, bytes.data(), bytes.size())) > 0) {
-        *size += count;
-        if (!writeAll(to, {bytes.constData(), std::size_t(count)}))
-            count = -1;
-    }
-    if (count == 0 && ::fdatasync(to) != 0)
-        count = -1;
-    closeDescriptor(&to);
-    if (count >= 0)
-        Global::setFilePermissions(made.directory + QLatin1Char('/') + shown(name));
-    return count < 0 ? trouble(shown(name)) : QString();
+    const CDescriptor to = newFile(name);
+    *size = to.isOpen() ? copyRest(from, to) : -1;
+    return *size >= 0 && Io::sync(to) ? QString() : trouble(shown(name));
 }
 
 /// Takes the contents of an open regular file.
-QString COutboxWriter::takeFile(int file, qint64 size, qint64 modifiedNs, OutgoingMessage *message)
+QString COutboxWriter::takeFile(const CDescriptor &file, qint64 size, qint64 modifiedNs,
+                                OutgoingMessage *message)
 {
     if (size <= smallBytes) {
         // One byte more shows whether it has grown meanwhile.
         QByteArray bytes(int(size) + 1, Qt::Uninitialized);
-        const qint64 count = readAll(file, bytes.data(), bytes.size());
+        const qint64 count = readUpTo(file, bytes.data(), bytes.size());
         if (count < 0)
             return trouble(message->title());
         if (count <= size)
             return pack({bytes.constData(), std::size_t(count)}, message);
-        if (::lseek(file, 0, SEEK_SET) != 0)
+        if (::lseek(file.get(), 0, SEEK_SET) != 0)
             return trouble(message->title());
     }
     const QByteArray name = QByteArray::number(++files);
     OutgoingPiece piece{name, 0, size, -1};
-    int clone = ::openat(directory, name.constData(), newFileFlags, 0600);
+    const CDescriptor clone = newFile(name);
     struct stat status
     {};
-    if (clone >= 0 && ::ioctl(clone, FICLONE, file) == 0 && ::fstat(clone, &status) == 0) {
+    if (clone.isOpen() && ::ioctl(clone.get(), FICLONE, file.get()) == 0 &&
+        ::fstat(clone.get(), &status) == 0) {
         piece.size = status.st_size;
-        const bool isSynced = ::fdatasync(clone) == 0;
-        closeDescriptor(&clone);
-        if (!isSynced)
+        if (!Io::sync(clone))
             return trouble(message->title());
-        Global::setFilePermissions(made.directory + QLatin1Char('/') + shown(name));
     } else {
-        closeDescriptor(&clone);
-        ::unlinkat(directory, name.constData(), 0);
+        ::unlinkat(directory.get(), name.constData(), 0);
         // A link has the rights of the file: it will do if whoever delivers can read it, that is we, or all.
         struct stat place
         {};
-        const bool isReadable = ::fstat(file, &status) == 0 && ::fstat(directory, &place) == 0 &&
+        const bool isReadable = ::fstat(file.get(), &status) == 0 && ::fstat(directory.get(), &place) == 0 &&
                                 ((status.st_mode & S_IROTH) || place.st_uid == status.st_uid);
-        const QByteArray self = "/proc/self/fd/" + QByteArray::number(file);
+        const QByteArray self = "/proc/self/fd/" + QByteArray::number(file.get());
         if (isReadable &&
-            ::linkat(AT_FDCWD, self.constData(), directory, name.constData(), AT_SYMLINK_FOLLOW) == 0) {
+            ::linkat(AT_FDCWD, self.constData(), directory.get(), name.constData(), AT_SYMLINK_FOLLOW) == 0) {
             piece.modifiedNs = modifiedNs;
         } else {
             const QString error = copy(file, &piece.size, name);
@@ -533,15 +500,13 @@ QString COutboxWriter::takeFile(int file, qint64 size, qint64 modifiedNs, Outgoi
 
 QString COutboxWriter::addPath(const QByteArray &path)
 {
-    int file = ::open(path.constData(), readFlags);
+    const CDescriptor file(::open(path.constData(), readFlags));
     struct stat status
     {};
-    if (file < 0 || ::fstat(file, &status) != 0) {
-        const QString text = errno == ENOENT ? QStringLiteral("Файл %1 не существует").arg(shown(path))
-                                             : QStringLiteral("Файл %1 нельзя прочитать: %2")
-                                                   .arg(shown(path), reasonOf(errno, shown(path)));
-        closeDescriptor(&file);
-        return text;
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
+        return errno == ENOENT ? QStringLiteral("Файл %1 не существует").arg(shown(path))
+                               : QStringLiteral("Файл %1 нельзя прочитать: %2")
+                                     .arg(shown(path), reasonOf(errno, shown(path)));
     }
     // "dir/" and "." have a name as well.
     QByteArray name = path;
@@ -565,15 +530,14 @@ QString COutboxWriter::addPath(const QByteArray &path)
         if (error.isNull())
             made.messages.push_back(message);
     }
-    closeDescriptor(&file);
     return error;
 }
 
-QString COutboxWriter::addStream(int descriptor, const QByteArray &name)
+QString COutboxWriter::addStream(const CDescriptor &stream, const QByteArray &name)
 {
     OutgoingMessage message = start(OfferFrame::File, name);
     OutgoingPiece piece{QByteArray::number(++files), 0, 0, -1};
-    const QString error = copy(descriptor, &piece.size, piece.file);
+    const QString error = copy(stream, &piece.size, piece.file);
     if (!error.isNull())
         return error;
     message.offer.size = piece.size;
@@ -583,60 +547,54 @@ QString COutboxWriter::addStream(int descriptor, const QByteArray &name)
 }
 
 /// Walks a directory in the order of names, a directory before what is in it. Nothing is followed.
-QString COutboxWriter::addTree(int root, const QByteArray &name, qint64 modifiedNs)
+QString COutboxWriter::addTree(const CDescriptor &root, const QByteArray &name, qint64 modifiedNs)
 {
     std::vector<TreeEntry> entries;
     OutgoingMessage contents = start(OfferFrame::Tree, name);
     qint64 listBytes = 0;
-    const std::function<QString(int, const QByteArray &)> walk = [&](int place, const QByteArray &above) {
-        DIR *list = ::fdopendir(::openat(place, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!list)
-            return trouble(shown(above));
-        std::vector<QByteArray> names;
-        while (const dirent *entry = ::readdir(list)) {
-            if (isFileName(entry->d_name))
-                names.emplace_back(entry->d_name);
-        }
-        ::closedir(list);
-        std::sort(names.begin(), names.end());
-        for (const QByteArray &child : names) {
-            const QByteArray path = above.isEmpty() ? child : above + '/' + child;
-            int file = ::openat(place, child.constData(), readFlags | O_NOFOLLOW);
-            struct stat status
-            {};
-            if (file < 0 && (errno == ELOOP || errno == ENXIO || errno == ENODEV)) {
-                passedOver << shown(path);
-                continue;
+    const std::function<QString(const CDescriptor &, const QByteArray &)> walk =
+        [&](const CDescriptor &place, const QByteArray &above) {
+            auto names = namesIn(place);
+            if (!names)
+                return trouble(shown(above));
+            std::sort(names->begin(), names->end());
+            for (const QByteArray &child : *names) {
+                const QByteArray path = above.isEmpty() ? child : above + '/' + child;
+                const CDescriptor file(::openat(place.get(), child.constData(), readFlags | O_NOFOLLOW));
+                struct stat status
+                {};
+                if (!file.isOpen() && (errno == ELOOP || errno == ENXIO || errno == ENODEV)) {
+                    passedOver << shown(path);
+                    continue;
+                }
+                if (!file.isOpen() || ::fstat(file.get(), &status) != 0)
+                    return trouble(shown(path));
+                QString error;
+                TreeEntry entry;
+                entry.path = path;
+                entry.modifiedNs = modifiedNsOf(status);
+                listBytes += path.size() + 32;
+                if (listBytes > TreeLimits::listBytes || path.size() > TreeLimits::pathBytes ||
+                    path.count('/') + 1 >= TreeLimits::depth) {
+                    error = QStringLiteral("Каталог %1 слишком велик или глубок").arg(shown(name));
+                } else if (S_ISDIR(status.st_mode)) {
+                    entry.isDirectory = true;
+                    entries.push_back(entry);
+                    error = walk(file, path);
+                } else if (S_ISREG(status.st_mode)) {
+                    const qint64 before = contents.offer.size;
+                    entry.isExecutable = status.st_mode & S_IXUSR;
+                    error = takeFile(file, status.st_size, entry.modifiedNs, &contents);
+                    entry.size = contents.offer.size - before;
+                    entries.push_back(entry);
+                } else {
+                    passedOver << shown(path);
+                }
+                if (!error.isNull())
+                    return error;
             }
-            if (file < 0 || ::fstat(file, &status) != 0)
-                return trouble(shown(path));
-            QString error;
-            TreeEntry entry;
-            entry.path = path;
-            entry.modifiedNs = modifiedNsOf(status);
-            listBytes += path.size() + 32;
-            if (listBytes > TreeLimits::listBytes || path.size() > TreeLimits::pathBytes ||
-                path.count('/') + 1 >= TreeLimits::depth) {
-                error = QStringLiteral("Каталог %1 слишком велик или глубок").arg(shown(name));
-            } else if (S_ISDIR(status.st_mode)) {
-                entry.isDirectory = true;
-                entries.push_back(entry);
-                error = walk(file, path);
-            } else if (S_ISREG(status.st_mode)) {
-                const qint64 before = contents.offer.size;
-                entry.isExecutable = status.st_mode & S_IXUSR;
-                error = takeFile(file, status.st_size, entry.modifiedNs, &contents);
-                entry.size = contents.offer.size - before;
-                entries.push_back(entry);
-            } else {
-                passedOver << shown(path);
-            }
-            closeDescriptor(&file);
-            if (!error.isNull())
-                return error;
-        }
-        return QString();
-    };
+            return QString();
+        };
     QString error = walk(root, QByteArray());
     if (!error.isNull())
         return error;
@@ -656,16 +614,16 @@ QString COutboxWriter::commit()
 {
     made.states.assign(made.messages.size(), COutboxEntry::Waiting);
     made.reasons.resize(made.messages.size());
-    if (packed > 0 && ::fdatasync(packFile) != 0)
+    if (packed > 0 && !Io::sync(packFile))
         return trouble(QStringLiteral("сообщение"));
     const QString error = made.save(); // syncs the directory as well
     if (!error.isNull())
         return error;
-    if (!syncDirectory(output.absolutePath()))
+    if (!Io::syncDirectory(encoded(output.absolutePath())))
         return trouble(QStringLiteral("сообщение"));
     isCommitted = true;
-    closeDescriptor(&packFile);
-    closeDescriptor(&directory);
+    packFile.reset();
+    directory.reset();
     return QString();
 }
 
@@ -691,9 +649,8 @@ void Outbox::sweep(int level)
         if (QFile::exists(path + QLatin1String("/message")) ||
             QFile::exists(path + QLatin1String("/message.old")))
             continue;
-        int descriptor = openDirectory(path);
-        if (descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0)
+        const CDescriptor place = openDirectory(path);
+        if (place.isOpen() && ::flock(place.get(), LOCK_EX | LOCK_NB) == 0)
             removeTree(AT_FDCWD, encoded(path));
-        closeDescriptor(&descriptor);
     }
 }

@@ -13,6 +13,7 @@
 // Any number of processes may add and read entries; only the one that holds CTransportLock sends and removes.
 #pragma once
 
+#include "common/descriptor.h"
 #include "host/conversation/messageframe.h"
 
 #include <QByteArray>
@@ -116,7 +117,6 @@ public:
         Failed,  // reason()
     };
 
-    ~COutgoingReader();
     COutgoingReader(const QString &ofDirectory, const OutgoingMessage &ofMessage);
 
     COutgoingReader(const COutgoingReader &) = delete;
@@ -136,7 +136,7 @@ private:
     const std::vector<OutgoingPiece> pieces;
     std::size_t piece = 0;
     qint64 done = 0; // of the current piece
-    int file = -1;
+    CDescriptor file;
     QString why;
 };
 
@@ -154,7 +154,7 @@ public:
     QString begin(const QString &abonent, const QString &address, int port);
     QString addText(const QString &text);
     QString addPath(const QByteArray &path); // a file or a directory
-    QString addStream(int descriptor, const QByteArray &name);
+    QString addStream(const CDescriptor &stream, const QByteArray &name);
 
     /// The entry is on the disk and will be delivered.
     QString commit();
@@ -165,18 +165,19 @@ public:
     const QStringList &leftOut() const { return passedOver; }
 
 private:
+    CDescriptor newFile(const QByteArray &name) const;
     OutgoingMessage start(OfferFrame::Kind kind, const QByteArray &name) const;
     QString pack(std::string_view bytes, OutgoingMessage *message);
-    QString takeFile(int file, qint64 size, qint64 modifiedNs, OutgoingMessage *message);
-    QString copy(int from, qint64 *size, const QByteArray &name);
-    QString addTree(int directory, const QByteArray &name, qint64 modifiedNs);
+    QString takeFile(const CDescriptor &file, qint64 size, qint64 modifiedNs, OutgoingMessage *message);
+    QString copy(const CDescriptor &from, qint64 *size, const QByteArray &name);
+    QString addTree(const CDescriptor &root, const QByteArray &name, qint64 modifiedNs);
     QString trouble(const QString &what) const;
 
     const QDir output;
     COutboxEntry made;
     bool isCommitted = false;
-    int directory = -1; // descriptor, holds a lock: the entry is being made
-    int packFile = -1;
+    CDescriptor directory; // holds a lock: the entry is being made
+    CDescriptor packFile;
     qint64 packed = 0;
     int files = 0;
     QStringList passedOver;

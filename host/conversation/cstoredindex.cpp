@@ -1,12 +1,14 @@
 #include "host/conversation/cstoredindex.h"
 
+#include "common/filepermissions.h"
 #include "common/global.h"
 #include "common/logger.h"
+#include "common/trustedfile.h"
 #include "host/conversation/csha256.h"
-#include "host/conversation/descriptors.h"
 #include "host/text/reasons.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QtEndian>
 
 #include <cerrno>
@@ -39,11 +41,6 @@ QByteArray toBytes(const CStoredIndex::Record &record)
 
 } // namespace
 
-CStoredIndex::~CStoredIndex()
-{
-    closeDescriptor(&file);
-}
-
 QString CStoredIndex::open(const QString &fileName)
 {
     path = fileName;
@@ -63,16 +60,16 @@ QString CStoredIndex::open(const QString &fileName)
     for (int at = 0; at + recordSize <= bytes.size(); at += recordSize) {
         const char *record = bytes.constData() + at;
         if (bytes.mid(at + checkedSize, recordSize - checkedSize) == checkOf(record))
-            digests.insert(bytes.mid(at, keySize), bytes.mid(at + keySize, digestSize));
+            note(bytes.mid(at, keySize), bytes.mid(at + keySize, digestSize));
     }
-    closeDescriptor(&file);
-    file = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC,
-                  0600);
+    file = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_APPEND, 0600);
     // What a crash has cut off would shift all that follows.
-    if (file < 0 || ::ftruncate(file, bytes.size() / recordSize * recordSize) != 0)
+    if (!file.isOpen() || ::ftruncate(file.get(), bytes.size() / recordSize * recordSize) != 0)
         return trouble("открыть");
-    Global::setFilePermissions(path);
-    return QString();
+    Global::setFilePermissions(file.get(), path);
+    return Io::sync(file) && Io::syncDirectory(QFile::encodeName(QFileInfo(path).path()))
+               ? QString()
+               : trouble("записать");
 }
 
 QString CStoredIndex::add(const std::vector<Record> &records)
@@ -80,16 +77,21 @@ QString CStoredIndex::add(const std::vector<Record> &records)
     QByteArray bytes;
     for (const Record &record : records)
         bytes += toBytes(record);
-    const off_t before = ::lseek(file, 0, SEEK_END);
-    if (!writeAll(file, {bytes.constData(), std::size_t(bytes.size())}) || ::fdatasync(file) != 0) {
+    const off_t before = ::lseek(file.get(), 0, SEEK_END);
+    if (!Io::writeAll(file, bytes) || ::fdatasync(file.get()) != 0) {
         const QString text = trouble("записать");
-        if (::ftruncate(file, before) != 0)
+        if (::ftruncate(file.get(), before) != 0)
             debug(QStringLiteral("CStoredIndex"), trouble("укоротить"), DebugAlways, DebugFlagNone);
         return text;
     }
     for (const Record &record : records)
-        digests.insert(record.key, record.digest);
+        note(record.key, record.digest);
     return QString();
+}
+
+void CStoredIndex::note(const QByteArray &key, const QByteArray &digest)
+{
+    stored.insert(key, {digest, stored.size()});
 }
 
 QString CStoredIndex::trouble(const char *doing) const

@@ -9,8 +9,10 @@
 //       48     8  when, s since 1970        big-endian
 //       56     8  check                     the first bytes of the SHA-256 of what stands before it
 //
-// A damaged record is passed over. The latest million are kept.
+// A damaged record is passed over. When there are more than a million, the latest half is kept.
 #pragma once
+
+#include "common/descriptor.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -28,13 +30,14 @@ public:
         QByteArray digest; // 32 bytes
     };
 
-    ~CStoredIndex();
-
     /// Reads the file; makes it if there is none. @return null on success, else a text for people
     QString open(const QString &path);
 
     /// The digest of a stored message; empty when it is not.
-    QByteArray digestOf(const QByteArray &key) const { return digests.value(key); }
+    QByteArray digestOf(const QByteArray &key) const { return stored.value(key).digest; }
+
+    /// Which of two was stored first: the smaller number. -1 of one that is not stored.
+    int orderOf(const QByteArray &key) const { return stored.value(key).order; }
 
     /// Adds records, all or none. They are on the disk afterwards.
     /// @return null on success, else a text for people
@@ -43,7 +46,15 @@ public:
 private:
     QString trouble(const char *doing) const;
 
-    int file = -1; // descriptor
+    CDescriptor file;
     QString path;
-    QHash<QByteArray, QByteArray> digests;
+
+    struct Stored
+    {
+        QByteArray digest;
+        int order = -1;
+    };
+    void note(const QByteArray &key, const QByteArray &digest);
+
+    QHash<QByteArray, Stored> stored;
 };

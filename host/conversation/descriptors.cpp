@@ -1,39 +1,25 @@
 #include "host/conversation/descriptors.h"
 
-#include "host/text/reasons.h"
-
 #include <QFile>
 
-#include <cerrno>
+#include <memory>
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-void closeDescriptor(int *descriptor)
-{
-    const int reason = errno;
-    if (*descriptor >= 0)
-        ::close(*descriptor);
-    *descriptor = -1;
-    errno = reason;
-}
+namespace {
 
-bool writeAll(int descriptor, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR)
-            return false;
-        bytes.remove_prefix(std::size_t(qMax<ssize_t>(count, 0)));
-    }
-    return true;
-}
+constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int copyBytes = 256 * 1024;
 
-qint64 readAll(int descriptor, char *bytes, qint64 size)
+} // namespace
+
+qint64 readUpTo(const CDescriptor &file, char *bytes, qint64 size)
 {
     qint64 done = 0;
     while (done < size) {
-        const ssize_t count = ::read(descriptor, bytes + done, std::size_t(size - done));
+        const ssize_t count = ::read(file.get(), bytes + done, std::size_t(size - done));
         if (count == 0)
             break;
         if (count < 0 && errno != EINTR)
@@ -43,17 +29,43 @@ qint64 readAll(int descriptor, char *bytes, qint64 size)
     return done;
 }
 
-int openDirectory(const QString &path)
+qint64 copyRest(const CDescriptor &from, const CDescriptor &to)
 {
-    return ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    QByteArray bytes(copyBytes, Qt::Uninitialized);
+    qint64 copied = 0;
+    for (;;) {
+        const qint64 count = readUpTo(from, bytes.data(), bytes.size());
+        if (count <= 0)
+            return count < 0 ? -1 : copied;
+        if (!Io::writeAll(to.get(), {bytes.constData(), std::size_t(count)}))
+            return -1;
+        copied += count;
+    }
 }
 
-bool syncDirectory(const QString &path)
+CDescriptor openDirectory(const QString &path)
 {
-    int directory = openDirectory(path);
-    const bool isSynced = directory >= 0 && ::fsync(directory) == 0;
-    closeDescriptor(&directory);
-    return isSynced;
+    return CDescriptor(::open(QFile::encodeName(path).constData(), directoryFlags));
+}
+
+CDescriptor openDirectory(const CDescriptor &parent, const QByteArray &name)
+{
+    return CDescriptor(::openat(parent.get(), name.constData(), directoryFlags));
+}
+
+std::optional<std::vector<QByteArray>> namesIn(const CDescriptor &directory)
+{
+    const int opened = ::openat(directory.get(), ".", directoryFlags);
+    const std::unique_ptr<DIR, int (*)(DIR *)> list(opened < 0 ? nullptr : ::fdopendir(opened), ::closedir);
+    if (!list)
+        return std::nullopt;
+    std::vector<QByteArray> names;
+    while (const dirent *entry = ::readdir(list.get())) {
+        const QByteArray name(entry->d_name);
+        if (name != "." && name != "..")
+            names.push_back(name);
+    }
+    return names;
 }
 
 bool removeTree(int parent, const QByteArray &name)
@@ -62,20 +74,11 @@ bool removeTree(int parent, const QByteArray &name)
         return true;
     if (errno != EISDIR && errno != EPERM)
         return false;
-    const int directory = ::openat(parent, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    DIR *list = directory >= 0 ? ::fdopendir(directory) : nullptr; // its descriptor from now on
-    if (!list)
+    const CDescriptor directory(::openat(parent, name.constData(), directoryFlags));
+    const auto names = namesIn(directory);
+    if (!names)
         return false;
-    while (const dirent *entry = ::readdir(list)) {
-        const QByteArray child(entry->d_name);
-        if (child != "." && child != "..")
-            removeTree(directory, child);
-    }
-    ::closedir(list);
+    for (const QByteArray &child : *names)
+        removeTree(directory.get(), child);
     return ::unlinkat(parent, name.constData(), AT_REMOVEDIR) == 0;
-}
-
-QString systemReason()
-{
-    return reasonOf(errno);
 }

@@ -1,28 +1,28 @@
-// Small helpers around file descriptors, for the rooms that keep messages on the disk.
+// Directories and whole files by their descriptors, for the rooms that keep messages on the disk.
+// What opens, closes and writes stands in common/descriptor.h.
 #pragma once
+
+#include "common/descriptor.h"
 
 #include <QByteArray>
 #include <QString>
 
-#include <string_view>
+#include <optional>
+#include <vector>
 
-/// Closes *descriptor, if it is one, and makes it -1. errno stays as it is.
-void closeDescriptor(int *descriptor);
+/// @return how much was read: less than @a size at the end of the file, -1 on failure (errno)
+qint64 readUpTo(const CDescriptor &file, char *bytes, qint64 size);
 
-/// @return whether all of it was written; errno tells why not
-bool writeAll(int descriptor, std::string_view bytes);
+/// Copies what is left of a file behind what is in another one.
+/// @return how much that was, -1 on failure (errno)
+qint64 copyRest(const CDescriptor &from, const CDescriptor &to);
 
-/// @return how much was read: less than @a size at the end of the file, -1 on failure
-qint64 readAll(int descriptor, char *bytes, qint64 size);
+/// Opens a directory for its own sake, no link; closed on failure (errno).
+CDescriptor openDirectory(const QString &path);
+CDescriptor openDirectory(const CDescriptor &parent, const QByteArray &name);
 
-/// Opens a directory for its own sake, no link. @return -1 on failure
-int openDirectory(const QString &path);
-
-/// Syncs a directory, so that the names in it last. @return whether that went well
-bool syncDirectory(const QString &path);
+/// The names in a directory, but "." and "..". @return nothing on failure (errno)
+std::optional<std::vector<QByteArray>> namesIn(const CDescriptor &directory);
 
 /// Removes a file, or a directory with all that is in it; follows no link. @return whether it is gone
 bool removeTree(int parent, const QByteArray &name);
-
-/// What errno says, in Russian.
-QString systemReason();

@@ -5,7 +5,9 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -27,31 +29,66 @@ QByteArray candidate(const QByteArray &name, int number)
     return name.left(qMin(name.size() - ending.size(), 255 - ending.size() - mark.size())) + mark + ending;
 }
 
-/// What cannot be renamed because the folder is on another file system. The copy gets its name when it is
-/// whole.
-bool copyFile(int from, const QByteArray &name, int to, const QByteArray &target)
+/// Gives what is under @a name its first free name in the folder. @return false on failure: errno
+bool moveUnder(const QByteArray &wanted, const CDescriptor &from, const QByteArray &name,
+               const CDescriptor &to)
 {
-    const QByteArray draft = "." + target.left(200) + ".part";
-    int source = ::openat(from, name.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    for (int number = 1; number <= mostNames; ++number) {
+        const QByteArray target = candidate(wanted, number);
+        if (::renameat2(from.get(), name.constData(), to.get(), target.constData(), RENAME_NOREPLACE) == 0)
+            return true;
+        if (errno != EEXIST)
+            return false;
+    }
+    return false;
+}
+
+bool copyFile(const CDescriptor &from, const QByteArray &name, const CDescriptor &to, const QByteArray &draft)
+{
+    const CDescriptor source(::openat(from.get(), name.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status
     {};
-    ::unlinkat(to, draft.constData(), 0);
-    int copy = ::openat(to, draft.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    bool isDone = source >= 0 && copy >= 0 && ::fstat(source, &status) == 0 && S_ISREG(status.st_mode);
-    QByteArray bytes(256 * 1024, Qt::Uninitialized);
-    for (qint64 count = 1; isDone && count > 0;) {
-        count = readAll(source, bytes.data(), bytes.size());
-        isDone = count >= 0 && writeAll(copy, {bytes.constData(), std::size_t(qMax<qint64>(count, 0))});
+    if (!source.isOpen() || ::fstat(source.get(), &status) != 0)
+        return false;
+    if (!S_ISREG(status.st_mode)) {
+        errno = EXDEV; // a tree
+        return false;
     }
+    ::unlinkat(to.get(), draft.constData(), 0);
+    const CDescriptor copy(
+        ::openat(to.get(), draft.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     const timespec times[2] = {{0, UTIME_OMIT}, status.st_mtim};
-    isDone = isDone && ::fchmod(copy, status.st_mode & 0777) == 0 && ::futimens(copy, times) == 0 &&
-             ::fsync(copy) == 0 &&
-             ::renameat2(to, draft.constData(), to, target.constData(), RENAME_NOREPLACE) == 0;
-    if (!isDone)
-        ::unlinkat(to, draft.constData(), 0);
-    closeDescriptor(&source);
-    closeDescriptor(&copy);
-    return isDone && ::unlinkat(from, name.constData(), 0) == 0;
+    return copy.isOpen() && copyRest(source, copy) >= 0 && ::fchmod(copy.get(), status.st_mode & 0777) == 0 &&
+           ::futimens(copy.get(), times) == 0 && Io::sync(copy) && Io::sync(to);
+}
+
+/// What cannot be renamed because the folder is on another file system:
+///
+///   draft copied --> mark made --> draft gets its name --> original goes --> mark goes
+///
+/// A mark without a draft says that the copy has its name.
+bool copyOver(const CDescriptor &from, const QByteArray &name, const CDescriptor &to, const QByteArray &draft,
+              const QByteArray &mark)
+{
+    const QByteArray marks = mark.left(mark.lastIndexOf('/'));
+    const bool isThere = ::access(mark.constData(), F_OK) == 0 &&
+                         ::faccessat(to.get(), draft.constData(), F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+    if (!isThere) {
+        ::unlink(mark.constData()); // of a copy that is begun anew
+        const auto makeMark = [&] {
+            return CDescriptor(::open(mark.constData(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600))
+                       .isOpen() &&
+                   Io::syncDirectory(marks);
+        };
+        if (!Io::syncDirectory(marks) || !copyFile(from, name, to, draft) || !makeMark() ||
+            !moveUnder(name, to, draft, to)) {
+            const int reason = errno;
+            ::unlinkat(to.get(), draft.constData(), 0);
+            errno = reason;
+            return false;
+        }
+    }
+    return Io::sync(to) && ::unlinkat(from.get(), name.constData(), 0) == 0;
 }
 
 } // namespace
@@ -67,31 +104,24 @@ QString checkHandOut(const QString &place)
 
 QString handOut(const QString &directory, const QString &place)
 {
-    int from = openDirectory(directory);
-    int to = ::open(QFile::encodeName(place).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const CDescriptor from = openDirectory(directory);
+    const CDescriptor to(
+        ::open(QFile::encodeName(place).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); // it may be a link
+    const QByteArray draft = '.' + QFile::encodeName(QFileInfo(directory).fileName()) + ".part";
+    const QByteArray mark = QFile::encodeName(directory) + ".copied";
     QString trouble;
+    const auto found = namesIn(from);
+    const std::vector<QByteArray> names = found.value_or(std::vector<QByteArray>());
     // The description is message.txt, or _message.txt where the contents have that name.
-    const QDir message(directory);
-    const bool isNamedSo = message.exists(QStringLiteral("_message.txt"));
-    const QStringList names =
-        message.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot | QDir::System);
-    for (const QString &shown : names) {
-        if (shown == (isNamedSo ? QLatin1String("_message.txt") : QLatin1String("message.txt")))
+    const bool isNamedSo = std::find(names.begin(), names.end(), "_message.txt") != names.end();
+    if (!found || !to.isOpen())
+        trouble = QStringLiteral("Не удалось открыть %1: %2").arg(place, reasonOf(errno, place));
+    for (const QByteArray &name : names) {
+        if (name == (isNamedSo ? "_message.txt" : "message.txt") || !trouble.isNull())
             continue;
-        const QByteArray name = QFile::encodeName(shown);
-        bool isMoved = false;
-        for (int number = 1; number <= mostNames && !isMoved; ++number) {
-            const QByteArray target = candidate(name, number);
-            isMoved = ::renameat2(from, name.constData(), to, target.constData(), RENAME_NOREPLACE) == 0 ||
-                      (errno == EXDEV && copyFile(from, name, to, target));
-            if (!isMoved && errno != EEXIST)
-                break;
-        }
-        if (!isMoved)
-            trouble = QStringLiteral("Не удалось переместить в %1: %2, осталось в %3")
-                          .arg(place, systemReason(), directory);
+        if (!moveUnder(name, from, name, to) && (errno != EXDEV || !copyOver(from, name, to, draft, mark)))
+            trouble = QStringLiteral("Не удалось переместить в %1: %2").arg(place, reasonOf(errno, place));
     }
-    closeDescriptor(&from);
-    closeDescriptor(&to);
+    ::unlink(mark.constData());
     return trouble;
 }

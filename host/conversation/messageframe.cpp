@@ -25,7 +25,7 @@ constexpr Bounds bounds[] = {
     {52, 52 + fileNameBytes},                // Offer
     {48, 48 + reasonBytes},                  // Answer
     {4 + 1, 4 + dataBytes},                  // Data
-    {4 + digestSize, 4 + digestSize},        // Finish
+    {4 + checkSize, 4 + checkSize},          // Finish
     {0, 0},                                  // Ping
     {0, 0},                                  // Pong
     {1, 1 + reasonBytes},                    // Bye
@@ -96,19 +96,23 @@ private:
     std::string_view rest;
 };
 
-bool fits(FrameType type, std::string_view payload)
+/// Takes a payload of a type apart. @param read fills a frame from the fields; @return whether they are sound
+template <typename Frame>
+std::optional<Frame> parsed(FrameType type, std::string_view payload, bool (*read)(Fields &, Frame &))
 {
     const Bounds &limit = bounds[int(type)];
-    return payload.size() >= limit.least && payload.size() <= limit.most;
+    if (payload.size() < limit.least || payload.size() > limit.most)
+        return std::nullopt;
+    Fields fields(payload);
+    Frame frame;
+    return read(fields, frame) ? std::make_optional(frame) : std::nullopt;
 }
 
-/// A text that is UTF-8 through and through.
-std::optional<QString> textOf(const QByteArray &bytes)
+/// @return whether @a bytes are UTF-8 through and through; *text then
+bool isText(const QByteArray &bytes, QString *text)
 {
-    const QString text = QString::fromUtf8(bytes);
-    if (text.toUtf8() != bytes)
-        return std::nullopt;
-    return text;
+    *text = QString::fromUtf8(bytes);
+    return text->toUtf8() == bytes;
 }
 
 /// At most @a limit bytes of UTF-8, cut between characters.
@@ -142,25 +146,16 @@ QByteArray HelloFrame::toBytes() const
 
 std::optional<HelloFrame> HelloFrame::fromPayload(std::string_view payload)
 {
-    if (!fits(FrameType::Hello, payload))
-        return std::nullopt;
-    Fields fields(payload);
-    if (fields.raw(sizeof(magic)) != QByteArray(magic, sizeof(magic)))
-        return std::nullopt;
-    HelloFrame hello;
-    hello.version = fields.number<quint16>();
-    hello.port = fields.number<quint16>();
-    const quint16 nameSize = fields.number<quint16>();
-    const quint16 programSize = fields.number<quint16>();
-    if (nameSize == 0 || std::size_t(nameSize) + programSize > fields.left())
-        return std::nullopt;
-    const std::optional<QString> nameText = textOf(fields.raw(nameSize));
-    const std::optional<QString> programText = textOf(fields.raw(programSize));
-    if (!nameText || !programText)
-        return std::nullopt;
-    hello.name = *nameText;
-    hello.program = *programText;
-    return hello;
+    return parsed<HelloFrame>(FrameType::Hello, payload, [](Fields &fields, HelloFrame &hello) {
+        if (fields.raw(sizeof(magic)) != QByteArray(magic, sizeof(magic)))
+            return false;
+        hello.version = fields.number<quint16>();
+        hello.port = fields.number<quint16>();
+        const quint16 nameSize = fields.number<quint16>();
+        const quint16 programSize = fields.number<quint16>();
+        return nameSize > 0 && std::size_t(nameSize) + programSize <= fields.left() &&
+               isText(fields.raw(nameSize), &hello.name) && isText(fields.raw(programSize), &hello.program);
+    });
 }
 
 QByteArray OfferFrame::toBytes() const
@@ -190,29 +185,25 @@ QString titleOf(const OfferFrame &offer)
 
 std::optional<OfferFrame> OfferFrame::fromPayload(std::string_view payload)
 {
-    if (!fits(FrameType::Offer, payload))
-        return std::nullopt;
-    Fields fields(payload);
-    OfferFrame offer;
-    offer.item = fields.number<quint32>();
-    const quint8 kind = fields.number<quint8>();
-    const quint8 flags = fields.number<quint8>();
-    const quint16 zero = fields.number<quint16>();
-    offer.identity = fields.raw(identitySize);
-    offer.stamp = fields.number<quint64>();
-    offer.size = fields.number<qint64>();
-    offer.modifiedNs = fields.number<qint64>();
-    offer.listSize = fields.number<quint32>();
-    offer.name = fields.raw(fields.left());
-    if (kind < Text || kind > Tree || flags > (Executable | Anew | AtOnce) || zero != 0 || offer.size < 0)
-        return std::nullopt;
-    if (kind == Tree ? offer.listSize > offer.size : offer.listSize != 0)
-        return std::nullopt;
-    offer.kind = Kind(kind);
-    offer.isExecutable = flags & Executable;
-    offer.isAnew = flags & Anew;
-    offer.isAtOnce = flags & AtOnce;
-    return offer;
+    return parsed<OfferFrame>(FrameType::Offer, payload, [](Fields &fields, OfferFrame &offer) {
+        offer.item = fields.number<quint32>();
+        const quint8 kind = fields.number<quint8>();
+        const quint8 flags = fields.number<quint8>();
+        const quint16 zero = fields.number<quint16>();
+        offer.identity = fields.raw(identitySize);
+        offer.stamp = fields.number<quint64>();
+        offer.size = fields.number<qint64>();
+        offer.modifiedNs = fields.number<qint64>();
+        offer.listSize = fields.number<quint32>();
+        offer.name = fields.raw(fields.left());
+        offer.kind = Kind(kind);
+        offer.isExecutable = flags & Executable;
+        offer.isAnew = flags & Anew;
+        offer.isAtOnce = flags & AtOnce;
+        const bool isListSound = kind == Tree ? offer.listSize <= offer.size : offer.listSize == 0;
+        return kind >= Text && kind <= Tree && flags <= (Executable | Anew | AtOnce) && zero == 0 &&
+               offer.size >= 0 && isListSound;
+    });
 }
 
 QByteArray AnswerFrame::toBytes() const
@@ -222,44 +213,39 @@ QByteArray AnswerFrame::toBytes() const
         .number(quint8(verdict))
         .raw(QByteArray(3, '\0'))
         .number(have)
-        .raw(digest.size() == digestSize ? digest : QByteArray(digestSize, '\0'))
+        .raw(digest.leftJustified(digestSize, '\0', true))
         .raw(cutUtf8(reason, reasonBytes))
         .done();
 }
 
 std::optional<AnswerFrame> AnswerFrame::fromPayload(std::string_view payload)
 {
-    if (!fits(FrameType::Answer, payload))
-        return std::nullopt;
-    Fields fields(payload);
-    AnswerFrame answer;
-    answer.item = fields.number<quint32>();
-    const quint8 verdict = fields.number<quint8>();
-    const bool zeros = fields.raw(3) == QByteArray(3, '\0');
-    answer.have = fields.number<qint64>();
-    answer.digest = fields.raw(digestSize);
-    const std::optional<QString> reason = textOf(fields.raw(fields.left()));
-    if (verdict > Refused || !zeros || answer.have < 0 || !reason)
-        return std::nullopt;
-    answer.verdict = Verdict(verdict);
-    answer.reason = *reason;
-    return answer;
+    return parsed<AnswerFrame>(FrameType::Answer, payload, [](Fields &fields, AnswerFrame &answer) {
+        answer.item = fields.number<quint32>();
+        const quint8 verdict = fields.number<quint8>();
+        const bool zeros = fields.raw(3) == QByteArray(3, '\0');
+        answer.have = fields.number<qint64>();
+        answer.digest = fields.raw(digestSize);
+        answer.verdict = Verdict(verdict);
+        if (verdict == Send)
+            answer.digest.truncate(checkSize);
+        return verdict <= Refused && zeros && answer.have >= 0 &&
+               isText(fields.raw(fields.left()), &answer.reason);
+    });
 }
 
 QByteArray FinishFrame::toBytes() const
 {
-    return Writer(FrameType::Finish).number(item).raw(digest).done();
+    return Writer(FrameType::Finish).number(item).raw(check).done();
 }
 
 std::optional<FinishFrame> FinishFrame::fromPayload(std::string_view payload)
 {
-    if (!fits(FrameType::Finish, payload))
-        return std::nullopt;
-    Fields fields(payload);
-    FinishFrame finish;
-    finish.item = fields.number<quint32>();
-    finish.digest = fields.raw(digestSize);
-    return finish;
+    return parsed<FinishFrame>(FrameType::Finish, payload, [](Fields &fields, FinishFrame &finish) {
+        finish.item = fields.number<quint32>();
+        finish.check = fields.raw(checkSize);
+        return true;
+    });
 }
 
 QByteArray ByeFrame::toBytes() const
@@ -269,14 +255,11 @@ QByteArray ByeFrame::toBytes() const
 
 std::optional<ByeFrame> ByeFrame::fromPayload(std::string_view payload)
 {
-    if (!fits(FrameType::Bye, payload))
-        return std::nullopt;
-    Fields fields(payload);
-    const quint8 code = fields.number<quint8>();
-    const std::optional<QString> reason = textOf(fields.raw(fields.left()));
-    if (code > NameTaken || !reason)
-        return std::nullopt;
-    return ByeFrame{Code(code), *reason};
+    return parsed<ByeFrame>(FrameType::Bye, payload, [](Fields &fields, ByeFrame &bye) {
+        const quint8 code = fields.number<quint8>();
+        bye.code = Code(code);
+        return code <= NameTaken && isText(fields.raw(fields.left()), &bye.reason);
+    });
 }
 
 QByteArray emptyFrame(FrameType type)

@@ -29,7 +29,8 @@ enum class FrameType : quint8
 
 namespace FrameLimits {
 constexpr int headerSize = 8;
-constexpr int digestSize = 32;
+constexpr int digestSize = 32; // SHA-256
+constexpr int checkSize = 16;  // XXH3-128
 constexpr int identitySize = 16;
 constexpr int nameBytes = 1024;    // of an abonent
 constexpr int fileNameBytes = 255; // of a file, as Linux has it
@@ -107,7 +108,7 @@ QString titleOf(const OfferFrame &offer);
 ///        4     1  verdict             Verdict
 ///        5     3  zero
 ///        8     8  bytes that the receiver has: Send; otherwise 0
-///       16    32  SHA-256 of these bytes (Send), of all of it (Stored), otherwise zeros
+///       16    32  Send: XXH3-128 of these bytes and 16 zeros; Stored: SHA-256 of all of it; otherwise zeros
 ///       48     n  reason for a refusal, 0 to 512 bytes
 struct AnswerFrame
 {
@@ -122,7 +123,7 @@ struct AnswerFrame
     quint32 item = 0;
     Verdict verdict = Refused;
     qint64 have = 0;
-    QByteArray digest; // 32 bytes when Send or Stored
+    QByteArray digest; // 16 bytes when Send, 32 when Stored
     QString reason;
 
     QByteArray toBytes() const;
@@ -132,11 +133,11 @@ struct AnswerFrame
 /// "That was all of it."
 ///
 ///        0     4  item
-///        4    32  SHA-256 of its bytes
+///        4    16  XXH3-128 of its bytes
 struct FinishFrame
 {
     quint32 item = 0;
-    QByteArray digest;
+    QByteArray check;
 
     QByteArray toBytes() const;
     static std::optional<FinishFrame> fromPayload(std::string_view payload);

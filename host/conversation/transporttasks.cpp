@@ -47,7 +47,7 @@ QString TransportTasks::add(int level, const TransportTask &task)
     }
     QFile::remove(draft);
     return isPlaced ? QString()
-                    : QStringLiteral("Не удалось записать задание %1: %2").arg(draft, systemReason());
+                    : QStringLiteral("Не удалось записать задание %1: %2").arg(draft, reasonOf(errno));
 }
 
 std::vector<TransportTask> TransportTasks::take(int level)
@@ -72,20 +72,15 @@ std::vector<TransportTask> TransportTasks::take(int level)
     return tasks;
 }
 
-CTransportLock::~CTransportLock()
-{
-    closeDescriptor(&descriptor);
-}
-
 bool CTransportLock::tryLock(int level)
 {
-    if (descriptor >= 0)
+    if (descriptor.isOpen())
         return true;
     const QDir place = kind == Transport ? Global::messagesDir(level) : TransportTasks::directory(level);
     if (!Global::makePath(place))
         return false;
-    descriptor = openDirectory(place.absolutePath());
-    if (descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) != 0)
-        closeDescriptor(&descriptor);
-    return descriptor >= 0;
+    CDescriptor opened = openDirectory(place.absolutePath());
+    if (opened.isOpen() && ::flock(opened.get(), LOCK_EX | LOCK_NB) == 0)
+        descriptor = std::move(opened);
+    return descriptor.isOpen();
 }

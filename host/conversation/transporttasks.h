@@ -8,6 +8,8 @@
 // which process that is: one for each secrecy level.
 #pragma once
 
+#include "common/descriptor.h"
+
 #include <QDir>
 #include <QString>
 
@@ -49,16 +51,12 @@ public:
     };
 
     explicit CTransportLock(Kind ofKind = Transport) : kind(ofKind) {}
-    ~CTransportLock();
-
-    CTransportLock(const CTransportLock &) = delete;
-    CTransportLock &operator=(const CTransportLock &) = delete;
 
     /// @return whether this process has the lock now
     bool tryLock(int level);
-    bool isLocked() const { return descriptor >= 0; }
+    bool isLocked() const { return descriptor.isOpen(); }
 
 private:
     const Kind kind;
-    int descriptor = -1;
+    CDescriptor descriptor;
 };
