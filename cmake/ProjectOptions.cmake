@@ -19,8 +19,15 @@ target_compile_definitions(projectOptions INTERFACE
   QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_FOREACH QT_NO_NARROWING_CONVERSIONS_IN_CONNECT QT_NO_URL_CAST_FROM_STRING
   QT_DEPRECATED_WARNINGS)
 
+# What is built to be tested is linked by the quicker linker of the same package.
+find_program(GOLD_LINKER ld.gold)
+if(CMAKE_BUILD_TYPE STREQUAL Debug AND GOLD_LINKER)
+  target_link_options(projectOptions INTERFACE -fuse-ld=gold)
+endif()
+
 if(IPCHANNEL_SANITIZE)
-  target_compile_options(projectOptions INTERFACE -fsanitize=${IPCHANNEL_SANITIZE} -fno-omit-frame-pointer)
+  # Lines are all that its reports tell.
+  target_compile_options(projectOptions INTERFACE -fsanitize=${IPCHANNEL_SANITIZE} -g1 -fno-omit-frame-pointer)
   target_link_options(projectOptions INTERFACE -fsanitize=${IPCHANNEL_SANITIZE})
   if(IPCHANNEL_SANITIZE MATCHES "undefined")
     target_compile_options(projectOptions INTERFACE -fno-sanitize-recover=undefined -fno-sanitize=vptr)
@@ -54,5 +61,6 @@ function(add_object_kit name)
   add_library(${name} INTERFACE)
   add_dependencies(${name} ${name}Objects) # makefiles do not know from where the objects come
   target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${name} INTERFACE $<TARGET_OBJECTS:${name}Objects> Qt5::Core ${kit_LINK})
+  target_link_libraries(${name} INTERFACE
+    $<FILTER:$<TARGET_OBJECTS:${name}Objects>,EXCLUDE,[.]gch$> Qt5::Core ${kit_LINK})
 endfunction()

@@ -62,35 +62,42 @@ void queue(const std::function<void()> &call);
 
 /// Passes a call on, or does to it what the fault says. The call must be one that can be copied and made
 /// later.
-template <typename Call>
-auto at(const char *point, const Call &call) -> decltype(call())
+void pass(const char *point, const std::function<void()> &call)
 {
-    using Result = decltype(call());
     if (fault.point != point || (++fault.times < fault.number && !fault.isOneOf("sleep late queue")))
         return call();
     const auto after = qScopeGuard(act());
     if (fault.isOneOf("drop"))
-        return Result();
+        return;
     if (fault.isOneOf("abort"))
         std::abort();
     if (fault.isOneOf("throw"))
         throw std::runtime_error(point);
     if (fault.isOneOf("thread"))
         return std::async(std::launch::async, call).get();
-    if (fault.isOneOf("late queue")) {
-        const auto later = [call] { call(); };
-        if (fault.isOneOf("queue"))
-            queue(later);
-        else
-            std::thread([later] { QThread::msleep(unsigned(fault.number)), later(); }).detach();
-        return Result();
-    }
+    if (fault.isOneOf("queue"))
+        return queue(call);
+    if (fault.isOneOf("late"))
+        return std::thread([call] { QThread::msleep(unsigned(fault.number)), call(); }).detach();
     if (fault.isOneOf("sleep"))
         QThread::msleep(unsigned(fault.number));
     if (fault.isOneOf("twice"))
         call();
     QMutexLocker locker(fault.isOneOf("lock") ? &gData->mutex : nullptr);
-    return call();
+    call();
+}
+
+/// @return the call's result, null when it was not made or not yet
+template <typename Call>
+auto at(const char *point, const Call &call) -> decltype(call())
+{
+    if constexpr (std::is_void_v<decltype(call())>) {
+        pass(point, call);
+    } else {
+        const auto result = std::make_shared<decltype(call())>();
+        pass(point, [=] { *result = call(); });
+        return *result;
+    }
 }
 
 int value(const char *point, int good)
@@ -541,7 +548,6 @@ RUNTIME_EXPORT void initDebug(DebugData *data)
     if (!fault.is("entry.initDebug after"))
         at("entry.initDebug", [=] { entry(fault.is("entry.initDebug own") ? nullptr : data); });
 }
-#ifndef WITHOUT_INSTANCE
 RUNTIME_EXPORT CChannelPlugin *instance()
 {
     static CChannelPlugin *same = nullptr;
@@ -552,7 +558,6 @@ RUNTIME_EXPORT CChannelPlugin *instance()
         below<InitDebugFunction>(initDebugSymbol)(gData);
     return same = new Plugin(good);
 }
-#endif
 RUNTIME_EXPORT void deleteInstance(CChannelPlugin *plugin)
 {
     if (!plugin && fault.is("entry.deleteInstance nullCrash"))
