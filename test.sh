@@ -35,7 +35,7 @@ run() {
     local preset=$1
     shift
     step "Testing ($preset)"
-    ctest --test-dir "build/$preset" --output-on-failure --progress --schedule-random -j 2 "$@"
+    ctest --preset "$preset" --progress --schedule-random -j 4 "$@" # most of them wait most of their time
 }
 
 # target NAME: what a test needs to be built; nothing for those that look at the sources

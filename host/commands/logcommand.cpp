@@ -6,6 +6,7 @@
 #include "host/commands/commandhelp.h"
 #include "host/commands/commandline.h"
 #include "host/commands/exitcodes.h"
+#include "host/commands/failures.h"
 #include "host/commands/journalcommand.h"
 #include "host/console/jsonlines.h"
 #include "host/console/printing.h"
@@ -109,9 +110,10 @@ int showHistory(CLogHistory *history, const LogFilter &filter, int last, bool is
     }
     for (const LogRecord &late : kept)
         print(late, isJson);
+    int code = ExitDone;
     for (const QString &trouble : history->troubles())
-        printError(trouble);
-    return history->troubles().isEmpty() ? ExitDone : ExitTrouble;
+        code = fail(ExitTrouble, trouble);
+    return code;
 }
 
 } // namespace

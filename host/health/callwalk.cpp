@@ -10,6 +10,7 @@
 #include "host/delivery/cidentity.h"
 #include "host/delivery/fingerprintwords.h"
 #include "host/settings/channelsettingsfile.h"
+#include "host/text/reasons.h"
 #include "interfaces/cchannelmonitor.h"
 #include "interfaces/cchannelserver.h"
 #include "interfaces/cjournal.h"
@@ -83,7 +84,7 @@ Finding tcpFailure(const QString &where, int reason)
                                   where + QStringLiteral(": ") + QString::fromUtf8(failure.text),
                                   QString::fromUtf8(failure.advice));
     }
-    return Finding::error("no-connection", where + QStringLiteral(": ") + qt_error_string(reason),
+    return Finding::error("no-connection", where + QStringLiteral(": ") + reasonOf(reason),
                           QStringLiteral("Проверьте сеть на обеих сторонах"));
 }
 

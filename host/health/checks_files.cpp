@@ -8,6 +8,7 @@
 #include "host/delivery/contacttext.h"
 #include "host/delivery/fingerprintwords.h"
 #include "host/delivery/generalsettings.h"
+#include "host/text/reasons.h"
 
 #include <QFileInfo>
 #include <QStorageInfo>
@@ -277,7 +278,7 @@ Findings Checks::contacts(const HealthContext &)
         return {Finding::error(
             "contacts-unreadable",
             QStringLiteral("Контакты %1 (%2) не читаются. %3")
-                .arg(path, rightsOf(path), qt_error_string(errno)),
+                .arg(path, rightsOf(path), reasonOf(errno, path)),
             QStringLiteral("Откройте файл пользователю %1: chown или chmod g+rw").arg(ownUser()))};
     const ParsedContacts parsed = contactsFromText(contents.text);
     if (parsed.isNewer)

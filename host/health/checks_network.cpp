@@ -4,6 +4,7 @@
 #include "common/descriptor.h"
 #include "common/global.h"
 #include "host/cchannellibrary.h"
+#include "host/text/reasons.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -82,7 +83,7 @@ QByteArray saidByChild(const std::function<QByteArray()> &speak, QString *troubl
 {
     int ends[2] = {-1, -1};
     if (::pipe2(ends, O_CLOEXEC) != 0) {
-        *trouble = qt_error_string(errno);
+        *trouble = reasonOf(errno);
         return QByteArray();
     }
     const CDescriptor reading(ends[0]);
@@ -96,7 +97,7 @@ QByteArray saidByChild(const std::function<QByteArray()> &speak, QString *troubl
         ::_exit(0);
     }
     if (child < 0) {
-        *trouble = qt_error_string(errno);
+        *trouble = reasonOf(errno);
         return QByteArray();
     }
     writing.reset();
@@ -148,7 +149,7 @@ Findings Checks::port(const HealthContext &around)
                                QStringLiteral("Дайте программе CAP_NET_BIND_SERVICE или %1").arg(other))};
     if (reason != EADDRINUSE)
         return {Finding::error("port-unusable",
-                               QStringLiteral("%1: %2").arg(QString::number(port), qt_error_string(reason)),
+                               QStringLiteral("%1: %2").arg(QString::number(port), reasonOf(reason)),
                                QStringLiteral("Проверьте сеть (ip address) или %1").arg(other))};
     const Holder holder = holderOf(port);
     const Processes::Process &process = holder.process;

@@ -8,6 +8,7 @@
 #include "common/settingsfile.h"
 #include "host/delivery/generalsettings.h"
 #include "host/settings/settingstable.h"
+#include "host/text/reasons.h"
 
 #include <QFileInfo>
 #include <QSet>
@@ -66,7 +67,7 @@ bool readIni(const QString &path, CIniText *ini, Findings *findings)
     if (!SettingsFile::read(path, &contents)) {
         findings->push_back(
             Finding::error("settings-unreadable",
-                           QStringLiteral("Не удалось прочитать %1. %2").arg(path, qt_error_string(errno)),
+                           QStringLiteral("Не удалось прочитать %1. %2").arg(path, reasonOf(errno, path)),
                            QStringLiteral("Откройте файл пользователю программы; ссылки постороннего и не "
                                           "файлы на его месте не читаются")));
         return false;

@@ -1,4 +1,5 @@
 #include "host/logs/clogs.h"
+#include "host/text/reasons.h"
 
 #include <QFileInfo>
 
@@ -52,7 +53,8 @@ void CLogHistory::open(const QString &name)
     Open entry;
     entry.reader = std::make_unique<CLogReader>(directory.absoluteFilePath(name), sizes.value(name, -1));
     if (!entry.reader->isOpen())
-        unreadable << QStringLiteral("Не удалось прочитать %1. %2").arg(name, qt_error_string(errno));
+        unreadable << QStringLiteral("Не удалось прочитать %1. %2")
+                          .arg(name, reasonOf(errno, directory.absoluteFilePath(name)));
     else if (entry.reader->next(&entry.record, true))
         opened.push_back(std::move(entry));
 }

@@ -1,4 +1,5 @@
 #include "host/screen/cbackgroundrun.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 #include <QSocketNotifier>
@@ -68,7 +69,7 @@ QString CBackgroundRun::start(const QStringList &arguments, Heard heard)
     process = result == 0 ? process : -1;
     if (result != 0)
         return QStringLiteral("Не удалось запустить abonent %1: %2")
-            .arg(arguments.join(QLatin1Char(' ')), qt_error_string(result));
+            .arg(arguments.join(QLatin1Char(' ')), reasonOf(result));
     notifier = std::make_unique<QSocketNotifier>(output.get(), QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &CBackgroundRun::read);
     return QString();

@@ -6,6 +6,7 @@
 #include "host/console/printing.h"
 #include "host/conversation/transporttasks.h"
 #include "host/screen/residentprocess.h"
+#include "host/text/reasons.h"
 
 #include <QCoreApplication>
 
@@ -202,9 +203,7 @@ void CScreen::stopResident()
     if (process > 0 && ::kill(process, SIGTERM) == 0)
         return say(QStringLiteral("Прием останавливается, процесс %1").arg(process));
     say(process > 0
-            ? QStringLiteral("Не удалось остановить прием, процесс %1: %2")
-                  .arg(process)
-                  .arg(qt_error_string())
+            ? QStringLiteral("Не удалось остановить прием, процесс %1: %2").arg(process).arg(reasonOf(errno))
             : QStringLiteral("Не удалось узнать, какой процесс принимает: остановите abonent listen сами"));
 }
 

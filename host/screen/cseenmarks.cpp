@@ -2,6 +2,7 @@
 
 #include "common/global.h"
 #include "common/trustedfile.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 
@@ -29,7 +30,7 @@ QString CSeenMarks::add(const QStringList &identities)
     }
     const CDescriptor file = TrustedFile::openNoFollow(path, O_WRONLY | O_CREAT | O_APPEND, 0600);
     if (!file.isOpen() || !Io::writeAll(file, lines))
-        return QStringLiteral("Не удалось записать, что прочитано, %1: %2").arg(path, qt_error_string());
+        return QStringLiteral("Не удалось записать, что прочитано, %1: %2").arg(path, reasonOf(errno, path));
     Global::setFilePermissions(path);
     return QString();
 }

@@ -3,6 +3,7 @@
 #include "common/global.h"
 #include "common/trustedfile.h"
 #include "host/screen/textfile.h"
+#include "host/text/reasons.h"
 
 #include <QFile>
 
@@ -26,7 +27,7 @@ QString CSentTexts::keep(const QString &identity, const QString &text) const
         isKept = file.isOpen() && Io::writeAll(file, bytes);
     }
     if (!isKept)
-        return QStringLiteral("Текст не останется в разговоре, %1: %2").arg(path, qt_error_string());
+        return QStringLiteral("Текст не останется в разговоре, %1: %2").arg(path, reasonOf(errno, path));
     Global::setFilePermissions(path);
     return QString();
 }

@@ -5,6 +5,7 @@
 #include "common/initext.h"
 #include "common/settingsfile.h"
 #include "host/delivery/generalsettings.h"
+#include "host/text/reasons.h"
 
 #include <cerrno>
 
@@ -42,7 +43,7 @@ SettingsOfFile ofRuntime()
     SettingsFile::Contents contents;
     if (!SettingsFile::read(result.path, &contents))
         result.trouble =
-            QStringLiteral("Не удалось прочитать %1. %2").arg(result.path, qt_error_string(errno));
+            QStringLiteral("Не удалось прочитать %1. %2").arg(result.path, reasonOf(errno, result.path));
     else if (!CIniText(contents.text).isWellFormed())
         result.trouble = QStringLiteral("В файле %1 есть испорченные строки").arg(result.path);
     CSettings now;

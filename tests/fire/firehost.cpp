@@ -108,6 +108,13 @@ int numberIn(const char *file, const char *name)
     return std::atoi(text.constData() + text.indexOf(name) + std::strlen(name));
 }
 
+/// As long-lived as stragglers. Only the first server's.
+FakeHost &longLived(CChannelServer *server)
+{
+    static FakeHost *const host = new FakeHost(server);
+    return *host;
+}
+
 class FireHost
 {
 public:
@@ -200,8 +207,8 @@ private:
     }
 
     CChannelServer *server;
-    FakeHost &host = *new FakeHost(server); // as long-lived as stragglers
-    QByteArray script;                      // changed only while no connection is being set up
+    FakeHost &host = longLived(server);
+    QByteArray script; // changed only while no connection is being set up
     rlimit descriptorLimit = {};
 };
 
