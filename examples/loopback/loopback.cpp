@@ -18,8 +18,20 @@ struct Line
 {
     QMutex mutex;
     bool isConnected = true;
-    QByteArray arrived[2];                   // at each end
+    QByteArray arrived[2];                   // at each end, with what has been read already
+    int taken[2] = {};                       // bytes of it that have been read
     QAbstractEventDispatcher *loops[2] = {}; // of each end, while its channel lives
+
+    int waiting(int end) const { return arrived[end].size() - taken[end]; }
+
+    QByteArray take(int end, int maxSize)
+    {
+        const QByteArray bytes = arrived[end].mid(taken[end], maxSize);
+        taken[end] += bytes.size();
+        if (taken[end] > waiting(end)) // not each time: however much waits, reading stays quick
+            arrived[end].remove(0, std::exchange(taken[end], 0));
+        return bytes;
+    }
 
     void wake(int end) // protocols look at their channel whenever their loop wakes
     {
@@ -66,8 +78,7 @@ public:
     QByteArray read(int maxSize) override
     {
         QMutexLocker locker(&line->mutex);
-        const QByteArray bytes = line->arrived[end].left(maxSize);
-        line->arrived[end].remove(0, bytes.size());
+        const QByteArray bytes = line->take(end, maxSize);
         if (bytes.isEmpty())
             return bytes;
         line->wake(1 - end); // there is room again
@@ -78,7 +89,7 @@ public:
     int idealBlockSize() override
     {
         const QMutexLocker locker(&line->mutex);
-        return blockSize - line->arrived[1 - end].size();
+        return blockSize - line->waiting(1 - end);
     }
 
 private:
