@@ -115,6 +115,15 @@ FakeHost &longLived(CChannelServer *server)
     return *host;
 }
 
+/// Slots of the log that a thread has.
+qint64 usedSlots()
+{
+    DebugData *const shared = LoggerData::debugData();
+    const QMutexLocker locker(&shared->mutex);
+    const auto isUsed = [](const Tabulation &slot) { return slot.thread != nullptr; };
+    return std::count_if(shared->tabulations.cbegin(), shared->tabulations.cend(), isUsed);
+}
+
 class FireHost
 {
 public:
@@ -183,17 +192,12 @@ private:
 
     QByteArray stats() const
     {
-        DebugData *const shared = LoggerData::debugData();
-        shared->mutex.lock();
-        const QList<Tabulation> tabulations = shared->tabulations;
-        shared->mutex.unlock();
-        const auto isUsed = [](const Tabulation &slot) { return slot.thread != nullptr; };
         const auto files = QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System);
         const std::pair<const char *, qint64> numbers[] = {
             {"descriptors", files.size()},
             {"threads", numberIn("status", "Threads:")},
             {"resident", numberIn("smaps_rollup", "Rss:")},
-            {"slots", std::count_if(tabulations.cbegin(), tabulations.cend(), isUsed)},
+            {"slots", usedSlots()},
             {"shown", host.shown},
             {"protocols", counter.protocols},
             {"made", host.factory->made},
