@@ -1,5 +1,18 @@
 #include "host/commands/calltarget.h"
 
+#include <arpa/inet.h>
+
+namespace {
+
+bool isIpv6(const QString &host)
+{
+    in6_addr address{};
+    const QByteArray text = host.left(host.indexOf(QLatin1Char('%'))).toLatin1(); // but for the interface
+    return ::inet_pton(AF_INET6, text.constData(), &address) == 1;
+}
+
+} // namespace
+
 bool CallTarget::setAddress(const QString &text)
 {
     QString host = text;
@@ -22,7 +35,7 @@ bool CallTarget::setAddress(const QString &text)
         if (portText.isEmpty())
             return false;
     }
-    if (host.trimmed().isEmpty())
+    if (host.trimmed().isEmpty() || (host.contains(QLatin1Char(':')) && !isIpv6(host.trimmed())))
         return false;
     if (!portText.isEmpty()) {
         bool isNumber = false;

@@ -246,7 +246,7 @@ int runSend(const CommandLine &line)
     for (const QString &path : writer.leftOut())
         printError(QStringLiteral("Пропущено, это не файл и не каталог: %1").arg(path));
     if (writer.entry().messages.empty())
-        return ExitUsage;
+        return writer.isOutOfResources() ? ExitTrouble : ExitUsage;
     const QString trouble = writer.commit();
     if (!trouble.isNull())
         return fail(ExitTrouble, trouble);

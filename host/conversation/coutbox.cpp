@@ -363,8 +363,10 @@ COutboxWriter::~COutboxWriter()
         made.remove();
 }
 
-QString COutboxWriter::trouble(const QString &what) const
+QString COutboxWriter::trouble(const QString &what)
 {
+    for (const int lack : {ENOSPC, EDQUOT, EROFS, EIO, EMFILE, ENFILE, ENOMEM})
+        outOfResources |= errno == lack;
     return QStringLiteral("Не удалось принять к отправке %1: %2").arg(what, reasonOf(errno));
 }
 

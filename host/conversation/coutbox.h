@@ -164,6 +164,9 @@ public:
     /// What was left out of trees: links, devices and the like.
     const QStringList &leftOut() const { return passedOver; }
 
+    /// Whether something was not taken for want of room or of another resource: not the file's fault.
+    bool isOutOfResources() const { return outOfResources; }
+
 private:
     CDescriptor newFile(const QByteArray &name) const;
     OutgoingMessage start(OfferFrame::Kind kind, const QByteArray &name) const;
@@ -171,11 +174,12 @@ private:
     QString takeFile(const CDescriptor &file, qint64 size, qint64 modifiedNs, OutgoingMessage *message);
     QString copy(const CDescriptor &from, qint64 *size, const QByteArray &name);
     QString addTree(const CDescriptor &root, const QByteArray &name, qint64 modifiedNs);
-    QString trouble(const QString &what) const;
+    QString trouble(const QString &what);
 
     const QDir output;
     COutboxEntry made;
     bool isCommitted = false;
+    bool outOfResources = false;
     CDescriptor directory; // holds a lock: the entry is being made
     CDescriptor packFile;
     qint64 packed = 0;

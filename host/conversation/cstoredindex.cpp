@@ -34,8 +34,9 @@ QByteArray checkOf(const char *record)
 
 QByteArray toBytes(const CStoredIndex::Record &record)
 {
-    QByteArray bytes = record.key + record.digest + QByteArray(8, '\0');
-    qToBigEndian(qint64(std::time(nullptr)), bytes.data() + keySize + digestSize);
+    const qint64 now = qToBigEndian(qint64(std::time(nullptr)));
+    const QByteArray bytes =
+        record.key + record.digest + QByteArray(reinterpret_cast<const char *>(&now), sizeof now);
     return bytes + checkOf(bytes.constData());
 }
 

@@ -112,6 +112,7 @@ private Q_SLOTS:
             {"settings mend", "ошибка: Неизвестное действие команды settings: mend"},
             {"send", "ошибка: Не хватает аргументов команды send"},
             {"send A h", "ошибка: Нечего передавать: укажите файлы, каталоги, - или --text"},
+            {"send A 1:2:3 /dev/null", "send [A] :18001 retry=0 1:2:3,/dev/null"},
             {"send A f:0 /dev/null", "send [A] :18001 retry=0 f:0,/dev/null"},
             {"send A /dev/null - --now", "send [A] :18001 retry=0 /dev/null,- now="},
             {"send A h f --name", "ошибка: Параметру --name нужно значение"},

@@ -52,7 +52,42 @@ bool ended(const QThread *thread, bool is)
     return is;
 }
 
+/// A call that waits in another thread's queue: whoever makes it comes after whoever has asked for it.
+class OrderedCall : public QtPrivate::QSlotObjectBase
+{
+public:
+    explicit OrderedCall(QSlotObjectBase *call) : QSlotObjectBase(&OrderedCall::perform), inner(call)
+    {
+        __tsan_release(this);
+    }
+
+private:
+    static __attribute__((no_sanitize("thread"))) void perform(int what, QSlotObjectBase *self,
+                                                               QObject *receiver, void **arguments, bool *)
+    {
+        __tsan_acquire(self);
+        const auto ordered = static_cast<OrderedCall *>(self);
+        if (what == Call)
+            return ordered->inner->call(receiver, arguments);
+        if (what != Destroy)
+            return;
+        ordered->inner->destroyIfLastRef();
+        delete ordered;
+    }
+
+    QSlotObjectBase *const inner;
+};
+
 } // namespace
+
+bool QMetaObject::invokeMethodImpl(QObject *object, QtPrivate::QSlotObjectBase *slot, Qt::ConnectionType type,
+                                   void *result)
+{
+    static const auto qtInvoke = qts<bool(QObject *, QtPrivate::QSlotObjectBase *, Qt::ConnectionType,
+                                          void *)>(
+        "_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPv");
+    return qtInvoke(object, new OrderedCall(slot), type, result);
+}
 
 void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
 {
