@@ -27,9 +27,10 @@ constexpr qint64 slowestDiskBytesPerMs = 4 * 1024; // the other side may be wait
 
 constexpr int readBytes = 256 * 1024;
 constexpr int readBytesBeforeGreeting = 8 * 1024;
-constexpr int turnBytes = 1024 * 1024;  // read or written before other events get their turn
-constexpr int outboxLimit = 256 * 1024; // beyond it we do not read on: who does not listen is not heard
-constexpr int leastRoom = 512;          // smaller pieces are not worth sending
+constexpr int turnBytes = 1024 * 1024;   // read or written before other events get their turn
+constexpr int outboxLimit = 256 * 1024;  // beyond it we do not read on: who does not listen is not heard
+constexpr int leastRoom = 512;           // smaller pieces are not worth sending
+constexpr int gatheredBytes = 64 * 1024; // frames that are sent with one call
 constexpr qint64 usefulBytes = 64 * 1024;
 
 MessageNews newsOf(JournalRow kind, const QString &abonent, const OfferFrame &offer)
@@ -490,23 +491,19 @@ void CMessageProtocol::transmit()
         const int room = channel->idealBlockSize();
         if (room < leastRoom)
             return;
-        if (tls->outgoingSize() > 0) {
-            const QByteArray bytes = tls->takeOutgoing(tls->outgoingSize());
-            turn -= bytes.size();
-            channel->write(bytes);
-            continue;
+        if (tls->outgoingSize() == 0) {
+            if (!tls->isEstablished())
+                return;
+            if (turn <= 0)
+                return workAgain();
+            if (!gather(room))
+                return breakOff(tls->trouble());
+            if (tls->outgoingSize() == 0)
+                break;
         }
-        if (!tls->isEstablished())
-            return;
-        if (turn <= 0)
-            return workAgain();
-        const QByteArray frame = nextFrame(room);
-        if (frame.isEmpty())
-            break;
-        if (!tls->write(frame))
-            return breakOff(tls->trouble());
-        if (frame.size() > FrameLimits::headerSize) // a ping is no sign of life
-            sinceExchange.start();
+        const QByteArray bytes = tls->takeOutgoing(tls->outgoingSize());
+        turn -= bytes.size();
+        channel->write(bytes);
     }
     if (!sender || isEnded)
         return;
@@ -521,6 +518,21 @@ void CMessageProtocol::transmit()
     }
     if (isPlaced && context.lingerMs == 0 && !isUnderWay())
         sayGoodbye(ByeFrame::Done, QString());
+}
+
+/// Encrypts what there is to say: small frames go together. @return false when the encryption has failed
+bool CMessageProtocol::gather(int room)
+{
+    do {
+        const QByteArray frame = nextFrame(room - tls->outgoingSize());
+        if (frame.isEmpty())
+            return true;
+        if (!tls->write(frame))
+            return false;
+        if (frame.size() > FrameLimits::headerSize) // a ping is no sign of life
+            sinceExchange.start();
+    } while (tls->outgoingSize() < gatheredBytes && room - tls->outgoingSize() >= leastRoom);
+    return true;
 }
 
 /// The next bytes to write: what waits in the outbox, then the messages.

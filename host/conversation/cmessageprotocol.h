@@ -109,6 +109,7 @@ private:
     void tell(const CItemReceiver::Notice &notice);
     void tell(const CItemSender::Notice &notice);
     void transmit();
+    bool gather(int room);
     QByteArray nextFrame(int room);
     void lookAtClock();
     bool isUnderWay() const;

@@ -36,6 +36,7 @@ constexpr int mostInTransaction = 1000;   // rows
 constexpr int busyMs = 5000;              // for another process's transaction
 constexpr int farewellMs = 5000;          // for what is queued at the end
 constexpr int retryMs = 500;              // after a failed transaction
+constexpr int gatherMs = 50;              // after a transaction: what comes meanwhile goes into one
 constexpr int toleratedBusy = 5;          // failed transactions in a row that another process may cause
 constexpr qint64 checkedBytes = 16 << 20; // larger files are not read through when they are opened
 constexpr qint64 dayMs = 24 * 3600 * 1000;
@@ -289,7 +290,8 @@ public:
         }
         waiting.push_back(entry);
         ++added;
-        work.notify_one();
+        if (waiting.size() == 1)
+            work.notify_one();
         if (!thread.joinable())
             start();
     }
@@ -297,7 +299,8 @@ public:
     bool flush(int timeoutMs)
     {
         std::unique_lock locker(mutex);
-        const quint64 wanted = added;
+        const quint64 wanted = awaited = added;
+        work.notify_one();
         done.wait_for(locker, std::chrono::milliseconds(timeoutMs),
                       [&] { return written >= wanted || hasGivenUp; });
         return written >= wanted;
@@ -335,6 +338,7 @@ private:
         std::unique_lock locker(mutex);
         for (;;) {
             work.wait(locker, [this] { return !waiting.empty() || isStopping; });
+            work.wait_until(locker, rested, [this] { return written < awaited || isStopping; });
             if (isStopping)
                 return;
             const auto count = std::min<std::size_t>(waiting.size(), mostInTransaction);
@@ -353,6 +357,7 @@ private:
             if (isWritten)
                 written += count;
             hasGivenUp = isLater;
+            rested = std::chrono::steady_clock::now() + std::chrono::milliseconds(gatherMs);
             done.notify_all();
             if (!isWritten && !isLater) // a pause, cut short by the end only
                 work.wait_for(locker, std::chrono::milliseconds(retryMs), [this] { return isStopping; });
@@ -522,6 +527,8 @@ private:
     std::deque<JournalEntry> waiting;
     quint64 added = 0;
     quint64 written = 0;
+    quint64 awaited = 0;                          // somebody waits until so many are written
+    std::chrono::steady_clock::time_point rested; // when the next transaction may begin, unless awaited
     int dropped = 0;
     bool hasGivenUp = false; // what waits will never be written
     bool isStopping = false;
