@@ -155,7 +155,11 @@ private Q_SLOTS:
             for (int i = 0; i < (isLong() && !isHost ? 20 : 1); ++i) {
                 const Answer answer = check(QStringList("--json"_s) + good[which]);
                 if (answer.exitCode != 0 || answer.by["passed"_s].size() < least)
-                    troubles[which] << answer.output;
+                    troubles[which] << "%1: code %2, %3 passed"_s.arg(good[which].join(QLatin1Char(' ')))
+                                           .arg(answer.exitCode)
+                                           .arg(answer.by["passed"_s].size());
+                for (const QString &name : answer.by["failed"_s])
+                    troubles[which] << name + ": "_s + answer.texts[name];
             }
         });
         isOver = true;
