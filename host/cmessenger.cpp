@@ -21,9 +21,7 @@ CMessenger::CMessenger(CConsole &shownOn, CChannelMonitor &onMonitor, const CMes
     debounce.setSingleShot(true);
     debounce.setInterval(debounceMs);
     connect(&debounce, &QTimer::timeout, this, &CMessenger::readSettings);
-    // The directory tells of files that get a name, the file of contents overwritten in place.
-    for (const auto change : {&QFileSystemWatcher::directoryChanged, &QFileSystemWatcher::fileChanged})
-        connect(&watcher, change, &debounce, [this] { debounce.start(); });
+    connect(&watcher, &CLateWatcher::changed, &debounce, [this] { debounce.start(); });
 }
 
 CMessenger::~CMessenger() = default;
@@ -58,7 +56,8 @@ bool CMessenger::keepOnly(int kind)
 void CMessenger::open(bool isCallingOnly)
 {
     Global::makePath(Global::settingsDir());
-    watcher.addPath(Global::settingsDir().absolutePath());
+    if (!isCallingOnly)
+        watcher.hurry();
     readSettings();
     for (Channel &channel : channels) {
         const CChannelPlugin *plugin = channel.library->plugin();
@@ -85,9 +84,7 @@ void CMessenger::close()
     if (isClosing)
         return;
     isClosing = true;
-    const QStringList watched = watcher.directories() + watcher.files();
-    if (!watched.isEmpty()) // before open() there is nothing, which Qt would complain about
-        watcher.removePaths(watched);
+    watcher.watch({});
     for (const Channel &channel : channels)
         channel.server->stop();
 }
@@ -131,9 +128,9 @@ void CMessenger::readSettings()
     const QString path = Global::channelIpSettingsFilePath();
     if (!QFile::exists(path) && QFile::exists(path + QStringLiteral(".old")))
         return debounce.start(); // in the middle of a save
-    // Anew: the name may stand for another file now. Before reading, so that no later change is missed.
-    watcher.removePath(path);
-    watcher.addPath(path);
+    // The directory tells of files that get a name, the file of contents overwritten in place. Anew, and
+    // before reading, so that no later change is missed.
+    watcher.watch({Global::settingsDir().absolutePath(), path});
     const ChannelSettingsFile file = ChannelSettingsFile::read();
     if (file.exists == channelSettings.exists && file.bytes == channelSettings.bytes &&
         file.error == channelSettings.error)

@@ -6,11 +6,11 @@
 #pragma once
 
 #include "host/cchannellibrary.h"
+#include "host/conversation/clatewatcher.h"
 #include "host/conversation/cmessageprotocol.h"
 #include "host/settings/channelsettingsfile.h"
 #include "interfaces/cchannelserver.h"
 
-#include <QFileSystemWatcher>
 #include <QObject>
 #include <QTimer>
 
@@ -73,7 +73,7 @@ private:
     std::vector<Channel> channels;
     int runningServers = 0;
     bool isClosing = false;
-    QFileSystemWatcher watcher;          // of the settings directory and channelIp.conf in it
+    CLateWatcher watcher;                // of the settings directory and channelIp.conf in it
     QTimer debounce;                     // since the last change of either
     ChannelSettingsFile channelSettings; // when last seen
 };

@@ -4,6 +4,7 @@
 #include "host/commands/exitcodes.h"
 #include "host/console/cconsole.h"
 #include "host/console/jsonlines.h"
+#include "host/console/printing.h"
 #include "host/conversation/descriptors.h"
 
 #include <QFile>
@@ -15,8 +16,6 @@
 namespace {
 
 constexpr int clockMs = 100;
-constexpr int soonMs = 2;
-constexpr int soonOfManyMs = 30;
 constexpr std::size_t manyMessages = 8;
 
 } // namespace
@@ -26,8 +25,8 @@ CSendWatch::CSendWatch(const COutboxEntry &what, int retries, bool verbose, CCon
 {
     const QString path = entry.directory + QLatin1String("/state");
     file.reset(::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    watcher.addPath(path);
-    connect(&watcher, &QFileSystemWatcher::fileChanged, this, &CSendWatch::changed);
+    watcher.watch({path});
+    connect(&watcher, &CLateWatcher::changed, this, &CSendWatch::changed);
     soon.setSingleShot(true);
     connect(&soon, &QTimer::timeout, this, &CSendWatch::look);
     connect(&clock, &QTimer::timeout, this, &CSendWatch::look);
@@ -37,19 +36,28 @@ void CSendWatch::begin()
 {
     elapsed.start();
     sinceLook.start();
-    clock.start(clockMs);
+    sinceLive.start();
+    clock.start(soonMs()); // until the watcher has begun
     look();
 }
 
-/// At once when it was quiet; of many changes together only the last counts.
+/// Of many changes together only the last counts.
+int CSendWatch::soonMs() const
+{
+    return entry.messages.size() > manyMessages ? 10 : 2;
+}
+
+/// At once when it was quiet.
 void CSendWatch::changed()
 {
+    clock.setInterval(clockMs);
     if (soon.isActive())
         return;
-    if (sinceLook.elapsed() > soonOfManyMs)
+    const qint64 tooEarly = soonMs() - sinceLook.elapsed();
+    if (tooEarly <= 0)
         look();
     else
-        soon.start(entry.messages.size() > manyMessages ? soonOfManyMs : soonMs);
+        soon.start(int(tooEarly));
 }
 
 void CSendWatch::look()
@@ -70,7 +78,7 @@ void CSendWatch::look()
         end(refused == 0 ? ExitDone : ExitNotDelivered, summary(), false);
     else if (isGone)
         end(ExitNotDelivered, QStringLiteral("Сообщение %1 отозвано").arg(entry.number), false);
-    else
+    else if (sinceLive.hasExpired(clockMs - 10))
         lookAtLive();
 }
 
@@ -105,14 +113,10 @@ void CSendWatch::takeAttempt(int code, const QString &reason)
     console.error(reason);
 }
 
-void CSendWatch::takeOutcome(std::size_t index, bool isStored, const QString &detail)
+QJsonObject CSendWatch::outcomeObject(const OutgoingMessage &message, bool isStored,
+                                      const QString &detail) const
 {
     static constexpr const char *kinds[] = {"", "text", "file", "tree"};
-    const OutgoingMessage &message = entry.messages[index];
-    const QString size = Global::sizeString(message.offer.size);
-    ++(isStored ? stored : refused);
-    storedBytes += isStored ? message.offer.size : 0;
-    sent.erase(index);
     QJsonObject object = jsonEvent(isStored ? QStringLiteral("delivered") : QStringLiteral("refused"));
     object.insert(QStringLiteral("time"), jsonTime(QDateTime::currentDateTime()));
     object.insert(QStringLiteral("number"), entry.number);
@@ -123,7 +127,18 @@ void CSendWatch::takeOutcome(std::size_t index, bool isStored, const QString &de
     object.insert(isStored ? QStringLiteral("sha256") : QStringLiteral("text"), detail);
     if (!isStored)
         object.insert(QStringLiteral("code"), exitWord(ExitNotDelivered));
-    console.json(object);
+    return object;
+}
+
+void CSendWatch::takeOutcome(std::size_t index, bool isStored, const QString &detail)
+{
+    const OutgoingMessage &message = entry.messages[index];
+    const QString size = Global::sizeString(message.offer.size);
+    ++(isStored ? stored : refused);
+    storedBytes += isStored ? message.offer.size : 0;
+    sent.erase(index);
+    if (outputStyle() == OutputStyle::Json)
+        console.json(outcomeObject(message, isStored, detail));
     if (isStored)
         console.line(QStringLiteral("Доставлено: %1, %2%3")
                          .arg(message.title(), size,
@@ -147,6 +162,7 @@ QString CSendWatch::summary() const
 /// What has been sent of what, by the process that delivers.
 void CSendWatch::lookAtLive()
 {
+    sinceLive.start();
     QFile live(entry.directory + QLatin1String("/live"));
     if (!live.open(QIODevice::ReadOnly))
         return;

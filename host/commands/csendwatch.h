@@ -2,10 +2,10 @@
 #pragma once
 
 #include "host/console/progressrow.h"
+#include "host/conversation/clatewatcher.h"
 #include "host/conversation/coutbox.h"
 
 #include <QElapsedTimer>
-#include <QFileSystemWatcher>
 #include <QObject>
 #include <QTimer>
 
@@ -39,9 +39,11 @@ Q_SIGNALS:
 
 private:
     void changed();
+    int soonMs() const;
     void look();
     void takeLine(const QString &line);
     void takeAttempt(int code, const QString &reason);
+    QJsonObject outcomeObject(const OutgoingMessage &message, bool isStored, const QString &detail) const;
     void takeOutcome(std::size_t index, bool isStored, const QString &detail);
     void lookAtLive();
     void showRows();
@@ -55,10 +57,11 @@ private:
     int retriesLeft;
     CDescriptor file; // `state`: it can be read to its end also after it has been removed
     QByteArray rest;
-    QFileSystemWatcher watcher;
+    CLateWatcher watcher;
     QTimer clock;
     QTimer soon;
     QElapsedTimer sinceLook;
+    QElapsedTimer sinceLive;
     QElapsedTimer elapsed;
     int stored = 0;
     int refused = 0;

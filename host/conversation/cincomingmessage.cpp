@@ -97,10 +97,13 @@ bool CIncomingMessage::open(bool mayContinue)
         isThere = known.isOpen() && Io::readAll(known, &bytes) && bytes == offerBytes;
     }
     if (!isThere) {
-        for (const char *ending : {"", ".offer", ".list"})
-            removeTree(incomplete, partName(ending));
-        if (::mkdirat(incomplete, key.constData(), 0700) != 0)
-            return false;
+        // What comes at once has rarely been here before.
+        if (!what.isAtOnce || ::mkdirat(incomplete, key.constData(), 0700) != 0) {
+            for (const char *ending : {"", ".offer", ".list"})
+                removeTree(incomplete, partName(ending));
+            if (::mkdirat(incomplete, key.constData(), 0700) != 0)
+                return false;
+        }
         if (!what.isAtOnce) {
             const CDescriptor known(::openat(incomplete, offerName.constData(), newFileFlags, 0600));
             if (!known.isOpen() || !Io::writeAll(known, offerBytes))

@@ -33,7 +33,7 @@ CPostOffice::CPostOffice(const Around &with) : around(with)
     connect(server, SIGNAL(connected(QString, int)), this, SLOT(connected(QString, int)));
     connect(server, SIGNAL(notConnected(QString)), this, SLOT(notConnected(QString)));
     connect(server, SIGNAL(disconnected(QString, int, bool)), this, SLOT(disconnected(QString, int, bool)));
-    connect(&watcher, &QFileSystemWatcher::directoryChanged, this, &CPostOffice::lookAtTasks);
+    connect(&watcher, &CLateWatcher::changed, this, &CPostOffice::lookAtTasks);
     connect(&sweep, &QTimer::timeout, this, &CPostOffice::lookAtTasks);
     connect(&live, &QTimer::timeout, this, &CPostOffice::showLive);
 }
@@ -42,8 +42,10 @@ void CPostOffice::begin()
 {
     Outbox::sweep(around.level);
     const QDir tasks = TransportTasks::directory(around.level);
+    if (around.only.isEmpty()) // else it may soon be over
+        watcher.hurry();
     if (Global::makePath(tasks))
-        watcher.addPath(tasks.absolutePath());
+        watcher.watch({tasks.absolutePath()});
     sweep.start(sweepMs);
     lookAtTasks();
     const QStringList numbers = Outbox::numbers(around.level);

@@ -8,11 +8,11 @@
 // no call of ours is needed.
 #pragma once
 
+#include "host/conversation/clatewatcher.h"
 #include "host/conversation/coutbox.h"
 #include "host/conversation/csendqueue.h"
 
 #include <QElapsedTimer>
-#include <QFileSystemWatcher>
 #include <QObject>
 #include <QTimer>
 
@@ -89,7 +89,7 @@ private:
 
     const Around around;
     std::map<QString, std::unique_ptr<Route>> routes; // by filtered name
-    QFileSystemWatcher watcher;                       // of the tasks
+    CLateWatcher watcher;                             // of the tasks
     QTimer sweep;                                     // for what the watcher does not tell
     QTimer live;
     qint64 calls = 0;
