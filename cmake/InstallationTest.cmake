@@ -7,6 +7,7 @@ function(add_installation_test name)
   add_executable(${name} ${test_SOURCES})
   ours(${name})
   target_link_libraries(${name} PRIVATE testSupport ${test_LINK} Qt5::Test)
+  target_precompile_headers(${name} REUSE_FROM testHeaders)
   set_target_properties(${name} PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/${name}/bin)
   add_test(NAME ${name} COMMAND ${name})

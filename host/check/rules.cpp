@@ -108,6 +108,7 @@ QString Rules::protocolStop(const CRecorder &recorder)
     int requests = 0; // that can have reached a protocol
     std::map<int, int> stops;
     std::map<int, int> lastRequest; // that reached a protocol from the server's thread
+    std::map<int, int> bornAfter;   // requests
     std::map<int, int> threads;
     for (const Event &event : recorder.events()) {
         if (event.what == What::Disconnect || event.what == What::StopAsked) {
@@ -116,8 +117,10 @@ QString Rules::protocolStop(const CRecorder &recorder)
             requests = 0;
             stops.clear();
             lastRequest.clear();
+            bornAfter.clear();
         } else if (event.what == What::Create) {
             threads[event.number] = event.thread;
+            bornAfter[event.number] = requests;
         } else if (event.what == What::Stop) {
             const bool isOwn = event.thread == threads[event.number];
             if (requests == 0)
@@ -125,8 +128,10 @@ QString Rules::protocolStop(const CRecorder &recorder)
             if (event.thread != recorder.serverThread && !(isOwn && event.value == 0))
                 return QStringLiteral("stop() протокола пришел %1, а не из потока, который останавливает")
                     .arg(isOwn ? QStringLiteral("из потока соединения") : QStringLiteral("из чужого потока"));
+            // One that came while the protocol was beginning may reach it together with the next.
+            const bool isOneOfEach = ++stops[event.number] <= requests - bornAfter[event.number];
             const bool isTwice = !isOwn && std::exchange(lastRequest[event.number], requests) == requests;
-            if (++stops[event.number] > requests || isTwice)
+            if (stops[event.number] > requests || (isTwice && !isOneOfEach))
                 return QStringLiteral("stop() протокола вызван %1 раз, и не по разу на каждую остановку")
                     .arg(stops[event.number]);
         }

@@ -3,7 +3,7 @@
 
   drivescreen.py ABONENT CHANNEL      the built program and channel library
 """
-import errno, fcntl, os, pty, select, shutil, signal, socket, struct, subprocess, sys, tempfile, termios, time
+import errno, fcntl, os, pty, select, shutil, signal, socket, struct, subprocess, sys, tempfile, termios, threading, time
 import pyte
 
 PATIENCE = 60  # seconds; what is waited for comes at once on an idle machine
@@ -39,11 +39,30 @@ def run_as_shell(program, go, tell):
     os._exit(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) & 0xff)
 
 
+class Cells(pyte.Screen):
+    """With scrolling, which the terminal type offers and pyte does not have."""
+
+    def scrolled(self, move, count):
+        row, column = self.cursor.y, self.cursor.x
+        self.cursor.y = self.margins.top if self.margins else 0
+        move(count)
+        self.cursor.y, self.cursor.x = row, column
+
+    def scroll_up(self, count=1):
+        self.scrolled(self.delete_lines, count)
+
+    def scroll_down(self, count=1):
+        self.scrolled(self.insert_lines, count)
+
+
+pyte.Stream.csi = dict(pyte.Stream.csi, S="scroll_up", T="scroll_down")
+
+
 class Terminal:
     """A program in a terminal of its own, and what it shows."""
 
     def __init__(self, program, columns, rows):
-        self.cells = pyte.Screen(columns, rows)
+        self.cells = Cells(columns, rows)
         self.stream = pyte.ByteStream(self.cells)
         (told, tell), (go, start) = os.pipe(), os.pipe()
         self.shell, self.master = pty.fork()
@@ -174,7 +193,10 @@ try:
     boris_program, boris_port = installation(place, "Борис")
     for program, name, port in ((anna_program, "Борис", boris_port), (boris_program, "Анна", anna_port)):
         subprocess.run([program, "contact", "add", name, f"127.0.0.1:{port}"], check=True, stdout=subprocess.DEVNULL)
-    subprocess.Popen([boris_program, "listen"], stdout=subprocess.DEVNULL)
+    listener = subprocess.Popen([boris_program, "listen"], stdout=subprocess.PIPE, text=True)
+    while "успешно запущен" not in listener.stdout.readline():
+        assert listener.poll() is None
+    threading.Thread(target=listener.stdout.read, daemon=True).start()
     talk(Terminal(anna_program, 80, 24), place, boris_program)
     ended_by_signals(anna_program)
 finally:
