@@ -91,7 +91,8 @@ void CCheckProtocol::work()
 {
     if (isEnded)
         return;
-    hasWorked = true;
+    if (!hasWorked.exchange(true))
+        recorder.note(What::Worked, number);
     ++recorder.looks;
     const bool isConnected = isStillConnected(); // before reading: the last bytes come first
     const bool isDeaf = !isCaller && isGreeted && behaviour.isDeaf && recorder.isDeaf;

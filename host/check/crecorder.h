@@ -42,6 +42,7 @@ enum class What
     Record,           // number: kind, text: source
     Create,           // number: protocol, -1 when refused
     Start,            // number: protocol, text: the name preset, null for none
+    Worked,           // number: protocol; for the first time, so its start is over
     Named,            // number: protocol, text: the name it has learned
     Exchanged,        // number: protocol, text: name; the payload has come back, or to the sink
     Full,             // number: protocol; idealBlockSize() has no room for the payload now

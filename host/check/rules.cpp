@@ -108,19 +108,23 @@ QString Rules::protocolStop(const CRecorder &recorder)
     int requests = 0; // that can have reached a protocol
     std::map<int, int> stops;
     std::map<int, int> lastRequest; // that reached a protocol from the server's thread
-    std::map<int, int> bornAfter;   // requests
+    std::map<int, int> early;       // requests that came while a protocol was beginning
+    std::set<int> beginning;        // protocols
     std::map<int, int> threads;
     for (const Event &event : recorder.events()) {
         if (event.what == What::Disconnect || event.what == What::StopAsked) {
             ++requests;
+            for (const int protocol : beginning)
+                ++early[protocol];
         } else if (event.what == What::Started) {
             requests = 0;
             stops.clear();
             lastRequest.clear();
-            bornAfter.clear();
         } else if (event.what == What::Create) {
             threads[event.number] = event.thread;
-            bornAfter[event.number] = requests;
+            beginning.insert(event.number);
+        } else if (event.what == What::Worked || event.what == What::Gone) {
+            beginning.erase(event.number);
         } else if (event.what == What::Stop) {
             const bool isOwn = event.thread == threads[event.number];
             if (requests == 0)
@@ -128,10 +132,9 @@ QString Rules::protocolStop(const CRecorder &recorder)
             if (event.thread != recorder.serverThread && !(isOwn && event.value == 0))
                 return QStringLiteral("stop() протокола пришел %1, а не из потока, который останавливает")
                     .arg(isOwn ? QStringLiteral("из потока соединения") : QStringLiteral("из чужого потока"));
-            // One that came while the protocol was beginning may reach it together with the next.
-            const bool isOneOfEach = ++stops[event.number] <= requests - bornAfter[event.number];
+            // One that came while the protocol was beginning may reach it late, together with the next.
             const bool isTwice = !isOwn && std::exchange(lastRequest[event.number], requests) == requests;
-            if (stops[event.number] > requests || (isTwice && !isOneOfEach))
+            if (++stops[event.number] > requests || (isTwice && early[event.number]-- <= 0))
                 return QStringLiteral("stop() протокола вызван %1 раз, и не по разу на каждую остановку")
                     .arg(stops[event.number]);
         }

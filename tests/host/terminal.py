@@ -122,7 +122,7 @@ class Terminal:
 
 
 class Relay:
-    """Passes connections on; lets a number of bytes through and then waits to be told."""
+    """Passes connections on: a number of bytes at once, then few, so that nobody gives it up, until it is told."""
 
     def __init__(self, target, hold):
         self.target, self.hold, self.go, self.ends = target, hold, threading.Event(), []
@@ -147,7 +147,7 @@ class Relay:
             while data := source.recv(65536):
                 passed += len(data)
                 if is_held and passed > self.hold:
-                    self.go.wait()
+                    self.go.wait(len(data) / 200_000)
                 sink.sendall(data)
             sink.shutdown(socket.SHUT_RDWR)
         except OSError:
@@ -168,7 +168,7 @@ class TestTerminal(unittest.TestCase):
         self.files = [os.path.join(self.anna.place, name) for name in ("big.bin", WIDE_NAME)]
         for file in self.files:
             with open(file, "wb") as out:
-                out.truncate(3_000_000)
+                out.truncate(30_000_000)
 
     def abonent(self, name):
         abonent = Abonent(name)
@@ -209,9 +209,9 @@ class TestTerminal(unittest.TestCase):
     def test_rows_fit_every_width(self):
         for columns in (40, 80, 120):
             with self.subTest(columns=columns):
-                relay = Relay(self.boris.port, 1_500_000)
+                relay = Relay(self.boris.port, 15_000_000)
                 boris = self.listen(columns)
-                anna = self.terminal(columns, self.anna.program, "send", "Борис", f"127.0.0.1:{relay.port}", *self.files,
+                anna = self.terminal(columns, self.anna.program, "send", "Борис", f"127.0.0.1:{relay.port}", *reversed(self.files),
                                 "--text", TEXT, "--text", "да")
                 for terminal in (anna, boris):  # both stand still at the same place
                     wait_for(lambda: any(20 < percent < 60 for percent, _ in terminal.rows()), terminal.look)
@@ -235,7 +235,7 @@ class TestTerminal(unittest.TestCase):
                 shutil.rmtree(os.path.join(self.boris.place, "data", "0", "messages"))
 
     def test_a_broken_reception_leaves_a_line_and_no_row(self):
-        relay = Relay(self.boris.port, 1_500_000)
+        relay = Relay(self.boris.port, 15_000_000)
         boris = self.listen(80)
         anna = self.terminal(80, self.anna.program, "send", "Борис", f"127.0.0.1:{relay.port}", self.files[0], "--retry")
         for terminal in (anna, boris):
@@ -267,7 +267,7 @@ class TestTerminal(unittest.TestCase):
                     events = [json.loads(line) for line in lines]
                     received = [each for each in events if each["event"] == "received"]
                     self.assertEqual([(each["kind"], each["size"]) for each in received],
-                                     [("text", len(TEXT.encode())), ("file", 3_000_000)])
+                                     [("text", len(TEXT.encode())), ("file", 30_000_000)])
                     self.assertTrue(all(os.path.isdir(each["directory"]) for each in received))
                     self.assertEqual(sum(each["event"] == "listening" for each in events), 1)
                 else:
