@@ -26,8 +26,6 @@ public:
     /// Begins at once, not late.
     void hurry();
 
-    bool isWatching() const { return watcher != nullptr; }
-
 Q_SIGNALS:
     /// Something has changed. Also when watching begins: something may have changed before.
     void changed();
