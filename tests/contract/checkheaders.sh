@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every header compiles alone, without Qt's keywords and without a warning: the public ones under the oldest standard, the
-# others under ours. Together the public ones compile under the newest too, and as system headers under each.
+# The public headers compile alone, without Qt's keywords and without a warning, under the oldest standard; together also
+# under the newest, and as system headers under each. Of the others, those that no source of their own includes first.
 #   checkheaders.sh ROOT COMPILER QT-INCLUDES PUBLIC-HEADERS      the last two separated by colons
 set -euo pipefail
 cd "$1"
@@ -15,7 +15,9 @@ switches+=" -isystem ${3//:/ -isystem }"
     done
     tr ':' '\n' <<<"$4" | sed 's/^/11 -I /'
     echo "20 -I ${4//:/ }"
-    ls interfaces/*.h common/*.h transportIp/*.h | grep -vxF "$(tr ':' '\n' <<<"$4")" | sed 's/^/17 -I /'
+    for header in $(ls interfaces/*.h common/*.h transportIp/*.h | grep -vxF "$(tr ':' '\n' <<<"$4")"); do
+        [ -e "${header%.h}.cpp" ] || echo "17 -I $header"
+    done
 } | xargs -P 2 -L 1 bash -c '
     standard=$0 way=$1
     shift
