@@ -61,6 +61,9 @@ void keepForEver(QObject *object)
     objects.append(object);
 }
 
+// The C library keeps 40 MiB of the stacks of ended threads for new ones.
+constexpr unsigned stackBytes = 4 * 1024 * 1024;
+
 QString withoutMappedPrefix(QString address)
 {
     const QLatin1String prefix("::ffff:");
@@ -72,7 +75,9 @@ QString withoutMappedPrefix(QString address)
 CIpThread::CIpThread(CChannelServer *reportedServer, int id)
     : server(reportedServer), connectionId(id), label(ipConnectionLabel(id)),
       report(reportedServer, hostAccess), control(this)
-{}
+{
+    setStackSize(stackBytes);
+}
 
 CIpThread::~CIpThread()
 {

@@ -158,7 +158,7 @@ private Q_SLOTS:
     {
         host->factory->script = [](ScriptedProtocol *protocol) {
             protocol->onStart = [](ScriptedProtocol *p) {
-                volatile char local[2 * 1024 * 1024]; // a thread has the system's stack
+                volatile char local[2 * 1024 * 1024]; // a protocol may have so much on its stack
                 local[0] = local[sizeof local - 1] = 1;
                 p->announce(p->label);
             };
