@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -84,7 +85,7 @@ CLogCalendar calendarOf(const QString &path, const CDescriptor &file)
         return CLogCalendar(named);
 
     const CDescriptor again = TrustedFile::openTrustedLinks(path);
-    QByteArray bytes;
+    std::vector<char> bytes(readBytes);
     QByteArray rest;
     CLogCalendar counted(named);
     int first = -1;
@@ -93,11 +94,10 @@ CLogCalendar calendarOf(const QString &path, const CDescriptor &file)
     int longest = -1;
     int silentRecord = 0;
     for (;;) {
-        bytes.resize(readBytes);
-        const ssize_t size = Io::retried([&] { return ::read(again.get(), bytes.data(), readBytes); });
+        const ssize_t size = Io::retried([&] { return ::read(again.get(), bytes.data(), bytes.size()); });
         if (size <= 0)
             break;
-        rest += QByteArray::fromRawData(bytes.constData(), int(size));
+        rest.append(bytes.data(), int(size));
         int start = 0;
         for (int end = rest.indexOf('\n'); end >= 0; start = end + 1, end = rest.indexOf('\n', start)) {
             const int time = timeOfLine(rest.constData() + start, end - start);
