@@ -172,7 +172,7 @@ private:
             clock.invalidate();
         else if (!clock.isValid())
             clock.start();
-        return isThere && clock.elapsed() < 50;
+        return isThere && !clock.hasExpired(50);
     }
     CChannel *const inner; // the layer's protocol owns it
     bool isEnded = false;
