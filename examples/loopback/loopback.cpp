@@ -8,6 +8,8 @@
 
 #include <QAbstractEventDispatcher>
 
+#include <deque>
+
 namespace {
 
 constexpr int loopbackKind = 100;
@@ -18,18 +20,29 @@ struct Line
 {
     QMutex mutex;
     bool isConnected = true;
-    QByteArray arrived[2];                   // at each end, with what has been read already
-    int taken[2] = {};                       // bytes of it that have been read
+    std::deque<QByteArray> arrived[2];       // at each end, as it was written: the lock is held for no copy
+    int taken[2] = {};                       // bytes of the first piece that have been read
+    int waiting[2] = {};                     // bytes that have not
     QAbstractEventDispatcher *loops[2] = {}; // of each end, while its channel lives
 
-    int waiting(int end) const { return arrived[end].size() - taken[end]; }
+    void put(int end, const QByteArray &piece)
+    {
+        if (!piece.isEmpty())
+            arrived[end].push_back(piece);
+        waiting[end] += piece.size();
+    }
 
     QByteArray take(int end, int maxSize)
     {
-        const QByteArray bytes = arrived[end].mid(taken[end], maxSize);
+        if (arrived[end].empty())
+            return {};
+        const QByteArray bytes = arrived[end].front().mid(taken[end], maxSize);
         taken[end] += bytes.size();
-        if (taken[end] > waiting(end)) // not each time: however much waits, reading stays quick
-            arrived[end].remove(0, std::exchange(taken[end], 0));
+        waiting[end] -= bytes.size();
+        if (taken[end] == arrived[end].front().size()) {
+            arrived[end].pop_front();
+            taken[end] = 0;
+        }
         return bytes;
     }
 
@@ -72,7 +85,7 @@ public:
     {
         monitor->addSent(monitorHandle, data.size());
         const QMutexLocker locker(&line->mutex);
-        line->arrived[1 - end] += data;
+        line->put(1 - end, data);
         line->wake(1 - end);
     }
     QByteArray read(int maxSize) override
@@ -89,7 +102,7 @@ public:
     int idealBlockSize() override
     {
         const QMutexLocker locker(&line->mutex);
-        return blockSize - line->waiting(1 - end);
+        return blockSize - line->waiting[1 - end];
     }
 
 private:

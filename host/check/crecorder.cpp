@@ -123,6 +123,7 @@ void CRecorder::clear()
 {
     const QMutexLocker locker(&mutex);
     list.clear();
+    heldCalls = 0;
     complaints.clear();
     found.clear();
 }
