@@ -39,6 +39,7 @@ function(ours target)
   target_link_libraries(${target} PRIVATE projectOptions)
   set_target_properties(${target} PROPERTIES
     AUTOMOC ON
+    AUTOMOC_COMPILER_PREDEFINES OFF # no class depends on the compiler, and asking it costs more than moc
     POSITION_INDEPENDENT_CODE ON
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
