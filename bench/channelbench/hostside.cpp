@@ -1,6 +1,5 @@
 #include "bench/channelbench/hostside.h"
 
-#include "common/debugdata.h"
 #include "common/directorylayout.h"
 #include "common/filepermissions.h"
 #include "transportIp/ipsettings.h"
@@ -12,7 +11,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <dlfcn.h>
 
 namespace {
 
@@ -25,17 +23,6 @@ public:
 private:
     const MakeProtocol make;
 };
-
-template <typename Function>
-Function resolve(void *library, const char *symbol)
-{
-    void *address = library == nullptr ? nullptr : dlsym(library, symbol);
-    if (address == nullptr) {
-        std::fprintf(stderr, "channelbench: %s\n", dlerror());
-        std::exit(1);
-    }
-    return reinterpret_cast<Function>(address);
-}
 
 int freePort()
 {
@@ -85,16 +72,13 @@ void CCountingJournal::addRecord(int, const QString &, const QString &)
     records.fetch_add(1, std::memory_order_relaxed);
 }
 
-CStation::CStation(const QString &pluginPath) : plugin(nullptr, nullptr)
+CStation::CStation(const QString &pluginPath)
 {
-    void *library = dlopen(QFile::encodeName(pluginPath).constData(), RTLD_NOW | RTLD_LOCAL);
-    if (resolve<ApiVersionFunction>(library, apiVersionSymbol)() != channelApiVersion) {
-        std::fprintf(stderr, "channelbench: the plug-in has another version\n");
-        std::exit(1);
-    }
-    resolve<InitDebugFunction>(library, initDebugSymbol)(LoggerData::debugData());
-    plugin = {resolve<InstanceFunction>(library, instanceSymbol)(),
-              resolve<DeleteInstanceFunction>(library, deleteInstanceSymbol)};
+    const QString error = library.load(pluginPath);
+    if (error.isNull())
+        return;
+    std::fprintf(stderr, "channelbench: %s\n", qUtf8Printable(error));
+    std::exit(1);
 }
 
 CStation::~CStation()
@@ -118,7 +102,7 @@ bool CStation::listen(int port, int blockSizeKb, const MakeProtocol &makeProtoco
 {
     if (!writeSettings(port, blockSizeKb))
         return false;
-    channelServer.reset(plugin->create());
+    channelServer.reset(library.plugin()->create());
     channelServer->monitorHandle = CCountingMonitor::channelHandle;
     channelServer->protocolFactory = new CFactory(makeProtocol); // the server's from now on
     channelServer->monitor = &monitor;

@@ -2,8 +2,8 @@
 // only count, and a server that listens on a free port.
 #pragma once
 
+#include "host/cchannellibrary.h"
 #include "interfaces/cchannelserver.h"
-#include "interfaces/pluginentry.h"
 
 #include <QString>
 
@@ -82,6 +82,6 @@ private:
 
     CCountingMonitor monitor;
     CCountingJournal journal;
-    std::unique_ptr<CChannelPlugin, DeleteInstanceFunction> plugin; // the library frees it
+    CChannelLibrary library;
     std::unique_ptr<CChannelServer> channelServer;
 };
