@@ -192,9 +192,11 @@ private Q_SLOTS:
             QVERIFY(stranger.says(hello + offer).isAnswered(none));
             stranger.says(dataFrame(1, "abc"));
             const QString place = alfa.path("data/0/messages/incomplete/%1/f"_s);
-            QVERIFY(QTest::qWaitFor(
-                [&] { return QFileInfo(place.arg(alfa.stored("incomplete"_s).value(0))).size() == 3; },
-                patienceMs));
+            QVERIFY2(
+                QTest::qWaitFor(
+                    [&] { return QFileInfo(place.arg(alfa.stored("incomplete"_s).value(0))).size() == 3; },
+                    patienceMs),
+                "three bytes of the file on disk");
         }
         // It goes on with the fourth byte, also when the receiver was killed, or has the first three wrong.
         QCOMPARE(alfa.interrupt(SIGKILL), -1);
@@ -406,11 +408,13 @@ private Q_SLOTS:
             senders.push_back(std::make_unique<QProcess>());
             senders.back()->start(from.program(), words);
             QByteArray said; // the next ones are accepted behind these
-            QVERIFY(QTest::qWaitFor(
-                [&] {
-                    return (said += senders.back()->readAllStandardOutput()).contains("Принято к отправке");
-                },
-                patienceMs));
+            QVERIFY2(QTest::qWaitFor(
+                         [&] {
+                             return (said += senders.back()->readAllStandardOutput())
+                                 .contains("Принято к отправке");
+                         },
+                         patienceMs),
+                     "the sender's word that it has taken the messages");
             for (; killed < kills * (batch + 1) / batches; ++killed) {
                 QTest::qWait(isLong ? 3000 : 1500);
                 Abonent &victim = killed % 2 == 0 ? to : from;
@@ -593,7 +597,8 @@ private Q_SLOTS:
         QVERIFY(mute.listen(QHostAddress::LocalHost));
         QProcess sender;
         sender.start(beta.program(), {"send"_s, "x"_s, local(mute.serverPort()), "--text"_s, "t"_s});
-        QVERIFY(QTest::qWaitFor([&] { return mute.hasPendingConnections(); }, patienceMs));
+        QVERIFY2(QTest::qWaitFor([&] { return mute.hasPendingConnections(); }, patienceMs),
+                 "a call that came");
         ::kill(pid_t(sender.processId()), SIGTERM);
         QVERIFY(sender.waitForFinished(patienceMs));
         QCOMPARE(sender.exitCode(), 128 + SIGTERM);
