@@ -32,7 +32,7 @@ QDateTime sinceFromText(const QString &text, const QDateTime &now)
         qint64 seconds;
     } units[] = {{'m', 60}, {'h', 3600}, {'d', 24 * 3600}};
     bool isNumber = false;
-    const qint64 count = text.left(text.size() - 1).toInt(&isNumber);
+    const qint64 count = text.leftRef(text.size() - 1).toInt(&isNumber);
     for (const auto &entry : units) {
         if (isNumber && count >= 0 && text.endsWith(QLatin1Char(entry.unit)))
             return now.addSecs(-count * entry.seconds);

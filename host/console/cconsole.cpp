@@ -256,10 +256,11 @@ std::vector<Piece> CConsole::State::draw(const std::deque<Block> &newBlocks, con
     const int most = isTerminal ? terminalSize().ws_row - 1 : 0;
     const int width = widthOfRows();
     QByteArray drawn;
-    for (const QString &row : liveRows.mid(0, most)) {
+    const QStringList drawnRows = liveRows.mid(0, most);
+    for (const QString &row : drawnRows) {
         QString shown = cutToCells(printable(row), width);
-        while (
-            shown.endsWith(QLatin1Char(' '))) // a terminal that becomes narrower does not count them either
+        // A terminal that becomes narrower does not count blanks at the end either.
+        while (shown.endsWith(QLatin1Char(' ')))
             shown.chop(1);
         drawn += (rowsOnScreen.empty() ? QByteArray() : QByteArray("\r\n")) + shown.toUtf8();
         rowsOnScreen.push_back(cellsOf(shown));

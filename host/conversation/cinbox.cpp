@@ -121,6 +121,7 @@ std::vector<CInboxSession::Outcome> CInboxSession::commit(const std::vector<CInc
         if (isSuperseded)
             return failAll(QStringLiteral("Есть более новое соединение"));
         std::vector<CStoredIndex::Record> records;
+        records.reserve(messages.size());
         for (CIncomingMessage *message : messages)
             records.push_back({QByteArray::fromHex(message->key), message->digest()});
         const QString error = box.index.add(records);

@@ -92,7 +92,7 @@ public:
     /// The contents of what is stored from now on go into this folder; the descriptions stay. Before
     /// prepare().
     /// @return null on success, else a text for people
-    QString handOutTo(const QString &folder);
+    QString handOutTo(const QString &where);
 
     /// Creates the directories, reads the index, and makes up for what a crash has left. By the process that
     /// holds the transport's lock.
@@ -121,7 +121,7 @@ private:
     };
 
     QString place(const QByteArray &key, QString *directory);
-    QString moveIntoInput(const QDir &from, const QByteArray &key, QString *directory);
+    QString moveIntoInput(const QDir &place, const QByteArray &key, QString *directory);
     QString handOut(QString *directory);
     void sortAsStored(QStringList *names) const;
     void release(CIncomingMessage *message);

@@ -54,7 +54,7 @@ public:
     CItemReceiver(CInbox &inbox, const Sender &sender, std::function<void()> onSuperseded);
 
     Reaction takeOffer(const OfferFrame &offer);
-    Reaction takeData(quint32 item, std::string_view bytes);
+    Reaction takeData(quint32 number, std::string_view bytes);
     Reaction takeFinish(const FinishFrame &finish);
 
     /// Reads some of what is on the disk of messages that go on. Call again while isBusy().

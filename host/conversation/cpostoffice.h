@@ -46,7 +46,7 @@ public:
         QString fresh; // number of an entry that nobody has tried to deliver yet
     };
 
-    explicit CPostOffice(const Around &around);
+    explicit CPostOffice(const Around &with);
 
     /// Looks through the outbox and begins.
     void begin();

@@ -31,7 +31,7 @@ public:
     };
 
     /// Reads the file; makes it if there is none. @return null on success, else a text for people
-    QString open(const QString &path);
+    QString open(const QString &fileName);
 
     /// The digest of a stored message; empty when it is not.
     QByteArray digestOf(const QByteArray &key) const { return stored.value(key).digest; }

@@ -29,13 +29,14 @@ QByteArray candidate(const QByteArray &name, int number)
     return name.left(qMin(name.size() - ending.size(), 255 - ending.size() - mark.size())) + mark + ending;
 }
 
-/// Gives what is under @a name its first free name in the folder. @return false on failure: errno
-bool moveUnder(const QByteArray &wanted, const CDescriptor &from, const QByteArray &name,
-               const CDescriptor &to)
+/// Gives what is under @a entry the first free name like @a wanted in the folder @a to.
+/// @return false on failure: errno
+bool moveUnder(const CDescriptor &from, const QByteArray &entry, const CDescriptor &to,
+               const QByteArray &wanted)
 {
     for (int number = 1; number <= mostNames; ++number) {
         const QByteArray target = candidate(wanted, number);
-        if (::renameat2(from.get(), name.constData(), to.get(), target.constData(), RENAME_NOREPLACE) == 0)
+        if (::renameat2(from.get(), entry.constData(), to.get(), target.constData(), RENAME_NOREPLACE) == 0)
             return true;
         if (errno != EEXIST)
             return false;
@@ -81,7 +82,7 @@ bool copyOver(const CDescriptor &from, const QByteArray &name, const CDescriptor
                    Io::syncDirectory(marks);
         };
         if (!Io::syncDirectory(marks) || !copyFile(from, name, to, draft) || !makeMark() ||
-            !moveUnder(name, to, draft, to)) {
+            !moveUnder(to, draft, to, name)) {
             const int reason = errno;
             ::unlinkat(to.get(), draft.constData(), 0);
             errno = reason;
@@ -119,7 +120,7 @@ QString handOut(const QString &directory, const QString &place)
     for (const QByteArray &name : names) {
         if (name == (isNamedSo ? "_message.txt" : "message.txt") || !trouble.isNull())
             continue;
-        if (!moveUnder(name, from, name, to) && (errno != EXDEV || !copyOver(from, name, to, draft, mark)))
+        if (!moveUnder(from, name, to, name) && (errno != EXDEV || !copyOver(from, name, to, draft, mark)))
             trouble = QStringLiteral("Не удалось переместить в %1: %2").arg(place, reasonOf(errno, place));
     }
     ::unlink(mark.constData());

@@ -187,7 +187,7 @@ std::optional<OfferFrame> OfferFrame::fromPayload(std::string_view payload)
 {
     return parsed<OfferFrame>(FrameType::Offer, payload, [](Fields &fields, OfferFrame &offer) {
         offer.item = fields.number<quint32>();
-        const quint8 kind = fields.number<quint8>();
+        const quint8 kindByte = fields.number<quint8>();
         const quint8 flags = fields.number<quint8>();
         const quint16 zero = fields.number<quint16>();
         offer.identity = fields.raw(identitySize);
@@ -196,12 +196,12 @@ std::optional<OfferFrame> OfferFrame::fromPayload(std::string_view payload)
         offer.modifiedNs = fields.number<qint64>();
         offer.listSize = fields.number<quint32>();
         offer.name = fields.raw(fields.left());
-        offer.kind = Kind(kind);
+        offer.kind = Kind(kindByte);
         offer.isExecutable = flags & Executable;
         offer.isAnew = flags & Anew;
         offer.isAtOnce = flags & AtOnce;
-        const bool isListSound = kind == Tree ? offer.listSize <= offer.size : offer.listSize == 0;
-        return kind >= Text && kind <= Tree && flags <= (Executable | Anew | AtOnce) && zero == 0 &&
+        const bool isListSound = kindByte == Tree ? offer.listSize <= offer.size : offer.listSize == 0;
+        return kindByte >= Text && kindByte <= Tree && flags <= (Executable | Anew | AtOnce) && zero == 0 &&
                offer.size >= 0 && isListSound;
     });
 }
@@ -222,14 +222,14 @@ std::optional<AnswerFrame> AnswerFrame::fromPayload(std::string_view payload)
 {
     return parsed<AnswerFrame>(FrameType::Answer, payload, [](Fields &fields, AnswerFrame &answer) {
         answer.item = fields.number<quint32>();
-        const quint8 verdict = fields.number<quint8>();
+        const quint8 verdictByte = fields.number<quint8>();
         const bool zeros = fields.raw(3) == QByteArray(3, '\0');
         answer.have = fields.number<qint64>();
         answer.digest = fields.raw(digestSize);
-        answer.verdict = Verdict(verdict);
-        if (verdict == Send)
+        answer.verdict = Verdict(verdictByte);
+        if (verdictByte == Send)
             answer.digest.truncate(checkSize);
-        return verdict <= Refused && zeros && answer.have >= 0 &&
+        return verdictByte <= Refused && zeros && answer.have >= 0 &&
                isText(fields.raw(fields.left()), &answer.reason);
     });
 }
@@ -256,9 +256,9 @@ QByteArray ByeFrame::toBytes() const
 std::optional<ByeFrame> ByeFrame::fromPayload(std::string_view payload)
 {
     return parsed<ByeFrame>(FrameType::Bye, payload, [](Fields &fields, ByeFrame &bye) {
-        const quint8 code = fields.number<quint8>();
-        bye.code = Code(code);
-        return code <= NameTaken && isText(fields.raw(fields.left()), &bye.reason);
+        const quint8 codeByte = fields.number<quint8>();
+        bye.code = Code(codeByte);
+        return codeByte <= NameTaken && isText(fields.raw(fields.left()), &bye.reason);
     });
 }
 

@@ -30,7 +30,8 @@ QByteArray escaped(const QString &value)
             result += character;
             continue;
         }
-        for (const char byte : QString(character).toUtf8())
+        const QByteArray bytes = QString(character).toUtf8();
+        for (const char byte : bytes)
             result += QLatin1Char('%') + QString::fromLatin1(QByteArray(1, byte).toHex().toUpper());
     }
     return result.toUtf8();

@@ -15,7 +15,7 @@ constexpr qint64 sameMomentMs = 2000;
 QDateTime dateOf(const QString &text, const QDateTime &ofFile)
 {
     const QDateTime local = QDateTime::fromString(text.left(19), QStringLiteral("yyyy-MM-dd HH:mm:ss"));
-    const int zone = text.mid(20).toInt();
+    const int zone = text.midRef(20).toInt();
     const int offset = (zone / 100 * 60 + zone % 100) * 60;
     const QDateTime date(local.date(), local.time(), Qt::OffsetFromUTC, offset);
     // The file knows the moment better, unless it has been copied.

@@ -102,7 +102,7 @@ int cellsOf(const ScreenRow &row)
 
 QStringList hanging(const QString &text, int width, int indent)
 {
-    const QString first = Cells::wrapped(text, width).first();
+    const QString first = Cells::wrapped(text, width).constFirst();
     QString rest = text.mid(first.size());
     while (rest.startsWith(QLatin1Char(' ')))
         rest.remove(0, 1);

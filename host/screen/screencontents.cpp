@@ -144,6 +144,7 @@ std::vector<ScreenContact> joinContacts(const QVector<CContact> &known,
             contact.last = message.date;
     }
     std::vector<ScreenContact> contacts;
+    contacts.reserve(byKey.size());
     for (const auto &[key, contact] : byKey)
         contacts.push_back(contact);
     std::stable_sort(contacts.begin(), contacts.end(), isListedBefore);

@@ -79,7 +79,8 @@ QStringList printableLines(const QString &text, int most)
     if (rest.endsWith(QLatin1Char('\n')))
         rest.chop(1);
     const QStringList parts = rest.split(QLatin1Char('\n'));
-    for (const QString &part : parts.mid(0, most))
+    const QStringList shown = parts.mid(0, most);
+    for (const QString &part : shown)
         lines << printable(part);
     if (parts.size() > most)
         lines << QStringLiteral("... еще строк: %1").arg(parts.size() - most);
