@@ -51,7 +51,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS "abonent, cmake, pkg-config, ipchannel-plugin")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "kit for authors of hosts and channel plug-ins
 The contract between hosts and channel plug-ins, the runtime that every module
-links, the documents, and examples: two channels (loop-back, UNIX sockets) and a small host.")
+links, the documents, and examples: two channels (loop-back, UNIX sockets) and
+a small host.")
 
 # What a package says about itself, and the link by which people call the program.
 set(docs ${CMAKE_INSTALL_DATAROOTDIR}/doc)
