@@ -22,6 +22,7 @@ constexpr qint64 hoardBytes = mebibyte;          // so much free memory is not l
 constexpr qint64 discardedBytes = 64 * mebibyte; // of what the other side sends after our farewell
 constexpr int leaveMs = 100;                     // for the other side to follow, once the queue is empty
 constexpr int scratchBytes = 65536;
+constexpr int receivedAtOnceBytes = 32 * 1024; // more at once takes up to twice as long: docs/performance.md
 // A read that gave so much took its time: more may have come meanwhile.
 constexpr int lookAgainBytes = 16384;
 constexpr short endEvents = POLLRDHUP | POLLHUP | POLLERR | POLLNVAL;
@@ -220,10 +221,11 @@ bool CIpSocket::sendQueue()
 int CIpSocket::receiveNow(char *data, int maxSize)
 {
     const CTerminationGuard guard;
+    const int wished = std::min(maxSize, receivedAtOnceBytes);
     const ssize_t received =
-        isOpenForBytes() ? ::recv(int(socketDescriptor()), data, size_t(maxSize), MSG_DONTWAIT) : 0;
+        isOpenForBytes() ? ::recv(int(socketDescriptor()), data, size_t(wished), MSG_DONTWAIT) : 0;
     isReadOut = received == 0 || (received < 0 && errno != EAGAIN);
-    mayHoldMore = received == maxSize || received >= lookAgainBytes;
+    mayHoldMore = received == wished || received >= lookAgainBytes;
     return int(std::max<ssize_t>(0, received));
 }
 
