@@ -28,7 +28,7 @@ for argument in "$@"; do
     *) names+=("$argument") ;;
     esac
 done
-[ -z "$long" ] || export IPCHANNEL_LONG=1
+[ -z "$long" ] || export IPCHANNEL_LONG=1 QTEST_FUNCTION_TIMEOUT=3600000 # ms; QtTest gives a function five minutes
 
 # run PRESET [ctest argument ...]
 run() {

@@ -11,10 +11,7 @@ namespace {
 
 constexpr int pollMs = 2;
 constexpr int readSizes[] = {64 * 1024, 1, 7, 4096};
-// Asleep, so that a busy machine does not count. A call may wait once for a lock whose owner the machine
-// holds up; a channel that makes its protocols wait does so again and again.
-constexpr int promptMs = 250;
-constexpr int longMs = 1000;
+constexpr int promptMs = 250; // asleep, so that a busy machine does not count
 constexpr int mostPieceBytes = 64 * 1024;
 constexpr int floodPieceBytes = 256 * 1024;
 constexpr int mostFloodBytes = 64 * 1024 * 1024;
@@ -38,7 +35,7 @@ auto CCheckProtocol::prompt(const char *what, const Call &call)
 {
     const CStopwatch watch;
     const auto result = call();
-    if (const int ms = watch.asleep(); ms > longMs || (ms > promptMs && recorder.heldCalls++ > 0))
+    if (const int ms = watch.asleep(); ms > promptMs)
         recorder.complain("read",
                           QStringLiteral("%1 держит протокол %2 мс").arg(QLatin1String(what)).arg(ms));
     return result;

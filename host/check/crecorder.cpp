@@ -123,7 +123,6 @@ void CRecorder::clear()
 {
     const QMutexLocker locker(&mutex);
     list.clear();
-    heldCalls = 0;
     complaints.clear();
     found.clear();
 }

@@ -127,7 +127,6 @@ public:
     std::atomic<bool> isDeaf{true};          // whether Behaviour::isDeaf is in force
     std::atomic<int> looks{0};               // of all protocols at their channels
     std::atomic<int> longestWriteMs{0};      // of all channels
-    std::atomic<int> heldCalls{0};           // of protocols, each for a moment
     std::atomic<QMutex *> logMutex{nullptr}; // set: every call of the channel tries it
     int kind = 0;                            // the plug-in's; set before anything runs
     const int serverThread;

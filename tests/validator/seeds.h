@@ -54,7 +54,7 @@ constexpr Seed seeds[] = {
     {"server.isHardwareOn sleep 2000", "blocks in isHardwareOn()", "queries"},
     {"server.canCheckOnline sleep 2000", "blocks in canCheckOnline()", "queries"},
     {"server.hasFree drop", "has no channel free from the start", "queries"},
-    {"server.destroy abort", "dies with its server", "fresh-server", "завершен сигналом 6"},
+    {"server.destroy abort", "dies with its server", "fresh-server", "сигналом 6. Последнее действие: сервер без объекта канала"},
     {"server.keepAlive sleep 1500", "blocks in keepAliveConnection()", "prompt-calls", "keepAliveConnection()"},
     {"server.settings sleep 1500", "blocks in settingsWasChanged()", "prompt-calls"},
     {"server.disconnect sleep 1500", "blocks in disconnectFromAbonent()", "prompt-calls"},
