@@ -16,6 +16,7 @@
 namespace {
 
 constexpr qint64 freshNs = 20000000; // longer than the coarsest clock of a file system in use ticks
+constexpr int mostAttempts = 3;      // to open a file that is there, and was not a moment before
 
 qint64 nanoseconds(const timespec &time)
 {
@@ -77,13 +78,16 @@ bool read(const QString &path, Contents *contents)
 {
     *contents = Contents();
     contents->path = path;
-    const CDescriptor file = TrustedFile::openTrustedLinks(path, &contents->path);
-    if (!file.isOpen()) {
+    CDescriptor file = TrustedFile::openTrustedLinks(path, &contents->path);
+    for (int attempt = 1; !file.isOpen(); ++attempt) {
         const int reason = errno;
         contents->path = path;
         const bool isAbsent = stamp(QFile::encodeName(path).constData()).id == Stamp::Absent;
-        errno = reason;
-        return isAbsent;
+        if (isAbsent || reason != ENOENT || attempt == mostAttempts) {
+            errno = reason;
+            return isAbsent;
+        }
+        file = TrustedFile::openTrustedLinks(path, &contents->path); // another process has just made it
     }
     struct stat status = {};
     if (::fstat(file.get(), &status) != 0)
